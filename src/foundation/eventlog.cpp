@@ -1,0 +1,100 @@
+#include "foundation/eventlog.h"
+#include "foundation/paths.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+
+#include <unistd.h>
+
+namespace quill {
+
+namespace {
+struct LogState {
+    QString fileName;
+    bool useLog = false;
+    bool useTraffic = false;
+    QDate fixedToday;
+};
+LogState& state()
+{
+    static LogState s;
+    return s;
+}
+QDate today()
+{
+    return state().fixedToday.isValid() ? state().fixedToday : QDate::currentDate();
+}
+} // namespace
+
+int WeekNumber(const QDate& date)
+{
+    return date.weekNumber();
+}
+
+QString WeeklyLogName(const QString& baseName, const QDate& date)
+{
+    return baseName + QString::number(WeekNumber(date)) + QStringLiteral(".log");
+}
+
+QString LogEntryHeader(const QDateTime& now)
+{
+    // The main thread's id is the process id on Linux.
+    return QLatin1Char('[') + now.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")) + QLatin1Char('.')
+        + QStringLiteral("%1").arg(now.time().msec(), 3, 10, QLatin1Char('0')) + QStringLiteral("] ")
+        + QString::number(::getpid());
+}
+
+bool AppendLogLine(const QString& path, const QString& text)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::Append | QIODevice::WriteOnly))
+        return false;
+    const QByteArray bytes = text.toUtf8() + "\r\n";
+    return f.write(bytes) == bytes.size();
+}
+
+void LogInit(const QString& baseName)
+{
+    state().fileName = WeeklyLogName(baseName, today());
+}
+
+QString LogFileName() { return state().fileName; }
+QString LogFilePath() { return HomePath(state().fileName); }
+
+void SetUseLog(bool on) { state().useLog = on; }
+void SetUseTrafficLog(bool on) { state().useTraffic = on; }
+bool UseLog() { return state().useLog; }
+bool UseTrafficLog() { return state().useTraffic; }
+
+void LogWrite(const QString& message)
+{
+    if (!state().useLog || state().fileName.isEmpty())
+        return;
+    AppendLogLine(LogFilePath(), LogEntryHeader(QDateTime::currentDateTime()) + QLatin1Char(' ') + message);
+}
+
+void LogTraffic(const QString& trafficText)
+{
+    if (!state().useTraffic || state().fileName.isEmpty())
+        return;
+    AppendLogLine(LogFilePath(), LogEntryHeader(QDateTime::currentDateTime())
+                      + QStringLiteral(" Network traffic\r\n") + trafficText);
+}
+
+void LogCleanup(const QString& baseName)
+{
+    const int w = WeekNumber(today());
+    const int p = w - 1 < 1 ? 53 : w - 1;
+    for (int i = 1; i <= 53; ++i) {
+        if (i == w || i == p)
+            continue;
+        // Relative name: acts in the current directory, which start-up sets
+        // to the installation folder.
+        QFile::remove(baseName + QString::number(i) + QStringLiteral(".log"));
+    }
+}
+
+void SetLogClockForTesting(const QDate& d) { state().fixedToday = d; }
+
+} // namespace quill
