@@ -1,0 +1,197 @@
+#include "foundation/paths.h"
+#include "shell/texts.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace quill;
+
+namespace {
+
+const QString kBuiltin = QStringLiteral(":/quill/strings_se.tsv");
+const QString kUkFile = QStringLiteral(QUILL_SOURCE_DIR "/lang/BrixaLangUK.Language");
+
+QByteArray readAll(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// Lines meant as entries. A line the parser drops (no tab, bad id) or a
+// repeated id makes the parsed table smaller than this.
+int entryLines(const QByteArray& data)
+{
+    int n = 0;
+    for (const QByteArray& line : data.split('\n'))
+        if (!line.trimmed().isEmpty() && !line.startsWith('#'))
+            ++n;
+    return n;
+}
+
+QStringList placeholders(const QString& text)
+{
+    static const QRegularExpression re(QStringLiteral("ARG#\\d+"),
+                                       QRegularExpression::CaseInsensitiveOption);
+    QStringList out;
+    for (auto it = re.globalMatch(text); it.hasNext();)
+        out << it.next().captured().toUpper();
+    out.sort();
+    out.removeDuplicates();
+    return out;
+}
+
+QString idList(const QSet<qint32>& ids)
+{
+    QStringList s;
+    for (qint32 id : ids)
+        s << QString::number(id);
+    s.sort();
+    return s.join(QLatin1Char(' '));
+}
+
+} // namespace
+
+class TestStringTable : public QObject
+{
+    Q_OBJECT
+
+    QHash<qint32, QString> m_se;
+    QHash<qint32, QString> m_uk;
+
+private slots:
+    void initTestCase()
+    {
+        m_se = ParseStringTable(readAll(kBuiltin));
+        m_uk = ParseStringTable(readAll(kUkFile));
+        QVERIFY(!m_se.isEmpty());
+        QVERIFY(!m_uk.isEmpty());
+    }
+
+    void cleanup() { ResetLanguage(); }
+
+    void everyLineParses_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::newRow("built-in") << kBuiltin;
+        QTest::newRow("UK") << kUkFile;
+    }
+
+    void everyLineParses()
+    {
+        QFETCH(QString, path);
+        const QByteArray data = readAll(path);
+        const QHash<qint32, QString> table = ParseStringTable(data);
+        QCOMPARE(table.size(), entryLines(data));
+        for (auto it = table.cbegin(); it != table.cend(); ++it)
+            QVERIFY2(!it->isEmpty() && *it == it->trimmed(), qPrintable(QString::number(it.key())));
+    }
+
+    void languagesAgree()
+    {
+        const QSet<qint32> se(m_se.keyBegin(), m_se.keyEnd());
+        const QSet<qint32> uk(m_uk.keyBegin(), m_uk.keyEnd());
+        QVERIFY2((se - uk).isEmpty(), qPrintable("missing in UK: " + idList(se - uk)));
+        QVERIFY2((uk - se).isEmpty(), qPrintable("missing built in: " + idList(uk - se)));
+        for (auto it = m_se.cbegin(); it != m_se.cend(); ++it) {
+            const QString& en = m_uk.value(it.key());
+            const QByteArray where = QByteArray::number(it.key());
+            QVERIFY2(placeholders(*it) == placeholders(en), where.constData());
+            QVERIFY2(it->contains(QLatin1Char('&')) == en.contains(QLatin1Char('&')), where.constData());
+        }
+    }
+
+    // The status texts double as picture keys and the traffic and service
+    // texts are compared to pick a picture, so each language must keep the
+    // pairs equal and the alternatives apart.
+    void indicatorTextsConsistent()
+    {
+        const QList<QPair<int, int>> same = {
+            {12077, 12078}, {12051, 12079}, {12050, 12080}, {12074, 12081}, {12052, 12083}};
+        for (const auto* t : {&m_se, &m_uk}) {
+            for (const auto& p : same)
+                QCOMPARE(t->value(p.first), t->value(p.second));
+            QVERIFY(t->value(12084) != t->value(12085));
+            const QSet<QString> traffic = {t->value(12138), t->value(12139), t->value(12140)};
+            QCOMPARE(traffic.size(), 3);
+        }
+    }
+
+    void builtinTexts_data()
+    {
+        QTest::addColumn<int>("id");
+        QTest::addColumn<QString>("args");
+        QTest::addColumn<QString>("expected");
+        const QList<QPair<int, QString>> plain = {
+            {9003, QStringLiteral("Brixa - Printerserver")},
+            {12059, QStringLiteral("Status skrivare:")},
+            {12060, QStringLiteral("Utskriftjobbet har lagrats i utskriftskön.")},
+            {12061, QStringLiteral("Inställd mall saknas!")},
+            {12062, QStringLiteral("Kontrollera inställningarna i ARG#1!")},
+            {12063, QStringLiteral("Utskriftjobbet har INTE lagrats i utskriftskön.")},
+            {12064, QStringLiteral("Inställd skrivare är passiv och används inte!")},
+            {12065, QStringLiteral("Aktivera skrivaren eller ställ in en annan skrivare!")},
+            {12066, QStringLiteral("Inställd skrivare saknas!")},
+            {12067, QStringLiteral("Tjänsten är inte startad.")},
+            {12068, QStringLiteral("Starta tjänsten och försök igen!")},
+            {12069, QStringLiteral("Okänd konfigureringsoperation!")},
+            {12070, QStringLiteral("Okänd utskriftsoperation!")},
+            {12071, QStringLiteral("Versionskonflikt råder i Brixa intallationen.")},
+            {12072, QStringLiteral("Kontrollera att senaste versionen av Brixa är korrekt installerat på samtliga datorer!")},
+            {12138, QStringLiteral("Utskriftsjobb mottages...")},
+            {12139, QStringLiteral("Övrig trafik")},
+            {12140, QStringLiteral("Ingen trafik")},
+            {13002, QStringLiteral("Generellt fel")},
+            {13003, QStringLiteral("Kommunikationsproblem")},
+            {13004, QStringLiteral("Allvarligt filfel")},
+            {13005, QStringLiteral("Slut på papper")},
+            {13006, QStringLiteral("Slut på minne")},
+            {13007, QStringLiteral("Okänt fel")},
+            {13008, QStringLiteral("Statuskod")},
+            {13009, QStringLiteral("Slut på färgband")},
+            {13010, QStringLiteral("Printerhuvud uppfällt")},
+        };
+        for (const auto& p : plain)
+            QTest::addRow("%d", p.first) << p.first << QString() << p.second;
+        QTest::newRow("12029 filled") << 12029 << QStringLiteral("Brixa - Printerserver")
+                                      << QStringLiteral("Kontrollera Brixa - Printerserver installationen.");
+        QTest::newRow("12055 filled") << 12055 << QStringLiteral("Skrivare 1|Server")
+                                      << QStringLiteral("Skrivare 1 på Server");
+        QTest::newRow("10081 filled") << 10081 << QStringLiteral("2|1|15|1.00|SE|Swedish")
+                                      << QStringLiteral("Version 2.1.15,  Kedra Version 1.00,  SE,  Swedish");
+    }
+
+    // No language file in the home folder: the compiled-in table answers.
+    void builtinTexts()
+    {
+        QFETCH(int, id);
+        QFETCH(QString, args);
+        QFETCH(QString, expected);
+        QTemporaryDir home;
+        QVERIFY(home.isValid());
+        SetHomeDir(home.path());
+        SetLanguageSettings(QStringLiteral("UK"), 44);
+        QCOMPARE(GetString(id, args).toUtf8(), expected.toUtf8());
+        QCOMPARE(LanguageState(), 2);
+    }
+
+    void languageFileAnswers()
+    {
+        QTemporaryDir home;
+        QVERIFY(home.isValid());
+        QVERIFY(QDir(home.path()).mkpath(QStringLiteral("lang")));
+        QVERIFY(QFile::copy(kUkFile, home.filePath(QStringLiteral("lang/BrixaLangUK.Language"))));
+        SetHomeDir(home.path());
+        SetLanguageSettings(QStringLiteral("UK"), 44);
+        QCOMPARE(GetString(12055, QStringLiteral("user1|KASSA1")), QStringLiteral("user1 at KASSA1"));
+        QCOMPARE(LanguageState(), 1);
+        for (auto it = m_se.cbegin(); it != m_se.cend(); ++it)
+            QVERIFY2(!GetString(it.key()).startsWith(QLatin1String("String missing:")),
+                     qPrintable(QString::number(it.key())));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestStringTable)
+#include "tst_stringtable.moc"
