@@ -1,0 +1,115 @@
+#include "protocol/listener.h"
+#include "foundation/cp1252.h"
+#include "foundation/eventlog.h"
+
+namespace quill {
+
+Listener::Listener(QObject* parent) : QObject(parent)
+{
+    // Accept everything ourselves; the connection table decides who stays.
+    server_.setMaxPendingConnections(1024);
+    connect(&server_, &QTcpServer::newConnection, this, &Listener::onNewConnection);
+}
+
+Listener::~Listener()
+{
+    for (auto& e : entries_)
+        if (e.socket)
+            e.socket->abort();
+}
+
+bool Listener::MainInitTCP(qint32 port)
+{
+    server_.close();
+    if (port < 0 || port > 65535 || !server_.listen(QHostAddress::Any, quint16(port))) {
+        const QString err = port < 0 || port > 65535 ? QStringLiteral("Invalid port") : server_.errorString();
+        LogWrite(QStringLiteral("MainInitTCP failed. Error: %1 %2").arg(int(server_.serverError())).arg(err));
+        return false;
+    }
+    return true;
+}
+
+void Listener::close() { server_.close(); }
+
+int Listener::FindFreeConnection() const
+{
+    for (int i = 1; i <= MaxConnections; ++i)
+        if (entries_[i].state == -1)
+            return i;
+    return -1;
+}
+
+void Listener::resetConnections()
+{
+    for (int i = 1; i <= MaxConnections; ++i) {
+        if (entries_[i].socket)
+            entries_[i].socket->abort();
+        entries_[i] = Entry{};
+    }
+}
+
+int Listener::connectionCount() const
+{
+    int n = 0;
+    for (int i = 1; i <= MaxConnections; ++i)
+        n += entries_[i].state == 0;
+    return n;
+}
+
+void Listener::onNewConnection()
+{
+    while (QTcpSocket* s = server_.nextPendingConnection()) {
+        const int k = FindFreeConnection();
+        if (k < 0) {
+            // A 33rd client is not served: closed at once, without a reply.
+            s->abort();
+            s->deleteLater();
+            continue;
+        }
+        Entry& e = entries_[k];
+        e.socket = s;
+        e.buffer.clear();
+        e.state = 0;
+        connect(s, &QTcpSocket::readyRead, this, [this, k, s] {
+            if (entries_[k].socket != s)
+                return;
+            const QByteArray data = s->readAll();
+            if (!data.isEmpty() && onData)
+                onData(FromCp1252(data), k);
+        });
+        connect(s, &QTcpSocket::disconnected, this, [this, k, s] {
+            if (entries_[k].socket == s)
+                onClosed(k);
+        });
+        emit connectionsChanged(connectionCount());
+    }
+}
+
+void Listener::onClosed(int i)
+{
+    Entry& e = entries_[i];
+    if (e.socket)
+        e.socket->deleteLater();
+    e = Entry{};
+    emit connectionsChanged(connectionCount());
+}
+
+void Listener::send(int i, const QString& text) { send(i, ToCp1252(text)); }
+
+void Listener::send(int i, const QByteArray& bytes)
+{
+    if (i < 1 || i > MaxConnections || !entries_[i].socket)
+        return;
+    entries_[i].socket->write(bytes);
+}
+
+void Listener::drop(int i)
+{
+    if (i < 1 || i > MaxConnections || !entries_[i].socket)
+        return;
+    QTcpSocket* s = entries_[i].socket;
+    onClosed(i);
+    s->abort();
+}
+
+} // namespace quill

@@ -1,0 +1,64 @@
+#pragma once
+#include <QByteArray>
+#include <QObject>
+#include <QPointer>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <array>
+#include <functional>
+
+namespace quill {
+
+// The listening socket and the table of client connections 1..32 (entry 0 is
+// the listener's). Each readyRead's data is handed on whole as one arrival.
+class Listener : public QObject {
+    Q_OBJECT
+public:
+    static constexpr int MaxConnections = 32;
+    // Add-in receive buffers beyond this are dropped with their connection.
+    static constexpr qsizetype MaxBuffer = 1 << 20;
+
+    explicit Listener(QObject* parent = nullptr);
+    ~Listener() override;
+
+    // (Re)opens the listener on the port; false (and a log line) on failure.
+    bool MainInitTCP(qint32 port);
+    void close();
+    bool isListening() const { return server_.isListening(); }
+    QHostAddress localAddress() const { return server_.serverAddress(); }
+    quint16 localPort() const { return server_.serverPort(); }
+
+    // Lowest free entry 1..32, or -1.
+    int FindFreeConnection() const;
+    // Marks all entries free with empty buffers.
+    void resetConnections();
+    int connectionCount() const;
+
+    // Sends the reply text (Windows-1252) on entry i; errors are ignored.
+    void send(int i, const QString& text);
+    void send(int i, const QByteArray& bytes);
+    // Closes entry i from the server side (the add-in overflow guard).
+    void drop(int i);
+
+    QString& buffer(int i) { return entries_[i].buffer; }
+
+    // Called for each arrival with its decoded text and entry index.
+    std::function<void(const QString&, int)> onData;
+
+signals:
+    void connectionsChanged(int count);
+
+private:
+    struct Entry {
+        qint16 state = -1; // -1 free, 0 connected
+        QString buffer;
+        QPointer<QTcpSocket> socket;
+    };
+    void onNewConnection();
+    void onClosed(int i);
+
+    QTcpServer server_;
+    std::array<Entry, MaxConnections + 1> entries_;
+};
+
+} // namespace quill

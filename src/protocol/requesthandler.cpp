@@ -1,0 +1,240 @@
+#include "protocol/requesthandler.h"
+#include "foundation/cp1252.h"
+#include "foundation/error.h"
+#include "foundation/eventlog.h"
+#include "foundation/paths.h"
+#include "foundation/strutil.h"
+#include "protocol/listener.h"
+#include "protocol/traffic.h"
+#include "service/slots.h"
+#include "shell/texts.h"
+
+#include <QFileInfo>
+#include <QTimer>
+
+namespace quill {
+
+namespace {
+const QString CR = QStringLiteral("\r");
+const QString StartMarker = QStringLiteral("{STARTBRIXA");
+const QString EndMarker = QStringLiteral("{ENDBRIXA}");
+
+QString field(const QString& text, int n) { return GetToken(text, TAB, n); }
+} // namespace
+
+RequestHandler::RequestHandler(Listener& listener, TrafficIndicator& traffic, RequestServices services,
+                               QObject* parent)
+    : QObject(parent), listener_(listener), traffic_(traffic), svc_(std::move(services))
+{
+}
+
+QString RequestHandler::reply(int code, const QString& statusText)
+{
+    const QString ok = QStringLiteral("BRIXA\tOK\t");
+    const QString err = QStringLiteral("BRIXA\tERR\t");
+    const QString h = GetString(9003) + QStringLiteral(":") + CR;
+    const QString t62 = GetString(12062, GetString(9001));
+    auto t = [](int id) { return GetString(id); };
+    switch (code) {
+    case 0: return ok;
+    case 9002: return err + h + t(12071) + CR + t(12072) + QStringLiteral("9002");
+    case 1001: return err + h + t(12067) + CR + t(12068) + QStringLiteral("1001");
+    case 1002: return err + h + t(12066) + CR + t62 + CR + CR + t(12063) + QStringLiteral("1002");
+    case 1003: return err + h + t(12064) + CR + t(12065) + CR + CR + t(12063) + QStringLiteral("1003");
+    case 1004: return err + h + t(12061) + CR + t62 + CR + CR + t(12063) + QStringLiteral("1004");
+    case 1102:
+    case 1101:
+        return ok + h + t(12059) + QLatin1Char(' ') + statusText.trimmed() + CR + CR + t(12060)
+            + QString::number(code);
+    case 2001: return err + h + t(12069) + CR + QStringLiteral("2001");
+    case 9003: return err + h + t(12070) + CR + t62 + CR + CR + t(12063) + QStringLiteral("9003");
+    default: return err;
+    }
+}
+
+void RequestHandler::SrvHandleRequest(const QString& data, int connection)
+{
+    traffic_.indicate(TrafficIndicator::OtherTraffic);
+    LogTraffic(data);
+
+    // Errors of the field readers (a separator beyond position 32767) end the
+    // request here, as an unanswered one.
+    try {
+        QString text = data;
+        if (addinScala_)
+            text = addinFraming(data, connection);
+
+        if (field(text, 1).toUpper() != QLatin1String("BRIXA"))
+            return;
+        QString answer;
+        if (field(text, 2) != ProtocolVersion) {
+            answer = reply(9002);
+        } else {
+            const QString op = field(text, 3);
+            if (op == QLatin1String("P"))
+                answer = printRequest(text);
+            else if (op == QLatin1String("C"))
+                answer = configureRequest(text);
+            else
+                answer = reply(9003);
+        }
+        sendReply(connection, answer);
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvHandleRequest failed. Error: ") + errorText(e));
+    }
+}
+
+void RequestHandler::sendReply(int connection, const QString& text)
+{
+    // While a batch is open every reply queues behind it, so none overtakes
+    // an earlier reply of the same client.
+    if (batchOpen_)
+        pending_.append({connection, ToCp1252(text)});
+    else
+        listener_.send(connection, text);
+}
+
+void RequestHandler::storeJob(const QString& jobText)
+{
+    if (!batchOpen_ && svc_.beginBatch) {
+        svc_.beginBatch();
+        batchOpen_ = true;
+        QTimer::singleShot(0, this, &RequestHandler::flush);
+    }
+    svc_.addJob(jobText);
+}
+
+void RequestHandler::flush()
+{
+    if (!batchOpen_)
+        return;
+    batchOpen_ = false;
+    if (svc_.commitBatch && !svc_.commitBatch())
+        LogWrite(QStringLiteral("SrvHandleRequest failed. Error: commit of %1 replies' jobs failed")
+                     .arg(pending_.size()));
+    const auto replies = std::exchange(pending_, {});
+    for (const auto& [connection, bytes] : replies)
+        listener_.send(connection, bytes);
+}
+
+QString RequestHandler::printRequest(const QString& request)
+{
+    if (!svc_.serviceRunning())
+        return reply(1001);
+    const qint32 printerId = NullToLong(field(request, 4), -1);
+    const qint32 templateId = NullToLong(field(request, 5), -1);
+    const qint32 mode = NullToLong(field(request, 8), 0);
+    PrinterSlots& printers = *svc_.printers;
+    if (!printers.SrvPrinterExists(printerId))
+        return reply(1002);
+    if (printers.SrvPrinterIsPassive(printerId))
+        return reply(1003);
+    if (!SrvTemplateOK(templateId, mode))
+        return reply(1004);
+
+    storeJob(request);
+    traffic_.indicate(TrafficIndicator::ReceivingJob);
+
+    const PrinterSlot& s = printers.at(printerId);
+    if (s.status == StatusError)
+        return reply(1102, s.statusText);
+    if ((s.status == StatusChecking || s.status == StatusConfiguring) && s.prevStatus == StatusError)
+        return reply(1101, s.prevStatusText);
+    return reply(0);
+}
+
+QString RequestHandler::configureRequest(const QString& request)
+{
+    const qint32 sub = NullToLong(field(request, 11), 0);
+    switch (sub) {
+    case 1:
+        svc_.clearCurrentTemplate(NullToLong(field(request, 5), -1));
+        return reply(0);
+    case 2:
+        return reply(0);
+    case 3: {
+        const QString w = field(request, 12).trimmed().toUpper();
+        const QString u = field(request, 13).toUpper();
+        if (w.isEmpty() || u.isEmpty())
+            return reply(0);
+        const auto senders = svc_.jobSenders();
+        for (const auto& [jobId, tag] : senders) {
+            const QString rowW = GetToken(tag, QStringLiteral("|"), 1).trimmed().toUpper();
+            const QString rowU = GetToken(tag, QStringLiteral("|"), 2).trimmed().toUpper();
+            if ((w == QLatin1String("*") || w == rowW) && (u == QLatin1String("*") || u == rowU))
+                svc_.deleteJob(jobId);
+        }
+        return reply(0);
+    }
+    default:
+        return reply(2001);
+    }
+}
+
+bool RequestHandler::SrvTemplateFileExists(qint32 templateId) const
+{
+    return QFileInfo::exists(HomePath(QString::number(templateId) + QStringLiteral(".lbl")));
+}
+
+bool RequestHandler::SrvTemplateOK(qint32 templateId, qint32 mode) const
+{
+    switch (mode) {
+    case 1: return SrvTemplateFileExists(templateId);
+    case 2: return svc_.templateInDB(templateId) && SrvTemplateFileExists(templateId);
+    default: return svc_.templateInDB(templateId);
+    }
+}
+
+QString RequestHandler::addinFraming(const QString& data, int connection)
+{
+    QString& b = listener_.buffer(connection);
+    b += data;
+    if (b.size() > Listener::MaxBuffer) {
+        LogWrite(QStringLiteral("SrvHandleRequest: add-in buffer of connection %1 exceeded %2 bytes; "
+                                "connection closed.")
+                     .arg(connection)
+                     .arg(Listener::MaxBuffer));
+        listener_.drop(connection);
+        return {};
+    }
+    QString text = data;
+    bool firstPass = true;
+    for (;;) {
+        const qsizetype s = b.indexOf(StartMarker);
+        if (s < 0)
+            break;
+        if (firstPass)
+            text.clear();
+        firstPass = false;
+        // The record needs its end marker after the start and one character
+        // after the end marker (the sender's line end).
+        const qsizetype e = b.indexOf(EndMarker, s);
+        if (e < 0 || e + EndMarker.size() >= b.size())
+            break;
+        b.remove(0, s + 6); // up to "BRIXA"
+        const qsizetype end = e - (s + 6);
+        QString r = b.left(end + EndMarker.size() + 1);
+        b.remove(0, r.size());
+        r.chop(EndMarker.size() + 1);
+        if (r.contains(QLatin1Char('}'))) {
+            int converted = 0;
+            for (qsizetype i = 0; i < r.size() && converted < 12; ++i) {
+                if (r[i] == QLatin1Char(';')) {
+                    r[i] = QLatin1Char('\t');
+                    ++converted;
+                }
+            }
+            r[r.indexOf(QLatin1Char('}'))] = QLatin1Char(' ');
+        }
+        r.remove(QLatin1Char('\n'));
+        r.remove(QLatin1Char('\f'));
+        r.replace(QLatin1Char('\r'), QLatin1Char('\t'));
+        r += QStringLiteral("\t\r\n");
+        storeJob(r);
+        traffic_.indicate(TrafficIndicator::ReceivingJob);
+    }
+    return text;
+}
+
+} // namespace quill
+

@@ -1,0 +1,70 @@
+#pragma once
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <functional>
+
+namespace quill {
+
+class Listener;
+class PrinterSlots;
+class TrafficIndicator;
+
+// What the request handler needs from the rest of the server. The server wires
+// these to the job store, the printer table and the print service.
+struct RequestServices {
+    std::function<bool()> serviceRunning;
+    PrinterSlots* printers = nullptr;
+    std::function<bool(qint32 templateId)> templateInDB;
+    std::function<void(const QString& jobText)> addJob;
+    // Configure 1: every printer whose CurrentTemplateId equals the id gets 0.
+    std::function<void(qint32 templateId)> clearCurrentTemplate;
+    // Configure 3: the sender tags (workstation|user) and job ids in list order.
+    std::function<QList<QPair<qint32, QString>>()> jobSenders;
+    std::function<void(qint32 jobId)> deleteJob; // from table and list
+    // Grouped commits: replies to stored jobs wait until the batch is durable.
+    std::function<void()> beginBatch;
+    std::function<bool()> commitBatch;
+};
+
+// Interprets each arrival on a client connection and sends its one reply (or
+// none). Print replies wait for the commit of their job: arrivals handled in
+// the same turn of the event loop share one commit.
+class RequestHandler : public QObject {
+    Q_OBJECT
+public:
+    static inline const QString ProtocolVersion = QStringLiteral("1.00");
+
+    RequestHandler(Listener& listener, TrafficIndicator& traffic, RequestServices services,
+                   QObject* parent = nullptr);
+
+    void setAddinScala(bool on) { addinScala_ = on; }
+    bool addinScala() const { return addinScala_; }
+
+    void SrvHandleRequest(const QString& data, int connection);
+
+    bool SrvTemplateOK(qint32 templateId, qint32 mode) const;
+    bool SrvTemplateFileExists(qint32 templateId) const;
+
+    // Commits the open batch and sends the replies that waited for it.
+    void flush();
+
+    // The reply texts, by code (exposed for the tests of the exact bytes).
+    static QString reply(int code, const QString& statusText = {});
+
+private:
+    QString addinFraming(const QString& data, int connection);
+    QString printRequest(const QString& request);
+    QString configureRequest(const QString& request);
+    void sendReply(int connection, const QString& text);
+    void storeJob(const QString& jobText);
+
+    Listener& listener_;
+    TrafficIndicator& traffic_;
+    RequestServices svc_;
+    bool addinScala_ = false;
+    bool batchOpen_ = false;
+    QList<QPair<int, QByteArray>> pending_;
+};
+
+} // namespace quill
