@@ -1,0 +1,536 @@
+#include "printers/deviceops.h"
+#include "foundation/error.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/paths.h"
+#include "foundation/strutil.h"
+#include "printers/comapi.h"
+#include "printers/link.h"
+#include "printers/printerrecord.h"
+#include "service/slots.h"
+#include "shell/texts.h"
+
+#include <QCoreApplication>
+#include <array>
+#include <cmath>
+#include <limits>
+
+namespace quill {
+
+namespace {
+
+struct TypeRange {
+    int darknessSpan, darknessBase, speedSpan, speedBase;
+};
+
+// Per printer type 1..9.
+constexpr std::array<TypeRange, 9> TypeRanges{{
+    {150, 100, 65, 60},
+    {450, 250, 65, 60},
+    {300, 200, 170, 80},
+    {300, 200, 70, 80},
+    {300, 200, 170, 80},
+    {300, 200, 70, 80},
+    {400, 200, 120, 80},
+    {400, 200, 120, 80},
+    {700, 300, 70, 80},
+}};
+
+// Parameters and service commands of the configuration sequences.
+constexpr int ParamLineSpeed = 30;
+constexpr int ParamLineTimeout = 34;
+constexpr int ParamDarkness = 46;
+constexpr int ParamSpeed1 = 2, ParamSpeed2 = 3, ParamSpeed3 = 4;
+constexpr int Param40 = 40, Param23 = 23, Param68 = 68, Param69 = 69, Param50 = 50;
+constexpr int ParamDispensingFeed = 24;
+constexpr int ParamReverseFeed = 100;
+constexpr int CmdStartConfig = 38153;
+constexpr int CmdServiceAccess = 28351746;
+constexpr int CmdEndConfig = 3196;
+constexpr int CmdCalibrate = 44;
+constexpr int CmdBoxAddress = 100;
+constexpr int CmdBoxAfterAddress = 102;
+constexpr int CmdBoxAfterCmd102 = 110;
+constexpr int ReplyLength = 255;
+const QString NoAddress = QStringLiteral("0.0.0.0");
+const QString OpenMode = QStringLiteral("m");
+const QString NetBox = QStringLiteral("NETBOX:");
+
+// A library result that ends the sequence.
+struct DeviceFailure {
+    int code;
+};
+
+// One open device for the length of one operation; closed on every way out.
+// Calls on a device that did not open give the open's result, as a library
+// that connects on first use would report it.
+class Device {
+public:
+    Device() = default;
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+    ~Device() { close(); }
+
+    int open(const QString& name, const QString& settings)
+    {
+        close();
+        handle_ = Printer_Open(name, settings, OpenMode);
+        openCode_ = handle_ >= 1 ? 1 : (handle_ < 0 ? handle_ : link::ErrGeneral);
+        return note(handle_);
+    }
+    bool isOpen() const { return handle_ >= 1; }
+    void close()
+    {
+        if (handle_ >= 1)
+            Printer_Close(handle_);
+        handle_ = 0;
+    }
+    int last() const { return last_; }
+
+    int status()
+    {
+        return note(isOpen() ? Printer_GetStatus(handle_, 4) : openCode_);
+    }
+    int setParameter(int parameter, int value)
+    {
+        return note(isOpen() ? Printer_SetParameter(handle_, parameter, value) : openCode_);
+    }
+    int service(int command, const QString& input = QString())
+    {
+        QString reply;
+        return note(isOpen() ? Printer_ServiceCommand(handle_, command, input, &reply, ReplyLength) : openCode_);
+    }
+    int lock() { return note(isOpen() ? Printer_LockParameters(handle_) : openCode_); }
+    int getCounter(int counter, int* value)
+    {
+        int v2 = 0, v3 = 0, v4 = 0, v5 = 0;
+        return note(isOpen() ? Printer_GetCounter(handle_, counter, value, &v2, &v3, &v4, &v5) : openCode_);
+    }
+    int setCounter(int counter, int value)
+    {
+        return note(isOpen() ? Printer_SetCounter(handle_, counter, value, 1, 9, 1) : openCode_);
+    }
+    int init() { return note(isOpen() ? Printer_Init(handle_, QStringLiteral("a")) : openCode_); }
+    int sendLayout(const QString& path) { return note(isOpen() ? Printer_SendLayout(handle_, path) : openCode_); }
+    int sendVariable(const QString& text) { return note(isOpen() ? Printer_SendVariable(handle_, text, 1) : openCode_); }
+    int printLabel() { return note(isOpen() ? Printer_PrintLabel(handle_, 1, QStringLiteral("i")) : openCode_); }
+
+private:
+    int note(int r)
+    {
+        last_ = r;
+        return r;
+    }
+    int handle_ = 0;
+    int openCode_ = link::ErrGeneral;
+    int last_ = 0;
+};
+
+// Most calls succeed with 1 or more.
+void need(int result)
+{
+    if (result < 1)
+        throw DeviceFailure{result};
+}
+
+QString otherRate(const QString& wanted)
+{
+    if (wanted == QLatin1String("9600"))
+        return QStringLiteral("57600");
+    if (wanted == QLatin1String("57600"))
+        return QStringLiteral("9600");
+    return wanted;
+}
+
+// Opens at the wanted rate; a printer that does not answer there is still at
+// the other rate: reach it there and switch it over (the library follows the
+// new speed on the same handle).
+void openSerialAtRate(Device& dev, const QString& deviceName, const QString& wanted)
+{
+    dev.open(deviceName, LineSettings(wanted));
+    if (dev.status() < 0) {
+        dev.close();
+        dev.open(deviceName, LineSettings(otherRate(wanted)));
+        if (!dev.isOpen())
+            throw DeviceFailure{dev.last()};
+        dev.status();
+        need(dev.setParameter(ParamLineSpeed, NullToLong(wanted, 0)));
+    }
+}
+
+void sendPrintSettings(Device& dev, const DeviceConfig& c)
+{
+    need(dev.service(CmdStartConfig));
+    need(dev.setParameter(ParamDarkness, c.darkness));
+    need(dev.service(CmdServiceAccess));
+    need(dev.setParameter(ParamSpeed1, c.speed));
+    need(dev.setParameter(ParamSpeed2, c.speed));
+    need(dev.setParameter(ParamSpeed3, c.speed));
+    need(dev.setParameter(Param40, 0));
+    need(dev.setParameter(Param23, 4500));
+    need(dev.setParameter(ParamDispensingFeed, c.dispensingFeed));
+    need(dev.setParameter(ParamReverseFeed, c.reverseFeed));
+    need(dev.setParameter(Param68, 0));
+    need(dev.setParameter(Param69, 0));
+    need(dev.setParameter(Param50, 0));
+    int counter = 0;
+    need(dev.getCounter(1, &counter));
+    need(dev.setCounter(1, counter));
+    need(dev.lock());
+    need(dev.service(CmdEndConfig));
+}
+
+void logConfigFailure(const char* operation, int code)
+{
+    LogWrite(QLatin1String(operation) + QStringLiteral(": Configuration failed. COMAPI Error: ") + DeviceErrorText(code));
+}
+
+void logConfigTrap(const char* operation, const QString& error, const Device& dev)
+{
+    LogWrite(QLatin1String(operation) + QStringLiteral(" failed. Error: ") + error + QStringLiteral("\rCOMAPI Err: ")
+             + QString::number(dev.last()));
+}
+
+QString resultErrorText(const QString& error)
+{
+    return ResultErr(QStringLiteral("Error: ") + error);
+}
+
+void yieldToEvents()
+{
+    QCoreApplication::processEvents();
+}
+
+} // namespace
+
+bool IsConfigurableType(qint32 printerType)
+{
+    return printerType >= 1 && printerType <= 9;
+}
+
+qint16 RoundToInt16(double value)
+{
+    const double r = std::nearbyint(value);
+    if (!(r >= std::numeric_limits<qint16>::min() && r <= std::numeric_limits<qint16>::max()))
+        throw Error(ErrOverflow, QStringLiteral("Overflow"));
+    return static_cast<qint16>(r);
+}
+
+DeviceAdjustment ConvertAdjustment(qint32 printerType, qint32 strobeStep, qint32 speedStep)
+{
+    if (!IsConfigurableType(printerType))
+        throw Error(5, QStringLiteral("Invalid procedure call or argument"));
+    const TypeRange& t = TypeRanges[size_t(printerType - 1)];
+    DeviceAdjustment a;
+    a.darkness = RoundToInt16(double(strobeStep) / 9.0 * t.darknessSpan + t.darknessBase);
+    a.speed = RoundToInt16(double(speedStep) / 7.0 * t.speedSpan + t.speedBase);
+    return a;
+}
+
+bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig& config)
+{
+    Device dev;
+    try {
+        openSerialAtRate(dev, QStringLiteral("COM") + port + QLatin1Char(':'), rate);
+        need(dev.setParameter(ParamLineTimeout, 2000));
+        sendPrintSettings(dev, config);
+        return true;
+    } catch (const DeviceFailure& f) {
+        dev.close();
+        logConfigFailure("SrvMPConfigCOM", f.code);
+    } catch (const Error& e) {
+        dev.close();
+        logConfigTrap("SrvMPConfigCOM", e.text(), dev);
+    } catch (const std::exception& e) {
+        dev.close();
+        logConfigTrap("SrvMPConfigCOM", errorText(e), dev);
+    }
+    return false;
+}
+
+bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, bool connectOnly, const QString& port,
+                    const QString& rate, const DeviceConfig& config)
+{
+    Device dev;
+    try {
+        if (connectOnly) {
+            dev.open(NetBox + loadedAddress, QString());
+            const int status = dev.status();
+            if (status < 0)
+                throw DeviceFailure{status};
+        } else {
+            int status = -1;
+            if (!loadedAddress.isEmpty()) {
+                dev.open(NetBox + loadedAddress, QString());
+                status = dev.status();
+            }
+            if (status < 0) {
+                dev.close();
+                const QString question = GetString(12036) + QLatin1Char('\r') + GetString(12037)
+                    + QStringLiteral("\r\r") + GetString(12017);
+                if (MsgBox(question, BoxIcon::Question, BoxButtons::YesNo) != BoxAnswer::Yes)
+                    return false;
+                dev.open(QStringLiteral("COM") + port + QLatin1Char(':'), LineSettings(rate));
+                status = dev.status();
+                if (status < 0)
+                    throw DeviceFailure{status};
+            }
+            // The box takes its new address over whichever link is open.
+            need(dev.service(CmdBoxAddress, newAddress));
+            need(dev.service(CmdBoxAfterAddress, NoAddress));
+            need(dev.service(CmdBoxAfterCmd102, NoAddress));
+        }
+        sendPrintSettings(dev, config);
+        return true;
+    } catch (const DeviceFailure& f) {
+        dev.close();
+        logConfigFailure("SrvMPConfigNET", f.code);
+    } catch (const Error& e) {
+        dev.close();
+        logConfigTrap("SrvMPConfigNET", e.text(), dev);
+    } catch (const std::exception& e) {
+        dev.close();
+        logConfigTrap("SrvMPConfigNET", errorText(e), dev);
+    }
+    return false;
+}
+
+bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate)
+{
+    Device dev;
+    try {
+        openSerialAtRate(dev, deviceName, rate);
+        need(dev.setParameter(ParamLineTimeout, 2000));
+        need(dev.lock());
+        need(dev.service(CmdEndConfig));
+        return true;
+    } catch (const DeviceFailure& f) {
+        dev.close();
+        logConfigFailure("SrvMPConfigCOM2", f.code);
+    } catch (const Error& e) {
+        dev.close();
+        logConfigTrap("SrvMPConfigCOM2", e.text(), dev);
+    } catch (const std::exception& e) {
+        dev.close();
+        logConfigTrap("SrvMPConfigCOM2", errorText(e), dev);
+    }
+    return false;
+}
+
+void ReConfigCOMPrinters(PrinterSlots& printerSlots)
+{
+    for (qint32 n = 1; n < PrinterSlots::UpperBound; ++n) {
+        if (!printerSlots.SrvPrinterExists(n) || printerSlots.SrvPrinterIsPassive(n))
+            continue;
+        const PrinterSlot& s = printerSlots.at(n);
+        if (s.connectionType != 1)
+            continue;
+        SrvMPConfigCOM2(ConnectionDeviceName(s.connectionString).trimmed(), ConnectionRate(s.connectionString).trimmed());
+    }
+}
+
+QString TestPrintTitle()
+{
+    return GetString(9003) + QStringLiteral(" v") + QString::number(QUILL_VERSION_MAJOR) + QLatin1Char('.')
+        + QString::number(QUILL_VERSION_MINOR) + QLatin1Char('.') + QString::number(QUILL_VERSION_PATCH);
+}
+
+QString TestLayoutPath()
+{
+    return AddSlash(HomeDir()) + QStringLiteral("0.lbl");
+}
+
+QString SrvMPTestPrint(const QString& deviceName, const QString& settings)
+{
+    try {
+        Device dev;
+        if (dev.open(deviceName.trimmed(), settings.trimmed()) < 1)
+            return ResultErr(GetString(12038));
+        try {
+            const int layout = dev.sendLayout(TestLayoutPath());
+            if (layout < 0 && layout != link::LayoutAccepted)
+                throw DeviceFailure{layout};
+            need(dev.sendVariable(TestPrintTitle()));
+            const int printed = dev.printLabel();
+            if (printed < 1 && printed != link::PrintAccepted)
+                throw DeviceFailure{printed};
+        } catch (const DeviceFailure& f) {
+            return ResultErr(DeviceErrorText(f.code));
+        }
+        return ResultOk();
+    } catch (const Error& e) {
+        LogWrite(QStringLiteral("SrvMPTestPrint failed. Error: ") + e.text());
+        return resultErrorText(e.text());
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvMPTestPrint failed. Error: ") + errorText(e));
+        return resultErrorText(errorText(e));
+    }
+}
+
+QString SrvMPClear(const QString& deviceName, const QString& settings)
+{
+    try {
+        Device dev;
+        if (dev.open(deviceName.trimmed(), settings.trimmed()) < 1)
+            return ResultErr(GetString(12038));
+        const int r = dev.init();
+        return r >= 1 ? ResultOk() : ResultErr(DeviceErrorText(r));
+    } catch (const Error& e) {
+        LogWrite(QStringLiteral("SrvMPClear failed. Error: ") + e.text());
+        return resultErrorText(e.text());
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvMPClear failed. Error: ") + errorText(e));
+        return resultErrorText(errorText(e));
+    }
+}
+
+QString SrvMPCal(const QString& deviceName, const QString& settings)
+{
+    try {
+        Device dev;
+        if (dev.open(deviceName.trimmed(), settings.trimmed()) < 1)
+            return ResultErr(GetString(12038));
+        try {
+            need(dev.service(CmdCalibrate));
+            need(dev.lock());
+            need(dev.service(CmdEndConfig));
+        } catch (const DeviceFailure& f) {
+            return ResultErr(DeviceErrorText(f.code));
+        }
+        return ResultOk();
+    } catch (const Error& e) {
+        LogWrite(QStringLiteral("SrvMPCal failed. Error: ") + e.text());
+        return resultErrorText(e.text());
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvMPCal failed. Error: ") + errorText(e));
+        return resultErrorText(errorText(e));
+    }
+}
+
+QString SrvMPCheck(const PrinterSlot& slot)
+{
+    try {
+        Device dev;
+        const QString connection = slot.connectionString.trimmed();
+        if (slot.connectionType == 1) {
+            dev.open(ConnectionDeviceName(connection), LineSettings(ConnectionRate(connection)));
+            yieldToEvents();
+        } else if (slot.connectionType == 2) {
+            dev.open(NetBox + connection, QString());
+            yieldToEvents();
+        }
+        if (!dev.isOpen())
+            return ResultErr(GetString(12038));
+        const int status = dev.status();
+        if (status < 0)
+            return ResultErr(DeviceErrorText(status));
+        return DeviceStatusResult(status);
+    } catch (const std::exception& e) {
+        const QString error = errorText(e);
+        LogWrite(QStringLiteral("SrvMPCheck failed. PId = ") + QString::number(slot.printerId)
+                 + QStringLiteral(" Error: ") + error);
+        return resultErrorText(error);
+    }
+}
+
+void DialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* settings)
+{
+    if (dialog.serial) {
+        *deviceName = QStringLiteral("COM") + QString::number(dialog.comPort.value_or(1)) + QLatin1Char(':');
+        *settings = LineSettings(QString::number(dialog.comRate.value_or(9600)));
+    } else {
+        *deviceName = NetConnectionString(dialog.netAddress, dialog.netPort);
+        settings->clear();
+    }
+}
+
+bool SrvMPConfig(PrinterSettings& dialog)
+{
+    try {
+        const qint32 type = dialog.printerTypeId.value_or(1);
+        if (!IsConfigurableType(type))
+            return false;
+        const DeviceAdjustment adj = ConvertAdjustment(type, dialog.strobe.value_or(4), dialog.speed.value_or(2));
+        const AdvancedSettings advanced = ParseAdvancedSettings(dialog.advancedSettings);
+        DeviceConfig config;
+        config.darkness = adj.darkness;
+        config.speed = adj.speed;
+        config.dispensingFeed = advanced.dispensingFeed;
+        config.reverseFeed = advanced.reverseFeed;
+        const QString port = QString::number(dialog.comPort.value_or(1));
+        const QString rate = QString::number(dialog.comRate.value_or(9600));
+
+        if (dialog.serial) {
+            if (SrvMPConfigCOM(port, rate, config))
+                return true;
+            MsgBoxUnlessSilent(GetString(12032), BoxIcon::Information);
+            return false;
+        }
+
+        const QString address = dialog.netAddress.trimmed();
+        if (address.isEmpty()) {
+            // Answers the operator's own click, so it shows in silent mode too.
+            MsgBox(GetString(12033), BoxIcon::Information);
+            return false;
+        }
+        if (SrvMPConfigNET(address, dialog.loadedAddress.trimmed(), dialog.netConnectOnly, port, rate, config)) {
+            dialog.loadedAddress = address;
+            return true;
+        }
+        MsgBoxUnlessSilent(GetString(12034) + QLatin1Char('\r') + GetString(12035), BoxIcon::Exclamation);
+        return false;
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvMPConfig failed. Error: ") + errorText(e));
+        return false;
+    }
+}
+
+void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row)
+{
+    qint32 printerId = slot;
+    try {
+        printerId = printerSlots.at(slot).printerId;
+        printerSlots.SrvSetPrinterStatus(slot, StatusChecking, GetString(12080));
+        if (row) {
+            row->showStatus(slot, GetString(12080), GetString(12050));
+            row->selectRow(slot);
+        }
+        yieldToEvents();
+
+        const QString result = SrvMPCheck(printerSlots.at(slot));
+        const QString outcome = GetToken(result, TAB, 1);
+        const QString reason = GetToken(result, TAB, 2);
+        if (outcome == QLatin1String("OK")) {
+            printerSlots.SrvSetPrinterStatus(slot, StatusReady, GetString(12079));
+            if (row)
+                row->showStatus(slot, GetString(12079), GetString(12051));
+        } else {
+            printerSlots.SrvSetPrinterStatus(slot, StatusError, reason);
+            if (row)
+                row->showStatus(slot, GetString(12082), reason);
+        }
+        if (row)
+            row->selectRow(slot);
+        yieldToEvents();
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvInitPrinterAfterConfig failed. PId = ") + QString::number(printerId)
+                 + QStringLiteral(" Error: ") + errorText(e));
+    }
+}
+
+void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row)
+{
+    try {
+        printerSlots.SrvSetPrinterStatus(slot, StatusPassive, GetString(12083));
+        if (row) {
+            row->showStatus(slot, GetString(12083), GetString(12052));
+            row->selectRow(slot);
+        }
+        yieldToEvents();
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvPassivePrinterAfterConfig failed. PId = ") + QString::number(slot)
+                 + QStringLiteral(" Error: ") + errorText(e));
+    }
+}
+
+} // namespace quill

@@ -1,0 +1,87 @@
+#pragma once
+// Printer set-up through the device library (comapi.h): configuration over a
+// serial port or through a network box, serial re-configuration, test print,
+// clear memory, calibrate, status check, and the checks after a printer was
+// saved. Each operation opens the device, runs a fixed call sequence, stops at
+// the first call that fails and closes the device before it returns.
+#include <QString>
+
+namespace quill {
+
+class PrinterSlots;
+struct PrinterSlot;
+struct PrinterSettings;
+
+// Device values for a darkness step s (0..9) and speed step v (0..7) of a
+// printer type 1..9: s / 9 * span + base, v / 7 * span + base, rounded to the
+// nearest 16-bit integer, halves to even.
+struct DeviceAdjustment {
+    qint16 darkness = 0;
+    qint16 speed = 0;
+};
+bool IsConfigurableType(qint32 printerType);
+// Raises Error(ErrOverflow) outside the 16-bit range.
+qint16 RoundToInt16(double value);
+// Error(5) for a type outside 1..9.
+DeviceAdjustment ConvertAdjustment(qint32 printerType, qint32 strobeStep, qint32 speedStep);
+
+// The configuration steps shared by the serial and the network path.
+struct DeviceConfig {
+    qint16 darkness = 0;
+    qint16 speed = 0;
+    qint32 dispensingFeed = 60;
+    qint32 reverseFeed = 0;
+};
+
+// Configure button of the printer dialog: converts, configures, and tells the
+// operator when it failed. A successful network configuration replaces the
+// dialog's loaded address by the new one. Returns whether the printer was
+// configured (false also for a type without configuration support).
+bool SrvMPConfig(PrinterSettings& dialog);
+
+// port: "1".."4"; rate: "9600" or "57600".
+bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig& config);
+bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, bool connectOnly, const QString& port,
+                    const QString& rate, const DeviceConfig& config);
+// deviceName: "COM1:"; re-sends the line speed to a serial printer.
+bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate);
+// Every slot in use, not passive and serial, through SrvMPConfigCOM2.
+void ReConfigCOMPrinters(PrinterSlots& printerSlots);
+
+// Result texts "OK" TAB, or "ERR" TAB reason.
+QString SrvMPTestPrint(const QString& deviceName, const QString& settings);
+QString SrvMPClear(const QString& deviceName, const QString& settings);
+QString SrvMPCal(const QString& deviceName, const QString& settings);
+QString SrvMPCheck(const PrinterSlot& slot);
+
+// Device name and settings the dialog's test print, clear and calibrate use
+// for the values it shows.
+void DialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* settings);
+
+// The test label's text: display title, " v", major.minor.revision.
+QString TestPrintTitle();
+// The test layout file in the installation folder.
+QString TestLayoutPath();
+
+// The main window's printer list, one row per printer slot.
+class PrinterRowView {
+public:
+    virtual ~PrinterRowView() = default;
+    // A saved printer's row: added for a new printer, refreshed for an edited one.
+    virtual void addRow(qint32 slot) = 0;
+    virtual void updateRow(qint32 slot) = 0;
+    virtual void removeRow(qint32 slot) = 0;
+    // Status column: the picture keyed by the status word and the text; the
+    // row is grey when the word is the passive one.
+    virtual void showStatus(qint32 slot, const QString& statusWord, const QString& text) = 0;
+    // Selects the row and scrolls it into view.
+    virtual void selectRow(qint32 slot) = 0;
+};
+
+// After a printer was saved: a device check decides Ready or Error (the slot
+// shows Checking meanwhile); a passive printer just becomes Passive. row may
+// be null.
+void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row);
+void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row);
+
+} // namespace quill

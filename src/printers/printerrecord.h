@@ -1,0 +1,111 @@
+#pragma once
+// The printer record (one tbPrinter row), the printer dialog's fields as one
+// value, and the operations that move a printer between the table, its slot
+// and the dialog.
+#include <QList>
+#include <QString>
+#include <QVariant>
+#include <functional>
+#include <optional>
+
+namespace quill {
+
+class PrinterSlots;
+struct PrinterSlot;
+class PrinterRowView;
+class Recordset;
+class TableRecordset;
+
+// What the printer dialog shows. A drop-down list with nothing selected is an
+// empty optional; the operations apply their own default then (new and edited
+// printers differ for the printer type).
+struct PrinterSettings {
+    QString name;                       // txtPrinterName, as typed
+    std::optional<qint32> printerTypeId = 1; // cboPrinterType item data
+    bool serial = true;                 // optConnection: index 0 serial, 1 network
+    std::optional<qint32> comPort = 1;  // cboCOMPort item data, 1..4
+    std::optional<qint32> comRate = 9600; // cboCOMRate item data, 9600 or 57600
+    QString netAddress;                 // txtNetIP
+    QString netPort;                    // txtNetPort
+    QString loadedAddress;              // txtNetIP's tag: the address the box had when loaded
+    bool netConnectOnly = false;        // chkNetConnectOnly
+    std::optional<qint32> strobe = 4;   // cboAdjStrobe item data, darkness step 0..9
+    std::optional<qint32> speed = 2;    // cboAdjSpeed item data, speed step 0..7
+    bool passive = false;               // chkPassive
+    QString advancedSettings;           // "cutter;feed;reverse", empty for a new printer
+
+    // Dialog modes (its tag): 1 new, 2 edit.
+    static constexpr int ModeNew = 1;
+    static constexpr int ModeEdit = 2;
+};
+
+// The fixed lists of the dialog.
+inline const QList<qint32> ComPortChoices{1, 2, 3, 4};
+inline const QList<qint32> ComRateChoices{9600, 57600};
+constexpr int StrobeSteps = 10; // item data 0..9
+constexpr int SpeedSteps = 8;   // item data 0..7
+constexpr qint32 DefaultDispensingFeed = 60;
+constexpr quint16 DefaultNetPort = 23;
+
+// The id of the printer whose dialog is open for editing, -1 when none.
+extern qint32 EditPrinterId;
+
+// Connection strings and the device-library names derived from them.
+QString SerialConnectionString(qint32 port, qint32 rate);            // COM1:#9600
+QString NetConnectionString(const QString& address, const QString& port); // 10.0.0.5#23
+QString ConnectionDeviceName(const QString& connection);             // part before "#"
+QString ConnectionRate(const QString& connection);                   // part after "#"
+QString LineSettings(const QString& rate);                           // rate + ",n,8,1,x"
+
+// The advanced-settings text and its three parts.
+struct AdvancedSettings {
+    qint32 cutterInstalled = 0;
+    qint32 dispensingFeed = DefaultDispensingFeed;
+    qint32 reverseFeed = 0;
+};
+QString AdvancedSettingsText(qint32 cutterInstalled, qint32 dispensingFeed, qint32 reverseFeed);
+AdvancedSettings ParseAdvancedSettings(const QString& text);
+
+// One row of tbPrinter, read or written field by field (the current row of the
+// printer recordset, or its pending new or edited row).
+using FieldReader = std::function<QVariant(const QString& field)>;
+using FieldWriter = std::function<void(const QString& field, const QVariant& value)>;
+
+// Copies a row into the dialog's fields. typeIds are the entries of the
+// printer-type list; an empty list accepts any type.
+void SrvPrinterFillDialog(const FieldReader& row, PrinterSettings& dialog, const QList<qint32>& typeIds = {});
+
+// Writes the dialog's fields (every column but Id and CurrentTemplateId).
+void WritePrinterFields(const FieldWriter& row, const PrinterSettings& dialog, bool newPrinter);
+
+// Fills the slot's printer fields from a row and marks the slot in use.
+void SrvPrinterLoadSlot(PrinterSlot& slot, const FieldReader& row);
+
+// Readers and writers on the printer recordset's current (or pending) row.
+FieldReader RowReader(const Recordset& rs);
+FieldWriter RowWriter(TableRecordset& rs);
+
+// The recordset's current row into the dialog (the caller seeks it first).
+void SrvPrinterFillDialog(const Recordset& rs, PrinterSettings& dialog, const QList<qint32>& typeIds = {});
+
+// Saves the dialog as a new printer in the lowest free slot; returns its Id.
+// Throws to the caller's trap (no free slot, database errors).
+qint32 SrvPrinterAddNew(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog);
+// Saves the dialog over printer EditPrinterId; returns its Id. Throws like AddNew.
+qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog);
+
+// The dialog's OK after validation: add (mode 1) or update (mode 2), refresh the
+// list row, reset EditPrinterId, then the after-save check. Returns the printer's
+// Id, or -1 when saving failed (logged). The dialog closes itself afterwards.
+qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog, int mode,
+                          PrinterRowView* list);
+
+// Asks, then deletes the printer, frees its slot and removes its list row.
+// rowText is the selected row's text; printerId its tag. True when deleted.
+bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32 printerId, const QString& rowText,
+                          PrinterRowView* list);
+
+// The slot's one-line description: "2 Kassa på COM2:".
+QString PrinterDisplayText(qint32 printerId, const QString& name, const QString& connection);
+
+} // namespace quill
