@@ -1,0 +1,196 @@
+#include "printers/linktransport.h"
+
+#include "foundation/settings.h"
+#include "foundation/strutil.h"
+
+#include <QDeadlineTimer>
+#include <QRegularExpression>
+
+namespace quill {
+
+namespace {
+
+const QString KeyPorts = QStringLiteral("SOFTWARE\\Norvu\\Brixa\\Ports");
+
+bool parsePort(const QString& text, quint16* port)
+{
+    bool ok = false;
+    const int v = text.trimmed().toInt(&ok);
+    if (!ok || v < 1 || v > 65535)
+        return false;
+    *port = quint16(v);
+    return true;
+}
+
+quint16 defaultBoxPort()
+{
+    const qint32 v = NullToLong(RegGetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwNetBoxPort")),
+                                DefaultNetBoxPort);
+    return v >= 1 && v <= 65535 ? quint16(v) : DefaultNetBoxPort;
+}
+
+LinkAddress network(const QString& host, const QString& portText, bool portGiven)
+{
+    LinkAddress a;
+    a.host = host.trimmed();
+    if (a.host.isEmpty())
+        return a;
+    if (!portGiven || portText.trimmed().isEmpty())
+        a.port = defaultBoxPort();
+    else if (!parsePort(portText, &a.port))
+        return a;
+    a.kind = LinkAddress::Network;
+    return a;
+}
+
+} // namespace
+
+LinkAddress ParseDeviceName(const QString& device)
+{
+    const QString d = device.trimmed();
+    static const QRegularExpression com(QStringLiteral("^COM([1-9]):?$"),
+                                        QRegularExpression::CaseInsensitiveOption);
+    const QRegularExpressionMatch m = com.match(d);
+    if (m.hasMatch()) {
+        LinkAddress a;
+        a.kind = LinkAddress::Serial;
+        a.comPort = m.captured(1).toInt();
+        a.path = RegGetValue(HKEY_LOCAL_MACHINE, KeyPorts, QStringLiteral("COM") + m.captured(1)).trimmed();
+        if (a.path.isEmpty())
+            a.path = QStringLiteral("/dev/ttyS%1").arg(a.comPort - 1);
+        return a;
+    }
+    const QString prefix = QStringLiteral("NETBOX:");
+    if (d.startsWith(prefix, Qt::CaseInsensitive)) {
+        const QString rest = d.mid(prefix.size());
+        const qsizetype hash = rest.indexOf(QLatin1Char('#'));
+        if (hash < 0)
+            return network(rest, {}, false);
+        return network(rest.left(hash), rest.mid(hash + 1), true);
+    }
+    const qsizetype hash = d.indexOf(QLatin1Char('#'));
+    if (hash > 0)
+        return network(d.left(hash), d.mid(hash + 1), true);
+    return {};
+}
+
+bool ParseLineSettings(const QString& text, LineSettings* settings)
+{
+    LineSettings s;
+    const QString t = text.trimmed();
+    if (t.isEmpty()) {
+        *settings = s;
+        return true;
+    }
+    const QStringList p = t.split(QLatin1Char(','));
+    bool ok = false;
+    s.baudRate = p.value(0).trimmed().toInt(&ok);
+    if (!ok || s.baudRate < 50 || s.baudRate > 4000000)
+        return false;
+    if (p.size() > 1) {
+        const QString par = p[1].trimmed().toLower();
+        if (par == QLatin1String("n") || par.isEmpty())
+            s.parity = QSerialPort::NoParity;
+        else if (par == QLatin1String("e"))
+            s.parity = QSerialPort::EvenParity;
+        else if (par == QLatin1String("o"))
+            s.parity = QSerialPort::OddParity;
+        else if (par == QLatin1String("m"))
+            s.parity = QSerialPort::MarkParity;
+        else if (par == QLatin1String("s"))
+            s.parity = QSerialPort::SpaceParity;
+        else
+            return false;
+    }
+    if (p.size() > 2 && !p[2].trimmed().isEmpty()) {
+        const int bits = p[2].trimmed().toInt(&ok);
+        if (!ok || bits < 5 || bits > 8)
+            return false;
+        s.dataBits = QSerialPort::DataBits(bits);
+    }
+    if (p.size() > 3 && !p[3].trimmed().isEmpty()) {
+        const QString sb = p[3].trimmed();
+        if (sb == QLatin1String("1"))
+            s.stopBits = QSerialPort::OneStop;
+        else if (sb == QLatin1String("1.5"))
+            s.stopBits = QSerialPort::OneAndHalfStop;
+        else if (sb == QLatin1String("2"))
+            s.stopBits = QSerialPort::TwoStop;
+        else
+            return false;
+    }
+    s.flow = QSerialPort::NoFlowControl;
+    if (p.size() > 4) {
+        const QString hs = p[4].trimmed().toLower();
+        if (hs == QLatin1String("x"))
+            s.flow = QSerialPort::SoftwareControl;
+        else if (hs == QLatin1String("r") || hs == QLatin1String("p"))
+            s.flow = QSerialPort::HardwareControl;
+    }
+    *settings = s;
+    return true;
+}
+
+QIODevice* OpenTransport(const LinkAddress& address, const LineSettings& settings, QObject* parent,
+                         QString* error)
+{
+    if (address.kind == LinkAddress::Serial) {
+        auto* port = new QSerialPort(parent);
+        port->setPortName(address.path);
+        if (!port->open(QIODevice::ReadWrite)) {
+            if (error)
+                *error = port->errorString();
+            delete port;
+            return nullptr;
+        }
+        const bool ok = port->setBaudRate(settings.baudRate) && port->setParity(settings.parity)
+            && port->setDataBits(settings.dataBits) && port->setStopBits(settings.stopBits)
+            && port->setFlowControl(settings.flow);
+        if (!ok) {
+            if (error)
+                *error = port->errorString();
+            delete port;
+            return nullptr;
+        }
+        // Whatever a previous user left unread is not ours.
+        port->clear();
+        return port;
+    }
+    if (address.kind == LinkAddress::Network) {
+        auto* socket = new QTcpSocket(parent);
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        socket->connectToHost(address.host, address.port);
+        return socket;
+    }
+    if (error)
+        *error = QStringLiteral("invalid device name");
+    return nullptr;
+}
+
+bool IsTransportConnected(const QIODevice* io)
+{
+    if (!io || !io->isOpen())
+        return false;
+    if (auto* s = qobject_cast<const QTcpSocket*>(io))
+        return s->state() == QAbstractSocket::ConnectedState;
+    return true;
+}
+
+bool WaitTransportConnected(QIODevice* io, int ms)
+{
+    if (auto* s = qobject_cast<QTcpSocket*>(io)) {
+        if (s->state() == QAbstractSocket::ConnectedState)
+            return true;
+        // waitForConnected also covers the host lookup.
+        return s->waitForConnected(ms);
+    }
+    return io && io->isOpen();
+}
+
+void SetTransportBaudRate(QIODevice* io, qint32 rate)
+{
+    if (auto* p = qobject_cast<QSerialPort*>(io))
+        p->setBaudRate(rate);
+}
+
+} // namespace quill

@@ -1,0 +1,78 @@
+#pragma once
+// Test helper: runs build/bin/mp104c-emulator as a child process and talks to
+// its control port.
+//
+//   quill::test::Emulator emu;
+//   QVERIFY2(emu.startTcp(), qPrintable(emu.errorText()));   // network box
+//   Printer_Open(emu.netDevice(), "", "m");                  // "NETBOX:127.0.0.1#<port>"
+//   emu.command("paper out");                                // "ok"
+//   QJsonObject st = emu.state();                            // parameters, counters, log...
+//   QStringList calls = emu.log();                           // ["open","status 4",...]
+//
+//   emu.startPty(9600);   // serial printer on a pty in a private temp dir;
+//   emu.mapComPort(1);    // COM1: -> the pty (per-machine Ports setting;
+//                         // call after pointing XDG_CONFIG_DIRS at a temp dir)
+//   Printer_Open("COM1:", "9600,n,8,1,x", "m");
+//
+// Options: setOutDir(dir) before start adds --out (printed labels as PNG +
+// JSON); setName(name) adds --name. stop() (or the destructor) ends the
+// process. Every wait is bounded (10 s by default).
+#include <QJsonObject>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace quill::test {
+
+class Emulator {
+public:
+    Emulator();
+    ~Emulator();
+    Emulator(const Emulator&) = delete;
+    Emulator& operator=(const Emulator&) = delete;
+
+    void setOutDir(const QString& dir) { outDir_ = dir; }
+    void setName(const QString& name) { name_ = name; }
+    void setExtraArgs(const QStringList& args) { extra_ = args; }
+
+    // Network box on 127.0.0.1 (port chosen by the emulator) plus control port.
+    bool startTcp(int baud = 9600);
+    // Serial printer on a pty (symlink in a temporary folder) plus control port.
+    bool startPty(int baud = 9600);
+    // Both at once, sharing one printer.
+    bool startBoth(int baud = 9600);
+    void stop();
+    bool running() const;
+
+    quint16 port() const { return port_; }              // network box port
+    QString ptyPath() const { return ptyPath_; }        // the symlink to the slave
+    quint16 controlPort() const { return controlPort_; }
+    QString netDevice() const;                          // "NETBOX:127.0.0.1#<port>"
+    QString bareDevice() const;                         // "127.0.0.1#<port>"
+    // Writes COM<n> = ptyPath() into the per-machine Ports settings.
+    void mapComPort(int n) const;
+
+    // One control command, one answer line (empty on failure or timeout).
+    QString command(const QString& line, int timeoutMs = 10000);
+    QJsonObject state();
+    QStringList log();
+    QString errorText() const { return error_; }
+    QString stderrText();
+
+private:
+    bool start(const QStringList& args);
+    QString bin() const;
+
+    std::unique_ptr<QProcess> process_;
+    std::unique_ptr<QTemporaryDir> dir_;
+    QTcpSocket control_;
+    QString outDir_, name_, ptyPath_, error_;
+    QStringList extra_;
+    quint16 port_ = 0, controlPort_ = 0;
+};
+
+} // namespace quill::test

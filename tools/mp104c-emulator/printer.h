@@ -1,0 +1,65 @@
+#pragma once
+// The emulated printer: parameters, counters, faults, the stored layout and
+// variables, and the answer to each link request. Shared by every connection
+// (network and pty) of one emulator process.
+#include "printers/label.h"
+#include "printers/link.h"
+
+#include <QJsonObject>
+#include <QMap>
+#include <QString>
+#include <QStringList>
+#include <array>
+
+namespace quill {
+
+class EmulatedPrinter {
+public:
+    // Per-connection state: lock and service mode end with the session.
+    struct Session {
+        bool locked = false;
+        bool serviceMode = false;
+    };
+
+    EmulatedPrinter(QString name, int baud, QString outDir);
+
+    // false: nothing is to be answered (CLOSE).
+    bool handle(const LinkFrame& request, Session& session, LinkFrame* answer);
+    // Logs a request that arrives while silent (it is received, not answered).
+    void logOnly(const LinkFrame& request);
+
+    int status() const;
+    int baud() const { return baud_; }
+    bool silent = false;
+    int delayMs = 0;
+    bool paperOut = false;
+    bool ribbonOut = false;
+    bool headUp = false;
+
+    QJsonObject state() const;
+    void clearLog() { log_.clear(); }
+
+private:
+    int print(int copies);
+    void writeLabel(int copy, int copies);
+    QString logEntry(const LinkFrame& request) const;
+
+    QString name_;
+    int baud_;
+    QString outDir_;
+    QMap<int, int> params_;
+    QMap<int, std::array<int, 5>> counters_;
+    QMap<int, QString> serviceValues_;
+    QString layoutName_;
+    QString layoutText_;
+    LabelLayout layout_;
+    bool hasLayout_ = false;
+    QMap<int, QString> variables_;
+    QStringList log_;
+    int printed_ = 0;  // labels written since start, names the output files
+};
+
+// Line speeds the emulator (and the printer) knows.
+bool IsKnownBaud(int baud);
+
+} // namespace quill
