@@ -1,0 +1,299 @@
+#include "database/jobstore.h"
+#include "database/jobdatabase.h"
+#include "foundation/eventlog.h"
+#include "foundation/strutil.h"
+#include "shell/texts.h"
+
+#include <algorithm>
+
+namespace quill {
+
+// ---------------------------------------------------------------- JobListModel
+
+JobListModel::JobListModel(QObject* parent) : QAbstractTableModel(parent) {}
+
+int JobListModel::rowCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : count(); }
+
+int JobListModel::columnCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : ColumnCount; }
+
+QVariant JobListModel::data(const QModelIndex& index, int role) const
+{
+    if (!index.isValid() || index.row() >= count() || index.column() >= ColumnCount)
+        return {};
+    const JobRow& r = rowAt(index.row());
+    switch (role) {
+    case Qt::DisplayRole:
+        switch (index.column()) {
+        case ColJob: return r.text;
+        case ColCopies: return r.copies;
+        case ColPrinter: return r.printerName;
+        case ColSender: return r.senderText;
+        }
+        break;
+    case KeyRole:
+        switch (index.column()) {
+        case ColJob: return r.rowKey();
+        case ColCopies: return r.copiesKey();
+        case ColPrinter: return r.printerKey();
+        case ColSender: return r.senderKey();
+        }
+        break;
+    case TagRole:
+        switch (index.column()) {
+        case ColJob: return r.rowTag();
+        case ColCopies: return r.copiesTag();
+        case ColPrinter: return r.printerTag();
+        case ColSender: return r.senderTag();
+        }
+        break;
+    case JobIdRole: return r.id;
+    case PrinterIdRole: return r.printerId;
+    }
+    return {};
+}
+
+QVariant JobListModel::headerData(int section, Qt::Orientation orientation, int role) const
+{
+    if (orientation != Qt::Horizontal || role != Qt::DisplayRole)
+        return QAbstractTableModel::headerData(section, orientation, role);
+    switch (section) {
+    case ColJob: return GetString(12045);
+    case ColCopies: return GetString(12046);
+    case ColPrinter: return GetString(12043);
+    case ColSender: return GetString(12047);
+    }
+    return {};
+}
+
+int JobListModel::rowOfSeq(quint64 seq) const
+{
+    auto it = std::lower_bound(rows_.begin(), rows_.end(), seq,
+                               [](const Entry& e, quint64 s) { return e.seq < s; });
+    return it != rows_.end() && it->seq == seq ? int(it - rows_.begin()) : -1;
+}
+
+int JobListModel::findJob(qint32 jobId) const
+{
+    auto it = byJob_.find(jobId);
+    if (it == byJob_.end() || it->second.empty())
+        return -1;
+    return rowOfSeq(*it->second.begin());
+}
+
+qint32 JobListModel::firstJobOf(qint32 printerId) const
+{
+    auto it = byPrinter_.find(printerId);
+    if (it == byPrinter_.end() || it->second.empty())
+        return 0;
+    const int row = rowOfSeq(*it->second.begin());
+    return row >= 0 ? rowAt(row).id : 0;
+}
+
+void JobListModel::append(const JobRow& row)
+{
+    const int at = count();
+    if (!bulk_)
+        beginInsertRows({}, at, at);
+    const quint64 seq = nextSeq_++;
+    rows_.push_back({seq, row});
+    byPrinter_[row.printerId].insert(seq);
+    byJob_[row.id].insert(seq);
+    if (!bulk_)
+        endInsertRows();
+}
+
+void JobListModel::removeRowAt(int row)
+{
+    if (row < 0 || row >= count())
+        return;
+    if (!bulk_)
+        beginRemoveRows({}, row, row);
+    const Entry& e = rows_[size_t(row)];
+    auto drop = [&](std::unordered_map<qint32, std::set<quint64>>& index, qint32 key) {
+        auto it = index.find(key);
+        if (it == index.end())
+            return;
+        it->second.erase(e.seq);
+        if (it->second.empty())
+            index.erase(it);
+    };
+    drop(byPrinter_, e.row.printerId);
+    drop(byJob_, e.row.id);
+    rows_.erase(rows_.begin() + row);
+    if (!bulk_)
+        endRemoveRows();
+}
+
+void JobListModel::clear()
+{
+    if (!bulk_)
+        beginResetModel();
+    rows_.clear();
+    byPrinter_.clear();
+    byJob_.clear();
+    if (!bulk_)
+        endResetModel();
+}
+
+void JobListModel::beginBulk()
+{
+    if (bulk_)
+        return;
+    beginResetModel();
+    bulk_ = true;
+}
+
+void JobListModel::endBulk()
+{
+    if (!bulk_)
+        return;
+    bulk_ = false;
+    endResetModel();
+}
+
+// ---------------------------------------------------------------- JobStore
+
+JobStore::JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots) : jdb_(jdb), slots_(printerSlots) {}
+
+JobRow JobStore::buildRow(qint32 id, const QString& jobText) const
+{
+    JobRow r;
+    r.id = id;
+    r.printerId = NullToLong(GetToken(jobText, TAB, 4), -1);
+    r.printerName = slots_.SrvPrinterExists(r.printerId) ? slots_.at(r.printerId).name.trimmed() : GetString(12049);
+    r.copies = QString::number(NullToLong(GetToken(jobText, TAB, 6), 1));
+    r.workstation = GetToken(jobText, TAB, 7).trimmed();
+    r.user = GetToken(jobText, TAB, 11);
+    r.senderText = r.user.isEmpty() ? r.workstation : GetString(12055, r.user + QLatin1Char('|') + r.workstation);
+    r.text = QString::number(id) + QLatin1Char(' ') + GetToken(jobText, TAB, 12);
+    return r;
+}
+
+bool JobStore::SrvAddJob(const QString& jobText)
+{
+    qint32 id = 0;
+    try {
+        TableRecordset* rs = jdb_.jobRecordset();
+        if (!rs)
+            throw Error(91, QStringLiteral("Object variable or With block variable not set"));
+        id = jdb_.SrvDBNextId(QStringLiteral("tbJob"));
+        // The row's fields are read before anything is stored.
+        const JobRow row = buildRow(id, jobText);
+        rs->AddNew();
+        rs->setField(QStringLiteral("Id"), id);
+        rs->setField(QStringLiteral("PrinterId"), row.printerId);
+        rs->setField(QStringLiteral("Job"), jobText);
+        rs->Update();
+        if (inBatch_)
+            batchJobs_.push_back(id);
+        list_.append(row);
+        return true;
+    } catch (const std::exception& e) {
+        if (TableRecordset* rs = jdb_.jobRecordset())
+            rs->CancelUpdate();
+        LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ")
+                 + errorText(e));
+        return false;
+    }
+}
+
+const JobRow& JobStore::SrvAddJobRow(const Recordset& rs)
+{
+    const qint32 id = NullToLong(rs.field(QStringLiteral("Id")), -1);
+    list_.append(buildRow(id, NullToStr(rs.field(QStringLiteral("Job")), QString())));
+    return list_.rowAt(list_.count() - 1);
+}
+
+void JobStore::SrvInitAllJobs()
+{
+    list_.beginBulk();
+    try {
+        list_.clear();
+        TableRecordset* rs = jdb_.jobRecordset();
+        if (!rs)
+            throw Error(91, QStringLiteral("Object variable or With block variable not set"));
+        if (rs->RecordCount() > 0) {
+            rs->MoveFirst();
+            while (!rs->IsEOF()) {
+                SrvAddJobRow(*rs);
+                rs->MoveNext();
+            }
+        }
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e));
+    }
+    list_.endBulk();
+}
+
+void JobStore::SrvDBDeleteJob(qint32 id)
+{
+    try {
+        if (jdb_.SrvSeekJob(id)) {
+            TableRecordset* rs = jdb_.jobRecordset();
+            rs->Delete();
+            // Moving to the first row of an emptied table is not an error here.
+            if (rs->RecordCount() > 0)
+                rs->MoveFirst();
+        }
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvDBDeleteJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ")
+                 + errorText(e));
+    }
+}
+
+void JobStore::SrvRemoveJobRow(qint32 id)
+{
+    const int row = list_.findJob(id);
+    if (row >= 0)
+        list_.removeRowAt(row);
+}
+
+void JobStore::SrvDeleteJob(qint32 id)
+{
+    SrvDBDeleteJob(id);
+    SrvRemoveJobRow(id);
+}
+
+bool JobStore::beginBatch()
+{
+    if (inBatch_)
+        return false;
+    try {
+        jdb_.database().begin();
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvAddJob failed. JId = 0 Error: ") + errorText(e));
+        return false;
+    }
+    inBatch_ = true;
+    batchJobs_.clear();
+    return true;
+}
+
+bool JobStore::commitBatch()
+{
+    if (!inBatch_)
+        return false;
+    inBatch_ = false;
+    try {
+        jdb_.database().commit();
+        batchJobs_.clear();
+        return true;
+    } catch (const std::exception& e) {
+        const QString err = errorText(e);
+        jdb_.database().rollback();
+        for (qint32 id : batchJobs_)
+            LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ") + err);
+        batchJobs_.clear();
+        // What is on disk is the truth again: re-read the keys and the queue.
+        try {
+            if (TableRecordset* rs = jdb_.jobRecordset())
+                rs->Requery();
+        } catch (const std::exception& e2) {
+            LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e2));
+        }
+        SrvInitAllJobs();
+        return false;
+    }
+}
+
+} // namespace quill

@@ -1,0 +1,142 @@
+#pragma once
+// The job store: print jobs in tbJob and, in the same order as the queue, in the
+// job list (JobListModel). The list is the queue: the print service takes each
+// printer's next job from it with SrvNextJobId.
+//
+//   JobStore store(jdb, printerSlots);            // jdb: JobDatabase with the job recordset open
+//   store.SrvInitAllJobs();                // start-up: list rebuilt from tbJob
+//   store.SrvAddJob(requestText);          // stored and committed, row appended
+//   qint32 next = store.SrvNextJobId(2);   // 0 when printer 2 has no job
+//   store.SrvDeleteJob(next);              // printed: row and list entry gone
+//   view->setModel(&store.jobList());
+//
+// Grouping: requests that arrive together may share one commit.
+//   store.beginBatch(); store.SrvAddJob(a); store.SrvAddJob(b);
+//   if (store.commitBatch()) reply "OK" to both.
+// A job is durable (fsync'd) once SrvAddJob returns outside a batch, or once
+// commitBatch() returns true.
+#include "service/slots.h"
+
+#include <QAbstractTableModel>
+#include <QString>
+
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+namespace quill {
+
+class JobDatabase;
+class Recordset;
+
+// One row of the job list, with the keys and tags of its columns.
+struct JobRow {
+    qint32 id = 0;          // row tag
+    QString text;           // id, a blank and the caption
+    QString copies;         // column "Kopior"
+    QString printerName;    // column "Skrivare"
+    qint32 printerId = -1;  // printer tag
+    QString senderText;     // column "Arbetsstation"
+    QString workstation;
+    QString user;
+
+    QString rowKey() const { return QStringLiteral("J") + QString::number(id); }
+    QString rowTag() const { return QString::number(id); }
+    QString copiesKey() const { return QStringLiteral("S1"); }
+    QString copiesTag() const { return QStringLiteral("1"); }
+    QString printerKey() const { return QStringLiteral("P") + QString::number(printerId); }
+    QString printerTag() const { return QString::number(printerId); }
+    QString senderKey() const { return QStringLiteral("UW|") + workstation + QLatin1Char('|') + user; }
+    QString senderTag() const { return workstation + QLatin1Char('|') + user; }
+};
+
+// The job list: four columns "Jobb", "Kopior", "Skrivare", "Arbetsstation", one row
+// per queued job in queue order. Read-only for views; changed through JobStore.
+class JobListModel : public QAbstractTableModel {
+    Q_OBJECT
+public:
+    enum Column { ColJob = 0, ColCopies, ColPrinter, ColSender, ColumnCount };
+    enum Role {
+        KeyRole = Qt::UserRole + 1, // key of the cell's column part ("J5", "S1", "P2", "UW|ws|user")
+        TagRole,                    // tag of the cell's column part ("5", "1", "2", "ws|user")
+        JobIdRole,                  // the row's job id (int)
+        PrinterIdRole,              // the row's printer id (int)
+    };
+
+    explicit JobListModel(QObject* parent = nullptr);
+
+    int rowCount(const QModelIndex& parent = {}) const override;
+    int columnCount(const QModelIndex& parent = {}) const override;
+    QVariant data(const QModelIndex& index, int role = Qt::DisplayRole) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
+
+    int count() const { return int(rows_.size()); }
+    const JobRow& rowAt(int row) const { return rows_.at(size_t(row)).row; }
+    // Row of the first entry whose tag is the job id; -1 when none.
+    int findJob(qint32 jobId) const;
+    // First job of the printer in list order; 0 when it has none.
+    qint32 firstJobOf(qint32 printerId) const;
+
+    void append(const JobRow& row);
+    void removeRowAt(int row);
+    void clear();
+
+    // Many appends as one model reset (start-up rebuild).
+    void beginBulk();
+    void endBulk();
+
+private:
+    struct Entry {
+        quint64 seq; // rises with every append, so list order is seq order
+        JobRow row;
+    };
+    int rowOfSeq(quint64 seq) const;
+
+    std::vector<Entry> rows_;
+    quint64 nextSeq_ = 0;
+    bool bulk_ = false;
+    std::unordered_map<qint32, std::set<quint64>> byPrinter_;
+    std::unordered_map<qint32, std::set<quint64>> byJob_;
+};
+
+class JobStore {
+public:
+    JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots);
+
+    JobListModel& jobList() { return list_; }
+
+    // Stores the request text as a new job and appends its row. Traps its errors
+    // ("SrvAddJob failed. JId = ..."); false when the job was not stored.
+    bool SrvAddJob(const QString& jobText);
+    // Clears the list and fills it from the job recordset in Id order.
+    void SrvInitAllJobs();
+    // Appends the row of the job the recordset stands on. Throws to the caller's trap.
+    const JobRow& SrvAddJobRow(const Recordset& rs);
+    // Deletes the job row of tbJob (nothing when absent). Traps its errors.
+    void SrvDBDeleteJob(qint32 id);
+    // Removes the job's entry from the list (nothing when absent).
+    void SrvRemoveJobRow(qint32 id);
+    void SrvDeleteJob(qint32 id);
+    // Next job of the printer in queue order; 0 when none.
+    qint32 SrvNextJobId(qint32 printerId) const { return list_.firstJobOf(printerId); }
+
+    // Groups the jobs stored until commitBatch() into one transaction. False when a
+    // batch is already open or the transaction cannot start.
+    bool beginBatch();
+    // Commits the batch; on failure it is rolled back, the list is rebuilt from
+    // what is on disk, each job of the batch is logged as failed, and false returned.
+    bool commitBatch();
+    bool inBatch() const { return inBatch_; }
+
+    // The row SrvAddJob would show for a job text (no database access).
+    JobRow buildRow(qint32 id, const QString& jobText) const;
+
+private:
+    JobDatabase& jdb_;
+    const PrinterSlots& slots_;
+    JobListModel list_;
+    bool inBatch_ = false;
+    std::vector<qint32> batchJobs_;
+};
+
+} // namespace quill

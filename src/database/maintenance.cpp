@@ -1,0 +1,372 @@
+// Start-up maintenance of brixa.mdb: backup, integrity check, compaction through
+// brixa_compact.mdb, then open. Each step may fail on its own; the database is
+// then opened as it is.
+//
+// The database runs in WAL mode, so the main file alone is not the database while
+// a -wal file holds committed pages (after a crash, for instance). Before the main
+// file is copied or deleted it is checkpointed, and no step touches it while its
+// -wal still holds data. Copies are fsync'd, and the folder with them, before the
+// next step relies on them.
+#include "database/jobdatabase.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/paths.h"
+#include "shell/texts.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QSqlRecord>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quill {
+
+namespace {
+
+Error errnoError(int err)
+{
+    return Error(err, QString::fromLocal8Bit(std::strerror(err)));
+}
+
+// TEST ONLY: QUILL_MAINTENANCE_CRASH_AFTER=<step> ends the process with _exit(99)
+// right after that step has completed (backup, repair, compact1 .. compact5), so
+// the tests can check what a crash at each point leaves on disk.
+void crashPoint(const char* step)
+{
+    static const QByteArray crashAfter = qgetenv("QUILL_MAINTENANCE_CRASH_AFTER");
+    if (!crashAfter.isEmpty() && crashAfter == step)
+        ::_exit(99);
+}
+
+bool exists(const QString& path)
+{
+    struct stat st;
+    return ::lstat(QFile::encodeName(path).constData(), &st) == 0;
+}
+
+qint64 fileSize(const QString& path)
+{
+    struct stat st;
+    if (::stat(QFile::encodeName(path).constData(), &st) != 0)
+        return -1;
+    return qint64(st.st_size);
+}
+
+void removeFile(const QString& path)
+{
+    if (::unlink(QFile::encodeName(path).constData()) != 0 && errno != ENOENT)
+        throw errnoError(errno);
+}
+
+void syncPath(const QString& path, bool directory)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), directory ? (O_RDONLY | O_DIRECTORY) : O_RDONLY);
+    if (fd < 0)
+        throw errnoError(errno);
+    const int rc = ::fsync(fd);
+    const int err = errno;
+    ::close(fd);
+    if (rc != 0)
+        throw errnoError(err);
+}
+
+void syncFolder() { syncPath(HomeDir(), true); }
+
+// Copies src to a new file dst and fsyncs it; a failed copy leaves no dst.
+void copyFileDurable(const QString& src, const QString& dst)
+{
+    const int in = ::open(QFile::encodeName(src).constData(), O_RDONLY);
+    if (in < 0)
+        throw errnoError(errno);
+    const int out = ::open(QFile::encodeName(dst).constData(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (out < 0) {
+        const int err = errno;
+        ::close(in);
+        throw errnoError(err);
+    }
+    int err = 0;
+    char buf[1 << 16];
+    for (;;) {
+        const ssize_t n = ::read(in, buf, sizeof buf);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            err = errno;
+            break;
+        }
+        if (n == 0)
+            break;
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w = ::write(out, buf + done, size_t(n - done));
+            if (w < 0) {
+                if (errno == EINTR)
+                    continue;
+                err = errno;
+                break;
+            }
+            done += w;
+        }
+        if (err)
+            break;
+    }
+    if (!err && ::fsync(out) != 0)
+        err = errno;
+    ::close(in);
+    if (::close(out) != 0 && !err)
+        err = errno;
+    if (err) {
+        ::unlink(QFile::encodeName(dst).constData());
+        throw errnoError(err);
+    }
+}
+
+// A plain connection for the maintenance steps: no pragmas, nothing changed on open.
+class FileConnection {
+public:
+    explicit FileConnection(const QString& path)
+    {
+        static int counter = 0;
+        name_ = QStringLiteral("quillmaint-%1").arg(++counter);
+        db_ = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name_);
+        db_.setDatabaseName(path);
+        db_.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=2000"));
+        if (!db_.open()) {
+            Error e = SqlError(db_.lastError());
+            release();
+            throw e;
+        }
+    }
+    ~FileConnection() { release(); }
+
+    QStringList rows(const QString& sql)
+    {
+        QSqlQuery q(db_);
+        q.setForwardOnly(true);
+        if (!q.exec(sql))
+            throw SqlError(q.lastError());
+        QStringList out;
+        while (q.next()) {
+            QStringList cols;
+            for (int i = 0; i < q.record().count(); ++i)
+                cols << q.value(i).toString();
+            out << cols.join(QLatin1Char('|'));
+        }
+        return out;
+    }
+
+private:
+    void release()
+    {
+        if (db_.isOpen())
+            db_.close();
+        db_ = QSqlDatabase();
+        QSqlDatabase::removeDatabase(name_);
+    }
+    QSqlDatabase db_;
+    QString name_;
+};
+
+// Brings every committed page of a WAL database into its main file. Afterwards
+// the main file alone is the whole database, or this throws.
+void checkpoint(const QString& path)
+{
+    const QString wal = path + QStringLiteral("-wal");
+    if (!exists(wal) && !exists(path + QStringLiteral("-shm")) && !exists(path + QStringLiteral("-journal")))
+        return;
+    {
+        FileConnection c(path);
+        // Reading the schema also rolls back a hot rollback journal.
+        c.rows(QStringLiteral("SELECT count(*) FROM sqlite_master"));
+        const QStringList r = c.rows(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
+        if (!r.isEmpty() && r.first().startsWith(QLatin1Char('1')))
+            throw Error(5, QStringLiteral("database is locked"));
+    }
+    if (fileSize(wal) > 0)
+        throw Error(5, QStringLiteral("database is locked (its write-ahead log still holds data)"));
+}
+
+void integrityCheck(const QString& path)
+{
+    FileConnection c(path);
+    const QStringList r = c.rows(QStringLiteral("PRAGMA integrity_check"));
+    if (r != QStringList{QStringLiteral("ok")})
+        throw Error(11, QStringLiteral("database disk image is malformed: ")
+                            + (r.isEmpty() ? QStringLiteral("no result") : r.first()));
+}
+
+void compactInto(const QString& path, const QString& target)
+{
+    FileConnection c(path);
+    QString quoted = target;
+    quoted.replace(QLatin1Char('\''), QLatin1String("''"));
+    c.rows(QStringLiteral("VACUUM INTO '") + quoted + QLatin1Char('\''));
+}
+
+QString checkInstallationText()
+{
+    return GetString(12029, GetString(9003));
+}
+
+// brixa.mda names the record engine; a file naming another engine cannot be used.
+void checkAccountFile(const QString& path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        throw Error(3028, QStringLiteral("Can't start your application. The workgroup information file can't be read: ")
+                              + f.errorString());
+    const QList<QByteArray> lines = f.readAll().split('\n');
+    for (const QByteArray& raw : lines) {
+        const QByteArray line = raw.trimmed();
+        if (!line.toLower().startsWith("engine="))
+            continue;
+        const QByteArray engine = line.mid(7).trimmed().toLower();
+        if (engine != "sqlite")
+            throw Error(3028, QStringLiteral("Can't start your application. The workgroup information file names the engine ")
+                                  + QString::fromUtf8(engine) + QLatin1Char('.'));
+    }
+}
+
+} // namespace
+
+bool JobDatabase::SrvOpenDatabases()
+{
+    const QString mda = HomePath(QString::fromLatin1(AccountFileName));
+    const QString mdb = HomePath(QString::fromLatin1(DatabaseFileName));
+    const QString backup = HomePath(QString::fromLatin1(BackupFileName));
+    const QString compact = HomePath(QString::fromLatin1(CompactFileName));
+
+    try {
+        if (!exists(mda)) {
+            LogWrite(QStringLiteral("SrvOpenDatabases failed. Can't find file brixa.mda."));
+            MsgBoxUnlessSilent(GetString(12030) + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Exclamation);
+            return false;
+        }
+        checkAccountFile(mda);
+        if (!exists(mdb)) {
+            LogWrite(QStringLiteral("SrvOpenDatabases failed. Can't find file brixa.mdb."));
+            MsgBoxUnlessSilent(GetString(12031) + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Exclamation);
+            return false;
+        }
+
+        // Each step either completes or logs its warning and skips the rest; false
+        // only when brixa.mdb is gone and the start must end.
+        const bool canOpen = [&] {
+            try {
+                if (exists(backup))
+                    removeFile(backup);
+                checkpoint(mdb);
+                copyFileDurable(mdb, backup);
+                syncFolder();
+            } catch (const std::exception& e) {
+                LogWrite(QStringLiteral("Warning SrvOpenDatabases Backup database failed. Error: ") + errorText(e));
+                return true;
+            }
+            crashPoint("backup");
+
+            try {
+                integrityCheck(mdb);
+            } catch (const std::exception& e) {
+                LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database failed. Error: ") + errorText(e));
+                return true;
+            }
+            crashPoint("repair");
+
+            try {
+                if (exists(compact))
+                    removeFile(compact);
+                syncFolder();
+            } catch (const std::exception& e) {
+                LogWrite(QStringLiteral("Warning SrvOpenDatabases Compact database Step 1 - Failed to delete "
+                                        "brixa_compact.mdb. Error: ")
+                         + errorText(e));
+                return true;
+            }
+            crashPoint("compact1");
+
+            try {
+                compactInto(mdb, compact);
+                // VACUUM INTO does not sync what it wrote.
+                syncPath(compact, false);
+                syncFolder();
+            } catch (const std::exception& e) {
+                LogWrite(QStringLiteral("Warning SrvOpenDatabases Compact database Step 2 - Failed to compact "
+                                        "brixa.mdb to brixa_compact.mdb. Error: ")
+                         + errorText(e));
+                return true;
+            }
+            crashPoint("compact2");
+
+            try {
+                if (exists(mdb)) {
+                    checkpoint(mdb);
+                    removeFile(mdb + QStringLiteral("-wal"));
+                    removeFile(mdb + QStringLiteral("-shm"));
+                    removeFile(mdb);
+                    syncFolder();
+                }
+            } catch (const std::exception& e) {
+                LogWrite(QStringLiteral("Warning SrvOpenDatabases Compact database Step 3 - Failed to delete "
+                                        "brixa.mdb. Error: ")
+                         + errorText(e));
+                return true;
+            }
+            crashPoint("compact3");
+
+            // Copied under another name and renamed, so brixa.mdb is never a partial file.
+            const QString restoring = HomePath(QStringLiteral("brixa_restore.tmp"));
+            try {
+                removeFile(restoring);
+                copyFileDurable(compact, restoring);
+                if (::rename(QFile::encodeName(restoring).constData(), QFile::encodeName(mdb).constData()) != 0)
+                    throw errnoError(errno);
+                syncFolder();
+            } catch (const std::exception& e) {
+                ::unlink(QFile::encodeName(restoring).constData());
+                const QString err = errorText(e);
+                LogWrite(QStringLiteral("SrvOpenDatabases Compact database Step 4 - Failed to copy brixa_compact.mdb "
+                                        "to brixa.mdb. Error: ")
+                         + err);
+                MsgBoxUnlessSilent(QStringLiteral("SrvOpenDatabases - Failed to restore the brixa database after "
+                                                  "repair and compact. Error: ")
+                                       + err + QLatin1Char('\n') + GetString(12137),
+                                   BoxIcon::None);
+                return false; // the start ends here
+            }
+            crashPoint("compact4");
+
+            try {
+                if (exists(compact))
+                    removeFile(compact);
+                syncFolder();
+            } catch (const std::exception& e) {
+                LogWrite(QStringLiteral("Warning SrvOpenDatabases Compact database Step 5 - Failed to delete "
+                                        "brixa_compact.mdb. Error: ")
+                         + errorText(e));
+            }
+            crashPoint("compact5");
+            return true;
+        }();
+        if (!canOpen) {
+            SrvCloseDatabases();
+            return false;
+        }
+
+        db_.open(mdb);
+        return true;
+    } catch (const std::exception& e) {
+        const QString text = QStringLiteral("SrvOpenDatabases failed. Error: ") + errorText(e);
+        LogWrite(text);
+        MsgBoxUnlessSilent(text + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Critical);
+        SrvCloseDatabases();
+        return false;
+    }
+}
+
+} // namespace quill
