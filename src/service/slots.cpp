@@ -41,6 +41,22 @@ void PrinterSlots::SrvSetPrinterStatus(qint32 n, qint32 code, const QString& tex
     s.status = code;
     s.statusText = FixedText(text, 255);
     s.statusTime = QDateTime::currentDateTime();
+    // A copy: an observer may add or remove observers.
+    const auto observers = observers_;
+    for (const auto& o : observers)
+        o.second(n);
+}
+
+int PrinterSlots::addStatusObserver(std::function<void(qint32 n)> fn)
+{
+    const int handle = nextObserver_++;
+    observers_.emplace_back(handle, std::move(fn));
+    return handle;
+}
+
+void PrinterSlots::removeStatusObserver(int handle)
+{
+    std::erase_if(observers_, [handle](const auto& o) { return o.first == handle; });
 }
 
 } // namespace quill

@@ -2,6 +2,8 @@
 #include <QDateTime>
 #include <QString>
 #include <array>
+#include <functional>
+#include <vector>
 
 namespace quill {
 
@@ -52,10 +54,17 @@ public:
     const PrinterSlot& at(qint32 index) const;
 
     // The only way a status changes: the current status becomes the previous one.
+    // Observers hear of every change (after it is made), whoever made it.
     void SrvSetPrinterStatus(qint32 n, qint32 code, const QString& text);
+
+    // Returns a handle for removeStatusObserver.
+    int addStatusObserver(std::function<void(qint32 n)> fn);
+    void removeStatusObserver(int handle);
 
 private:
     std::array<PrinterSlot, UpperBound + 1> slots_{};
+    std::vector<std::pair<int, std::function<void(qint32)>>> observers_;
+    int nextObserver_ = 1;
 };
 
 } // namespace quill

@@ -1,0 +1,477 @@
+#include "service/printservice.h"
+
+#include "database/jobdatabase.h"
+#include "database/jobstore.h"
+#include "database/printerload.h"
+#include "foundation/error.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/paths.h"
+#include "foundation/strutil.h"
+#include "service/slots.h"
+#include "shell/texts.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QThread>
+
+namespace quill {
+
+namespace {
+
+constexpr int ErrObjectNotSet = 91;
+
+QString trappedText(const std::exception& e)
+{
+    if (const auto* q = dynamic_cast<const Error*>(&e))
+        return q->text();
+    return errorText(e);
+}
+
+QString beforeHash(const QString& s)
+{
+    const qsizetype h = s.indexOf(QLatin1Char('#'));
+    return h < 0 ? s : s.left(h);
+}
+
+QString afterHash(const QString& s)
+{
+    const qsizetype h = s.indexOf(QLatin1Char('#'));
+    return h < 0 ? QString() : s.mid(h + 1);
+}
+
+// Port and Settings of a driver for a slot's connection.
+void connectionTexts(const PrinterSlot& record, QString* port, QString* settings)
+{
+    const QString cs = record.connectionString;
+    switch (record.connectionType) {
+    case 1:
+        *port = beforeHash(cs).trimmed();
+        *settings = (afterHash(cs) + QStringLiteral(",n,8,1,x")).trimmed();
+        break;
+    case 2:
+        *port = (QStringLiteral("NETBOX:") + cs).trimmed();
+        settings->clear();
+        break;
+    default:
+        port->clear();
+        settings->clear();
+        break;
+    }
+}
+
+MP104C* need(MP104C* obj)
+{
+    if (!obj)
+        throw Error(ErrObjectNotSet, QStringLiteral("Object variable or With block variable not set"));
+    return obj;
+}
+
+} // namespace
+
+PrintService::PrintService(PrinterSlots& slotTable, JobDatabase& jdb, JobStore& store, QObject* parent)
+    : QObject(parent), slots_(slotTable), jdb_(jdb), store_(store), list_(slotTable)
+{
+    factory_ = [](QObject* p) { return new MP104C(p); };
+    for (int k = 0; k < int(jobTimers_.size()); ++k) {
+        jobTimers_[k].setInterval(JobTimerInterval);
+        connect(&jobTimers_[k], &QTimer::timeout, this, [this, k] { jobTimerTick(k); });
+    }
+    statusTimer_.setInterval(statusIntervalMs_);
+    connect(&statusTimer_, &QTimer::timeout, this, &PrintService::statusPass);
+    observer_ = slots_.addStatusObserver([this](qint32 n) {
+        const PrinterSlot& s = slots_.at(n);
+        emit printerStatusChanged(n, s.status, s.statusText.trimmed());
+    });
+}
+
+PrintService::~PrintService()
+{
+    slots_.removeStatusObserver(observer_);
+    releaseDrivers();
+}
+
+void PrintService::MainAddAndInitAllPrinters()
+{
+    list_.clear();
+    const QVector<qint32> ids = quill::MainAddAndInitAllPrinters(jdb_, slots_);
+    for (qint32 id : ids)
+        list_.addPrinter(id);
+}
+
+// ---------------------------------------------------------------- drivers
+
+MP104C* PrintService::MainSetQuillmotorRef(int n) const
+{
+    return n >= 1 && n <= 5 ? drivers_[n] : nullptr;
+}
+
+bool PrintService::CreateQuillmotor(int n)
+{
+    delete drivers_[n];
+    drivers_[n] = nullptr;
+
+    MP104C* obj = nullptr;
+    bool failed = false;
+    Error last(0, QString());
+    auto attempt = [&] {
+        failed = false;
+        try {
+            obj = factory_(this);
+        } catch (const Error& e) {
+            failed = true;
+            last = e;
+        } catch (const std::exception& e) {
+            failed = true;
+            last = Error(0, QString::fromUtf8(e.what()));
+        }
+    };
+    attempt();
+    if (!(failed && last.number == 441)) {
+        QElapsedTimer since;
+        since.start();
+        while (!obj && since.elapsed() < retryWindowMs_) {
+            QCoreApplication::processEvents();
+            QThread::msleep(20);
+            attempt();
+        }
+    }
+    if (obj && !failed) {
+        drivers_[n] = obj;
+        connect(obj, &MP104C::MPCheckFinished, this, [this, n] { MainUpdatePrinterStatusAfterMPCheck(drivers_[n], n); });
+        connect(obj, &MP104C::MPPrintJobFinished, this,
+                [this, n] { MainUpdatePrinterStatusAfterMPPrintJob(MainSetQuillmotorRef(n), n); });
+        return true;
+    }
+    if (!failed && !obj)
+        last = Error(0, QString());
+    const QString line = QStringLiteral("CreateQuillmotor%1 failed. Error: ").arg(n) + last.text();
+    LogWrite(line);
+    MsgBoxUnlessSilent(line + QStringLiteral("\r\r") + GetString(12018) + QStringLiteral("\r") + GetString(12019),
+                       BoxIcon::Critical);
+    delete obj;
+    return false;
+}
+
+bool PrintService::MainCreateQuillmotors()
+{
+    try {
+        for (int n = 1; n <= 5; ++n)
+            if (!CreateQuillmotor(n))
+                return false;
+        return true;
+    } catch (const std::exception& e) {
+        const QString line = QStringLiteral("MainCreateQuillmotors failed. Error: ") + trappedText(e);
+        LogWrite(line);
+        MsgBoxUnlessSilent(line + QStringLiteral("\r\r") + GetString(12018) + QStringLiteral("\r") + GetString(12019),
+                           BoxIcon::Critical);
+        return false;
+    }
+}
+
+void PrintService::releaseDrivers()
+{
+    for (MP104C*& d : drivers_) {
+        if (!d)
+            continue;
+        d->disconnect(this);
+        delete d;
+        d = nullptr;
+    }
+}
+
+void PrintService::MainSetQuillmotorConnection(MP104C* obj, const PrinterSlot& record)
+{
+    // The driver serves the two MP104C types only.
+    if (record.printerTypeId != 1 && record.printerTypeId != 2)
+        return;
+    need(obj)->setPrinterId(record.printerId);
+    QString port, settings;
+    connectionTexts(record, &port, &settings);
+    obj->setPort(port);
+    obj->setSettings(settings);
+}
+
+qint32 PrintService::currentTemplate(qint32 printerId)
+{
+    if (!jdb_.SrvSeekPrinter(printerId))
+        return 0;
+    TableRecordset* rs = jdb_.printerRecordset();
+    SrvPopulateRecordset(*rs);
+    return NullToLong(rs->field(QStringLiteral("CurrentTemplateId")), 0);
+}
+
+void PrintService::MainSetQuillmotorJob(MP104C* obj, qint32 templateId, qint32 jobId, const QString& jobData)
+{
+    need(obj)->setTemplateId(templateId);
+    obj->setJobId(jobId);
+    obj->setJobData(jobData);
+    const qint32 current = currentTemplate(obj->PrinterId());
+    obj->setNewTemplate(obj->TemplateId() != current);
+}
+
+// ---------------------------------------------------------- service control
+
+bool PrintService::SrvStartService()
+{
+    try {
+        for (int k = 0; k < PrinterSlots::UpperBound - 1; ++k)
+            jobTimers_.at(size_t(k)).start();
+        return true;
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvStartService failed. Error: ") + trappedText(e));
+        return false;
+    }
+}
+
+void PrintService::SrvStopService()
+{
+    for (QTimer& t : jobTimers_)
+        t.stop();
+}
+
+bool PrintService::startService()
+{
+    if (running_)
+        return true;
+    if (SrvStartService()) {
+        running_ = true;
+        emit serviceStateChanged(true);
+        return true;
+    }
+    SrvStopService();
+    running_ = false;
+    MsgBoxUnlessSilent(GetString(12007) + QStringLiteral("\r") + GetString(12008), BoxIcon::Information);
+    emit serviceStateChanged(false);
+    emit serviceStartFailed();
+    return false;
+}
+
+void PrintService::stopService()
+{
+    SrvStopService();
+    const bool was = running_;
+    running_ = false;
+    if (was)
+        emit serviceStateChanged(false);
+}
+
+void PrintService::toggleService()
+{
+    if (running_)
+        stopService();
+    else
+        startService();
+}
+
+bool PrintService::jobTimerActive(int k) const
+{
+    return k >= 0 && k < int(jobTimers_.size()) && jobTimers_[k].isActive();
+}
+
+void PrintService::shutdown()
+{
+    stopService();
+    statusTimer_.stop();
+    releaseDrivers();
+}
+
+bool PrintService::SrvTemplateOK(qint32 templateId, qint32 mode) const
+{
+    if (templateOk_)
+        return templateOk_(templateId, mode);
+    auto inDb = [&] { return jdb_.SrvTemplateInDB(templateId); };
+    auto file = [&] { return QFileInfo::exists(HomePath(QString::number(templateId) + QStringLiteral(".lbl"))); };
+    switch (mode) {
+    case 1: return file();
+    case 2: return inDb() && file();
+    default: return inDb();
+    }
+}
+
+// ---------------------------------------------------------------- job timer
+
+void PrintService::reenableJobTimer(int n)
+{
+    if (running_ && n >= 1 && n <= int(jobTimers_.size()))
+        jobTimers_[n - 1].start();
+}
+
+void PrintService::jobTimerTick(int k)
+{
+    QTimer& timer = jobTimers_[k];
+    timer.stop();
+    const qint32 p = k + 1;
+    try {
+        if (slots_.SrvPrinterExists(p) && slots_.at(p).status == StatusReady) {
+            MP104C* obj = need(MainSetQuillmotorRef(p));
+            // A check still under way in the driver would answer for a job it
+            // has not printed yet: the job waits for it.
+            const qint32 j = obj->busy() ? 0 : store_.SrvNextJobId(p);
+            if (j >= 1 && jdb_.SrvSeekJob(j)) {
+                const QString text = NullToStr(jdb_.jobRecordset()->field(QStringLiteral("Job")), QString());
+                if (NullToLong(GetToken(text, TAB, 4), -1) == p) {
+                    const QString op = GetToken(text, TAB, 3);
+                    const qint32 templateId = NullToLong(GetToken(text, TAB, 5), -1);
+                    const qint32 mode = NullToLong(GetToken(text, TAB, 8), 0);
+                    if (op == QLatin1String("P") && SrvTemplateOK(templateId, mode)
+                        && slots_.at(p).status == StatusReady) {
+                        setStatus(p, StatusWorking, GetString(12077));
+                        MainSetQuillmotorConnection(obj, slots_.at(p));
+                        MainSetQuillmotorJob(obj, templateId, j, text);
+                        if (obj->MPPrintJob()) {
+                            emit jobStarted(p, j);
+                            return; // the timer waits for the end of the run
+                        }
+                    }
+                }
+            }
+        }
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("JobTimer failed.  PId = ") + QString::number(p) + QStringLiteral(" Error: ")
+                 + trappedText(e));
+    }
+    if (running_)
+        timer.start();
+}
+
+// ------------------------------------------------------------ status polling
+
+void PrintService::setStatus(qint32 n, qint32 code, const QString& text)
+{
+    slots_.SrvSetPrinterStatus(n, code, text);
+}
+
+void PrintService::setStatusInterval(int ms)
+{
+    statusIntervalMs_ = ms > 0 ? ms : DefaultStatusInterval;
+    statusTimer_.setInterval(statusIntervalMs_);
+}
+
+void PrintService::setRecheckLimits(int checkingMs, int workingMs)
+{
+    checkingLimitMs_ = qMax(0, checkingMs);
+    workingLimitMs_ = qMax(0, workingMs);
+}
+
+int PrintService::checkingLimit() const
+{
+    return checkingLimitMs_ > 0 ? checkingLimitMs_ : statusIntervalMs_;
+}
+
+int PrintService::workingLimit() const
+{
+    return workingLimitMs_ > 0 ? workingLimitMs_ : 2 * statusIntervalMs_;
+}
+
+void PrintService::enableStatusTimer()
+{
+    statusTimer_.start();
+}
+
+void PrintService::statusPass()
+{
+    try {
+        for (qint32 n = 1; n < PrinterSlots::UpperBound; ++n)
+            if (slots_.SrvPrinterExists(n))
+                MainCheckPrinterStatus(n);
+    } catch (const std::exception&) {
+        LogWrite(QStringLiteral("Error detected in tmrStatus_Timer."));
+    }
+}
+
+void PrintService::MainCheckPrinterStatus(qint32 n)
+{
+    const PrinterSlot& record = slots_.at(n);
+    switch (record.status) {
+    case StatusWorking:
+    case StatusChecking: {
+        const qint64 elapsed = record.statusTime.msecsTo(QDateTime::currentDateTime());
+        const int limit = record.status == StatusChecking ? checkingLimit() : workingLimit();
+        if (elapsed >= limit) {
+            // Asked again; the status time stays, so every later pass asks too.
+            MP104C* obj = need(MainSetQuillmotorRef(record.printerId));
+            MainSetQuillmotorConnection(obj, record);
+            obj->MPCheck();
+        }
+        break;
+    }
+    case StatusReady:
+    case StatusError: {
+        setStatus(n, StatusChecking, GetString(12050));
+        const qint32 id = record.printerId;
+        if (id >= 1 && id <= 5) {
+            MP104C* obj = need(MainSetQuillmotorRef(id));
+            obj->setPrinterId(id);
+            if (record.connectionType == 1 || record.connectionType == 2) {
+                QString port, settings;
+                connectionTexts(record, &port, &settings);
+                obj->setPort(port);
+                obj->setSettings(settings);
+            }
+            obj->MPCheck();
+        }
+        break;
+    }
+    case StatusPassive:
+        setStatus(n, StatusPassive, GetString(12052));
+        break;
+    default:
+        break;
+    }
+}
+
+void PrintService::MainUpdatePrinterStatusAfterMPCheck(MP104C* obj, int n)
+{
+    if (!obj)
+        return;
+    const QString result = obj->Result();
+    const bool ok = GetToken(result, TAB, 1) == QLatin1String("OK");
+    try {
+        if (ok)
+            setStatus(n, StatusReady, GetString(12051));
+        else
+            setStatus(n, StatusError, GetToken(result, TAB, 2));
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("MainUpdatePrinterStatusAfterMPCheck failed.  PId = ") + QString::number(n)
+                 + QStringLiteral(" Error: ") + trappedText(e));
+    }
+    emit checkFinished(n, ok, result);
+}
+
+void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(MP104C* obj, int n)
+{
+    if (!obj)
+        return;
+    obj->setNewTemplate(false);
+    const QString result = obj->Result();
+    const bool ok = GetToken(result, TAB, 1) == QLatin1String("OK");
+    const qint32 jobId = obj->JobId();
+    try {
+        if (ok) {
+            store_.SrvDeleteJob(jobId);
+            if (jdb_.SrvSeekPrinter(obj->PrinterId())) {
+                TableRecordset* rs = jdb_.printerRecordset();
+                SrvPopulateRecordset(*rs);
+                rs->Edit();
+                rs->setField(QStringLiteral("CurrentTemplateId"), obj->TemplateId());
+                rs->Update();
+            }
+            setStatus(n, StatusReady, GetString(12051));
+        } else {
+            setStatus(n, StatusError, GetToken(result, TAB, 2));
+        }
+    } catch (const std::exception& e) {
+        // The slot keeps its status: the status pass asks the printer again
+        // once the Working limit has passed.
+        LogWrite(QStringLiteral("MainUpdatePrinterStatusAfterMPPrintJob failed.  PId = ") + QString::number(n)
+                 + QStringLiteral(" Error: ") + trappedText(e));
+        if (TableRecordset* rs = jdb_.printerRecordset(); rs && rs->editing())
+            rs->CancelUpdate();
+    }
+    emit jobFinished(n, jobId, ok, result);
+    reenableJobTimer(n);
+}
+
+} // namespace quill

@@ -1,0 +1,144 @@
+#pragma once
+// The print service: the five driver objects, the job timers that hand each
+// ready printer its oldest job, the handling of print and check results, and
+// the status pass that asks every printer how it is.
+//
+//   PrintService svc(slotTable, jdb, store);
+//   if (!svc.MainCreateQuillmotors()) fail;          // start-up
+//   ... printers loaded into the slots, svc.printerList().reload() ...
+//   svc.enableStatusTimer(); ReConfigCOMPrinters(slotTable); svc.statusPass();
+//   svc.startService();                               // operator / auto-start
+//   ...
+//   svc.shutdown();                                   // stop, release drivers
+//
+// Status pass and limits: the pass runs every statusInterval() ms (60000 by
+// default). A printer stays Checking for checkingLimit() and Working for
+// workingLimit() before its driver is asked again; unless set explicitly the
+// limits are one and two status intervals (60 s and 120 s by default).
+#include "service/printerlistmodel.h"
+#include "service/quillmotor.h"
+
+#include <QObject>
+#include <QTimer>
+
+#include <array>
+#include <functional>
+
+namespace quill {
+
+class JobDatabase;
+class JobStore;
+class PrinterSlots;
+struct PrinterSlot;
+
+class PrintService : public QObject {
+    Q_OBJECT
+public:
+    static constexpr int JobTimerInterval = 200;
+    static constexpr int DefaultStatusInterval = 60000;
+
+    PrintService(PrinterSlots& slotTable, JobDatabase& jdb, JobStore& store, QObject* parent = nullptr);
+    ~PrintService() override;
+
+    PrinterListModel& printerList() { return list_; }
+    // Loads every tbPrinter row into its slot (Ready or Passive) and rebuilds
+    // the printer list. Throws to the caller's trap, as start-up expects.
+    void MainAddAndInitAllPrinters();
+    PrinterSlots& printerSlots() { return slots_; }
+
+    // --- driver objects --------------------------------------------------
+    // Makes a new driver object; throws quill::Error when it cannot.
+    using DriverFactory = std::function<MP104C*(QObject* parent)>;
+    void setDriverFactory(DriverFactory f) { factory_ = std::move(f); }
+    // How long a failing creation is retried (5000 ms).
+    void setCreateRetryWindow(int ms) { retryWindowMs_ = ms; }
+    // Creates the five objects in slot order; stops at the first failure.
+    bool MainCreateQuillmotors();
+    bool CreateQuillmotor(int n);
+    // The driver object of slot n (1..5), or null.
+    MP104C* MainSetQuillmotorRef(int n) const;
+    MP104C* driver(int n) const { return MainSetQuillmotorRef(n); }
+    // Identity and connection of a slot's printer into a driver object.
+    static void MainSetQuillmotorConnection(MP104C* obj, const PrinterSlot& record);
+    // A job into a driver object; NewTemplate from the printer's CurrentTemplateId.
+    void MainSetQuillmotorJob(MP104C* obj, qint32 templateId, qint32 jobId, const QString& jobData);
+    // Releases the five objects (a run in progress is dropped; its job stays queued).
+    void releaseDrivers();
+
+    // --- service control -------------------------------------------------
+    bool SrvStartService();
+    void SrvStopService();
+    // The service button: starts (telling the operator when it cannot) or stops.
+    bool startService();
+    void stopService();
+    void toggleService();
+    bool serviceRunning() const { return running_; }
+    bool jobTimerActive(int k) const;
+    // Stops the service and the status timer and releases the drivers.
+    void shutdown();
+
+    // Template check of a queued job; default: the template table (mode 0),
+    // the label file (mode 1) or both (mode 2), as for print requests.
+    using TemplateCheck = std::function<bool(qint32 templateId, qint32 mode)>;
+    void setTemplateCheck(TemplateCheck f) { templateOk_ = std::move(f); }
+    bool SrvTemplateOK(qint32 templateId, qint32 mode) const;
+
+    // --- status polling --------------------------------------------------
+    void setStatusInterval(int ms);
+    int statusInterval() const { return statusIntervalMs_; }
+    // Explicit re-check limits in ms; 0 goes back to following the interval.
+    void setRecheckLimits(int checkingMs, int workingMs);
+    int checkingLimit() const;
+    int workingLimit() const;
+    void enableStatusTimer();
+    bool statusTimerActive() const { return statusTimer_.isActive(); }
+    // tmrStatus_Timer: one pass over the slots in use.
+    void statusPass();
+    void MainCheckPrinterStatus(qint32 n);
+
+    // Sets a status and shows it (the printer list follows by itself).
+    void setStatus(qint32 n, qint32 code, const QString& text);
+
+    // Result handlers, run on the driver events of slot n.
+    void MainUpdatePrinterStatusAfterMPCheck(MP104C* obj, int n);
+    void MainUpdatePrinterStatusAfterMPPrintJob(MP104C* obj, int n);
+
+    // One job-timer tick for slot k + 1.
+    void jobTimerTick(int k);
+
+signals:
+    void serviceStateChanged(bool running);
+    // Every status change of a slot, whoever made it.
+    void printerStatusChanged(int printerId, int status, const QString& text);
+    // A print run was handed to a driver / its result was processed.
+    void jobStarted(int printerId, int jobId);
+    void jobFinished(int printerId, int jobId, bool ok, const QString& result);
+    void checkFinished(int printerId, bool ok, const QString& result);
+    // Start of the service failed and the operator was told.
+    void serviceStartFailed();
+
+private:
+    MP104C* createDriver();
+    qint32 currentTemplate(qint32 printerId);
+    void reenableJobTimer(int n);
+
+    PrinterSlots& slots_;
+    JobDatabase& jdb_;
+    JobStore& store_;
+    PrinterListModel list_;
+    int observer_ = 0;
+
+    std::array<MP104C*, 6> drivers_{};
+    DriverFactory factory_;
+    int retryWindowMs_ = 5000;
+
+    std::array<QTimer, 5> jobTimers_;
+    QTimer statusTimer_;
+    int statusIntervalMs_ = DefaultStatusInterval;
+    int checkingLimitMs_ = 0;
+    int workingLimitMs_ = 0;
+    bool running_ = false;
+    TemplateCheck templateOk_;
+};
+
+} // namespace quill

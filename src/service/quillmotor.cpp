@@ -1,0 +1,328 @@
+#include "service/quillmotor.h"
+
+#include "foundation/cp1252.h"
+#include "foundation/eventlog.h"
+#include "foundation/paths.h"
+#include "foundation/strutil.h"
+#include "printers/link.h"
+#include "printers/linktransport.h"
+#include "shell/texts.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QSerialPort>
+#include <QTcpSocket>
+
+namespace quill {
+
+namespace {
+constexpr int MaxQueuedWork = 8;
+// Open mode of a print session: labels are printed as they are asked for.
+const QString OpenMode = QStringLiteral("m");
+const QString PrintMode = QStringLiteral("i");
+} // namespace
+
+QList<QPair<int, QString>> JobVariables(const QString& jobText)
+{
+    // Variable n of a layout is field n of the request, so every field goes
+    // out, empty ones included: a value left over from the previous job
+    // must not reappear on this one.
+    QList<QPair<int, QString>> vars;
+    const int n = CountTokens(jobText, TAB);
+    for (int i = 1; i <= n; ++i) {
+        QString v = GetToken(jobText, TAB, i);
+        // The add-in form ends its text with CR LF.
+        while (v.endsWith(QLatin1Char('\n')) || v.endsWith(QLatin1Char('\r')))
+            v.chop(1);
+        vars.append({i, v});
+    }
+    return vars;
+}
+
+MP104C::MP104C(QObject* parent) : QObject(parent)
+{
+    timer_.setSingleShot(true);
+    connect(&timer_, &QTimer::timeout, this, &MP104C::onTimeout);
+}
+
+MP104C::~MP104C()
+{
+    closeTransport();
+    delete decoder_;
+}
+
+MP104C::Work MP104C::snapshot(bool print) const
+{
+    Work w;
+    w.print = print;
+    w.printerId = printerId_;
+    w.port = port_;
+    w.settings = settings_;
+    w.newTemplate = newTemplate_;
+    w.jobId = jobId_;
+    w.jobData = jobData_;
+    w.templateId = templateId_;
+    return w;
+}
+
+bool MP104C::MPCheck()
+{
+    // A check already running or waiting answers for this one too.
+    if (current_ && !current_->print)
+        return true;
+    for (const Work& w : queue_)
+        if (!w.print)
+            return true;
+    if (queue_.size() >= MaxQueuedWork)
+        return false;
+    queue_.push_back(snapshot(false));
+    if (!current_)
+        QMetaObject::invokeMethod(this, &MP104C::startNext, Qt::QueuedConnection);
+    return true;
+}
+
+bool MP104C::MPPrintJob()
+{
+    if (queue_.size() >= MaxQueuedWork)
+        return false;
+    queue_.push_back(snapshot(true));
+    if (!current_)
+        QMetaObject::invokeMethod(this, &MP104C::startNext, Qt::QueuedConnection);
+    return true;
+}
+
+QString MP104C::runName() const
+{
+    if (!current_)
+        return {};
+    if (current_->print)
+        return QStringLiteral("MPPrintJob PId = %1 JId = %2").arg(current_->printerId).arg(current_->jobId);
+    return QStringLiteral("MPCheck PId = %1").arg(current_->printerId);
+}
+
+void MP104C::log(const QString& text) const
+{
+    if (!UseLog())
+        return;
+    const QDateTime now = QDateTime::currentDateTime();
+    AppendLogLine(HomePath(WeeklyLogName(QStringLiteral("Quillmotor"), now.date())),
+                  LogEntryHeader(now) + QLatin1Char(' ') + text);
+}
+
+void MP104C::startNext()
+{
+    if (current_ || queue_.empty())
+        return;
+    current_ = std::move(queue_.front());
+    queue_.pop_front();
+    Work& w = *current_;
+
+    w.steps.push_back({link::Open, {w.settings.trimmed(), OpenMode}});
+    // Fault bits first: a printer without paper is reported as such, not
+    // half-way through a label.
+    w.steps.push_back({link::Status, {QStringLiteral("4")}});
+    if (w.print) {
+        if (w.newTemplate) {
+            QFile f(HomePath(QString::number(w.templateId) + QStringLiteral(".lbl")));
+            if (!f.open(QIODevice::ReadOnly)) {
+                log(runName() + QStringLiteral(": layout ") + f.fileName() + QStringLiteral(" not readable"));
+                finish(ResultErr(DeviceErrorText(link::ErrFile)));
+                return;
+            }
+            if (f.size() >= link::MaxFrameBytes) {
+                finish(ResultErr(DeviceErrorText(link::ErrMemory)));
+                return;
+            }
+            w.steps.push_back({link::Layout, {QString::number(w.templateId), FromCp1252(f.readAll())}});
+        }
+        for (const auto& v : JobVariables(w.jobData))
+            w.steps.push_back({link::Var, {QString::number(v.first), v.second}});
+        w.copies = NullToLong(GetToken(w.jobData, TAB, 6), 1);
+        if (w.copies < 1)
+            w.copies = 1;
+        w.steps.push_back({link::Print, {QString::number(w.copies), PrintMode}});
+    }
+
+    const LinkAddress address = ParseDeviceName(w.port);
+    LineSettings line;
+    if (!address.valid() || (address.kind == LinkAddress::Serial && !ParseLineSettings(w.settings, &line))) {
+        log(runName() + QStringLiteral(": bad connection \"") + w.port + QStringLiteral("\" \"") + w.settings
+            + QLatin1Char('"'));
+        finish(ResultErr(GetString(12038)));
+        return;
+    }
+    QString error;
+    io_ = OpenTransport(address, line, this, &error);
+    if (!io_) {
+        log(runName() + QStringLiteral(": cannot open ") + w.port + QStringLiteral(" ") + error);
+        finish(ResultErr(GetString(12038)));
+        return;
+    }
+    if (!decoder_)
+        decoder_ = new LinkDecoder;
+    decoder_->reset();
+    connected_ = false;
+    connect(io_, &QIODevice::readyRead, this, &MP104C::onReadyRead);
+    if (auto* s = qobject_cast<QTcpSocket*>(io_)) {
+        connect(s, &QTcpSocket::errorOccurred, this, &MP104C::onLinkLost);
+        connect(s, &QTcpSocket::disconnected, this, &MP104C::onLinkLost);
+    } else if (auto* p = qobject_cast<QSerialPort*>(io_)) {
+        connect(p, &QSerialPort::errorOccurred, this, [this, p](QSerialPort::SerialPortError e) {
+            if (e == QSerialPort::NoError || e == QSerialPort::TimeoutError)
+                return;
+            p->clearError();
+            onLinkLost();
+        });
+    }
+    QIODevice* io = io_;
+    OnTransportConnected(io_, this, [this, io] {
+        if (io == io_)
+            onConnected();
+    });
+    timer_.start(answerTimeoutMs_);
+}
+
+void MP104C::onConnected()
+{
+    if (!current_ || connected_)
+        return;
+    connected_ = true;
+    sendStep();
+}
+
+void MP104C::sendStep()
+{
+    Work& w = *current_;
+    const Step& step = w.steps.front();
+    waitingFor_ = nextId_;
+    nextId_ = nextId_ >= 0x7fffffffU ? 1 : nextId_ + 1;
+    waitingVerb_ = step.verb;
+    io_->write(EncodeRequest(waitingFor_, step.verb, step.args));
+    timer_.start(answerTimeoutMs_);
+}
+
+void MP104C::onReadyRead()
+{
+    if (!io_ || !current_)
+        return;
+    decoder_->feed(io_->readAll());
+    LinkFrame f;
+    while (current_ && decoder_->next(&f)) {
+        // Late answers to requests of an earlier, timed-out run are skipped.
+        if (f.kind != LinkFrame::Answer || f.id != waitingFor_)
+            continue;
+        waitingFor_ = 0;
+        answer(f.result, f.args);
+    }
+}
+
+void MP104C::answer(int result, const QStringList& values)
+{
+    Work& w = *current_;
+    const QString verb = waitingVerb_;
+    w.steps.pop_front();
+    bool ok = result >= link::Ok;
+    if (verb == link::Status) {
+        if (result < 0) {
+            finish(ResultErr(DeviceErrorText(result)));
+            return;
+        }
+        const QString r = DeviceStatusResult(result);
+        if (!r.startsWith(QStringLiteral("OK"))) {
+            finish(r);
+            return;
+        }
+    } else if (verb == link::Layout) {
+        ok = ok || result == link::LayoutAccepted;
+    } else if (verb == link::Print) {
+        ok = ok || result == link::PrintAccepted;
+        if (result == link::PrintAccepted)
+            log(runName() + QStringLiteral(": printed with a variable missing"));
+    }
+    Q_UNUSED(values);
+    if (!ok) {
+        log(runName() + QStringLiteral(": ") + verb + QStringLiteral(" answered ") + QString::number(result));
+        finish(ResultErr(DeviceErrorText(result)));
+        return;
+    }
+    if (w.steps.empty()) {
+        if (w.print)
+            log(runName() + QStringLiteral(": ") + QString::number(w.copies) + QStringLiteral(" label(s) printed")
+                + (w.newTemplate ? QStringLiteral(", layout ") + QString::number(w.templateId) + QStringLiteral(" sent")
+                                 : QString()));
+        finish(ResultOk());
+        return;
+    }
+    sendStep();
+}
+
+void MP104C::onLinkLost()
+{
+    if (!current_ || !io_)
+        return;
+    log(runName() + QStringLiteral(": link lost ") + io_->errorString());
+    finish(ResultErr(connected_ ? DeviceErrorText(link::ErrComm) : GetString(12038)));
+}
+
+void MP104C::onTimeout()
+{
+    if (!current_)
+        return;
+    log(runName() + (connected_ ? QStringLiteral(": no answer to ") + waitingVerb_
+                                : QStringLiteral(": no connection")));
+    finish(ResultErr(connected_ ? DeviceErrorText(link::ErrComm) : GetString(12038)));
+}
+
+void MP104C::closeTransport()
+{
+    if (!io_)
+        return;
+    QIODevice* io = io_;
+    io_ = nullptr;
+    io->disconnect(this);
+    if (connected_ && io->isOpen())
+        io->write(EncodeRequest(nextId_++, link::Close));
+    connected_ = false;
+    if (auto* s = qobject_cast<QTcpSocket*>(io)) {
+        // The goodbye is still buffered: the socket goes once it has left.
+        s->disconnectFromHost();
+        if (s->state() == QAbstractSocket::UnconnectedState) {
+            s->deleteLater();
+        } else {
+            connect(s, &QTcpSocket::disconnected, s, &QObject::deleteLater);
+            QTimer::singleShot(answerTimeoutMs_, s, &QObject::deleteLater);
+        }
+        return;
+    }
+    if (auto* p = qobject_cast<QSerialPort*>(io))
+        p->flush();
+    io->close();
+    io->deleteLater();
+}
+
+void MP104C::finish(const QString& result)
+{
+    timer_.stop();
+    closeTransport();
+    waitingFor_ = 0;
+    if (!result.startsWith(QStringLiteral("OK")))
+        log(runName() + QStringLiteral(": ") + result);
+    Work w = std::move(*current_);
+    current_.reset();
+    // The server reads the run's own identity back, whatever was written
+    // meanwhile for a check that waits behind it.
+    result_ = result;
+    printerId_ = w.printerId;
+    if (w.print) {
+        jobId_ = w.jobId;
+        templateId_ = w.templateId;
+    }
+    if (!queue_.empty())
+        QMetaObject::invokeMethod(this, &MP104C::startNext, Qt::QueuedConnection);
+    if (w.print)
+        emit MPPrintJobFinished();
+    else
+        emit MPCheckFinished();
+}
+
+} // namespace quill
