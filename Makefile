@@ -3,7 +3,7 @@ BUILD    ?= build
 JOBS     ?= $(shell nproc)
 PACKAGES := cmake ninja-build g++ make pkg-config qt6-base-dev qt6-base-dev-tools \
             libqt6sql6-sqlite libqt6serialport6-dev qt6-qpa-plugins sqlite3 \
-            clang libclang-rt-14-dev python3
+            clang libclang-rt-14-dev python3 fonts-dejavu-core
 SUDO     := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: all deps build test run fuzz bench clean
