@@ -4,8 +4,8 @@
 //   QVector<qint32> ids = MainAddAndInitAllPrinters(jdb, printerSlots);  // ids in Id order
 //   for (qint32 id : ids) add the printer's row to the printer list
 //
-// MainAddAndInitAllPrinters has no error trap: a database error, or a printer Id
-// outside the slot table, throws quill::Error to the start-up trap.
+// There is no error trap here: a database error, or a printer Id outside the slot
+// table, throws quill::Error to the start-up trap.
 #include "service/slots.h"
 
 #include <QVector>
@@ -13,15 +13,10 @@
 namespace quill {
 
 class JobDatabase;
-class Recordset;
 
-// Copies the current row of a tbPrinter recordset into the slot: id, name (25
-// characters), type, connection type, the connection string named by ConnectionUsed,
-// the display text "<id> <name> på <port or address>", in use, passive.
-void SrvPrinterLoadSlot(PrinterSlot& slot, const Recordset& rs);
-
-// Loads every tbPrinter row into its slot and sets its status to Passive (5) or
-// Ready (1). Slots of printers no longer in the table are left alone.
+// Loads every tbPrinter row into its slot (SrvPrinterLoadSlot of printers/printerrecord.h)
+// and sets its status to Passive (5, "Passiv") or Ready (1, "Klar"). Slots of printers
+// no longer in the table are left alone. Returns the loaded ids in Id order.
 QVector<qint32> MainAddAndInitAllPrinters(JobDatabase& jdb, PrinterSlots& printerSlots);
 
 } // namespace quill

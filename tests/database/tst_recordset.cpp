@@ -1,0 +1,366 @@
+// The record layer on real SQLite files: what table-type recordsets and snapshots
+// see, keyed seeks, positioned edits and deletes, and the template lookup.
+#include "database/jobdatabase.h"
+#include "database/recordset.h"
+#include "foundation/strutil.h"
+#include "support/dbfixture.h"
+
+#include <QTest>
+
+using namespace quill;
+using namespace quill::dbtest;
+
+namespace {
+
+void addJob(TableRecordset& rs, qint32 id, qint32 printer, const QString& text)
+{
+    rs.AddNew();
+    rs.setField(QStringLiteral("Id"), id);
+    rs.setField(QStringLiteral("PrinterId"), printer);
+    rs.setField(QStringLiteral("Job"), text);
+    rs.Update();
+}
+
+int errorNumber(const std::function<void()>& f)
+{
+    try {
+        f();
+    } catch (const Error& e) {
+        return e.number;
+    }
+    return 0;
+}
+
+} // namespace
+
+class TestRecordset : public QObject {
+    Q_OBJECT
+    std::unique_ptr<DbHome> home;
+    Database db;
+    QString mdb() const { return home->file(QStringLiteral("brixa.mdb")); }
+private slots:
+    void init()
+    {
+        home = std::make_unique<DbHome>();
+        QVERIFY(home->ok());
+        db.open(mdb());
+    }
+    void cleanup()
+    {
+        db.close();
+        home.reset();
+    }
+    void journalSettings();
+    void snapshotDoesNotSeeLaterWrites();
+    void tableSeesItsOwnWritesAtOnce();
+    void keyedSeek_data();
+    void keyedSeek();
+    void positionedEdit();
+    void deleteCurrentRow();
+    void addNewKeepsCurrentRow();
+    void walkBeyondReadAhead();
+    void emptyTable();
+    void fieldsByNameAndNull();
+    void sqliteErrorsCarryNumberAndText();
+    void findFirstCriteria_data();
+    void findFirstCriteria();
+    void templateLookup();
+};
+
+void TestRecordset::journalSettings()
+{
+    Snapshot mode(db, QStringLiteral("PRAGMA journal_mode"));
+    QCOMPARE(mode.field(QStringLiteral("journal_mode")).toString(), QStringLiteral("wal"));
+    Snapshot sync(db, QStringLiteral("PRAGMA synchronous"));
+    QCOMPARE(sync.field(QStringLiteral("synchronous")).toInt(), 2); // FULL
+    Snapshot fk(db, QStringLiteral("PRAGMA foreign_keys"));
+    QCOMPARE(fk.field(QStringLiteral("foreign_keys")).toInt(), 0);
+}
+
+void TestRecordset::snapshotDoesNotSeeLaterWrites()
+{
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    addJob(jobs, 1, 1, QStringLiteral("first"));
+    Snapshot before(db, QStringLiteral("SELECT * FROM tbJob"));
+    addJob(jobs, 2, 1, QStringLiteral("second"));
+    QCOMPARE(before.RecordCount(), 1);
+    before.MoveLast();
+    QCOMPARE(before.field(QStringLiteral("Job")).toString(), QStringLiteral("first"));
+    QCOMPARE(Snapshot(db, QStringLiteral("SELECT * FROM tbJob")).RecordCount(), 2);
+}
+
+void TestRecordset::tableSeesItsOwnWritesAtOnce()
+{
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    jobs.setIndex(QStringLiteral("PrimaryKey"));
+    QCOMPARE(jobs.RecordCount(), 0);
+    addJob(jobs, 4, 2, QStringLiteral("four"));
+    QCOMPARE(jobs.RecordCount(), 1);
+    QVERIFY(jobs.seek(QStringLiteral("="), 4));
+    QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), QStringLiteral("four"));
+    // And it is on disk, committed, for any other reader.
+    QCOMPARE(JobRows(mdb()), QStringList{QStringLiteral("4|2|four")});
+}
+
+void TestRecordset::keyedSeek_data()
+{
+    QTest::addColumn<QVariant>("key");
+    QTest::addColumn<bool>("found");
+    QTest::addColumn<QString>("job");
+    QTest::newRow("first") << QVariant(1) << true << "j1";
+    QTest::newRow("middle") << QVariant(5) << true << "j5";
+    QTest::newRow("last") << QVariant(10) << true << "j10";
+    QTest::newRow("gap") << QVariant(3) << false << "";
+    QTest::newRow("above") << QVariant(11) << false << "";
+    QTest::newRow("as text") << QVariant(QStringLiteral("5")) << true << "j5";
+    QTest::newRow("not a number") << QVariant(QStringLiteral("x")) << false << "";
+    QTest::newRow("null") << QVariant() << false << "";
+}
+
+void TestRecordset::keyedSeek()
+{
+    QFETCH(QVariant, key);
+    QFETCH(bool, found);
+    QFETCH(QString, job);
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    QCOMPARE(errorNumber([&] { jobs.seek(QStringLiteral("="), 1); }), 3019); // no current index
+    QCOMPARE(errorNumber([&] { jobs.setIndex(QStringLiteral("ByPrinter")); }), ErrNotAnIndex);
+    jobs.setIndex(QStringLiteral("PrimaryKey"));
+    for (int id : {10, 1, 5, 2})
+        addJob(jobs, id, 1, QStringLiteral("j%1").arg(id));
+    QCOMPARE(jobs.seek(QStringLiteral("="), key), found);
+    QCOMPARE(jobs.NoMatch(), !found);
+    if (found)
+        QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), job);
+    else
+        QCOMPARE(errorNumber([&] { jobs.field(QStringLiteral("Job")); }), ErrNoCurrentRecord);
+}
+
+void TestRecordset::positionedEdit()
+{
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    jobs.setIndex(QStringLiteral("PrimaryKey"));
+    for (int id = 1; id <= 3; ++id)
+        addJob(jobs, id, 1, QStringLiteral("j%1").arg(id));
+    QVERIFY(jobs.seek(QStringLiteral("="), 2));
+    QCOMPARE(errorNumber([&] { jobs.setField(QStringLiteral("Job"), QStringLiteral("x")); }), ErrUpdateWithoutEdit);
+    jobs.Edit();
+    jobs.setField(QStringLiteral("job"), QStringLiteral("changed"));
+    // The pending value is what the row shows until it is updated.
+    QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), QStringLiteral("changed"));
+    QCOMPARE(JobRows(mdb())[1], QStringLiteral("2|1|j2"));
+    jobs.Update();
+    QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), QStringLiteral("changed"));
+    QCOMPARE(JobRows(mdb()), (QStringList{"1|1|j1", "2|1|changed", "3|1|j3"}));
+
+    // An abandoned edit leaves the row as it was.
+    jobs.Edit();
+    jobs.setField(QStringLiteral("PrinterId"), 9);
+    jobs.MoveFirst();
+    QCOMPARE(JobRows(mdb())[1], QStringLiteral("2|1|changed"));
+    QCOMPARE(errorNumber([&] { jobs.Update(); }), ErrUpdateWithoutEdit);
+}
+
+void TestRecordset::deleteCurrentRow()
+{
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    jobs.setIndex(QStringLiteral("PrimaryKey"));
+    for (int id = 1; id <= 4; ++id)
+        addJob(jobs, id, 1, QStringLiteral("j%1").arg(id));
+    QVERIFY(jobs.seek(QStringLiteral("="), 2));
+    jobs.Delete();
+    QCOMPARE(jobs.RecordCount(), 3);
+    QCOMPARE(errorNumber([&] { jobs.field(QStringLiteral("Id")); }), ErrRecordDeleted);
+    jobs.MoveNext();
+    QCOMPARE(jobs.field(QStringLiteral("Id")).toInt(), 3);
+    QVERIFY(!jobs.seek(QStringLiteral("="), 2));
+    jobs.MoveLast();
+    jobs.Delete();
+    jobs.MoveNext();
+    QVERIFY(jobs.IsEOF());
+    QCOMPARE(JobRows(mdb()), (QStringList{"1|1|j1", "3|1|j3"}));
+}
+
+void TestRecordset::addNewKeepsCurrentRow()
+{
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    jobs.setIndex(QStringLiteral("PrimaryKey"));
+    addJob(jobs, 1, 1, QStringLiteral("j1"));
+    addJob(jobs, 5, 1, QStringLiteral("j5"));
+    QVERIFY(jobs.seek(QStringLiteral("="), 5));
+    addJob(jobs, 3, 1, QStringLiteral("j3")); // lands before the current row in key order
+    QCOMPARE(jobs.field(QStringLiteral("Id")).toInt(), 5);
+    jobs.MoveFirst();
+    QStringList order;
+    for (; !jobs.IsEOF(); jobs.MoveNext())
+        order << jobs.field(QStringLiteral("Job")).toString();
+    QCOMPARE(order, (QStringList{"j1", "j3", "j5"}));
+    // A key that exists already is refused by SQLite and changes nothing.
+    jobs.AddNew();
+    jobs.setField(QStringLiteral("Id"), 3);
+    QVERIFY(errorNumber([&] { jobs.Update(); }) != 0);
+    QCOMPARE(jobs.RecordCount(), 3);
+}
+
+void TestRecordset::walkBeyondReadAhead()
+{
+    db.begin();
+    for (int id = 1; id <= 1000; ++id)
+        db.exec(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, ?, ?)"),
+                {id * 2, id % 5, QStringLiteral("job %1").arg(id * 2)});
+    db.commit();
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    jobs.setIndex(QStringLiteral("PrimaryKey"));
+    QCOMPARE(jobs.RecordCount(), 1000);
+    // Change rows inside and outside the rows read so far, then walk everything.
+    QVERIFY(jobs.seek(QStringLiteral("="), 600));
+    jobs.Edit();
+    jobs.setField(QStringLiteral("Job"), QStringLiteral("edited"));
+    jobs.Update();
+    QVERIFY(jobs.seek(QStringLiteral("="), 602));
+    jobs.Delete();
+    QVERIFY(jobs.seek(QStringLiteral("="), 1998));
+    jobs.Delete();
+    int n = 0;
+    qint64 last = 0;
+    for (jobs.MoveFirst(); !jobs.IsEOF(); jobs.MoveNext(), ++n) {
+        const qint64 id = jobs.field(QStringLiteral("Id")).toLongLong();
+        QVERIFY(id > last);
+        last = id;
+        const QString expected = id == 600 ? QStringLiteral("edited") : QStringLiteral("job %1").arg(id);
+        QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), expected);
+    }
+    QCOMPARE(n, 998);
+    QCOMPARE(last, 2000);
+}
+
+void TestRecordset::emptyTable()
+{
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    jobs.setIndex(QStringLiteral("PrimaryKey"));
+    QVERIFY(jobs.IsBOF() && jobs.IsEOF());
+    SrvPopulateRecordset(jobs); // raises nothing
+    QCOMPARE(errorNumber([&] { jobs.MoveFirst(); }), ErrNoCurrentRecord);
+    QCOMPARE(errorNumber([&] { jobs.Edit(); }), ErrNoCurrentRecord);
+    QCOMPARE(errorNumber([&] { jobs.Delete(); }), ErrNoCurrentRecord);
+    Snapshot none(db, QStringLiteral("SELECT * FROM tbJob"));
+    QVERIFY(none.IsBOF() && none.IsEOF());
+    QCOMPARE(errorNumber([&] { none.field(QStringLiteral("Id")); }), ErrNoCurrentRecord);
+}
+
+void TestRecordset::fieldsByNameAndNull()
+{
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    jobs.AddNew();
+    jobs.setField(QStringLiteral("ID"), 7);
+    jobs.setField(QStringLiteral("job"), QStringLiteral("text"));
+    jobs.Update();
+    jobs.MoveFirst();
+    QCOMPARE(jobs.field(QStringLiteral("JOB")).toString(), QStringLiteral("text"));
+    QVERIFY(jobs.field(QStringLiteral("PrinterId")).isNull());
+    QCOMPARE(NullToLong(jobs.field(QStringLiteral("printerid")), -1), -1);
+    QCOMPARE(errorNumber([&] { jobs.field(QStringLiteral("NoSuchField")); }), ErrItemNotFound);
+
+    // Column defaults apply to a new row.
+    TableRecordset printers(db, QStringLiteral("tbPrinter"));
+    printers.AddNew();
+    printers.setField(QStringLiteral("Id"), 1);
+    QCOMPARE(printers.field(QStringLiteral("DispensingFeed")).toInt(), 60);
+    printers.Update();
+    Snapshot p(db, QStringLiteral("SELECT * FROM tbPrinter"));
+    QCOMPARE(p.field(QStringLiteral("Strobe")).toInt(), 4);
+    QCOMPARE(p.field(QStringLiteral("CurrentTemplateId")).toInt(), 0);
+    QVERIFY(p.field(QStringLiteral("Name")).isNull());
+    // The settings query asks for "Port" and reads "port".
+    Snapshot s(db, QStringLiteral("SELECT Port FROM tbServer"));
+    QCOMPARE(s.field(QStringLiteral("port")).toInt(), 20001);
+}
+
+void TestRecordset::sqliteErrorsCarryNumberAndText()
+{
+    try {
+        TableRecordset missing(db, QStringLiteral("tbNoSuch"));
+        QFAIL("opened a missing table");
+    } catch (const Error& e) {
+        QCOMPARE(e.text(), QStringLiteral("1 no such table: tbNoSuch"));
+    }
+    try {
+        Snapshot bad(db, QStringLiteral("SELECT FROM"));
+        QFAIL("ran a broken query");
+    } catch (const Error& e) {
+        QCOMPARE(e.number, 1);
+        QVERIFY(e.description.contains(QLatin1String("syntax error")));
+    }
+    TableRecordset jobs(db, QStringLiteral("tbJob"));
+    addJob(jobs, 1, 1, QStringLiteral("a"));
+    try {
+        addJob(jobs, 1, 1, QStringLiteral("b"));
+        QFAIL("stored a duplicate key");
+    } catch (const Error& e) {
+        QVERIFY2(e.number == 19 || e.number == 1555, qPrintable(e.text()));
+        QVERIFY2(e.description.contains(QLatin1String("UNIQUE constraint failed")), qPrintable(e.text()));
+    }
+}
+
+void TestRecordset::findFirstCriteria_data()
+{
+    QTest::addColumn<QString>("criteria");
+    QTest::addColumn<int>("result"); // 1 found, 0 not found, else the error number
+    QTest::newRow("qualified template id") << "tbTemplate.Id = 2" << 1;
+    QTest::newRow("qualified type id") << "tbTemplateType.Id = 1" << 1;
+    QTest::newRow("no such template") << "tbTemplate.Id = 3" << 0;
+    QTest::newRow("type id is not a template id") << "tbTemplateType.Id = 2" << 0;
+    QTest::newRow("unqualified") << "TemplateTypeId=1" << 1;
+    QTest::newRow("bracketed") << "[tbTemplate].[Id] = 1" << 1;
+    QTest::newRow("text value") << "tbTemplate.Id = '2'" << 1;
+    QTest::newRow("unknown field") << "tbTemplate.Name = 1" << ErrItemNotFound;
+    QTest::newRow("not a comparison") << "tbTemplate.Id > 1" << ErrCriteriaSyntax;
+    QTest::newRow("no value") << "tbTemplate.Id =" << ErrCriteriaSyntax;
+}
+
+void TestRecordset::findFirstCriteria()
+{
+    QFETCH(QString, criteria);
+    QFETCH(int, result);
+    Snapshot t(db, QStringLiteral("SELECT * FROM tbTemplate INNER JOIN tbTemplateType ON "
+                                  "tbTemplate.TemplateTypeId = tbTemplateType.Id"));
+    QCOMPARE(t.RecordCount(), 2);
+    int got = -1;
+    try {
+        got = t.FindFirst(criteria) ? 1 : 0;
+        QCOMPARE(t.NoMatch(), got == 0);
+    } catch (const Error& e) {
+        got = e.number;
+    }
+    QCOMPARE(got, result);
+    if (got == 1 && criteria.startsWith(QLatin1String("tbTemplate.Id = 2")))
+        QCOMPARE(t.field(QStringLiteral("tbTemplate.Id")).toInt(), 2);
+}
+
+void TestRecordset::templateLookup()
+{
+    db.close();
+    JobDatabase jdb;
+    jdb.database().open(mdb());
+    QVERIFY(jdb.SrvTemplateTypeOpenDB());
+    QVERIFY(jdb.SrvTemplateInDB(1));
+    QVERIFY(jdb.SrvTemplateInDB(2));
+    QVERIFY(!jdb.SrvTemplateInDB(3));
+
+    // Another program adds templates after start-up: one with its type, one without.
+    QVERIFY(ExecSql(mdb(), {QStringLiteral("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (3, 1)"),
+                            QStringLiteral("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (4, 7)")}));
+    Snapshot* before = jdb.templateRecordset();
+    QVERIFY(!before->FindFirst(QStringLiteral("tbTemplate.Id = 3")));
+    QVERIFY(jdb.SrvTemplateInDB(3)); // the miss re-read the snapshot
+    QVERIFY(jdb.templateRecordset()->RecordCount() == 3);
+    QVERIFY(!jdb.SrvTemplateInDB(4)); // no type row: never found
+    QVERIFY(ExecSql(mdb(), {QStringLiteral("INSERT INTO tbTemplateType (Id) VALUES (7)")}));
+    QVERIFY(jdb.SrvTemplateInDB(4));
+    jdb.SrvCloseDatabases();
+    QVERIFY(!jdb.isOpen());
+    QCOMPARE(jdb.templateRecordset(), nullptr);
+}
+
+QTEST_GUILESS_MAIN(TestRecordset)
+#include "tst_recordset.moc"

@@ -1,0 +1,131 @@
+#include "support/dbfixture.h"
+#include "database/schema.h"
+#include "foundation/eventlog.h"
+#include "foundation/paths.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+
+namespace quill::dbtest {
+
+BoxAnswer RecordingSink::show(const QString&, const QString& text, BoxIcon icon, BoxButtons buttons)
+{
+    boxes.append({text, icon});
+    return buttons == BoxButtons::YesNo ? BoxAnswer::Yes : BoxAnswer::Ok;
+}
+
+DbHome::DbHome(bool provision)
+{
+    if (!dir_.isValid())
+        return;
+    SetHomeDir(dir_.path());
+    if (!QDir::setCurrent(dir_.path()))
+        return;
+    SetUseLog(true);
+    LogInit(QStringLiteral("Quillbase"));
+    QString error;
+    ok_ = !provision || CreateInstallation(dir_.path(), &error);
+    if (!ok_)
+        qWarning("CreateInstallation: %s", qPrintable(error));
+}
+
+DbHome::~DbHome()
+{
+    QDir::setCurrent(QDir::tempPath());
+}
+
+bool DbHome::has(const QString& name) const { return QFileInfo::exists(file(name)); }
+
+QString DbHome::log() const
+{
+    QFile f(LogFilePath());
+    return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+}
+
+QStringList DbHome::logMessages() const
+{
+    // "[yyyy-MM-dd HH:mm:ss.zzz] <pid> <message>"
+    static const QRegularExpression header(QStringLiteral("^\\[[^\\]]*\\] \\d+ "));
+    QStringList out;
+    for (QString line : log().split(QStringLiteral("\r\n"), Qt::SkipEmptyParts))
+        out << line.remove(header);
+    return out;
+}
+
+QString JobText(int printer, int templ, const QString& copies, const QString& workstation, const QString& user,
+                const QString& caption)
+{
+    return QStringList{QStringLiteral("BRIXA"), QStringLiteral("1.00"), QStringLiteral("P"), QString::number(printer),
+                       QString::number(templ), copies, workstation, QStringLiteral("0"), QString(), QString(), user,
+                       caption}
+        .join(QLatin1Char('\t'));
+}
+
+namespace {
+
+template <typename F>
+auto withConnection(const QString& path, F f)
+{
+    static int counter = 0;
+    const QString name = QStringLiteral("dbtest-%1").arg(++counter);
+    decltype(f(std::declval<QSqlDatabase&>())) result{};
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        db.setDatabaseName(path);
+        if (QFileInfo::exists(path) && db.open())
+            result = f(db);
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(name);
+    return result;
+}
+
+} // namespace
+
+QString IntegrityCheck(const QString& path)
+{
+    QString r = withConnection(path, [](QSqlDatabase& db) {
+        QSqlQuery q(db);
+        if (!q.exec(QStringLiteral("PRAGMA integrity_check")))
+            return QStringLiteral("error: ") + q.lastError().text();
+        QStringList rows;
+        while (q.next())
+            rows << q.value(0).toString();
+        return rows.join(QLatin1Char('\n'));
+    });
+    return r.isEmpty() ? QStringLiteral("not opened") : r;
+}
+
+QStringList JobRows(const QString& path)
+{
+    return withConnection(path, [](QSqlDatabase& db) {
+        QStringList rows;
+        QSqlQuery q(db);
+        if (!q.exec(QStringLiteral("SELECT Id, PrinterId, Job FROM tbJob ORDER BY Id")))
+            return QStringList{QStringLiteral("error: ") + q.lastError().text()};
+        while (q.next())
+            rows << q.value(0).toString() + QLatin1Char('|') + q.value(1).toString() + QLatin1Char('|')
+                    + q.value(2).toString();
+        return rows;
+    });
+}
+
+bool ExecSql(const QString& path, const QStringList& statements)
+{
+    return withConnection(path, [&](QSqlDatabase& db) {
+        QSqlQuery q(db);
+        for (const QString& s : statements)
+            if (!q.exec(s)) {
+                qWarning("%s: %s", qPrintable(s), qPrintable(q.lastError().text()));
+                return false;
+            }
+        return true;
+    });
+}
+
+} // namespace quill::dbtest

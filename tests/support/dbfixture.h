@@ -1,0 +1,60 @@
+#pragma once
+// Helpers for the job-database tests: a fresh installation folder per test,
+// message boxes recorded instead of shown, and direct reads of a database file
+// through a connection of its own.
+#include "foundation/messages.h"
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+namespace quill::dbtest {
+
+struct ShownBox {
+    QString text;
+    BoxIcon icon;
+};
+
+// Records every box; answers Ok/Yes.
+class RecordingSink final : public MessageSink {
+public:
+    RecordingSink() { SetMessageSink(this); }
+    ~RecordingSink() override { SetMessageSink(nullptr); }
+    BoxAnswer show(const QString& title, const QString& text, BoxIcon icon, BoxButtons buttons) override;
+    QList<ShownBox> boxes;
+};
+
+// A temporary installation folder made the home and current folder, with the
+// event log switched on and written into it.
+class DbHome {
+public:
+    explicit DbHome(bool provision = true);
+    ~DbHome();
+    bool ok() const { return ok_; }
+    QString path() const { return dir_.path(); }
+    QString file(const QString& name) const { return dir_.filePath(name); }
+    bool has(const QString& name) const;
+    // The event log written so far, and the lines of it (header stripped).
+    QString log() const;
+    QStringList logMessages() const;
+
+private:
+    QTemporaryDir dir_;
+    bool ok_ = false;
+};
+
+// "BRIXA" TAB "1.00" TAB "P" TAB printer TAB template TAB copies TAB workstation
+// TAB mode TAB TAB TAB user TAB caption.
+QString JobText(int printer, int templ, const QString& copies, const QString& workstation, const QString& user,
+                const QString& caption);
+
+// Reads a database file with a connection of its own (opened read-write, so a
+// -wal is recovered the way the server would see it).
+QString IntegrityCheck(const QString& path);
+// "Id|PrinterId|Job" of every job in Id order.
+QStringList JobRows(const QString& path);
+// Runs statements on a file through a connection of its own.
+bool ExecSql(const QString& path, const QStringList& statements);
+
+} // namespace quill::dbtest
