@@ -67,12 +67,24 @@ MP104C::Work MP104C::snapshot(bool print) const
 
 bool MP104C::MPCheck()
 {
-    // A check already running or waiting answers for this one too.
-    if (current_ && !current_->print)
+    // Asked again while a check still waits for its printer: that attempt
+    // is dropped (it never reports) and a fresh one starts, on a new link.
+    if (current_ && !current_->print) {
+        log(runName() + QStringLiteral(": asked again, check restarted"));
+        timer_.stop();
+        closeTransport();
+        current_.reset();
+        queue_.push_front(snapshot(false));
+        QMetaObject::invokeMethod(this, &MP104C::startNext, Qt::QueuedConnection);
         return true;
-    for (const Work& w : queue_)
-        if (!w.print)
+    }
+    // One waiting check answers for every request made meanwhile.
+    for (Work& w : queue_) {
+        if (!w.print) {
+            w = snapshot(false);
             return true;
+        }
+    }
     if (queue_.size() >= MaxQueuedWork)
         return false;
     queue_.push_back(snapshot(false));
@@ -232,6 +244,7 @@ void MP104C::answer(int result, const QStringList& values)
             finish(r);
             return;
         }
+        ok = true; // the answer is the fault bits, 0 when there is none
     } else if (verb == link::Layout) {
         ok = ok || result == link::LayoutAccepted;
     } else if (verb == link::Print) {

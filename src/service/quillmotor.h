@@ -58,8 +58,9 @@ public:
     void setTemplateId(qint32 v) { templateId_ = v; }
 
     // Both start work and return at once; true means the matching event will
-    // follow. A request made while a run is under way waits for it (a check
-    // already waiting or running is not asked for twice).
+    // follow. A request made while a print run is under way waits for it; a
+    // check asked for again while one is under way starts afresh, and one
+    // waiting check answers for all requests made meanwhile.
     Q_INVOKABLE bool MPCheck();
     Q_INVOKABLE bool MPPrintJob();
 
