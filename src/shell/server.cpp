@@ -1,0 +1,234 @@
+#include "shell/server.h"
+#include "database/jobdatabase.h"
+#include "database/jobstore.h"
+#include "database/printerload.h"
+#include "foundation/error.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/paths.h"
+#include "foundation/settings.h"
+#include "foundation/strutil.h"
+#include "protocol/listener.h"
+#include "protocol/requesthandler.h"
+#include "protocol/traffic.h"
+#include "shell/texts.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+
+namespace quill {
+
+namespace {
+bool switchOn(Hive hive, const QString& key, const QString& name)
+{
+    return NullToLong(RegGetValue(hive, key, name), 0) > 0;
+}
+QString activated(bool on)
+{
+    return on ? QStringLiteral(" activated") : QStringLiteral(" NOT activated");
+}
+} // namespace
+
+Server::Server(Options options, QObject* parent) : QObject(parent), options_(options) {}
+
+Server::~Server()
+{
+    shutdown();
+}
+
+bool Server::silentMode() const { return SilentMode(); }
+
+void Server::readRegistrySettings()
+{
+    SetLanguageSettings(NullToStr(RegGetValue(HKEY_LOCAL_MACHINE, KeyBrixa, QStringLiteral("tLanguage")),
+                                  QStringLiteral("SE")).toUpper(),
+                        NullToLong(RegGetValue(HKEY_LOCAL_MACHINE, KeyBrixa, QStringLiteral("dwCountryNo")), 46));
+    for (int id = 9001; id <= 9004; ++id)
+        GetString(id);
+    LogInit(QStringLiteral("Quillbase"));
+    const QString exe = QCoreApplication::applicationFilePath();
+    autostartAtLogon_ = RegGetValue(HKEY_LOCAL_MACHINE, KeyRun, QStringLiteral("Quillbase")).toUpper() == exe.toUpper();
+    SetSilentMode(switchOn(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwSilentMode")));
+    SetUseLog(switchOn(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwUseLog")));
+    SetUseTrafficLog(switchOn(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwUseTrafficLog")));
+    quitQuestion_ = switchOn(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwQuitQuestion"));
+}
+
+void Server::logSettings()
+{
+    LogWrite(QStringLiteral("Automatic start of server upon log in") + activated(autostartAtLogon_));
+    LogWrite(QStringLiteral("Automatic start of print service") + activated(db_->autoStartService()));
+    LogWrite(QStringLiteral("Start server in minimized mode") + activated(db_->startMinimized()));
+    LogWrite(QStringLiteral("Run server in silent mode") + activated(SilentMode()));
+    LogWrite(QStringLiteral("Logging") + activated(UseLog()));
+    LogWrite(QStringLiteral("Network traffic logging") + activated(UseTrafficLog()));
+}
+
+Server::StartResult Server::fail(StartResult r)
+{
+    starting_ = false;
+    quitQuestion_ = false;
+    shutdown();
+    return r;
+}
+
+Server::StartResult Server::startup()
+{
+    starting_ = true;
+    serviceRunning_ = false;
+    // Log cleanup acts in the current folder.
+    QDir::setCurrent(HomeDir());
+    try {
+        readRegistrySettings();
+
+        instanceLock_ = std::make_unique<QLockFile>(HomePath(QStringLiteral("quillbase.lock")));
+        instanceLock_->setStaleLockTime(0);
+        if (!instanceLock_->tryLock(0)) {
+            instanceLock_.reset();
+            // The running copy owns the log: this one ends without a line there.
+            SetUseLog(false);
+            MsgBoxUnlessSilent(GetString(12009, GetString(9003)), BoxIcon::Information);
+            starting_ = false;
+            shutDown_ = true; // nothing was started
+            return OtherInstance;
+        }
+        LogCleanup(QStringLiteral("Quillbase"));
+        LogCleanup(QStringLiteral("Quillmotor"));
+        addinScala_ = switchOn(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwAddinScala"));
+        LogWrite(QStringLiteral("Quillbase version %1.%2.%3 Kedra version %4")
+                     .arg(QUILL_VERSION_MAJOR)
+                     .arg(QUILL_VERSION_MINOR)
+                     .arg(QUILL_VERSION_PATCH)
+                     .arg(RequestHandler::ProtocolVersion));
+
+        traffic_ = std::make_unique<TrafficIndicator>();
+        db_ = std::make_unique<JobDatabase>();
+        if (!db_->SrvOpenDatabases()) {
+            starting_ = false;
+            shutDown_ = true;
+            return NoDatabase;
+        }
+        db_->SrvInitServerSettings();
+        logSettings();
+        if (!db_->SrvPrinterOpenDB()) {
+            db_->SrvCloseDatabases();
+            starting_ = false;
+            shutDown_ = true;
+            return NoDatabase;
+        }
+        printers_.reset();
+        MainAddAndInitAllPrinters(*db_, printers_);
+        if (!db_->SrvTemplateTypeOpenDB() || !db_->SrvJobOpenDB())
+            return fail(StartupFailed);
+        jobs_ = std::make_unique<JobStore>(*db_, printers_);
+        jobs_->SrvInitAllJobs();
+
+        listener_ = std::make_unique<Listener>();
+        listener_->resetConnections();
+        RequestServices services;
+        services.serviceRunning = [this] { return serviceRunning_; };
+        services.printers = &printers_;
+        services.templateInDB = [this](qint32 id) { return db_->SrvTemplateInDB(id); };
+        services.addJob = [this](const QString& text) { jobs_->SrvAddJob(text); };
+        services.clearCurrentTemplate = [this](qint32 id) { clearCurrentTemplate(id); };
+        services.jobSenders = [this] {
+            QList<QPair<qint32, QString>> senders;
+            const JobListModel& list = jobs_->jobList();
+            for (int r = 0; r < list.count(); ++r)
+                senders.append({list.rowAt(r).id, list.rowAt(r).senderTag()});
+            return senders;
+        };
+        services.deleteJob = [this](qint32 id) {
+            jobs_->SrvDBDeleteJob(id);
+            jobs_->SrvRemoveJobRow(id);
+        };
+        services.beginBatch = [this] { jobs_->beginBatch(); };
+        services.commitBatch = [this] { return jobs_->commitBatch(); };
+        handler_ = std::make_unique<RequestHandler>(*listener_, *traffic_, std::move(services));
+        handler_->setAddinScala(addinScala_);
+        listener_->onData = [this](const QString& text, int i) { handler_->SrvHandleRequest(text, i); };
+
+        bool listening = listener_->MainInitTCP(db_->SrvGetServerPort());
+        if (listening) {
+            db_->SrvMainSaveTCPSettings(listener_->localAddress().toString(), listener_->localPort());
+        } else {
+            LogWrite(QStringLiteral("Could not initialize TCP-port."));
+            MsgBoxUnlessSilent(GetString(12014), BoxIcon::Exclamation);
+        }
+
+        if (listening && db_->autoStartService())
+            startService();
+        LogWrite(QStringLiteral("Quillbase succesfully started") +
+                 (SilentMode() ? QStringLiteral(" in silent mode") : QString()));
+        starting_ = false;
+        emit startupFinished();
+        return Started;
+    } catch (const std::exception& e) {
+        const QString text = QStringLiteral("Startup failed. Error: ") + errorText(e);
+        LogWrite(text);
+        MsgBoxUnlessSilent(text + QLatin1Char('\n') + GetString(12015), BoxIcon::None);
+        return fail(StartupFailed);
+    }
+}
+
+void Server::startService()
+{
+    if (serviceRunning_)
+        return;
+    serviceRunning_ = true;
+    emit serviceChanged(true);
+}
+
+void Server::stopService()
+{
+    if (!serviceRunning_)
+        return;
+    serviceRunning_ = false;
+    emit serviceChanged(false);
+}
+
+void Server::clearCurrentTemplate(qint32 templateId)
+{
+    try {
+        for (qint32 id = 1; id < PrinterSlots::UpperBound; ++id) {
+            if (!db_->SrvSeekPrinter(id))
+                continue;
+            TableRecordset& rs = *db_->printerRecordset();
+            SrvPopulateRecordset(rs);
+            if (NullToLong(rs.field(QStringLiteral("CurrentTemplateId")), 0) == templateId) {
+                rs.Edit();
+                rs.setField(QStringLiteral("CurrentTemplateId"), 0);
+                rs.Update();
+            }
+        }
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvHandleRequest failed. Error: ") + errorText(e));
+    }
+}
+
+void Server::shutdown()
+{
+    if (shutDown_)
+        return;
+    shutDown_ = true;
+    try {
+        stopService();
+        if (handler_)
+            handler_->flush();
+        if (listener_)
+            listener_->close();
+        handler_.reset();
+        listener_.reset();
+        jobs_.reset();
+        if (db_)
+            db_->SrvCloseDatabases();
+        db_.reset();
+        LogWrite(QStringLiteral("Quillbase terminated."));
+    } catch (...) {
+        // The unload path always ends the process.
+    }
+    instanceLock_.reset();
+}
+
+} // namespace quill

@@ -1,0 +1,78 @@
+#pragma once
+#include "service/slots.h"
+
+#include <QLockFile>
+#include <QObject>
+#include <memory>
+
+namespace quill {
+
+class JobDatabase;
+class JobStore;
+class Listener;
+class RequestHandler;
+class TrafficIndicator;
+
+// The whole server without its window: start-up in its fixed order, the parts
+// it owns for the run, and the shutdown.
+class Server : public QObject {
+    Q_OBJECT
+public:
+    struct Options {
+        int statusIntervalMs = 60000;
+        bool headless = true;
+    };
+    enum StartResult { Started, OtherInstance, NoDatabase, StartupFailed };
+
+    explicit Server(Options options, QObject* parent = nullptr);
+    ~Server() override;
+
+    StartResult startup();
+    // Stops the service, releases the drivers, closes the database; once.
+    void shutdown();
+
+    bool starting() const { return starting_; }
+    bool serviceRunning() const { return serviceRunning_; }
+    void startService();
+    void stopService();
+
+    // Operator switches read at start-up.
+    bool silentMode() const;
+    bool quitQuestion() const { return quitQuestion_; }
+    bool autostartAtLogon() const { return autostartAtLogon_; }
+    bool addinScala() const { return addinScala_; }
+
+    PrinterSlots& printers() { return printers_; }
+    JobDatabase& database() { return *db_; }
+    JobStore& jobs() { return *jobs_; }
+    Listener& listener() { return *listener_; }
+    TrafficIndicator& traffic() { return *traffic_; }
+    RequestHandler& requests() { return *handler_; }
+
+signals:
+    void serviceChanged(bool running);
+    void startupFinished();
+
+private:
+    StartResult fail(StartResult r);
+    void readRegistrySettings();
+    void logSettings();
+    void clearCurrentTemplate(qint32 templateId);
+
+    Options options_;
+    bool starting_ = false;
+    bool serviceRunning_ = false;
+    bool shutDown_ = false;
+    bool quitQuestion_ = false;
+    bool autostartAtLogon_ = false;
+    bool addinScala_ = false;
+    std::unique_ptr<QLockFile> instanceLock_;
+    PrinterSlots printers_;
+    std::unique_ptr<JobDatabase> db_;
+    std::unique_ptr<JobStore> jobs_;
+    std::unique_ptr<TrafficIndicator> traffic_;
+    std::unique_ptr<Listener> listener_;
+    std::unique_ptr<RequestHandler> handler_;
+};
+
+} // namespace quill

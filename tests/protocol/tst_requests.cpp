@@ -1,0 +1,359 @@
+// The request protocol over real loopback sockets against an in-process server
+// on a temporary installation: exact reply bytes, job storage, configure
+// operations, the add-in framing and the connection limit.
+#include "database/jobstore.h"
+#include "foundation/cp1252.h"
+#include "protocol/listener.h"
+#include "protocol/requesthandler.h"
+#include "shell/server.h"
+#include "support/installation.h"
+
+#include <QFile>
+#include <QTcpSocket>
+#include <QTest>
+#include <memory>
+
+using namespace quill;
+using quill::test::TestInstallation;
+
+namespace {
+
+const QByteArray H = "Brixa - Printerserver:\r";
+QByteArray cp(const QString& s) { return ToCp1252(s); }
+
+QByteArray expected(int code, const QString& status = {})
+{
+    const QString h = QStringLiteral("BRIXA\tERR\tBrixa - Printerserver:\r");
+    const QString settings = QStringLiteral("Kontrollera inställningarna i Brixa - Inställningar!");
+    const QString notStored = QStringLiteral("Utskriftjobbet har INTE lagrats i utskriftskön.");
+    switch (code) {
+    case 0: return "BRIXA\tOK\t";
+    case 1001: return cp(h + QStringLiteral("Tjänsten är inte startad.\rStarta tjänsten och försök igen!1001"));
+    case 1002: return cp(h + QStringLiteral("Inställd skrivare saknas!\r") + settings + "\r\r" + notStored + "1002");
+    case 1003:
+        return cp(h + QStringLiteral("Inställd skrivare är passiv och används inte!\r"
+                                     "Aktivera skrivaren eller ställ in en annan skrivare!\r\r") + notStored + "1003");
+    case 1004: return cp(h + QStringLiteral("Inställd mall saknas!\r") + settings + "\r\r" + notStored + "1004");
+    case 2001: return cp(h + QStringLiteral("Okänd konfigureringsoperation!\r2001"));
+    case 9002:
+        return cp(h + QStringLiteral("Versionskonflikt råder i Brixa intallationen.\rKontrollera att senaste "
+                                     "versionen av Brixa är korrekt installerat på samtliga datorer!9002"));
+    case 9003: return cp(h + QStringLiteral("Okänd utskriftsoperation!\r") + settings + "\r\r" + notStored + "9003");
+    case 1101:
+    case 1102:
+        return cp(QStringLiteral("BRIXA\tOK\tBrixa - Printerserver:\rStatus skrivare: ") + status
+                  + QStringLiteral("\r\rUtskriftjobbet har lagrats i utskriftskön.") + QString::number(code));
+    }
+    return {};
+}
+
+QByteArray print(const QString& printer, const QString& templ, const QString& mode = "0",
+                 const QString& copies = "1", const QString& ws = "KASSA1", const QString& user = "",
+                 const QString& caption = "Greenfee")
+{
+    return cp(QStringLiteral("BRIXA\t1.00\tP\t%1\t%2\t%3\t%4\t%5\t\t\t%6\t%7")
+                  .arg(printer, templ, copies, ws, mode, user, caption));
+}
+
+} // namespace
+
+class TestRequests : public QObject {
+    Q_OBJECT
+    std::unique_ptr<TestInstallation> inst;
+    std::unique_ptr<Server> server;
+    quint16 port = 0;
+
+    void startServer(bool addin = false)
+    {
+        server.reset();
+        inst = std::make_unique<TestInstallation>();
+        QVERIFY(inst->ok());
+        port = TestInstallation::freePort();
+        QVERIFY(inst->setServer(port, true));
+        QVERIFY(inst->addNetworkPrinter(1, "Skrivare 1", 9));
+        QVERIFY(inst->addNetworkPrinter(2, "Passiv", 9, true));
+        QVERIFY(inst->addSerialPrinter(4, "Seriell", 1, 9600));
+        // Template 3 is in the table without a layout file; 4 has no type row.
+        QVERIFY(inst->sql("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (3, 1), (4, 99)"));
+        QFile::remove(inst->file("3.lbl"));
+        if (addin)
+            inst->setMachineValue("Quillbase", "dwAddinScala", 1, true);
+        inst->setUserSwitch("dwUseLog", 1);
+        inst->setUserSwitch("dwUseTrafficLog", 1);
+        server = std::make_unique<Server>(Server::Options{});
+        QCOMPARE(server->startup(), Server::Started);
+        QVERIFY(server->serviceRunning());
+    }
+
+    std::unique_ptr<QTcpSocket> connectClient()
+    {
+        auto s = std::make_unique<QTcpSocket>();
+        s->connectToHost(QHostAddress::LocalHost, port);
+        if (!s->waitForConnected(5000))
+            return nullptr;
+        return s;
+    }
+
+    // Sends one request and collects the reply until it equals `want` or 5 s pass.
+    QByteArray exchange(QTcpSocket& s, const QByteArray& request, const QByteArray& want)
+    {
+        s.write(request);
+        QByteArray got;
+        QTest::qWaitFor([&] {
+            got += s.readAll();
+            return got.size() >= want.size();
+        }, 5000);
+        QTest::qWait(20); // anything extra would show up here
+        return got + s.readAll();
+    }
+
+    int jobCount() { return inst->scalar("SELECT COUNT(*) FROM tbJob").toInt(); }
+
+private slots:
+    void init() { startServer(); }
+    void cleanup()
+    {
+        server.reset();
+        inst.reset();
+    }
+    void replyCodes_data();
+    void replyCodes();
+    void noReplyWithoutMarker_data();
+    void noReplyWithoutMarker();
+    void serviceStopped();
+    void storedJobIsDurableAndListed();
+    void printerStatusReplies();
+    void configureClearsCurrentTemplate();
+    void configureWithdrawsJobs_data();
+    void configureWithdrawsJobs();
+    void addinRecords();
+    void connectionLimit();
+    void hostileInput();
+};
+
+void TestRequests::replyCodes_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<bool>("stored");
+    QTest::newRow("ok") << print("1", "1") << 0 << true;
+    QTest::newRow("marker in lower case") << QByteArray("brixa\t1.00\tP\t1\t1\t1\tWS") << 0 << true;
+    QTest::newRow("version differs") << QByteArray("BRIXA\t1.0\tP\t1\t1") << 9002 << false;
+    QTest::newRow("version with trailing blank") << QByteArray("BRIXA\t1.00 \tP\t1\t1") << 9002 << false;
+    QTest::newRow("operation in lower case") << QByteArray("BRIXA\t1.00\tp\t1\t1") << 9003 << false;
+    QTest::newRow("operation unknown") << QByteArray("BRIXA\t1.00\tX") << 9003 << false;
+    QTest::newRow("printer 0") << print("0", "1") << 1002 << false;
+    QTest::newRow("printer 6") << print("6", "1") << 1002 << false;
+    QTest::newRow("printer not numeric") << print("abc", "1") << 1002 << false;
+    QTest::newRow("printer slot free") << print("3", "1") << 1002 << false;
+    QTest::newRow("passive before template") << print("2", "99") << 1003 << false;
+    QTest::newRow("template not in table") << print("1", "99") << 1004 << false;
+    QTest::newRow("template without type row") << print("1", "4") << 1004 << false;
+    QTest::newRow("mode 2 without layout file") << print("1", "3", "2") << 1004 << false;
+    QTest::newRow("mode 1 with layout file") << print("1", "1", "1") << 0 << true;
+    QTest::newRow("mode 1 without layout file") << print("1", "3", "1") << 1004 << false;
+    QTest::newRow("mode 7 as mode 0") << print("1", "3", "7") << 0 << true;
+    QTest::newRow("configure unknown") << QByteArray("BRIXA\t1.00\tC\t\t\t\t\t\t\t\t9") << 2001 << false;
+    QTest::newRow("configure 2") << QByteArray("BRIXA\t1.00\tC\t\t\t\t\t\t\t\t2") << 0 << false;
+    QTest::newRow("request cut short") << QByteArray("BRIXA\t1.00\tP\t1") << 1004 << false;
+}
+
+void TestRequests::replyCodes()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(int, code);
+    QFETCH(bool, stored);
+    auto c = connectClient();
+    QVERIFY(c);
+    QCOMPARE(exchange(*c, request, expected(code)), expected(code));
+    QCOMPARE(jobCount(), stored ? 1 : 0);
+}
+
+void TestRequests::noReplyWithoutMarker_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::newRow("not the protocol") << QByteArray("HELLO\t1.00\tP");
+    QTest::newRow("second half of a split request") << QByteArray("\t1\tKASSA1");
+    QTest::newRow("blank line") << QByteArray("\r\n");
+}
+
+void TestRequests::noReplyWithoutMarker()
+{
+    QFETCH(QByteArray, request);
+    auto c = connectClient();
+    QVERIFY(c);
+    c->write(request);
+    QTest::qWait(300);
+    QCOMPARE(c->readAll(), QByteArray());
+    // The connection still serves the next request, and the text was logged as traffic.
+    QCOMPARE(exchange(*c, print("1", "1"), expected(0)), expected(0));
+    QVERIFY(inst->log().contains(" Network traffic\r\n" + QString::fromLatin1(request)));
+}
+
+void TestRequests::serviceStopped()
+{
+    server->stopService();
+    auto c = connectClient();
+    QVERIFY(c);
+    // The service check comes before the printer check.
+    QCOMPARE(exchange(*c, print("6", "1"), expected(1001)), expected(1001));
+    QCOMPARE(jobCount(), 0);
+}
+
+void TestRequests::storedJobIsDurableAndListed()
+{
+    auto c = connectClient();
+    QVERIFY(c);
+    const QByteArray req = print("1", "1", "0", "3", "KASSA1", "Anna", QStringLiteral("Tävling"));
+    QCOMPARE(exchange(*c, req, expected(0)), expected(0));
+    // Read through a connection of our own: the row is committed when the reply arrives.
+    QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 1").toString(), FromCp1252(req));
+    QCOMPARE(inst->scalar("SELECT PrinterId FROM tbJob WHERE Id = 1").toInt(), 1);
+    JobListModel& list = server->jobs().jobList();
+    QCOMPARE(list.rowCount(), 1);
+    QCOMPARE(list.index(0, 0).data().toString(), QStringLiteral("1 Tävling"));
+    QCOMPARE(list.index(0, 1).data().toString(), QStringLiteral("3"));
+    QCOMPARE(list.index(0, 2).data().toString(), QStringLiteral("Skrivare 1"));
+    QCOMPARE(list.index(0, 3).data().toString(), QStringLiteral("Anna på KASSA1"));
+}
+
+void TestRequests::printerStatusReplies()
+{
+    auto c = connectClient();
+    QVERIFY(c);
+    server->printers().SrvSetPrinterStatus(1, StatusError, QStringLiteral("Slut på papper"));
+    QCOMPARE(exchange(*c, print("1", "1"), expected(1102, QStringLiteral("Slut på papper"))),
+             expected(1102, QStringLiteral("Slut på papper")));
+    server->printers().SrvSetPrinterStatus(1, StatusChecking, QStringLiteral("Kontrollerar"));
+    QCOMPARE(exchange(*c, print("1", "1"), expected(1101, QStringLiteral("Slut på papper"))),
+             expected(1101, QStringLiteral("Slut på papper")));
+    server->printers().SrvSetPrinterStatus(1, StatusReady, QStringLiteral("Klar"));
+    QCOMPARE(exchange(*c, print("1", "1"), expected(0)), expected(0));
+    QCOMPARE(jobCount(), 3);
+}
+
+void TestRequests::configureClearsCurrentTemplate()
+{
+    QVERIFY(inst->sql("UPDATE tbPrinter SET CurrentTemplateId = 7 WHERE Id IN (1, 4)"));
+    QVERIFY(inst->sql("UPDATE tbPrinter SET CurrentTemplateId = 8 WHERE Id = 2"));
+    auto c = connectClient();
+    QVERIFY(c);
+    QCOMPARE(exchange(*c, "BRIXA\t1.00\tC\t\t7\t\t\t\t\t\t1", expected(0)), expected(0));
+    QCOMPARE(inst->scalar("SELECT COUNT(*) FROM tbPrinter WHERE CurrentTemplateId = 0").toInt(), 2);
+    QCOMPARE(inst->scalar("SELECT CurrentTemplateId FROM tbPrinter WHERE Id = 2").toInt(), 8);
+}
+
+void TestRequests::configureWithdrawsJobs_data()
+{
+    QTest::addColumn<QString>("workstation");
+    QTest::addColumn<QString>("user");
+    QTest::addColumn<QList<int>>("left");
+    QTest::newRow("everything") << "*" << "*" << QList<int>{};
+    QTest::newRow("empty workstation removes nothing") << "" << "*" << QList<int>{1, 2, 3, 4};
+    QTest::newRow("one workstation, any user") << " kassa1 " << "*" << QList<int>{3, 4};
+    QTest::newRow("user on any workstation") << "*" << "ANNA" << QList<int>{2, 4};
+    QTest::newRow("both must match") << "KASSA1" << "anna" << QList<int>{2, 3, 4};
+}
+
+void TestRequests::configureWithdrawsJobs()
+{
+    QFETCH(QString, workstation);
+    QFETCH(QString, user);
+    QFETCH(QList<int>, left);
+    auto c = connectClient();
+    QVERIFY(c);
+    for (const auto& [ws, u] : QList<QPair<QString, QString>>{{"KASSA1", "Anna"}, {"KASSA1", "Bo"},
+                                                                {"Kassa2", "anna"}, {"KASSA2", ""}})
+        QCOMPARE(exchange(*c, print("1", "1", "0", "1", ws, u), expected(0)), expected(0));
+    const QByteArray withdraw = cp(QStringLiteral("BRIXA\t1.00\tC\t\t\t\t\t\t\t\t3\t%1\t%2").arg(workstation, user));
+    QCOMPARE(exchange(*c, withdraw, expected(0)), expected(0));
+    JobListModel& list = server->jobs().jobList();
+    QList<int> ids;
+    for (int r = 0; r < list.rowCount(); ++r)
+        ids << list.rowAt(r).id;
+    QCOMPARE(ids, left);
+    QCOMPARE(jobCount(), left.size());
+}
+
+void TestRequests::addinRecords()
+{
+    startServer(true);
+    QVERIFY(server->requests().addinScala());
+    auto c = connectClient();
+    QVERIFY(c);
+    // Two records in one arrival; no reply for either.
+    const QByteArray rec1 = "{STARTBRIXA;1.00;P;1;1;2;KASSA1;0;;;Anna;Tee 1}\r\n{ENDBRIXA}\n";
+    const QByteArray rec2 = "{STARTBRIXA;1.00;P;9;1;1;KASSA2;0;;;;Tee 2}\r\n{ENDBRIXA}\n";
+    c->write(rec1 + rec2);
+    QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 2, 5000);
+    QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 1").toString(),
+             QStringLiteral("BRIXA\t1.00\tP\t1\t1\t2\tKASSA1\t0\t\t\tAnna\tTee 1 \t\t\r\n"));
+    // Stored whatever the printer: 9 is shown as unknown.
+    QCOMPARE(server->jobs().jobList().index(1, 2).data().toString(), QStringLiteral("Okänd"));
+
+    // A record cut after its start marker waits for the rest.
+    c->write("{STARTBRIXA;1.00;P;1;1;1;KA");
+    QTest::qWait(200);
+    QCOMPARE(jobCount(), 2);
+    // More than 12 fields: the rest stay joined to field 13.
+    c->write("SSA3;0;;;Bo;Cap;x;y;z}\r\n{ENDBRIXA}\n");
+    QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 3, 5000);
+    QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 3").toString(),
+             QStringLiteral("BRIXA\t1.00\tP\t1\t1\t1\tKASSA3\t0\t\t\tBo\tCap\tx;y;z \t\t\r\n"));
+    QTest::qWait(100);
+    QCOMPARE(c->bytesAvailable(), 0);
+
+    // A standard request on an add-in connection is still answered.
+    QCOMPARE(exchange(*c, print("1", "1"), expected(0)), expected(0));
+}
+
+void TestRequests::connectionLimit()
+{
+    std::vector<std::unique_ptr<QTcpSocket>> clients;
+    for (int i = 0; i < Listener::MaxConnections; ++i) {
+        clients.push_back(connectClient());
+        QVERIFY(clients.back());
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(server->listener().connectionCount(), 32, 5000);
+    QCOMPARE(server->listener().FindFreeConnection(), -1);
+    // The 33rd is closed at once, without a reply.
+    auto extra = connectClient();
+    QVERIFY(extra);
+    extra->write(print("1", "1"));
+    QTRY_VERIFY_WITH_TIMEOUT(extra->state() == QAbstractSocket::UnconnectedState, 5000);
+    QCOMPARE(extra->readAll(), QByteArray());
+    // Every one of the 32 is served.
+    for (auto& c : clients)
+        c->write(print("1", "1"));
+    for (auto& c : clients) {
+        QByteArray got;
+        QTRY_COMPARE_WITH_TIMEOUT(got += c->readAll(), expected(0), 5000);
+    }
+    QCOMPARE(jobCount(), 32);
+    // One leaves; the next client gets its entry.
+    clients[4]->disconnectFromHost();
+    QTRY_COMPARE_WITH_TIMEOUT(server->listener().FindFreeConnection(), 5, 5000);
+    auto next = connectClient();
+    QVERIFY(next);
+    QCOMPARE(exchange(*next, print("1", "1"), expected(0)), expected(0));
+}
+
+void TestRequests::hostileInput()
+{
+    startServer(true); // add-in framing on: the buffered path
+    auto bad = connectClient();
+    auto good = connectClient();
+    QVERIFY(bad && good);
+    QByteArray binary(4096, '\0');
+    for (int i = 0; i < binary.size(); ++i)
+        binary[i] = char((i * 7919) & 0xFF);
+    bad->write(binary);
+    bad->write(QByteArray(40000, 'x') + "\tBRIXA");          // separator past position 32767
+    bad->write("{STARTBRIXA;" + QByteArray(3 << 20, 'a'));   // start marker, no end, past the buffer bound
+    QTRY_VERIFY_WITH_TIMEOUT(bad->state() == QAbstractSocket::UnconnectedState, 20000);
+    QVERIFY(inst->log().contains("add-in buffer"));
+    QCOMPARE(exchange(*good, print("1", "1"), expected(0)), expected(0));
+}
+
+QTEST_GUILESS_MAIN(TestRequests)
+#include "tst_requests.moc"

@@ -1,0 +1,45 @@
+#pragma once
+// A throw-away installation for server tests: a temporary folder provisioned
+// like `quillbase --init`, private settings scopes (XDG_CONFIG_DIRS/HOME point
+// inside it), and direct SQL access to its database for arranging rows.
+#include <QString>
+#include <QTemporaryDir>
+#include <QVariant>
+
+namespace quill::test {
+
+class TestInstallation {
+public:
+    // Provisions and points HomeDir() and the settings scopes at the folder.
+    TestInstallation();
+    ~TestInstallation();
+
+    bool ok() const { return ok_; }
+    QString path() const { return dir_.path(); }
+    QString file(const QString& name) const { return dir_.filePath(name); }
+
+    // Runs SQL on brixa.mdb through a connection of its own (closed again).
+    bool sql(const QString& statement, const QVariantList& binds = {});
+    QVariant scalar(const QString& query);
+
+    // A printer row in tbPrinter: network "127.0.0.1#port" or serial "COMn:#rate".
+    bool addNetworkPrinter(int id, const QString& name, quint16 port, bool passive = false);
+    bool addSerialPrinter(int id, const QString& name, int com, int rate, bool passive = false);
+    // tbServer: the listening port and the service auto-start switch.
+    bool setServer(quint16 port, bool autoStartService);
+    // Per-user switches (dwUseLog etc.) and per-machine values.
+    void setUserSwitch(const QString& name, int value);
+    void setMachineValue(const QString& group, const QString& name, const QVariant& value, bool number);
+
+    // The text of this week's event log.
+    QString log() const;
+
+    // A free loopback TCP port (bound and released).
+    static quint16 freePort();
+
+private:
+    QTemporaryDir dir_;
+    bool ok_ = false;
+};
+
+} // namespace quill::test
