@@ -2,11 +2,14 @@
 BUILD    ?= build
 JOBS     ?= $(shell nproc)
 PACKAGES := cmake ninja-build g++ make pkg-config qt6-base-dev qt6-base-dev-tools \
-            libqt6sql6-sqlite libqt6serialport6-dev qt6-qpa-plugins sqlite3 \
+            libqt6sql6-sqlite qt6-serialport-dev qt6-qpa-plugins sqlite3 \
             clang libclang-rt-14-dev python3 fonts-dejavu-core
 SUDO     := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build test run fuzz bench clean
+.PHONY: all deps build test run fuzz fuzz-smoke bench clean
+FUZZ_SECONDS ?= 10
+# The server under fuzzing changes its working folder, so every path is absolute.
+FUZZ_DIR = $(abspath $(BUILD)-fuzz)
 
 all: build
 
@@ -27,7 +30,9 @@ $(BUILD)/build.ninja:
 build: deps $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The short fuzzing run goes first so CTest's summary closes the output.
 test: build
+	$(MAKE) --no-print-directory fuzz-smoke FUZZ_SECONDS=5
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
 
 run: build
@@ -38,7 +43,15 @@ bench: build
 
 fuzz: deps
 	cmake -S . -B $(BUILD)-fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DQUILL_FUZZ=ON -DQUILL_TESTS=OFF
-	cmake --build $(BUILD)-fuzz -j $(JOBS)
+	cmake --build $(BUILD)-fuzz -j $(JOBS) --target fuzz-requests
+
+# A short fuzzing run (make fuzz-smoke FUZZ_SECONDS=600 for a longer one).
+fuzz-smoke: fuzz
+	mkdir -p $(FUZZ_DIR)/corpus
+	cp -n tests/fuzz/seeds/* $(FUZZ_DIR)/corpus/ 2>/dev/null || true
+	@$(FUZZ_DIR)/bin/fuzz-requests -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -print_final_stats=1 \
+	  -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus > $(FUZZ_DIR)/fuzz.log 2>&1; rc=$$?; \
+	  tail -n 12 $(FUZZ_DIR)/fuzz.log; exit $$rc
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-fuzz

@@ -1,0 +1,61 @@
+// libFuzzer target: arbitrary bytes as arrivals on a client connection, through
+// the request handler and the add-in framing, against a real server on a
+// throw-away installation. The first byte picks the framing mode and the
+// connection; the rest is the arrival.
+#include "foundation/messages.h"
+#include "foundation/paths.h"
+#include "protocol/requesthandler.h"
+#include "shell/installation.h"
+#include "shell/server.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QTemporaryDir>
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+struct Harness {
+    QTemporaryDir dir;
+    std::unique_ptr<QCoreApplication> app;
+    std::unique_ptr<quill::Server> server;
+    int calls = 0;
+};
+
+Harness* harness = nullptr;
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    harness = new Harness;
+    harness->app = std::make_unique<QCoreApplication>(*argc, *argv);
+    qputenv("XDG_CONFIG_DIRS", harness->dir.filePath("machine").toUtf8());
+    qputenv("XDG_CONFIG_HOME", harness->dir.filePath("user").toUtf8());
+    quill::SetHomeDir(harness->dir.path());
+    QString message;
+    if (!quill::ProvisionInstallation(harness->dir.path(), &message))
+        std::abort();
+    harness->server = std::make_unique<quill::Server>(quill::Server::Options{});
+    if (harness->server->startup() != quill::Server::Started)
+        std::abort();
+    harness->server->startService();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size == 0)
+        return 0;
+    quill::RequestHandler& handler = harness->server->requests();
+    handler.setAddinScala(data[0] & 1);
+    const int connection = 1 + (data[0] >> 1) % 4;
+    const QByteArray bytes(reinterpret_cast<const char*>(data + 1), qsizetype(size - 1));
+    handler.SrvHandleRequest(QString::fromLatin1(bytes), connection);
+    // Stored jobs share one transaction until the handler commits it.
+    if (++harness->calls % 512 == 0)
+        handler.flush();
+    return 0;
+}
