@@ -49,7 +49,7 @@ fuzz: deps
 fuzz-smoke: fuzz
 	mkdir -p $(FUZZ_DIR)/corpus
 	cp -n tests/fuzz/seeds/* $(FUZZ_DIR)/corpus/ 2>/dev/null || true
-	@$(FUZZ_DIR)/bin/fuzz-requests -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -print_final_stats=1 \
+	@$(FUZZ_DIR)/bin/fuzz-requests -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -timeout=10 -print_final_stats=1 \
 	  -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus > $(FUZZ_DIR)/fuzz.log 2>&1; rc=$$?; \
 	  tail -n 12 $(FUZZ_DIR)/fuzz.log; exit $$rc
 
