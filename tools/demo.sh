@@ -1,5 +1,92 @@
 #!/usr/bin/env bash
-# Starts the demo installation. Until the server runs headless this prints the version line.
+# make run: a demo installation in demo/ with two emulated MP104C printers
+# (1 Reception on a network box, 2 Proshop on a serial line through a pty),
+# served by the headless server. Ctrl-C stops everything.
+#   tools/demo.sh [BUILD_DIR]     DEMO_PORT=20001 sets the server's TCP port
 set -euo pipefail
-build=${1:-build}
-"$build/bin/quillbase" --version 2>/dev/null || "$build/bin/quillbase"
+root=$(cd "$(dirname "$0")/.." && pwd)
+bin=$(cd "${1:-build}" && pwd)/bin
+demo=$root/demo
+port=${DEMO_PORT:-20001}
+# Private settings scopes: the demo never touches the user's own settings.
+export XDG_CONFIG_DIRS=$demo/config/machine XDG_CONFIG_HOME=$demo/config/user
+pids=()
+
+say() { printf '%s\n' "$*"; }
+fail() { say "demo: $*" >&2; exit 1; }
+listening() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+# Waits up to 10 s for a line matching $1 in file $2.
+wait_line() {
+  for _ in $(seq 100); do grep -q "$1" "$2" 2>/dev/null && return 0; sleep 0.1; done
+  fail "no '$1' in $2: $(cat "$2" 2>/dev/null)"
+}
+
+cleanup() {
+  trap - EXIT INT TERM
+  if [ -n "${server:-}" ] && kill -TERM "$server" 2>/dev/null; then wait "$server" 2>/dev/null || true; fi
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  rm -f "$demo/run/com1"
+  [ ${#pids[@]} -eq 0 ] || say "Demo stopped."
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+command -v sqlite3 >/dev/null || fail "sqlite3 is missing (make deps installs it)"
+[ -x "$bin/quillbase" ] && [ -x "$bin/mp104c-emulator" ] || fail "build first: make build"
+listening "$port" && fail "port $port is in use (another server running?); try DEMO_PORT=20002 make run"
+
+if [ ! -f "$demo/brixa.mdb" ]; then
+  "$bin/quillbase" --init --home "$demo"
+  mkdir -p "$XDG_CONFIG_HOME/Norvu"
+  # Event and traffic log on, so the log below shows what happens.
+  printf '[Quillbase]\ndwUseLog=dword:00000001\ndwUseTrafficLog=dword:00000001\n' \
+    > "$XDG_CONFIG_HOME/Norvu/Brixa.conf"
+fi
+mkdir -p "$demo/run" "$demo/labels/reception" "$demo/labels/proshop"
+
+emulator() { # name, emulator arguments...
+  local name=$1; shift
+  "$bin/mp104c-emulator" --name "$name" --out "$demo/labels/$name" "$@" > "$demo/run/$name.out" 2>&1 &
+  pids+=($!)
+  wait_line '^ready' "$demo/run/$name.out"
+}
+emulator reception --listen 127.0.0.1:0
+emulator proshop --pty "$demo/run/com1" --baud 9600
+netport=$(sed -n 's/^listening //p' "$demo/run/reception.out")
+
+# COM1 of this machine is the emulator's pty.
+sed -i "s|^COM1=.*|COM1=\"$demo/run/com1\"|" "$XDG_CONFIG_DIRS/Norvu/Brixa.conf"
+# The printer rows as the printer dialog saves them; the network box port changes every run.
+sqlite3 "$demo/brixa.mdb" <<SQL
+INSERT OR REPLACE INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection1, Connection2,
+  NetConnectOnly, Strobe, Speed, Passive, CutterInstalled, DispensingFeed, ReverseFeed)
+VALUES (1, 'Reception', 1, 2, 'COM1:#9600', '127.0.0.1#$netport', 1, 4, 2, 0, 0, 60, 0),
+       (2, 'Proshop', 1, 1, 'COM1:#9600', NULL, 0, 4, 2, 0, 0, 60, 0);
+UPDATE tbServer SET port = $port, AutoStartService = 1;
+SQL
+
+log=$demo/Quillbase$((10#$(date +%V))).log
+touch "$log"
+tail -n 0 -F "$log" 2>/dev/null &
+pids+=($!)
+"$bin/quillbase" --headless --home "$demo" --status-interval 10000 &
+server=$!
+for _ in $(seq 100); do listening "$port" && break; kill -0 "$server" 2>/dev/null || break; sleep 0.1; done
+listening "$port" || fail "the server did not start listening on port $port (see $log)"
+
+cat <<EOF
+
+Quillbase demo is running: server on port $port, printer 1 Reception (network box 127.0.0.1#$netport),
+printer 2 Proshop (serial COM1 -> $demo/run/com1). Installation and log: $demo
+
+Send a print request from another terminal (field 4 is the printer, 1 or 2):
+
+  python3 -c 'import socket; s = socket.create_connection(("127.0.0.1", $port)); s.sendall("\t".join(["BRIXA", "1.00", "P", "1", "1", "1", "KASSA1", "0", "7312345678", "", "Anna", "Greenfee", "", "Åsa Öberg", "18 hål, gul tee", "Start 10:40", "450 kr"]).encode("cp1252")); print(s.recv(4096).decode("cp1252"))'
+
+The reply is "BRIXA<TAB>OK<TAB>"; the printed label appears as PNG + JSON in
+  $demo/labels/reception/  (printer 1)    $demo/labels/proshop/  (printer 2)
+
+Ctrl-C stops the server and both printers. Event log follows:
+EOF
+wait "$server"
