@@ -104,7 +104,8 @@ void TstQuillmotor::init()
 {
     inst_ = std::make_unique<TestInstallation>();
     QVERIFY(inst_->ok());
-    QFile::copy(QStringLiteral(QUILL_SOURCE_DIR "/src/resources/demo.lbl"), inst_->file("1.lbl"));
+    QFile::remove(inst_->file("1.lbl"));
+    QVERIFY(QFile::copy(QStringLiteral(QUILL_SOURCE_DIR "/src/resources/demo.lbl"), inst_->file("1.lbl")));
     SetMessageSink(&sink_);
     sink_.texts.clear();
     SetSilentMode(false);
