@@ -21,8 +21,16 @@ constexpr int MaxOpenDevices = 64;
 int g_timeoutMs = 3000;
 quint32 g_nextId = 1;
 
+struct CloseLink {
+    void operator()(QIODevice* io) const
+    {
+        CloseTransport(io);
+        delete io;
+    }
+};
+
 struct Session {
-    std::unique_ptr<QIODevice> io;
+    std::unique_ptr<QIODevice, CloseLink> io;
     LinkDecoder decoder;
     QString identity;
 };
@@ -157,7 +165,6 @@ int Printer_Close(int handle)
     }
     if (auto* socket = qobject_cast<QTcpSocket*>(io))
         socket->disconnectFromHost();
-    io->close();
     sessions().erase(it);
     return link::Ok;
 }

@@ -6,6 +6,12 @@
 #include <QDeadlineTimer>
 #include <QRegularExpression>
 
+#ifdef Q_OS_UNIX
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#endif
+
 namespace quill {
 
 namespace {
@@ -191,6 +197,31 @@ void SetTransportBaudRate(QIODevice* io, qint32 rate)
 {
     if (auto* p = qobject_cast<QSerialPort*>(io))
         p->setBaudRate(rate);
+}
+
+void CloseTransport(QIODevice* io)
+{
+    if (!io || !io->isOpen())
+        return;
+    const QSignalBlocker quiet(io);
+#ifdef Q_OS_UNIX
+    if (auto* p = qobject_cast<QSerialPort*>(io)) {
+        // QSerialPort puts back the settings it found at open as it closes.
+        // After a parameter 30 change that is the printer's old speed: the
+        // CLOSE still on its way would arrive as noise and the next session
+        // would find the line at the wrong speed. So the descriptor is closed
+        // here, unchanged, and QSerialPort is left a stand-in to close.
+        const int fd = int(p->handle());
+        const int standIn = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (fd >= 0 && standIn >= 0) {
+            ::ioctl(fd, TIOCNXCL);
+            ::dup2(standIn, fd);
+        }
+        if (standIn >= 0)
+            ::close(standIn);
+    }
+#endif
+    io->close();
 }
 
 } // namespace quill

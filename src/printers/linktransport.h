@@ -65,6 +65,10 @@ bool WaitTransportConnected(QIODevice* io, int ms);
 // Changes the line speed of a serial transport (after parameter 30 was
 // accepted); no-op for a network box, whose own serial side follows the printer.
 void SetTransportBaudRate(QIODevice* io, qint32 rate);
+// Closes the transport. A serial line keeps the settings the session left on
+// it (QSerialPort::close would put back those it found at open). Signals of io
+// are blocked while it closes.
+void CloseTransport(QIODevice* io);
 
 // Connects the "link is up" moment of either transport kind to a slot:
 // QTcpSocket::connected, or an immediate queued call for an open serial port.
