@@ -4,6 +4,7 @@
 #include "foundation/cp1252.h"
 #include "support/installation.h"
 
+#include <QFile>
 #include <QProcess>
 #include <QSet>
 #include <QTcpSocket>
@@ -71,6 +72,7 @@ private slots:
     void killWithManyClientsKeepsEveryAnsweredJob();
     void terminateShutsDownInOrder();
     void secondInstanceLeavesFirstAlone();
+    void initRefusesExistingDatabase();
 };
 
 void TestDurability::killAfterOkKeepsEveryJobInOrder()
@@ -208,6 +210,25 @@ void TestDurability::secondInstanceLeavesFirstAlone()
     QCOMPARE(inst->log().count("\r\n"), linesBefore);
     first->terminate();
     QVERIFY(first->waitForFinished(10000));
+}
+
+void TestDurability::initRefusesExistingDatabase()
+{
+    QVERIFY(inst->sql("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (1, 1, 'kept')"));
+    QFile mdb(inst->file("brixa.mdb"));
+    QVERIFY(mdb.open(QIODevice::ReadOnly));
+    const QByteArray before = mdb.readAll();
+    mdb.close();
+    QProcess init;
+    init.start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--init", "--home", inst->path()});
+    QVERIFY(init.waitForFinished(20000));
+    QCOMPARE(init.exitStatus(), QProcess::NormalExit);
+    QVERIFY(init.exitCode() != 0);
+    const QString err = QString::fromUtf8(init.readAllStandardError());
+    QVERIFY2(err.contains(mdb.fileName() + " already exists"), qPrintable(err));
+    QVERIFY(mdb.open(QIODevice::ReadOnly));
+    QCOMPARE(mdb.readAll(), before);
+    QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 1").toString(), QStringLiteral("kept"));
 }
 
 QTEST_GUILESS_MAIN(TestDurability)
