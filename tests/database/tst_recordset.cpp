@@ -1,5 +1,5 @@
 // The record layer on real SQLite files: what table-type recordsets and snapshots
-// see, keyed seeks, positioned edits and deletes, and the template lookup.
+// see, keyed seeks, positioned writes, errors, and the template lookup.
 #include "database/jobdatabase.h"
 #include "database/recordset.h"
 #include "foundation/strutil.h"
@@ -21,6 +21,7 @@ void addJob(TableRecordset& rs, qint32 id, qint32 printer, const QString& text)
     rs.Update();
 }
 
+// The error number a call throws; 0 when it throws nothing.
 int errorNumber(const std::function<void()>& f)
 {
     try {
@@ -29,6 +30,14 @@ int errorNumber(const std::function<void()>& f)
         return e.number;
     }
     return 0;
+}
+
+QStringList walk(TableRecordset& rs)
+{
+    QStringList jobs;
+    for (rs.MoveFirst(); !rs.IsEOF(); rs.MoveNext())
+        jobs << rs.field(QStringLiteral("Job")).toString();
+    return jobs;
 }
 
 } // namespace
@@ -51,16 +60,13 @@ private slots:
         home.reset();
     }
     void journalSettings();
-    void snapshotDoesNotSeeLaterWrites();
-    void tableSeesItsOwnWritesAtOnce();
+    void tableSeesWritesSnapshotDoesNot();
     void keyedSeek_data();
     void keyedSeek();
-    void positionedEdit();
-    void deleteCurrentRow();
-    void addNewKeepsCurrentRow();
+    void positionedWrites();
     void walkBeyondReadAhead();
     void emptyTable();
-    void fieldsByNameAndNull();
+    void fieldsByNameNullAndDefaults();
     void sqliteErrorsCarryNumberAndText();
     void findFirstCriteria_data();
     void findFirstCriteria();
@@ -69,58 +75,47 @@ private slots:
 
 void TestRecordset::journalSettings()
 {
-    Snapshot mode(db, QStringLiteral("PRAGMA journal_mode"));
-    QCOMPARE(mode.field(QStringLiteral("journal_mode")).toString(), QStringLiteral("wal"));
-    Snapshot sync(db, QStringLiteral("PRAGMA synchronous"));
-    QCOMPARE(sync.field(QStringLiteral("synchronous")).toInt(), 2); // FULL
-    Snapshot fk(db, QStringLiteral("PRAGMA foreign_keys"));
-    QCOMPARE(fk.field(QStringLiteral("foreign_keys")).toInt(), 0);
+    // A job is durable when its commit returns only with these.
+    QCOMPARE(Snapshot(db, QStringLiteral("PRAGMA journal_mode")).field(QStringLiteral("journal_mode")).toString(),
+             QStringLiteral("wal"));
+    QCOMPARE(Snapshot(db, QStringLiteral("PRAGMA synchronous")).field(QStringLiteral("synchronous")).toInt(), 2);
+    QCOMPARE(Snapshot(db, QStringLiteral("PRAGMA foreign_keys")).field(QStringLiteral("foreign_keys")).toInt(), 0);
 }
 
-void TestRecordset::snapshotDoesNotSeeLaterWrites()
-{
-    TableRecordset jobs(db, QStringLiteral("tbJob"));
-    addJob(jobs, 1, 1, QStringLiteral("first"));
-    Snapshot before(db, QStringLiteral("SELECT * FROM tbJob"));
-    addJob(jobs, 2, 1, QStringLiteral("second"));
-    QCOMPARE(before.RecordCount(), 1);
-    before.MoveLast();
-    QCOMPARE(before.field(QStringLiteral("Job")).toString(), QStringLiteral("first"));
-    QCOMPARE(Snapshot(db, QStringLiteral("SELECT * FROM tbJob")).RecordCount(), 2);
-}
-
-void TestRecordset::tableSeesItsOwnWritesAtOnce()
+void TestRecordset::tableSeesWritesSnapshotDoesNot()
 {
     TableRecordset jobs(db, QStringLiteral("tbJob"));
     jobs.setIndex(QStringLiteral("PrimaryKey"));
-    QCOMPARE(jobs.RecordCount(), 0);
     addJob(jobs, 4, 2, QStringLiteral("four"));
-    QCOMPARE(jobs.RecordCount(), 1);
-    QVERIFY(jobs.seek(QStringLiteral("="), 4));
-    QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), QStringLiteral("four"));
-    // And it is on disk, committed, for any other reader.
-    QCOMPARE(JobRows(mdb()), QStringList{QStringLiteral("4|2|four")});
+    Snapshot before(db, QStringLiteral("SELECT * FROM tbJob"));
+    addJob(jobs, 5, 1, QStringLiteral("five"));
+    QCOMPARE(jobs.RecordCount(), 2);
+    QVERIFY(jobs.seek(QStringLiteral("="), 5));
+    QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), QStringLiteral("five"));
+    // Committed at once, for any other reader.
+    QCOMPARE(JobRows(mdb()), (QStringList{"4|2|four", "5|1|five"}));
+    QCOMPARE(before.RecordCount(), 1);
+    before.MoveLast();
+    QCOMPARE(before.field(QStringLiteral("Job")).toString(), QStringLiteral("four"));
 }
 
 void TestRecordset::keyedSeek_data()
 {
     QTest::addColumn<QVariant>("key");
-    QTest::addColumn<bool>("found");
-    QTest::addColumn<QString>("job");
-    QTest::newRow("first") << QVariant(1) << true << "j1";
-    QTest::newRow("middle") << QVariant(5) << true << "j5";
-    QTest::newRow("last") << QVariant(10) << true << "j10";
-    QTest::newRow("gap") << QVariant(3) << false << "";
-    QTest::newRow("above") << QVariant(11) << false << "";
-    QTest::newRow("as text") << QVariant(QStringLiteral("5")) << true << "j5";
-    QTest::newRow("not a number") << QVariant(QStringLiteral("x")) << false << "";
-    QTest::newRow("null") << QVariant() << false << "";
+    QTest::addColumn<QString>("job"); // empty: no match
+    QTest::newRow("first") << QVariant(1) << "j1";
+    QTest::newRow("middle") << QVariant(5) << "j5";
+    QTest::newRow("last") << QVariant(10) << "j10";
+    QTest::newRow("gap") << QVariant(3) << "";
+    QTest::newRow("above") << QVariant(11) << "";
+    QTest::newRow("as text") << QVariant(QStringLiteral("5")) << "j5";
+    QTest::newRow("not a number") << QVariant(QStringLiteral("x")) << "";
+    QTest::newRow("null") << QVariant() << "";
 }
 
 void TestRecordset::keyedSeek()
 {
     QFETCH(QVariant, key);
-    QFETCH(bool, found);
     QFETCH(QString, job);
     TableRecordset jobs(db, QStringLiteral("tbJob"));
     QCOMPARE(errorNumber([&] { jobs.seek(QStringLiteral("="), 1); }), 3019); // no current index
@@ -128,48 +123,48 @@ void TestRecordset::keyedSeek()
     jobs.setIndex(QStringLiteral("PrimaryKey"));
     for (int id : {10, 1, 5, 2})
         addJob(jobs, id, 1, QStringLiteral("j%1").arg(id));
-    QCOMPARE(jobs.seek(QStringLiteral("="), key), found);
-    QCOMPARE(jobs.NoMatch(), !found);
-    if (found)
-        QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), job);
-    else
+    QCOMPARE(jobs.seek(QStringLiteral("="), key), !job.isEmpty());
+    QCOMPARE(jobs.NoMatch(), job.isEmpty());
+    if (job.isEmpty())
         QCOMPARE(errorNumber([&] { jobs.field(QStringLiteral("Job")); }), ErrNoCurrentRecord);
+    else
+        QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), job);
 }
 
-void TestRecordset::positionedEdit()
+void TestRecordset::positionedWrites()
 {
     TableRecordset jobs(db, QStringLiteral("tbJob"));
     jobs.setIndex(QStringLiteral("PrimaryKey"));
-    for (int id = 1; id <= 3; ++id)
+    for (int id : {1, 2, 5})
         addJob(jobs, id, 1, QStringLiteral("j%1").arg(id));
+
+    // Edit: the pending value shows until Update, and only then reaches the file.
     QVERIFY(jobs.seek(QStringLiteral("="), 2));
     QCOMPARE(errorNumber([&] { jobs.setField(QStringLiteral("Job"), QStringLiteral("x")); }), ErrUpdateWithoutEdit);
     jobs.Edit();
     jobs.setField(QStringLiteral("job"), QStringLiteral("changed"));
-    // The pending value is what the row shows until it is updated.
     QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), QStringLiteral("changed"));
     QCOMPARE(JobRows(mdb())[1], QStringLiteral("2|1|j2"));
     jobs.Update();
-    QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), QStringLiteral("changed"));
-    QCOMPARE(JobRows(mdb()), (QStringList{"1|1|j1", "2|1|changed", "3|1|j3"}));
-
-    // An abandoned edit leaves the row as it was.
+    QCOMPARE(JobRows(mdb())[1], QStringLiteral("2|1|changed"));
+    // A move abandons an edit.
     jobs.Edit();
     jobs.setField(QStringLiteral("PrinterId"), 9);
     jobs.MoveFirst();
-    QCOMPARE(JobRows(mdb())[1], QStringLiteral("2|1|changed"));
     QCOMPARE(errorNumber([&] { jobs.Update(); }), ErrUpdateWithoutEdit);
-}
+    QCOMPARE(JobRows(mdb())[1], QStringLiteral("2|1|changed"));
 
-void TestRecordset::deleteCurrentRow()
-{
-    TableRecordset jobs(db, QStringLiteral("tbJob"));
-    jobs.setIndex(QStringLiteral("PrimaryKey"));
-    for (int id = 1; id <= 4; ++id)
-        addJob(jobs, id, 1, QStringLiteral("j%1").arg(id));
+    // AddNew keeps the current row current, even when the new key sorts before it.
+    QVERIFY(jobs.seek(QStringLiteral("="), 5));
+    addJob(jobs, 3, 1, QStringLiteral("j3"));
+    QCOMPARE(jobs.field(QStringLiteral("Id")).toInt(), 5);
+    // A key that exists already is refused and changes nothing.
+    QVERIFY(errorNumber([&] { addJob(jobs, 3, 1, QStringLiteral("again")); }) != 0);
+    QCOMPARE(walk(jobs), (QStringList{"j1", "changed", "j3", "j5"}));
+
+    // Delete: no current row until the next move, which lands on the row after it.
     QVERIFY(jobs.seek(QStringLiteral("="), 2));
     jobs.Delete();
-    QCOMPARE(jobs.RecordCount(), 3);
     QCOMPARE(errorNumber([&] { jobs.field(QStringLiteral("Id")); }), ErrRecordDeleted);
     jobs.MoveNext();
     QCOMPARE(jobs.field(QStringLiteral("Id")).toInt(), 3);
@@ -179,27 +174,6 @@ void TestRecordset::deleteCurrentRow()
     jobs.MoveNext();
     QVERIFY(jobs.IsEOF());
     QCOMPARE(JobRows(mdb()), (QStringList{"1|1|j1", "3|1|j3"}));
-}
-
-void TestRecordset::addNewKeepsCurrentRow()
-{
-    TableRecordset jobs(db, QStringLiteral("tbJob"));
-    jobs.setIndex(QStringLiteral("PrimaryKey"));
-    addJob(jobs, 1, 1, QStringLiteral("j1"));
-    addJob(jobs, 5, 1, QStringLiteral("j5"));
-    QVERIFY(jobs.seek(QStringLiteral("="), 5));
-    addJob(jobs, 3, 1, QStringLiteral("j3")); // lands before the current row in key order
-    QCOMPARE(jobs.field(QStringLiteral("Id")).toInt(), 5);
-    jobs.MoveFirst();
-    QStringList order;
-    for (; !jobs.IsEOF(); jobs.MoveNext())
-        order << jobs.field(QStringLiteral("Job")).toString();
-    QCOMPARE(order, (QStringList{"j1", "j3", "j5"}));
-    // A key that exists already is refused by SQLite and changes nothing.
-    jobs.AddNew();
-    jobs.setField(QStringLiteral("Id"), 3);
-    QVERIFY(errorNumber([&] { jobs.Update(); }) != 0);
-    QCOMPARE(jobs.RecordCount(), 3);
 }
 
 void TestRecordset::walkBeyondReadAhead()
@@ -217,18 +191,18 @@ void TestRecordset::walkBeyondReadAhead()
     jobs.Edit();
     jobs.setField(QStringLiteral("Job"), QStringLiteral("edited"));
     jobs.Update();
-    QVERIFY(jobs.seek(QStringLiteral("="), 602));
-    jobs.Delete();
-    QVERIFY(jobs.seek(QStringLiteral("="), 1998));
-    jobs.Delete();
+    for (int id : {602, 1998}) {
+        QVERIFY(jobs.seek(QStringLiteral("="), id));
+        jobs.Delete();
+    }
     int n = 0;
     qint64 last = 0;
     for (jobs.MoveFirst(); !jobs.IsEOF(); jobs.MoveNext(), ++n) {
         const qint64 id = jobs.field(QStringLiteral("Id")).toLongLong();
         QVERIFY(id > last);
         last = id;
-        const QString expected = id == 600 ? QStringLiteral("edited") : QStringLiteral("job %1").arg(id);
-        QCOMPARE(jobs.field(QStringLiteral("Job")).toString(), expected);
+        QCOMPARE(jobs.field(QStringLiteral("Job")).toString(),
+                 id == 600 ? QStringLiteral("edited") : QStringLiteral("job %1").arg(id));
     }
     QCOMPARE(n, 998);
     QCOMPARE(last, 2000);
@@ -240,15 +214,14 @@ void TestRecordset::emptyTable()
     jobs.setIndex(QStringLiteral("PrimaryKey"));
     QVERIFY(jobs.IsBOF() && jobs.IsEOF());
     SrvPopulateRecordset(jobs); // raises nothing
-    QCOMPARE(errorNumber([&] { jobs.MoveFirst(); }), ErrNoCurrentRecord);
-    QCOMPARE(errorNumber([&] { jobs.Edit(); }), ErrNoCurrentRecord);
-    QCOMPARE(errorNumber([&] { jobs.Delete(); }), ErrNoCurrentRecord);
+    for (auto op : {&TableRecordset::MoveFirst, &TableRecordset::Edit, &TableRecordset::Delete})
+        QCOMPARE(errorNumber([&] { (jobs.*op)(); }), ErrNoCurrentRecord);
     Snapshot none(db, QStringLiteral("SELECT * FROM tbJob"));
     QVERIFY(none.IsBOF() && none.IsEOF());
     QCOMPARE(errorNumber([&] { none.field(QStringLiteral("Id")); }), ErrNoCurrentRecord);
 }
 
-void TestRecordset::fieldsByNameAndNull()
+void TestRecordset::fieldsByNameNullAndDefaults()
 {
     TableRecordset jobs(db, QStringLiteral("tbJob"));
     jobs.AddNew();
@@ -261,7 +234,7 @@ void TestRecordset::fieldsByNameAndNull()
     QCOMPARE(NullToLong(jobs.field(QStringLiteral("printerid")), -1), -1);
     QCOMPARE(errorNumber([&] { jobs.field(QStringLiteral("NoSuchField")); }), ErrItemNotFound);
 
-    // Column defaults apply to a new row.
+    // Column defaults fill a new row.
     TableRecordset printers(db, QStringLiteral("tbPrinter"));
     printers.AddNew();
     printers.setField(QStringLiteral("Id"), 1);
@@ -269,11 +242,9 @@ void TestRecordset::fieldsByNameAndNull()
     printers.Update();
     Snapshot p(db, QStringLiteral("SELECT * FROM tbPrinter"));
     QCOMPARE(p.field(QStringLiteral("Strobe")).toInt(), 4);
-    QCOMPARE(p.field(QStringLiteral("CurrentTemplateId")).toInt(), 0);
     QVERIFY(p.field(QStringLiteral("Name")).isNull());
     // The settings query asks for "Port" and reads "port".
-    Snapshot s(db, QStringLiteral("SELECT Port FROM tbServer"));
-    QCOMPARE(s.field(QStringLiteral("port")).toInt(), 20001);
+    QCOMPARE(Snapshot(db, QStringLiteral("SELECT Port FROM tbServer")).field(QStringLiteral("port")).toInt(), 20001);
 }
 
 void TestRecordset::sqliteErrorsCarryNumberAndText()
@@ -283,13 +254,6 @@ void TestRecordset::sqliteErrorsCarryNumberAndText()
         QFAIL("opened a missing table");
     } catch (const Error& e) {
         QCOMPARE(e.text(), QStringLiteral("1 no such table: tbNoSuch"));
-    }
-    try {
-        Snapshot bad(db, QStringLiteral("SELECT FROM"));
-        QFAIL("ran a broken query");
-    } catch (const Error& e) {
-        QCOMPARE(e.number, 1);
-        QVERIFY(e.description.contains(QLatin1String("syntax error")));
     }
     TableRecordset jobs(db, QStringLiteral("tbJob"));
     addJob(jobs, 1, 1, QStringLiteral("a"));
@@ -307,7 +271,6 @@ void TestRecordset::findFirstCriteria_data()
     QTest::addColumn<QString>("criteria");
     QTest::addColumn<int>("result"); // 1 found, 0 not found, else the error number
     QTest::newRow("qualified template id") << "tbTemplate.Id = 2" << 1;
-    QTest::newRow("qualified type id") << "tbTemplateType.Id = 1" << 1;
     QTest::newRow("no such template") << "tbTemplate.Id = 3" << 0;
     QTest::newRow("type id is not a template id") << "tbTemplateType.Id = 2" << 0;
     QTest::newRow("unqualified") << "TemplateTypeId=1" << 1;
@@ -333,7 +296,7 @@ void TestRecordset::findFirstCriteria()
         got = e.number;
     }
     QCOMPARE(got, result);
-    if (got == 1 && criteria.startsWith(QLatin1String("tbTemplate.Id = 2")))
+    if (got == 1 && criteria.endsWith(QLatin1Char('2')))
         QCOMPARE(t.field(QStringLiteral("tbTemplate.Id")).toInt(), 2);
 }
 
@@ -344,16 +307,12 @@ void TestRecordset::templateLookup()
     jdb.database().open(mdb());
     QVERIFY(jdb.SrvTemplateTypeOpenDB());
     QVERIFY(jdb.SrvTemplateInDB(1));
-    QVERIFY(jdb.SrvTemplateInDB(2));
     QVERIFY(!jdb.SrvTemplateInDB(3));
-
     // Another program adds templates after start-up: one with its type, one without.
-    QVERIFY(ExecSql(mdb(), {QStringLiteral("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (3, 1)"),
-                            QStringLiteral("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (4, 7)")}));
-    Snapshot* before = jdb.templateRecordset();
-    QVERIFY(!before->FindFirst(QStringLiteral("tbTemplate.Id = 3")));
+    QVERIFY(ExecSql(mdb(), {QStringLiteral("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (3, 1), (4, 7)")}));
+    QVERIFY(!jdb.templateRecordset()->FindFirst(QStringLiteral("tbTemplate.Id = 3")));
     QVERIFY(jdb.SrvTemplateInDB(3)); // the miss re-read the snapshot
-    QVERIFY(jdb.templateRecordset()->RecordCount() == 3);
+    QCOMPARE(jdb.templateRecordset()->RecordCount(), 3);
     QVERIFY(!jdb.SrvTemplateInDB(4)); // no type row: never found
     QVERIFY(ExecSql(mdb(), {QStringLiteral("INSERT INTO tbTemplateType (Id) VALUES (7)")}));
     QVERIFY(jdb.SrvTemplateInDB(4));
