@@ -95,10 +95,11 @@ int call(Session& s, const QString& verb, const QStringList& args, QStringList* 
         if (deadline.hasExpired() || linkLost(io))
             break;
         if (!io->waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())))) {
-            if (auto* p = qobject_cast<QSerialPort*>(io))
-                p->clearError();
             if (linkLost(io))
                 break;
+            // Only a timeout is left to clear: a lost line must stay visible.
+            if (auto* p = qobject_cast<QSerialPort*>(io))
+                p->clearError();
         }
     }
     s.decoder.reset();

@@ -8,6 +8,7 @@
 //   emu.command("paper out");                                // "ok"
 //   QJsonObject st = emu.state();                            // parameters, counters, log...
 //   QStringList calls = emu.log();                           // ["open","status 4",...]
+//   emu.command("on service 28351746 unplug");               // fault on a given call
 //
 //   emu.startPty(9600);   // serial printer on a pty in a private temp dir;
 //   emu.mapComPort(1);    // COM1: -> the pty (per-machine Ports setting;
@@ -60,6 +61,9 @@ public:
     QString command(const QString& line, int timeoutMs = 10000);
     QJsonObject state();
     QStringList log();
+    // The log once its last call is "close" (a CLOSE gets no answer, so the
+    // library returns before the printer has it), or as it is after timeoutMs.
+    QStringList settledLog(int timeoutMs = 10000);
     QString errorText() const { return error_; }
     QString stderrText();
 

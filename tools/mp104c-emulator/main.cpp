@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <fcntl.h>
 #include <termios.h>
@@ -71,6 +72,9 @@ speed_t speedConstant(int baud)
     }
 }
 
+// Takes the printer off the line (an armed Unplug fault).
+std::function<void()> unplugAll;
+
 // Runs the decoded requests of one connection through the printer and sends
 // the answers (after the configured delay) with `send`.
 template <typename Send>
@@ -78,9 +82,19 @@ void serve(EmulatedPrinter& printer, LinkDecoder& decoder, EmulatedPrinter::Sess
            QObject* context, Send send)
 {
     LinkFrame request;
-    while (decoder.next(&request)) {
+    while (!printer.unplugged && decoder.next(&request)) {
         if (request.kind != LinkFrame::Request)
             continue;
+        const EmulatedPrinter::Fault fault = printer.fire(request);
+        if (fault == EmulatedPrinter::Fault::Unplug) {
+            printer.logOnly(request);
+            printer.unplugged = true;
+            // Not from inside the connection's own handler.
+            QTimer::singleShot(0, qApp, [] { unplugAll(); });
+            return;
+        }
+        if (fault == EmulatedPrinter::Fault::Silent)
+            printer.silent = true;
         if (printer.silent) {
             printer.logOnly(request);
             continue;
@@ -104,6 +118,12 @@ public:
     }
     bool listen(const QHostAddress& host, quint16 port) { return server_.listen(host, port); }
     quint16 port() const { return server_.serverPort(); }
+    void unplug()
+    {
+        server_.close();
+        for (QTcpSocket* s : server_.findChildren<QTcpSocket*>())
+            s->abort();
+    }
 
 private:
     struct Connection {
@@ -171,6 +191,17 @@ public:
         notifier_ = new QSocketNotifier(master_, QSocketNotifier::Read, this);
         connect(notifier_, &QSocketNotifier::activated, this, &PtyPort::readMaster);
         return true;
+    }
+
+    void unplug()
+    {
+        delete notifier_;
+        notifier_ = nullptr;
+        for (int* fd : {&master_, &slave_}) {
+            if (*fd >= 0)
+                ::close(*fd);
+            *fd = -1;
+        }
     }
 
 private:
@@ -273,6 +304,17 @@ private:
             printer_.clearLog();
             return QStringLiteral("ok");
         }
+        if (cmd == QLatin1String("on")) {
+            const QString action = w.size() >= 3 ? w.last().toLower() : QString();
+            const QString call = w.mid(1, w.size() - 2).join(QLatin1Char(' ')).toLower();
+            if (action == QLatin1String("silent"))
+                printer_.arm(call, EmulatedPrinter::Fault::Silent);
+            else if (action == QLatin1String("unplug"))
+                printer_.arm(call, EmulatedPrinter::Fault::Unplug);
+            else
+                return QStringLiteral("error expected on CALL silent|unplug");
+            return QStringLiteral("ok");
+        }
         return QStringLiteral("error unknown command");
     }
 
@@ -335,6 +377,10 @@ int main(int argc, char** argv)
         }
         out(QStringLiteral("pty %1").arg(cli.value(ptyOpt)));
     }
+    unplugAll = [&box, &pty] {
+        box.unplug();
+        pty.unplug();
+    };
     ControlPort control(printer);
     if (cli.isSet(controlOpt)) {
         QHostAddress host;

@@ -75,6 +75,21 @@ void EmulatedPrinter::logOnly(const LinkFrame& request)
         log_ << logEntry(request);
 }
 
+void EmulatedPrinter::arm(const QString& call, Fault fault)
+{
+    armedCall_ = call;
+    armedFault_ = fault;
+}
+
+EmulatedPrinter::Fault EmulatedPrinter::fire(const LinkFrame& request)
+{
+    if (armedFault_ == Fault::None || !logEntry(request).startsWith(armedCall_))
+        return Fault::None;
+    const Fault f = armedFault_;
+    armedFault_ = Fault::None;
+    return f;
+}
+
 bool EmulatedPrinter::handle(const LinkFrame& r, Session& s, LinkFrame* answer)
 {
     logOnly(r);
@@ -262,6 +277,7 @@ QJsonObject EmulatedPrinter::state() const
         {QStringLiteral("baud"), baud_},
         {QStringLiteral("status"), status()},
         {QStringLiteral("silent"), silent},
+        {QStringLiteral("unplugged"), unplugged},
         {QStringLiteral("delay"), delayMs},
         {QStringLiteral("parameters"), params},
         {QStringLiteral("counters"), counters},

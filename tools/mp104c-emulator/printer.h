@@ -36,6 +36,15 @@ public:
     bool ribbonOut = false;
     bool headUp = false;
 
+    // A fault armed from the control port. It fires on the first request
+    // whose log entry starts with the armed call ("service 28351746"), before
+    // that request is answered: Silent stops all answers from there on, Unplug
+    // takes the printer off the line (connections dropped, pty closed).
+    enum class Fault { None, Silent, Unplug };
+    void arm(const QString& call, Fault fault);
+    Fault fire(const LinkFrame& request);
+    bool unplugged = false;
+
     QJsonObject state() const;
     void clearLog() { log_.clear(); }
 
@@ -56,6 +65,8 @@ private:
     bool hasLayout_ = false;
     QMap<int, QString> variables_;
     QStringList log_;
+    QString armedCall_;
+    Fault armedFault_ = Fault::None;
     int printed_ = 0;  // labels written since start, names the output files
 };
 
