@@ -8,9 +8,11 @@
 #include "foundation/paths.h"
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
+#include "printers/deviceops.h"
 #include "protocol/listener.h"
 #include "protocol/requesthandler.h"
 #include "protocol/traffic.h"
+#include "service/printservice.h"
 #include "shell/texts.h"
 
 #include <QCoreApplication>
@@ -76,7 +78,6 @@ Server::StartResult Server::fail(StartResult r)
 Server::StartResult Server::startup()
 {
     starting_ = true;
-    serviceRunning_ = false;
     // Log cleanup acts in the current folder.
     QDir::setCurrent(HomeDir());
     try {
@@ -118,16 +119,20 @@ Server::StartResult Server::startup()
             return NoDatabase;
         }
         printers_.reset();
-        MainAddAndInitAllPrinters(*db_, printers_);
+        jobs_ = std::make_unique<JobStore>(*db_, printers_);
+        service_ = std::make_unique<PrintService>(printers_, *db_, *jobs_);
+        service_->setStatusInterval(options_.statusIntervalMs);
+        if (!service_->MainCreateQuillmotors())
+            return fail(StartupFailed);
+        service_->MainAddAndInitAllPrinters();
         if (!db_->SrvTemplateTypeOpenDB() || !db_->SrvJobOpenDB())
             return fail(StartupFailed);
-        jobs_ = std::make_unique<JobStore>(*db_, printers_);
         jobs_->SrvInitAllJobs();
 
         listener_ = std::make_unique<Listener>();
         listener_->resetConnections();
         RequestServices services;
-        services.serviceRunning = [this] { return serviceRunning_; };
+        services.serviceRunning = [this] { return serviceRunning(); };
         services.printers = &printers_;
         services.templateInDB = [this](qint32 id) { return db_->SrvTemplateInDB(id); };
         services.addJob = [this](const QString& text) { jobs_->SrvAddJob(text); };
@@ -157,6 +162,10 @@ Server::StartResult Server::startup()
             MsgBoxUnlessSilent(GetString(12014), BoxIcon::Exclamation);
         }
 
+        // Timers and listener come last: nothing fires before the slots exist.
+        service_->enableStatusTimer();
+        ReConfigCOMPrinters(printers_);
+        service_->statusPass();
         if (listening && db_->autoStartService())
             startService();
         LogWrite(QStringLiteral("Quillbase succesfully started") +
@@ -172,20 +181,21 @@ Server::StartResult Server::startup()
     }
 }
 
+bool Server::serviceRunning() const
+{
+    return service_ && service_->serviceRunning();
+}
+
 void Server::startService()
 {
-    if (serviceRunning_)
-        return;
-    serviceRunning_ = true;
-    emit serviceChanged(true);
+    if (service_)
+        service_->startService();
 }
 
 void Server::stopService()
 {
-    if (!serviceRunning_)
-        return;
-    serviceRunning_ = false;
-    emit serviceChanged(false);
+    if (service_)
+        service_->stopService();
 }
 
 void Server::clearCurrentTemplate(qint32 templateId)
@@ -213,13 +223,18 @@ void Server::shutdown()
         return;
     shutDown_ = true;
     try {
+        // As the service button stops it: a run under way is dropped with the
+        // drivers below, and its job stays queued for the next start.
         stopService();
         if (handler_)
             handler_->flush();
         if (listener_)
             listener_->close();
+        if (service_)
+            service_->shutdown();
         handler_.reset();
         listener_.reset();
+        service_.reset();
         jobs_.reset();
         if (db_)
             db_->SrvCloseDatabases();

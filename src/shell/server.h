@@ -10,6 +10,7 @@ namespace quill {
 class JobDatabase;
 class JobStore;
 class Listener;
+class PrintService;
 class RequestHandler;
 class TrafficIndicator;
 
@@ -32,7 +33,8 @@ public:
     void shutdown();
 
     bool starting() const { return starting_; }
-    bool serviceRunning() const { return serviceRunning_; }
+    // The service button, for callers without a window.
+    bool serviceRunning() const;
     void startService();
     void stopService();
 
@@ -48,9 +50,10 @@ public:
     Listener& listener() { return *listener_; }
     TrafficIndicator& traffic() { return *traffic_; }
     RequestHandler& requests() { return *handler_; }
+    // Driver objects, job timers, status polling and the printer list.
+    PrintService& printService() { return *service_; }
 
 signals:
-    void serviceChanged(bool running);
     void startupFinished();
 
 private:
@@ -61,7 +64,6 @@ private:
 
     Options options_;
     bool starting_ = false;
-    bool serviceRunning_ = false;
     bool shutDown_ = false;
     bool quitQuestion_ = false;
     bool autostartAtLogon_ = false;
@@ -70,6 +72,7 @@ private:
     PrinterSlots printers_;
     std::unique_ptr<JobDatabase> db_;
     std::unique_ptr<JobStore> jobs_;
+    std::unique_ptr<PrintService> service_;
     std::unique_ptr<TrafficIndicator> traffic_;
     std::unique_ptr<Listener> listener_;
     std::unique_ptr<RequestHandler> handler_;

@@ -6,6 +6,7 @@
 #include "protocol/listener.h"
 #include "protocol/requesthandler.h"
 #include "shell/server.h"
+#include "support/emulator.h"
 #include "support/installation.h"
 
 #include <QFile>
@@ -14,6 +15,7 @@
 #include <memory>
 
 using namespace quill;
+using quill::test::Emulator;
 using quill::test::TestInstallation;
 
 namespace {
@@ -62,6 +64,9 @@ class TestRequests : public QObject {
     std::unique_ptr<TestInstallation> inst;
     std::unique_ptr<Server> server;
     quint16 port = 0;
+    // Printer 1: answers its start-up check only after a long while and then
+    // prints as slowly, so stored jobs stay queued and the printer never errs.
+    Emulator slowPrinter;
 
     void startServer(bool addin = false)
     {
@@ -70,9 +75,10 @@ class TestRequests : public QObject {
         QVERIFY(inst->ok());
         port = TestInstallation::freePort();
         QVERIFY(inst->setServer(port, true));
-        QVERIFY(inst->addNetworkPrinter(1, "Skrivare 1", 9));
+        QVERIFY(inst->addNetworkPrinter(1, "Skrivare 1", slowPrinter.port()));
         QVERIFY(inst->addNetworkPrinter(2, "Passiv", 9, true));
         QVERIFY(inst->addSerialPrinter(4, "Seriell", 1, 9600));
+        inst->setMachineValue("Ports", "COM1", inst->file("no-such-tty"), false);
         // Template 3 is in the table without a layout file; 4 has no type row.
         QVERIFY(inst->sql("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (3, 1), (4, 99)"));
         QFile::remove(inst->file("3.lbl"));
@@ -110,6 +116,11 @@ class TestRequests : public QObject {
     int jobCount() { return inst->scalar("SELECT COUNT(*) FROM tbJob").toInt(); }
 
 private slots:
+    void initTestCase()
+    {
+        QVERIFY2(slowPrinter.startTcp(), qPrintable(slowPrinter.errorText()));
+        QCOMPARE(slowPrinter.command("delay 9000"), QStringLiteral("ok"));
+    }
     void init() { startServer(); }
     void cleanup()
     {
