@@ -4,7 +4,8 @@
 //   - burst: N requests sent back to back, one connection each, spread over
 //     the five printers; labels per second from the first request to the last
 //     label file; request-to-label latency, which here is mostly queueing;
-//   - paced: one job at a time (the next request after the previous label),
+//   - paced: one job at a time (the next request a random 0..200 ms after the
+//     previous label, so requests meet the job timer anywhere in its period),
 //     request-to-label latency of an idle server;
 //   - reply time of the requests and the server's CPU time per job
 //     (/proc/<pid>/stat utime + stime), with and without its idle timer cost.
@@ -20,6 +21,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QTcpServer>
@@ -50,10 +52,14 @@ qint64 nowNs()
     return qint64(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
 
+// Thrown to main, so the destructors stop the child processes.
+struct Failure {
+    QString text;
+};
+
 [[noreturn]] void die(const QString& text)
 {
-    std::fprintf(stderr, "bench-endtoend: %s\n", qPrintable(text));
-    std::exit(1);
+    throw Failure{text};
 }
 
 // utime + stime of a process, in ms.
@@ -265,6 +271,8 @@ void printStats(const char* what, const Stats& s, const char* unit, double scale
 
 } // namespace
 
+int run(int jobs, int paced);
+
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
@@ -278,7 +286,16 @@ int main(int argc, char** argv)
     cli.process(app);
     const int jobs = qBound(5, cli.value(jobsOpt).toInt(), 100000);
     const int paced = qBound(0, cli.value(pacedOpt).toInt(), 10000);
+    try {
+        return run(jobs, paced);
+    } catch (const Failure& f) {
+        std::fprintf(stderr, "bench-endtoend: %s\n", qPrintable(f.text));
+        return 1;
+    }
+}
 
+int run(int jobs, int paced)
+{
     Bench b;
     b.setUp();
     const qint64 pid = b.server.processId();
@@ -332,9 +349,11 @@ int main(int argc, char** argv)
     const double seconds = double(last - start) / 1e9;
     const double wall = double(end - start) / 1e9;
 
-    // Paced: one job at a time.
+    // Paced: one job at a time, after a random pause so that requests meet
+    // the printer's job timer at any point of its 200 ms period.
     std::vector<double> pacedLatency;
     for (int i = 0; i < paced; ++i) {
+        QThread::msleep(QRandomGenerator::global()->bounded(200));
         const QString tag = QStringLiteral("Q%1").arg(i, 6, 10, QLatin1Char('0'));
         std::map<QString, qint64> one{{tag, nowNs()}};
         if (!b.send(i % Printers + 1, tag).startsWith("BRIXA\tOK\t") || !b.waitLabels(one, 10000))
@@ -350,11 +369,13 @@ int main(int argc, char** argv)
     printStats("reply time", stats(replyMs), "ms", 1);
     std::printf("  labels: %zu of %d%s; first request to last label %.2f s = %.1f labels/s\n", burstLatency.size(),
                 jobs, complete ? "" : " (timed out)", seconds, double(burstLatency.size()) / seconds);
-    printStats("request -> label (with queueing)", stats(burstLatency), "s ", 1000);
+    std::printf("  each printer: one label every %.0f ms\n", seconds * 1000.0 * Printers / double(jobs));
+    printStats("request -> label (with queueing)", stats(burstLatency), "ms", 1);
     const double cpu = cpu1 - cpu0;
-    std::printf("  server CPU %.0f ms over %.1f s: %.2f ms/job; minus idle cost (%.1f ms/s): %.2f ms/job\n", cpu,
-                wall, cpu / jobs, idleRate, (cpu - idleRate * wall) / jobs);
-    std::printf("paced: %zu of %d jobs, one at a time, next request after the previous label\n",
+    std::printf("  server CPU %.0f ms over %.1f s: %.2f ms/job; minus idle cost (%.1f ms/s over 3 s, %ld ms "
+                "ticks): %.2f ms/job\n",
+                cpu, wall, cpu / jobs, idleRate, 1000 / sysconf(_SC_CLK_TCK), (cpu - idleRate * wall) / jobs);
+    std::printf("paced: %zu of %d jobs, one at a time: previous label, random 0..200 ms pause, next request\n",
                 pacedLatency.size(), paced);
     printStats("request -> label", stats(pacedLatency), "ms", 1);
     return complete && int(pacedLatency.size()) == paced ? 0 : 1;
