@@ -1,0 +1,318 @@
+// The headless server as its own process, printing to two emulated printers
+// (printer 1 a network box, printer 2 a serial printer on a pty): what the
+// clients, the printers and the job table see of the whole road of a job.
+// Nothing stops the service of a headless server short of its shutdown, so a
+// stop in the middle of a run is tested in-process (tst_printservice).
+#include "foundation/cp1252.h"
+#include "foundation/eventlog.h"
+#include "support/emulator.h"
+#include "support/installation.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTcpSocket>
+#include <QTest>
+
+#include <algorithm>
+#include <memory>
+
+using quill::test::Emulator;
+using quill::test::TestInstallation;
+
+namespace {
+
+QByteArray printRequest(int printer, int templateId, int copies, const QString& caption)
+{
+    return quill::ToCp1252(QStringLiteral("BRIXA\t1.00\tP\t%1\t%2\t%3\tKASSA1\t0\t\t\tAnna\t%4")
+                               .arg(printer)
+                               .arg(templateId)
+                               .arg(copies)
+                               .arg(caption));
+}
+
+// Reply code: 0 for the plain "OK", else the four digits at its end.
+int replyCode(const QString& reply)
+{
+    return reply == QLatin1String("BRIXA\tOK\t") ? 0 : reply.right(4).toInt();
+}
+
+// "caption copy/copies tTemplate" of every label printed into dir, in order.
+QStringList printed(const QString& dir)
+{
+    QStringList out;
+    for (const QString& f : QDir(dir).entryList({"*.json"}, QDir::Files, QDir::Name)) {
+        QFile file(QDir(dir).filePath(f));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        const QJsonObject o = QJsonDocument::fromJson(file.readAll()).object();
+        out << QStringLiteral("%1 %2/%3 t%4")
+                   .arg(o["variables"].toObject()["12"].toString())
+                   .arg(o["copy"].toInt())
+                   .arg(o["copies"].toInt())
+                   .arg(o["template"].toString());
+    }
+    return out;
+}
+
+} // namespace
+
+class TstEndToEnd : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void printsInOrderPerPrinter();
+    void layoutOnlyWhenTemplateChanges_data();
+    void layoutOnlyWhenTemplateChanges();
+    void paperOutKeepsJobs_data();
+    void paperOutKeepsJobs();
+    void silentPrinterAskedAgain();
+    void terminateMidRunLosesNothing();
+
+private:
+    bool startServer(int statusIntervalMs = 500);
+    bool stopServer();
+    QString send(const QByteArray& request);
+    QString driverLog()
+    {
+        QFile f(inst_->file(quill::WeeklyLogName("Quillmotor", QDate::currentDate())));
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+    }
+    int queued() { return inst_->scalar("SELECT COUNT(*) FROM tbJob").toInt(); }
+    bool stored(int jobId)
+    {
+        return inst_->scalar(QStringLiteral("SELECT COUNT(*) FROM tbJob WHERE Id = %1").arg(jobId)).toInt() == 1;
+    }
+    Emulator& emu(int printer) { return printer == 1 ? *net_ : *ser_; }
+    QString out(int printer) { return (printer == 1 ? outNet_ : outSer_)->path(); }
+    int calls(int printer, const QString& prefix)
+    {
+        int n = 0;
+        for (const QString& c : emu(printer).log())
+            n += c.startsWith(prefix);
+        return n;
+    }
+
+    std::unique_ptr<TestInstallation> inst_;
+    std::unique_ptr<Emulator> net_, ser_;
+    std::unique_ptr<QTemporaryDir> outNet_, outSer_;
+    std::unique_ptr<QProcess> server_;
+    QTcpSocket client_;
+    quint16 port_ = 0;
+};
+
+void TstEndToEnd::init()
+{
+    inst_ = std::make_unique<TestInstallation>();
+    QVERIFY(inst_->ok());
+    outNet_ = std::make_unique<QTemporaryDir>();
+    outSer_ = std::make_unique<QTemporaryDir>();
+    net_ = std::make_unique<Emulator>();
+    net_->setOutDir(outNet_->path());
+    QVERIFY2(net_->startTcp(), qPrintable(net_->errorText()));
+    ser_ = std::make_unique<Emulator>();
+    ser_->setOutDir(outSer_->path());
+    QVERIFY2(ser_->startPty(9600), qPrintable(ser_->errorText()));
+    ser_->mapComPort(2);
+    QVERIFY(inst_->addNetworkPrinter(1, "Kassa", net_->port()));
+    QVERIFY(inst_->addSerialPrinter(2, "Bar", 2, 9600));
+    port_ = TestInstallation::freePort();
+    QVERIFY(inst_->setServer(port_, true));
+    inst_->setUserSwitch("dwUseLog", 1);
+}
+
+void TstEndToEnd::cleanup()
+{
+    stopServer();
+    net_.reset();
+    ser_.reset();
+    outNet_.reset();
+    outSer_.reset();
+    inst_.reset();
+}
+
+bool TstEndToEnd::startServer(int statusIntervalMs)
+{
+    const int startsBefore = inst_->log().count("Quillbase succesfully started");
+    server_ = std::make_unique<QProcess>();
+    server_->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    server_->start(QStringLiteral(QUILL_BIN_DIR "/quillbase"),
+                   {"--headless", "--home", inst_->path(), "--status-interval", QString::number(statusIntervalMs)});
+    if (!server_->waitForStarted(10000))
+        return false;
+    // The listener opens before the status pass and the service start: the
+    // log line says the whole start-up is done.
+    if (!QTest::qWaitFor([&] { return inst_->log().count("Quillbase succesfully started") > startsBefore; }, 20000))
+        return false;
+    client_.abort();
+    client_.connectToHost(QHostAddress::LocalHost, port_);
+    return client_.waitForConnected(5000);
+}
+
+bool TstEndToEnd::stopServer()
+{
+    client_.abort();
+    if (!server_)
+        return true;
+    server_->terminate();
+    const bool ended = server_->waitForFinished(10000);
+    const bool clean = ended && server_->exitStatus() == QProcess::NormalExit && server_->exitCode() == 0;
+    if (!ended)
+        server_->kill();
+    server_.reset();
+    return clean;
+}
+
+// Sends one request and returns its whole reply (empty after 10 s).
+QString TstEndToEnd::send(const QByteArray& request)
+{
+    client_.write(request);
+    QByteArray got;
+    auto complete = [&] {
+        got += client_.readAll();
+        const bool coded =
+            got.size() > 13 && std::all_of(got.end() - 4, got.end(), [](char c) { return c >= '0' && c <= '9'; });
+        return got == "BRIXA\tOK\t" || coded;
+    };
+    if (!QTest::qWaitFor(complete, 10000))
+        return {};
+    return quill::FromCp1252(got);
+}
+
+void TstEndToEnd::printsInOrderPerPrinter()
+{
+    QVERIFY(startServer());
+    // Slow answers make each run long enough to look into the job table meanwhile.
+    QCOMPARE(net_->command("delay 30"), QStringLiteral("ok"));
+    struct Job {
+        int printer, templateId, copies;
+        const char* caption;
+    };
+    const Job jobs[] = {{1, 1, 2, "A"}, {2, 1, 1, "B"}, {1, 2, 3, "C"}, {2, 2, 1, "D"}, {1, 1, 1, "E"}};
+    for (const Job& j : jobs)
+        QCOMPARE(replyCode(send(printRequest(j.printer, j.templateId, j.copies, j.caption))), 0);
+
+    // While C (job 3) is at printer 1, A (job 1) has been reported and deleted,
+    // and C itself stays stored until its own report.
+    QTRY_COMPARE_WITH_TIMEOUT(net_->state()["variables"].toObject()["12"].toString(), QStringLiteral("C"), 20000);
+    QVERIFY(!stored(1));
+    QVERIFY(stored(3));
+
+    QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 30000);
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(1)).size(), 6, 10000);
+    QCOMPARE(printed(out(1)), (QStringList{"A 1/2 t1", "A 2/2 t1", "C 1/3 t2", "C 2/3 t2", "C 3/3 t2", "E 1/1 t1"}));
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(2)).size(), 2, 10000);
+    QCOMPARE(printed(out(2)), (QStringList{"B 1/1 t1", "D 1/1 t2"}));
+    // Printer 1 changed template twice after the first: three layouts in all.
+    QCOMPARE(calls(1, "layout 1"), 2);
+    QCOMPARE(calls(1, "layout 2"), 1);
+}
+
+void TstEndToEnd::layoutOnlyWhenTemplateChanges_data()
+{
+    QTest::addColumn<int>("printer");
+    QTest::newRow("network") << 1;
+    QTest::newRow("serial") << 2;
+}
+
+void TstEndToEnd::layoutOnlyWhenTemplateChanges()
+{
+    QFETCH(int, printer);
+    QVERIFY(startServer());
+    QCOMPARE(replyCode(send(printRequest(printer, 1, 1, "first"))), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)).size(), 1, 15000);
+    QCOMPARE(calls(printer, "layout 1"), 1);
+
+    // The printer holds template 1: the job goes without the layout.
+    QCOMPARE(replyCode(send(printRequest(printer, 1, 1, "second"))), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)).size(), 2, 15000);
+    QCOMPARE(calls(printer, "layout 1"), 1);
+
+    // Template 1 was changed (configure 1): the next job sends it again.
+    QCOMPARE(replyCode(send("BRIXA\t1.00\tC\t\t1\t\t\t\t\t\t1")), 0);
+    QCOMPARE(replyCode(send(printRequest(printer, 1, 1, "third"))), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)).size(), 3, 15000);
+    QCOMPARE(calls(printer, "layout 1"), 2);
+    QCOMPARE(printed(out(printer)), (QStringList{"first 1/1 t1", "second 1/1 t1", "third 1/1 t1"}));
+    QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 5000);
+}
+
+void TstEndToEnd::paperOutKeepsJobs_data()
+{
+    QTest::addColumn<int>("printer");
+    QTest::newRow("network") << 1;
+    QTest::newRow("serial") << 2;
+}
+
+void TstEndToEnd::paperOutKeepsJobs()
+{
+    QFETCH(int, printer);
+    const QString paperOut = QStringLiteral("Slut på papper");
+    QCOMPARE(emu(printer).command("paper out"), QStringLiteral("ok"));
+    QVERIFY(startServer());
+    // Stored whether or not the start-up check has met the empty printer yet.
+    QVERIFY(send(printRequest(printer, 1, 2, "papper")).startsWith("BRIXA\tOK\t"));
+    // The printer's answer reaches the driver's log as the status text.
+    QTRY_VERIFY_WITH_TIMEOUT(driverLog().contains(paperOut), 10000);
+
+    // A new request is stored and told the printer's error; 1101 when it
+    // meets the status pass checking the printer again.
+    const QString reply = send(printRequest(printer, 1, 1, "mer"));
+    QVERIFY2(replyCode(reply) == 1102 || replyCode(reply) == 1101, qPrintable(reply));
+    QVERIFY2(reply.contains(QStringLiteral("Status skrivare: ") + paperOut + "\r"), qPrintable(reply));
+    QTest::qWait(1200); // a few passes and job-timer ticks
+    QCOMPARE(queued(), 2);
+    QCOMPARE(printed(out(printer)), QStringList());
+
+    // With paper the next pass makes it ready, and both jobs print in order.
+    QCOMPARE(emu(printer).command("paper in"), QStringLiteral("ok"));
+    QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)), (QStringList{"papper 1/2 t1", "papper 2/2 t1", "mer 1/1 t1"}),
+                              10000);
+}
+
+void TstEndToEnd::silentPrinterAskedAgain()
+{
+    QVERIFY(startServer());
+    QCOMPARE(net_->command("silent on"), QStringLiteral("ok"));
+    const int opens = calls(1, "open");
+    // Each pass past the limit asks again, on a new link.
+    QTRY_VERIFY_WITH_TIMEOUT(calls(1, "open") >= opens + 3, 15000);
+    // Still checking, after a ready printer: the plain "OK".
+    QCOMPARE(replyCode(send(printRequest(1, 1, 1, "tyst"))), 0);
+    QTest::qWait(1000);
+    QCOMPARE(queued(), 1);
+    QCOMPARE(printed(out(1)), QStringList());
+
+    QCOMPARE(net_->command("silent off"), QStringLiteral("ok"));
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(1)), QStringList{"tyst 1/1 t1"}, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 5000);
+}
+
+void TstEndToEnd::terminateMidRunLosesNothing()
+{
+    // No status pass during the run: only the job talks to the printer.
+    QVERIFY(startServer(60000));
+    QTRY_VERIFY_WITH_TIMEOUT(calls(1, "status") >= 1, 10000); // the start-up check is done
+    QCOMPARE(net_->command("delay 200"), QStringLiteral("ok"));
+    QCOMPARE(replyCode(send(printRequest(1, 1, 1, "kvar"))), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(calls(1, "var ") >= 1, 15000);
+
+    QVERIFY(stopServer()); // SIGTERM in the middle of the run
+    QCOMPARE(queued(), 1);
+    const QString log = inst_->log();
+    QVERIFY(log.indexOf("Quillbase succesfully started") < log.lastIndexOf("Quillbase terminated."));
+
+    QCOMPARE(net_->command("delay 0"), QStringLiteral("ok"));
+    QVERIFY(startServer(60000));
+    QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(printed(out(1)), QStringList{"kvar 1/1 t1"}, 5000);
+}
+
+QTEST_GUILESS_MAIN(TstEndToEnd)
+#include "tst_endtoend.moc"
