@@ -43,6 +43,8 @@ if [ ! -f "$demo/brixa.mdb" ]; then
   printf '[Quillbase]\ndwUseLog=dword:00000001\ndwUseTrafficLog=dword:00000001\n' \
     > "$XDG_CONFIG_HOME/Norvu/Brixa.conf"
 fi
+# The emulators number their labels from 1 again: each run starts with empty folders.
+rm -rf "$demo/labels"
 mkdir -p "$demo/run" "$demo/labels/reception" "$demo/labels/proshop"
 
 emulator() { # name, emulator arguments...
