@@ -10,6 +10,8 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QTemporaryDir>
 
 #include <cstdint>
@@ -45,6 +47,15 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     QString message;
     if (!quill::ProvisionInstallation(harness->dir.path(), &message))
         std::abort();
+    {
+        // Any free port: a fuzzing run must not hold the port a real server wants.
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("fuzz-setup"));
+        db.setDatabaseName(harness->dir.filePath(QStringLiteral("brixa.mdb")));
+        if (!db.open() || !QSqlQuery(db).exec(QStringLiteral("UPDATE tbServer SET port = 0")))
+            std::abort();
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("fuzz-setup"));
     harness->server = std::make_unique<quill::Server>(quill::Server::Options{});
     if (harness->server->startup() != quill::Server::Started)
         std::abort();
