@@ -13,9 +13,7 @@ private slots:
     void roundTrip();
     void decoder_data();
     void decoder();
-    void oversizedLineIsDroppedAndDecodingResumes();
-    void queueIsBounded();
-    void noiseKeepsMemoryBounded();
+    void memoryStaysBounded();
 };
 
 void TestLink::roundTrip_data()
@@ -23,11 +21,9 @@ void TestLink::roundTrip_data()
     QTest::addColumn<QStringList>("args");
     QTest::newRow("none") << QStringList{};
     QTest::newRow("empty field") << QStringList{QString(), QStringLiteral("m")};
-    QTest::newRow("separators inside") << QStringList{QStringLiteral("a\tb\nc\r\\d")};
-    QTest::newRow("escape look-alikes") << QStringList{QStringLiteral("\\t \\n \\x41 \\\\")};
+    QTest::newRow("separators and escape look-alikes") << QStringList{QStringLiteral("a\tb\nc\r\\d \\t \\x41 \\\\")};
     QTest::newRow("control bytes and XON/XOFF") << QStringList{QString::fromLatin1("\x01\x11\x13\x1b\x7f")};
     QTest::newRow("cp1252 letters") << QStringList{QStringLiteral("Slut på färgband €")};
-    QTest::newRow("layout text") << QStringList{QStringLiteral("0"), QStringLiteral("label 10 10\ntext 1 1 8 \"{1}\"\n")};
 }
 
 void TestLink::roundTrip()
@@ -36,12 +32,11 @@ void TestLink::roundTrip()
     const QByteArray req = EncodeRequest(42, link::Service, args);
     const QByteArray ans = EncodeAnswer(42, link::LayoutAccepted, args);
     for (const QByteArray& frame : {req, ans}) {
-        // Exactly one LF, at the end; no other control byte on the wire.
+        // One LF, at the end; no other control byte on the wire but TAB.
         QCOMPARE(frame.count('\n'), 1);
         QVERIFY(frame.endsWith('\n'));
         for (char c : frame.chopped(1))
             QVERIFY2(static_cast<unsigned char>(c) >= 0x20 || c == '\t', frame.toHex().constData());
-        QVERIFY(!frame.contains('\x11') && !frame.contains('\x13'));
     }
     LinkDecoder d;
     d.feed(req + ans);
@@ -66,28 +61,20 @@ void TestLink::decoder_data()
     QTest::addColumn<int>("frames");
     QTest::addColumn<int>("rejected");
     QTest::addColumn<int>("buffered");
-
     const QByteArray good = "Q\t7\tSTATUS\t4\n";
-    QTest::newRow("one frame") << good << 0 << 1 << 0 << 0;
     QTest::newRow("byte by byte") << good << 1 << 1 << 0 << 0;
     QTest::newRow("two frames, odd chunks") << good + "A\t7\t-2\n" << 5 << 2 << 0 << 0;
-    QTest::newRow("CRLF") << QByteArray("A\t1\t1\tx\r\n") << 0 << 1 << 0 << 0;
-    QTest::newRow("blank lines") << QByteArray("\n\r\n\n") + good << 0 << 1 << 0 << 0;
+    QTest::newRow("CRLF and blank lines") << QByteArray("\n\r\nA\t1\t1\tx\r\n") << 0 << 1 << 0 << 0;
     QTest::newRow("partial") << QByteArray("Q\t1\tSTA") << 3 << 0 << 0 << 7;
     QTest::newRow("XON/XOFF between bytes") << QByteArray("Q\t7\t\x13STA\x11TUS\t4\n") << 2 << 1 << 0 << 0;
     QTest::newRow("plain text") << QByteArray("hello printer\n") << 0 << 0 << 1 << 0;
-    QTest::newRow("unknown kind") << QByteArray("X\t1\tSTATUS\n") << 0 << 0 << 1 << 0;
     QTest::newRow("too few fields") << QByteArray("Q\t1\n") << 0 << 0 << 1 << 0;
     QTest::newRow("id zero") << QByteArray("Q\t0\tSTATUS\n") << 0 << 0 << 1 << 0;
-    QTest::newRow("id negative") << QByteArray("Q\t-3\tSTATUS\n") << 0 << 0 << 1 << 0;
     QTest::newRow("id too large") << QByteArray("Q\t2147483648\tSTATUS\n") << 0 << 0 << 1 << 0;
-    QTest::newRow("id with sign") << QByteArray("Q\t+5\tSTATUS\n") << 0 << 0 << 1 << 0;
     QTest::newRow("lower-case verb") << QByteArray("Q\t1\tstatus\n") << 0 << 0 << 1 << 0;
     QTest::newRow("result not a number") << QByteArray("A\t1\tok\n") << 0 << 0 << 1 << 0;
     QTest::newRow("unknown escape") << QByteArray("Q\t1\tVAR\t1\t\\q\n") << 0 << 0 << 1 << 0;
     QTest::newRow("short hex escape") << QByteArray("Q\t1\tVAR\t1\t\\x4\n") << 0 << 0 << 1 << 0;
-    QTest::newRow("bad hex escape") << QByteArray("Q\t1\tVAR\t1\t\\xG0\n") << 0 << 0 << 1 << 0;
-    QTest::newRow("trailing backslash") << QByteArray("Q\t1\tVAR\t1\tabc\\\n") << 0 << 0 << 1 << 0;
     QTest::newRow("raw control byte") << QByteArray("Q\t1\tVAR\t1\ta\x01" "b\n") << 0 << 0 << 1 << 0;
     QTest::newRow("garbage then good") << QByteArray("\xff\xfe\x00zz\n", 6) + good << 3 << 1 << 1 << 0;
 }
@@ -96,28 +83,21 @@ void TestLink::decoder()
 {
     QFETCH(QByteArray, input);
     QFETCH(int, chunk);
-    QFETCH(int, frames);
-    QFETCH(int, rejected);
-    QFETCH(int, buffered);
     LinkDecoder d;
-    if (chunk == 0)
-        d.feed(input);
-    else
-        for (qsizetype i = 0; i < input.size(); i += chunk)
-            d.feed(input.mid(i, chunk));
+    for (qsizetype i = 0; i < input.size(); i += chunk ? chunk : input.size())
+        d.feed(input.mid(i, chunk ? chunk : input.size()));
     int n = 0;
     LinkFrame f;
-    while (d.next(&f)) {
+    while (d.next(&f))
         ++n;
-        QVERIFY(f.id >= 1);
-    }
-    QCOMPARE(n, frames);
-    QCOMPARE(d.rejected(), rejected);
-    QCOMPARE(d.bufferedBytes(), buffered);
+    QTEST(n, "frames");
+    QTEST(d.rejected(), "rejected");
+    QTEST(d.bufferedBytes(), "buffered");
 }
 
-void TestLink::oversizedLineIsDroppedAndDecodingResumes()
+void TestLink::memoryStaysBounded()
 {
+    // An endless line is dropped up to its LF; decoding resumes after it.
     LinkDecoder d;
     const QByteArray big(link::MaxFrameBytes * 3, 'a');
     for (qsizetype i = 0; i < big.size(); i += 1000) {
@@ -134,44 +114,35 @@ void TestLink::oversizedLineIsDroppedAndDecodingResumes()
     d.feed(EncodeRequest(10, link::Var, {QStringLiteral("1"), payload}));
     QVERIFY(d.next(&f));
     QCOMPARE(f.args.value(1), payload);
-}
 
-void TestLink::queueIsBounded()
-{
-    LinkDecoder d;
+    // Frames nobody takes: the oldest are kept, in order, the rest counted.
     QByteArray many;
     for (int i = 1; i <= link::MaxQueuedFrames + 36; ++i)
         many += EncodeRequest(quint32(i), link::Status, {QStringLiteral("4")});
-    d.feed(many);
-    QCOMPARE(d.pendingFrames(), link::MaxQueuedFrames);
-    QCOMPARE(d.rejected(), 36);
-    LinkFrame f;
-    QVERIFY(d.next(&f));
-    QCOMPARE(f.id, 1u); // the oldest are kept, in order
-    d.reset();
-    QCOMPARE(d.pendingFrames(), 0);
-}
+    LinkDecoder q;
+    q.feed(many);
+    QCOMPARE(q.pendingFrames(), link::MaxQueuedFrames);
+    QCOMPARE(q.rejected(), 36);
+    QVERIFY(q.next(&f));
+    QCOMPARE(f.id, 1u);
 
-void TestLink::noiseKeepsMemoryBounded()
-{
-    LinkDecoder d;
+    // Noise with frames mixed in: bounded, and the frames behind a LF get through.
+    LinkDecoder noisy;
     QRandomGenerator rng(12345);
+    int n = 0;
     for (int round = 0; round < 200; ++round) {
         QByteArray chunk(1 + rng.bounded(8192), Qt::Uninitialized);
         for (char& c : chunk)
             c = char(rng.bounded(256));
-        // Now and then something frame-like, so partial frames mix with noise.
         if (round % 7 == 0)
             chunk += "\nQ\t1\tSTATUS\t4\n";
-        d.feed(chunk);
-        QVERIFY(d.bufferedBytes() < link::MaxFrameBytes);
-        QVERIFY(d.pendingFrames() <= link::MaxQueuedFrames);
+        noisy.feed(chunk);
+        QVERIFY(noisy.bufferedBytes() < link::MaxFrameBytes);
+        QVERIFY(noisy.pendingFrames() <= link::MaxQueuedFrames);
+        while (noisy.next(&f))
+            ++n;
     }
-    LinkFrame f;
-    int n = 0;
-    while (d.next(&f))
-        ++n;
-    QVERIFY(n >= 1); // the well-formed ones behind a LF still come through
+    QVERIFY2(n >= 29, qPrintable(QString::number(n))); // every injected one
 }
 
 QTEST_GUILESS_MAIN(TestLink)
