@@ -1,8 +1,10 @@
 // Round-trip time of device library calls against the emulator, over TCP
-// (network box) and over a pty (serial printer at 9600).
+// (network box) and over a pty (serial printer at 9600), and the time of a
+// whole configuration sequence (open, status, 20 calls, close).
 // Usage: bench-device [calls per transport, default 1000]
 #include "foundation/settings.h"
 #include "printers/comapi.h"
+#include "printers/deviceops.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -44,6 +46,28 @@ Figures measure(int handle, int calls, int (*fn)(int))
 int status(int h) { return Printer_GetStatus(h, 4); }
 int setParam(int h) { return Printer_SetParameter(h, 46, 200); }
 
+// Milliseconds of each run of op, sorted.
+template <typename Op>
+std::vector<double> runs(int n, Op op, int* failures)
+{
+    std::vector<double> ms;
+    QElapsedTimer t;
+    for (int i = 0; i < n; ++i) {
+        t.start();
+        if (!op(i))
+            ++*failures;
+        ms.push_back(double(t.nsecsElapsed()) / 1e6);
+    }
+    std::sort(ms.begin(), ms.end());
+    return ms;
+}
+
+void reportRuns(const char* transport, const char* what, const std::vector<double>& ms, int failures)
+{
+    std::printf("%-4s %-46s runs %3d  median %8.2f ms  max %8.2f ms  failures %d\n", transport, what,
+                int(ms.size()), ms[ms.size() / 2], ms.back(), failures);
+}
+
 void report(const char* transport, const char* call, int calls, const Figures& f)
 {
     std::printf("%-4s %-22s calls %5d  median %8.1f us  p99 %8.1f us  max %8.1f us  failures %d\n", transport,
@@ -58,6 +82,7 @@ int main(int argc, char** argv)
     const int calls = argc > 1 ? qBound(10, atoi(argv[1]), 100000) : 1000;
     QTemporaryDir dir;
     qputenv("XDG_CONFIG_DIRS", dir.path().toLocal8Bit());
+    qputenv("XDG_CONFIG_HOME", dir.filePath(QStringLiteral("user")).toLocal8Bit());
     const QString pty = dir.filePath(QStringLiteral("ttyBench"));
 
     QProcess emu;
@@ -116,6 +141,36 @@ int main(int argc, char** argv)
         report(t.name, "Printer_SetParameter", calls, measure(h, calls, setParam));
         Printer_Close(h);
     }
+
+    // Whole configuration sequences as the printer dialog runs them.
+    RegSetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwNetBoxPort"), REG_DWORD, port);
+    const DeviceAdjustment adj = ConvertAdjustment(1, 4, 2);
+    DeviceConfig config;
+    config.darkness = adj.darkness;
+    config.speed = adj.speed;
+    int failures = 0;
+    reportRuns("tcp", "SrvMPConfigNET (connect only)",
+               runs(50, [&](int) { return SrvMPConfigNET({}, QStringLiteral("127.0.0.1"), true, {}, {}, config); },
+                    &failures),
+               failures);
+    failures = 0;
+    reportRuns("pty", "SrvMPConfigCOM (at the chosen rate)",
+               runs(50, [&](int) { return SrvMPConfigCOM(QStringLiteral("1"), QStringLiteral("9600"), config); },
+                    &failures),
+               failures);
+    // Every run finds the printer at the other rate: one open times out first.
+    failures = 0;
+    const std::vector<double> switches = runs(
+        4,
+        [&](int i) {
+            return SrvMPConfigCOM(QStringLiteral("1"), i % 2 ? QStringLiteral("9600") : QStringLiteral("57600"),
+                                  config);
+        },
+        &failures);
+    const QByteArray what = QStringLiteral("SrvMPConfigCOM (rate switch, %1 ms timeout)").arg(Printer_Timeout()).toLatin1();
+    reportRuns("pty", what.constData(), switches, failures);
+    rc = rc || failures;
+
     emu.terminate();
     emu.waitForFinished(5000);
     return rc;
