@@ -5,8 +5,6 @@
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
-#include "foundation/paths.h"
-#include "foundation/strutil.h"
 #include "service/printservice.h"
 #include "service/quillmotor.h"
 #include "service/slots.h"
@@ -16,7 +14,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
@@ -57,11 +54,6 @@ QList<QJsonObject> labels(const QString& dir)
     return out;
 }
 
-int countOf(const QStringList& log, const QString& entry)
-{
-    return int(log.count(entry));
-}
-
 } // namespace
 
 class TstQuillmotor : public QObject {
@@ -79,14 +71,11 @@ private slots:
     void checkResult();
     void printRun_data();
     void printRun();
-    void printFaults_data();
-    void printFaults();
     void noAnswerEndsWithErr_data();
     void noAnswerEndsWithErr();
     void unreachable();
     void checkAskedDuringPrintWaits();
     void checkAskedAgainRestarts();
-    void driverLog();
 
     void creation_data();
     void creation();
@@ -104,8 +93,6 @@ void TstQuillmotor::init()
 {
     inst_ = std::make_unique<TestInstallation>();
     QVERIFY(inst_->ok());
-    QFile::remove(inst_->file("1.lbl"));
-    QVERIFY(QFile::copy(QStringLiteral(QUILL_SOURCE_DIR "/src/resources/demo.lbl"), inst_->file("1.lbl")));
     SetMessageSink(&sink_);
     sink_.texts.clear();
     SetSilentMode(false);
@@ -228,67 +215,25 @@ void TstQuillmotor::checkResult()
 void TstQuillmotor::printRun_data()
 {
     QTest::addColumn<bool>("serial");
-    QTest::newRow("network") << false;
-    QTest::newRow("serial") << true;
+    QTest::addColumn<QString>("layoutFile"); // written as 1.lbl ("-" removes it)
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("result");
+    QTest::newRow("network") << false << "" << "" << "OK\t";
+    QTest::newRow("serial") << true << "" << "" << "OK\t";
+    QTest::newRow("paper out") << false << "" << "paper out" << QString("ERR\t") + GetString(13005);
+    QTest::newRow("layout file missing") << false << "-" << "" << QString("ERR\t") + GetString(13004);
+    QTest::newRow("layout unparsable") << true << "this is no layout\n" << "" << QString("ERR\t") + GetString(13004);
 }
 
 void TstQuillmotor::printRun()
 {
     QFETCH(bool, serial);
-    start(serial);
-    QSignalSpy done(drv_.get(), &MP104C::MPPrintJobFinished);
-
-    drv_->setTemplateId(1);
-    drv_->setJobId(7);
-    drv_->setJobData(jobText(drv_->PrinterId(), 1, 2, "Första"));
-    drv_->setNewTemplate(true);
-    QVERIFY(drv_->MPPrintJob());
-    QVERIFY(done.wait(10000));
-    QCOMPARE(drv_->Result(), QStringLiteral("OK\t"));
-    QCOMPARE(drv_->JobId(), 7);
-    QCOMPARE(drv_->TemplateId(), 1);
-
-    // Same layout again without NewTemplate: nothing but variables and print.
-    drv_->setJobId(8);
-    drv_->setJobData(jobText(drv_->PrinterId(), 1, 1, "Andra", "456"));
-    drv_->setNewTemplate(false);
-    QVERIFY(drv_->MPPrintJob());
-    QVERIFY(done.wait(10000));
-    QCOMPARE(drv_->Result(), QStringLiteral("OK\t"));
-    QCOMPARE(drv_->JobId(), 8);
-
-    const QStringList log = emu_->log();
-    QCOMPARE(countOf(log, "layout 1"), 1);
-    QCOMPARE(countOf(log, "print 2 i"), 1);
-    QCOMPARE(countOf(log, "print 1 i"), 1);
-    QVERIFY(log.contains("var 12 Första"));
-
-    QTRY_COMPARE_WITH_TIMEOUT(labels(out_->path()).size(), 3, 10000);
-    const auto l = labels(out_->path());
-    QCOMPARE(l[0]["variables"].toObject()["12"].toString(), QStringLiteral("Första"));
-    QCOMPARE(l[0]["copy"].toInt(), 1);
-    QCOMPARE(l[1]["copy"].toInt(), 2);
-    QCOMPARE(l[1]["copies"].toInt(), 2);
-    QCOMPARE(l[2]["variables"].toObject()["12"].toString(), QStringLiteral("Andra"));
-    QCOMPARE(l[2]["variables"].toObject()["9"].toString(), QStringLiteral("456"));
-    QCOMPARE(l[2]["template"].toString(), QStringLiteral("1"));
-}
-
-void TstQuillmotor::printFaults_data()
-{
-    QTest::addColumn<QString>("layoutFile"); // written as 1.lbl ("-" removes it)
-    QTest::addColumn<QString>("fault");
-    QTest::addColumn<QString>("result");
-    QTest::newRow("paper out") << "" << "paper out" << QString("ERR\t") + GetString(13005);
-    QTest::newRow("layout file missing") << "-" << "" << QString("ERR\t") + GetString(13004);
-    QTest::newRow("layout unparsable") << "this is no layout\n" << "" << QString("ERR\t") + GetString(13004);
-}
-
-void TstQuillmotor::printFaults()
-{
     QFETCH(QString, layoutFile);
     QFETCH(QString, fault);
-    start(false);
+    QFETCH(QString, result);
+    const bool ok = result.startsWith("OK");
+    start(serial);
+    SetUseLog(true);
     if (layoutFile == "-") {
         QVERIFY(QFile::remove(inst_->file("1.lbl")));
     } else if (!layoutFile.isEmpty()) {
@@ -299,15 +244,51 @@ void TstQuillmotor::printFaults()
     if (!fault.isEmpty())
         QCOMPARE(emu_->command(fault), QStringLiteral("ok"));
     QSignalSpy done(drv_.get(), &MP104C::MPPrintJobFinished);
+    QSignalSpy checked(drv_.get(), &MP104C::MPCheckFinished);
+    const qint32 id = drv_->PrinterId();
     drv_->setTemplateId(1);
-    drv_->setJobId(3);
-    drv_->setJobData(jobText(1, 1, 1, "x"));
+    drv_->setJobId(7);
+    drv_->setJobData(jobText(id, 1, 2, "Första"));
     drv_->setNewTemplate(true);
     QVERIFY(drv_->MPPrintJob());
+    // What the server reads back is the run's own identity, whatever was
+    // written meanwhile.
+    drv_->setJobId(99);
+    drv_->setTemplateId(98);
     QVERIFY(done.wait(10000));
-    QTEST(drv_->Result(), "result");
-    QCOMPARE(drv_->JobId(), 3);
-    QCOMPARE(emu_->state().value("printed").toInt(), 0);
+    QCOMPARE(drv_->Result(), result);
+    QCOMPARE(drv_->JobId(), 7);
+    QCOMPARE(drv_->TemplateId(), 1);
+    QCOMPARE(checked.count(), 0);
+
+    const QString line = QStringLiteral("MPPrintJob PId = %1 JId = 7: ").arg(id);
+    QFile logFile(inst_->file(WeeklyLogName("Quillmotor", QDate::currentDate())));
+    QVERIFY(logFile.open(QIODevice::ReadOnly));
+    const QString logText = QString::fromUtf8(logFile.readAll());
+    QVERIFY2(logText.contains(line + (ok ? "2 label(s) printed, layout 1 sent" : result)), qPrintable(logText));
+    SetUseLog(false);
+    if (!ok) {
+        QCOMPARE(emu_->state().value("printed").toInt(), 0);
+        return;
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(labels(out_->path()).size(), 2, 10000);
+
+    // Without NewTemplate: variables and print only; every field goes out again.
+    drv_->setJobId(8);
+    drv_->setJobData(jobText(id, 1, 1, "Andra", "456"));
+    drv_->setNewTemplate(false);
+    QVERIFY(drv_->MPPrintJob());
+    QVERIFY(done.wait(10000));
+    QCOMPARE(drv_->Result(), QStringLiteral("OK\t"));
+    QCOMPARE(emu_->log().count("layout 1"), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(labels(out_->path()).size(), 3, 10000);
+    const auto l = labels(out_->path());
+    QCOMPARE(l[0]["variables"].toObject()["12"].toString(), QStringLiteral("Första"));
+    QCOMPARE(l[1]["copy"].toInt(), 2);
+    QCOMPARE(l[1]["copies"].toInt(), 2);
+    QCOMPARE(l[2]["variables"].toObject()["12"].toString(), QStringLiteral("Andra"));
+    QCOMPARE(l[2]["variables"].toObject()["9"].toString(), QStringLiteral("456"));
+    QCOMPARE(l[2]["template"].toString(), QStringLiteral("1"));
 }
 
 void TstQuillmotor::noAnswerEndsWithErr_data()
@@ -406,9 +387,9 @@ void TstQuillmotor::checkAskedAgainRestarts()
     drv_->setAnswerTimeout(60000);
     QSignalSpy done(drv_.get(), &MP104C::MPCheckFinished);
     QVERIFY(drv_->MPCheck());
-    QTRY_COMPARE_WITH_TIMEOUT(countOf(emu_->log(), "open"), 1, 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(emu_->log().count("open"), 1, 10000);
     QVERIFY(drv_->MPCheck());
-    QTRY_COMPARE_WITH_TIMEOUT(countOf(emu_->log(), "open"), 2, 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(emu_->log().count("open"), 2, 10000);
     QCOMPARE(done.count(), 0);
     QCOMPARE(emu_->command("silent off"), QStringLiteral("ok"));
     QVERIFY(drv_->MPCheck());
@@ -418,59 +399,33 @@ void TstQuillmotor::checkAskedAgainRestarts()
     QCOMPARE(done.count(), 1); // the dropped attempts never report
 }
 
-void TstQuillmotor::driverLog()
-{
-    start(false);
-    SetUseLog(true);
-    QCOMPARE(emu_->command("paper out"), QStringLiteral("ok"));
-    QSignalSpy done(drv_.get(), &MP104C::MPPrintJobFinished);
-    drv_->setTemplateId(1);
-    drv_->setJobId(21);
-    drv_->setJobData(jobText(1, 1, 1, "x"));
-    drv_->setNewTemplate(true);
-    QVERIFY(drv_->MPPrintJob());
-    QVERIFY(done.wait(10000));
-    QCOMPARE(emu_->command("paper in"), QStringLiteral("ok"));
-    drv_->setJobId(22);
-    QVERIFY(drv_->MPPrintJob());
-    QVERIFY(done.wait(10000));
-    SetUseLog(false);
-    QFile f(inst_->file(WeeklyLogName("Quillmotor", QDate::currentDate())));
-    QVERIFY(f.open(QIODevice::ReadOnly));
-    const QString text = QString::fromUtf8(f.readAll());
-    QVERIFY2(text.contains("MPPrintJob PId = 1 JId = 21: ERR\t" + GetString(13005)), qPrintable(text));
-    QVERIFY2(text.contains("MPPrintJob PId = 1 JId = 22: 1 label(s) printed"), qPrintable(text));
-}
-
-// Behaviour of the factory per attempt: "ok", "fail <number>", counted per call.
 void TstQuillmotor::creation_data()
 {
-    QTest::addColumn<QStringList>("plan");        // slot n's attempts, "n:ok" / "n:fail 441" ...
+    QTest::addColumn<int>("failingSlot");
+    QTest::addColumn<int>("failures");  // attempts that fail there; -1: every one
+    QTest::addColumn<int>("error");
     QTest::addColumn<bool>("silent");
-    QTest::addColumn<bool>("result");
-    QTest::addColumn<QString>("logLine");         // empty: none expected
-    QTest::addColumn<QList<int>>("attemptsPerSlot");
+    QTest::addColumn<QList<int>>("attempts"); // per slot; -1: retried (more than 2)
+    QTest::addColumn<QString>("logLine");     // empty: creation succeeds
 
-    QTest::newRow("all created") << QStringList{} << false << true << "" << QList<int>{1, 1, 1, 1, 1};
+    QTest::newRow("all created") << 0 << 0 << 0 << false << QList<int>{1, 1, 1, 1, 1} << "";
     QTest::newRow("441 fails at once")
-        << QStringList{"1:fail 441"} << false << false << "CreateQuillmotor1 failed. Error: 441 no class"
-        << QList<int>{1, 0, 0, 0, 0};
-    QTest::newRow("retried until it works")
-        << QStringList{"2:fail 429", "2:fail 429"} << false << true << "" << QList<int>{1, 3, 1, 1, 1};
+        << 1 << 1 << 441 << false << QList<int>{1, 0, 0, 0, 0} << "CreateQuillmotor1 failed. Error: 441 no class";
+    QTest::newRow("retried until it works") << 2 << 2 << 429 << false << QList<int>{1, 3, 1, 1, 1} << "";
     QTest::newRow("third fails, rest not tried")
-        << QStringList{"3:always 429"} << false << false << "CreateQuillmotor3 failed. Error: 429 no class"
-        << QList<int>{1, 1, -1, 0, 0};
+        << 3 << -1 << 429 << false << QList<int>{1, 1, -1, 0, 0} << "CreateQuillmotor3 failed. Error: 429 no class";
     QTest::newRow("silent: logged only")
-        << QStringList{"5:fail 441"} << true << false << "CreateQuillmotor5 failed. Error: 441 no class"
-        << QList<int>{1, 1, 1, 1, 1};
+        << 5 << 1 << 441 << true << QList<int>{1, 1, 1, 1, 1} << "CreateQuillmotor5 failed. Error: 441 no class";
 }
 
 void TstQuillmotor::creation()
 {
-    QFETCH(QStringList, plan);
+    QFETCH(int, failingSlot);
+    QFETCH(int, failures);
+    QFETCH(int, error);
     QFETCH(bool, silent);
+    QFETCH(QList<int>, attempts);
     QFETCH(QString, logLine);
-    QFETCH(QList<int>, attemptsPerSlot);
     SetUseLog(true);
     LogInit("Quillbase");
     SetSilentMode(silent);
@@ -480,47 +435,35 @@ void TstQuillmotor::creation()
     JobStore store(jdb, slotTable);
     PrintService svc(slotTable, jdb, store);
     svc.setCreateRetryWindow(400);
-    int slot = 1;
-    QList<int> attempts(5, 0);
+    // Objects are made in slot order: the next one made is for slot created + 1.
+    int created = 0;
+    QList<int> tried(5, 0);
     svc.setDriverFactory([&](QObject* parent) -> MP104C* {
-        ++attempts[slot - 1];
-        for (int i = 0; i < plan.size(); ++i) {
-            const QString p = plan[i];
-            if (p.startsWith(QString::number(slot) + ":")) {
-                const int number = p.section(' ', 1).toInt();
-                if (p.contains("always"))
-                    throw Error(number, "no class");
-                plan.removeAt(i);
-                throw Error(number, "no class");
-            }
-        }
+        const int slot = created + 1;
+        ++tried[slot - 1];
+        if (slot == failingSlot && (failures < 0 || tried[slot - 1] <= failures))
+            throw Error(error, "no class");
+        ++created;
         return new MP104C(parent);
     });
-    bool ok = true;
-    for (slot = 1; slot <= 5 && ok; ++slot)
-        ok = svc.CreateQuillmotor(slot);
-    QTEST(ok, "result");
-    const int failedAt = ok ? 0 : slot - 1;
+    const bool ok = svc.MainCreateQuillmotors();
+    QCOMPARE(ok, logLine.isEmpty());
     for (int n = 1; n <= 5; ++n) {
-        const int want = attemptsPerSlot[n - 1];
-        if (want >= 0)
-            QCOMPARE(attempts[n - 1], want);
+        if (attempts[n - 1] >= 0)
+            QCOMPARE(tried[n - 1], attempts[n - 1]);
         else
-            QVERIFY2(attempts[n - 1] > 2, "a failing creation is retried");
-        QCOMPARE(svc.driver(n) != nullptr, ok || n < failedAt);
+            QVERIFY2(tried[n - 1] > 2, "a failing creation is retried");
+        QCOMPARE(svc.driver(n) != nullptr, ok || n < failingSlot);
     }
     const QString log = inst_->log();
-    if (logLine.isEmpty()) {
+    if (ok) {
         QVERIFY(!log.contains("CreateQuillmotor"));
         QVERIFY(sink_.texts.isEmpty());
     } else {
         QVERIFY2(log.contains(logLine), qPrintable(log));
-        if (silent) {
-            QVERIFY(sink_.texts.isEmpty());
-        } else {
-            QCOMPARE(sink_.texts.size(), 1);
-            QCOMPARE(sink_.texts[0], logLine + "\r\r" + GetString(12018) + "\r" + GetString(12019));
-        }
+        QCOMPARE(log.count("CreateQuillmotor"), 1); // the first failure ends the creation
+        QCOMPARE(sink_.texts, silent ? QStringList()
+                                     : QStringList{logLine + "\r\r" + GetString(12018) + "\r" + GetString(12019)});
     }
     SetUseLog(false);
     SetSilentMode(false);
