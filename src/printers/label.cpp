@@ -81,7 +81,7 @@ bool number(const QString& word, int min, int max, int* out)
 
 const QRegularExpression& placeholder()
 {
-    static const QRegularExpression re(QStringLiteral("\\{(\\d{1,3})\\}"));
+    static const QRegularExpression re(QStringLiteral("\\{([1-9][0-9]{0,2})\\}"));
     return re;
 }
 
@@ -92,11 +92,8 @@ QSet<int> LabelLayout::variables() const
     QSet<int> out;
     for (const LabelElement& e : elements) {
         auto it = placeholder().globalMatch(e.content);
-        while (it.hasNext()) {
-            const int n = it.next().captured(1).toInt();
-            if (n >= 1)
-                out.insert(n);
-        }
+        while (it.hasNext())
+            out.insert(it.next().captured(1).toInt());
     }
     return out;
 }
