@@ -89,15 +89,15 @@ qint32 JobListModel::firstJobOf(qint32 printerId) const
     return row >= 0 ? rowAt(row).id : 0;
 }
 
-void JobListModel::append(const JobRow& row)
+void JobListModel::append(JobRow row)
 {
     const int at = count();
     if (!bulk_)
         beginInsertRows({}, at, at);
     const quint64 seq = nextSeq_++;
-    rows_.push_back({seq, row});
     byPrinter_[row.printerId].insert(seq);
     byJob_[row.id].insert(seq);
+    rows_.push_back({seq, std::move(row)});
     if (!bulk_)
         endInsertRows();
 }
@@ -135,12 +135,13 @@ void JobListModel::clear()
         endResetModel();
 }
 
-void JobListModel::beginBulk()
+void JobListModel::beginBulk(int expected)
 {
     if (bulk_)
         return;
     beginResetModel();
     bulk_ = true;
+    rows_.reserve(size_t(std::max(0, expected)));
 }
 
 void JobListModel::endBulk()
@@ -206,7 +207,8 @@ const JobRow& JobStore::SrvAddJobRow(const Recordset& rs)
 
 void JobStore::SrvInitAllJobs()
 {
-    list_.beginBulk();
+    TableRecordset* jobs = jdb_.jobRecordset();
+    list_.beginBulk(jobs ? jobs->RecordCount() : 0);
     try {
         list_.clear();
         TableRecordset* rs = jdb_.jobRecordset();

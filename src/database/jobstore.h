@@ -77,12 +77,12 @@ public:
     // First job of the printer in list order; 0 when it has none.
     qint32 firstJobOf(qint32 printerId) const;
 
-    void append(const JobRow& row);
+    void append(JobRow row);
     void removeRowAt(int row);
     void clear();
 
-    // Many appends as one model reset (start-up rebuild).
-    void beginBulk();
+    // Many appends as one model reset (start-up rebuild), with room for `expected` rows.
+    void beginBulk(int expected = 0);
     void endBulk();
 
 private:

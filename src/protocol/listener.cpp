@@ -100,7 +100,10 @@ void Listener::send(int i, const QByteArray& bytes)
 {
     if (i < 1 || i > MaxConnections || !entries_[i].socket)
         return;
-    entries_[i].socket->write(bytes);
+    // Out now rather than on the next turn of the event loop: the client is waiting.
+    QTcpSocket* s = entries_[i].socket;
+    s->write(bytes);
+    s->flush();
 }
 
 void Listener::drop(int i)
