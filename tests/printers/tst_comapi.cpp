@@ -1,5 +1,6 @@
 // Device library against the real emulator, over TCP (network box) and over a
-// pty (serial printer); the emulator's control port and command line.
+// pty (serial printer); the emulator's control port and command line. Line
+// speed changes are in tst_deviceops (the serial rate switch).
 #include "foundation/settings.h"
 #include "printers/comapi.h"
 #include "printers/link.h"
@@ -84,11 +85,9 @@ private slots:
     void printedLabelImageAndSidecar();
     void timeouts_data() { transports(); }
     void timeouts();
-    void lineSpeed();
     void badDevicesAndHandles_data();
     void badDevicesAndHandles();
     void emulatorControlAndStartup();
-    void networkAndSerialShareOnePrinter();
 };
 
 void TestComapi::faultsStopPrinting()
@@ -129,6 +128,7 @@ void TestComapi::printerKeepsItsSettings()
     QCOMPARE(reply, QStringLiteral("192.168.1.40"));
     QCOMPARE(Printer_ServiceCommand(h, 38153, QString(), &reply, 3), 1);
     QCOMPARE(reply, QStringLiteral("MP1")); // cut to the reply buffer
+    QCOMPARE(Printer_SetParameter(h, link::ParamBaudRate, 12345), link::ErrGeneral); // no such rate
     QCOMPARE(Printer_LockParameters(h), 1);
     QCOMPARE(Printer_SetParameter(h, 40, 1), link::ErrGeneral);
     Printer_Close(h);
@@ -256,34 +256,6 @@ void TestComapi::timeouts()
     Printer_Close(h);
 }
 
-void TestComapi::lineSpeed()
-{
-    QVERIFY(start(Pty, 9600));
-    Printer_SetTimeout(500);
-    // At another speed the printer hears noise: no request, no answer.
-    QCOMPARE(open(Pty, 57600), link::ErrComm);
-    QVERIFY(emu_->log().isEmpty());
-
-    // Parameter 30 switches both ends; the session goes on at the new speed.
-    int h = open(Pty, 9600);
-    QVERIFY(h >= 1);
-    QCOMPARE(Printer_SetParameter(h, link::ParamBaudRate, 57600), 1);
-    QCOMPARE(Printer_GetStatus(h, 4), 0);
-    Printer_Close(h);
-    QCOMPARE(emu_->settledLog(),
-             (QStringList{"open 9600", "setparam 30 57600", "status 4", "close"}));
-    QCOMPARE(open(Pty, 9600), link::ErrComm);
-    h = open(Pty, 57600);
-    QVERIFY(h >= 1);
-    int v = 0;
-    QCOMPARE(Printer_GetParameter(h, link::ParamBaudRate, &v), 1);
-    QCOMPARE(v, 57600);
-    // A rate the printer does not know is refused and changes nothing.
-    QCOMPARE(Printer_SetParameter(h, link::ParamBaudRate, 12345), link::ErrGeneral);
-    QCOMPARE(Printer_GetStatus(h, 4), 0);
-    Printer_Close(h);
-}
-
 void TestComapi::badDevicesAndHandles_data()
 {
     QTest::addColumn<QString>("device");
@@ -315,13 +287,8 @@ void TestComapi::emulatorControlAndStartup()
 {
     QVERIFY(start(Tcp));
     const std::pair<const char*, const char*> answers[] = {
-        {"RIBBON OUT", "ok"},
-        {"delay 250", "ok"},
-        {"paper sideways", "error expected out or in"},
-        {"delay -5", "error expected milliseconds"},
-        {"on lock", "error expected on CALL silent|unplug"},
-        {"reboot", "error unknown command"},
-    };
+        {"RIBBON OUT", "ok"}, {"delay 250", "ok"}, {"paper sideways", "error expected out or in"},
+        {"on lock", "error expected on CALL silent|unplug"}, {"reboot", "error unknown command"}};
     for (auto [command, answer] : answers)
         QCOMPARE(emu_->command(QString::fromLatin1(command)), QString::fromLatin1(answer));
     const QJsonObject st = emu_->state();
@@ -337,23 +304,6 @@ void TestComapi::emulatorControlAndStartup()
         QVERIFY(p.exitCode() != 0);
         QVERIFY(!p.readAllStandardOutput().contains("ready"));
     }
-}
-
-void TestComapi::networkAndSerialShareOnePrinter()
-{
-    QVERIFY(emu_->startBoth(9600));
-    emu_->mapComPort(1);
-    const int net = open(Tcp);
-    QVERIFY(net >= 1);
-    QCOMPARE(Printer_SetParameter(net, 46, 301), 1);
-    // The serial side talks while the network side is open.
-    const int serial = open(Pty);
-    QVERIFY2(serial >= 1 && serial != net, qPrintable(QString::number(serial)));
-    int v = 0;
-    QCOMPARE(Printer_GetParameter(serial, 46, &v), 1);
-    QCOMPARE(v, 301);
-    Printer_Close(serial);
-    Printer_Close(net);
 }
 
 QTEST_MAIN(TestComapi)

