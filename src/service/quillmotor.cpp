@@ -309,7 +309,8 @@ void MP104C::closeTransport()
     }
     if (auto* p = qobject_cast<QSerialPort*>(io))
         p->flush();
-    io->close();
+    // Leaves the line's speed as it is, like the device library does.
+    CloseTransport(io);
     io->deleteLater();
 }
 

@@ -105,7 +105,8 @@ class TestRequests : public QObject {
     {
         s.write(request);
         QByteArray got;
-        QTest::qWaitFor([&] {
+        // A short answer is returned as it is and fails the caller's comparison.
+        (void)QTest::qWaitFor([&] {
             got += s.readAll();
             return got.size() >= want.size();
         }, 5000);
