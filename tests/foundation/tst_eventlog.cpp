@@ -1,6 +1,8 @@
 #include "foundation/eventlog.h"
 #include "foundation/paths.h"
 
+#include "support/dbfixture.h"
+
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
@@ -8,15 +10,11 @@
 #include <QTest>
 
 using namespace quill;
+using quill::dbtest::CurrentLogText;
 
 class TestEventLog : public QObject {
     Q_OBJECT
     QTemporaryDir dir;
-    QString readLog() const
-    {
-        QFile f(LogFilePath());
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
 private slots:
     void initTestCase()
     {
@@ -76,7 +74,7 @@ void TestEventLog::entryFormat()
     QCOMPARE(LogFileName(), WeeklyLogName("Quillbase", QDate::currentDate()));
     LogWrite("first");
     LogWrite("second");
-    const QString text = readLog();
+    const QString text = CurrentLogText();
     const QRegularExpression entry(
         "^\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\] \\d+ (first|second)$");
     const QStringList lines = text.split("\r\n");
@@ -96,10 +94,10 @@ void TestEventLog::trafficEntry()
     LogInit("Quillbase");
     LogWrite("event is off");
     LogTraffic("BRIXA\t1.00\tP\nline two");
-    const QStringList lines = readLog().split("\r\n");
+    const QStringList lines = CurrentLogText().split("\r\n");
     QVERIFY(lines[0].endsWith("] " + QString::number(QCoreApplication::applicationPid()) + " Network traffic"));
     QCOMPARE(lines[1], QString("BRIXA\t1.00\tP\nline two"));
-    QVERIFY(!readLog().contains("event is off"));
+    QVERIFY(!CurrentLogText().contains("event is off"));
 }
 
 void TestEventLog::nameFixedAtStart()

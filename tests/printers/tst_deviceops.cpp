@@ -13,6 +13,8 @@
 #include "shell/texts.h"
 #include "support/emulator.h"
 
+#include "support/dbfixture.h"
+
 #include <QDir>
 #include <QFile>
 #include <QImage>
@@ -21,6 +23,7 @@
 #include <QTest>
 
 using namespace quill;
+using quill::dbtest::CurrentLogText;
 using quill::test::Emulator;
 
 namespace {
@@ -120,11 +123,6 @@ class TestDeviceOps : public QObject {
     QTemporaryDir home, configDir;
     RecordingSink sink;
 
-    static QString logText()
-    {
-        QFile f(LogFilePath());
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
 
 private slots:
     void initTestCase()
@@ -208,7 +206,7 @@ void TestDeviceOps::unsupportedTypes()
         QVERIFY(!SrvMPConfig(d));
     }
     QVERIFY(sink.boxes.isEmpty());
-    QVERIFY(logText().isEmpty());
+    QVERIFY(CurrentLogText().isEmpty());
 }
 
 void TestDeviceOps::serialRateSwitch_data()
@@ -237,7 +235,7 @@ void TestDeviceOps::serialRateSwitch()
     QVERIFY(SrvMPConfigCOM("2", chosenRate, config(167, 79, 75, 12)));
     QCOMPARE(emu.settledLog(), connectCalls + printSettingsCalls(167, 79, 75, 12));
     QCOMPARE(emu.state()["baud"].toInt(), chosenRate.toInt());
-    QVERIFY(logText().isEmpty());
+    QVERIFY(CurrentLogText().isEmpty());
 
     // The printer now answers at the chosen speed straight away.
     QVERIFY(clearLog(emu));
@@ -295,7 +293,7 @@ void TestDeviceOps::networkConfiguration()
     // Only a box without a known address is asked about.
     const QString question = GetString(12036) + "\r" + GetString(12037) + "\r\r" + GetString(12017);
     QCOMPARE(sink.boxes, loaded ? QStringList() : QStringList{"question: " + question});
-    QVERIFY(logText().isEmpty());
+    QVERIFY(CurrentLogText().isEmpty());
 }
 
 void TestDeviceOps::dialogConfigure()
@@ -384,9 +382,9 @@ void TestDeviceOps::dialogFailures()
     QTEST(sink.boxes, "boxes");
     QCOMPARE(d.loadedAddress, loaded);
     if (logLine.isEmpty())
-        QVERIFY2(logText().isEmpty(), qPrintable(logText()));
+        QVERIFY2(CurrentLogText().isEmpty(), qPrintable(CurrentLogText()));
     else
-        QVERIFY2(logText().contains(logLine), qPrintable(logText()));
+        QVERIFY2(CurrentLogText().contains(logLine), qPrintable(CurrentLogText()));
 }
 
 void TestDeviceOps::statusBits_data()
@@ -570,7 +568,7 @@ void TestDeviceOps::failureMidSequence()
         ok = SrvMPConfigNET("", "127.0.0.1", true, "1", "9600", config(167, 79));
     QVERIFY(!ok);
     QCOMPARE(calls.last() == "close" ? emu.settledLog() : emu.log(), calls);
-    QVERIFY2(logText().contains(configFailed(operation, 13003)), qPrintable(logText()));
+    QVERIFY2(CurrentLogText().contains(configFailed(operation, 13003)), qPrintable(CurrentLogText()));
 
     Printer_SetTimeout(300); // silent or gone: nothing will answer
     QCOMPARE(SrvMPCheck(serial ? slotFor(1, "COM1:#9600") : slotFor(2, emu.bareDevice())),
@@ -610,7 +608,7 @@ void TestDeviceOps::afterSaveChecks()
 
     // A slot number outside the table is trapped and logged.
     SrvInitPrinterAfterConfig(slots_, 9, nullptr);
-    QVERIFY(logText().contains("SrvInitPrinterAfterConfig failed. PId = 9 Error: 9 Subscript out of range"));
+    QVERIFY(CurrentLogText().contains("SrvInitPrinterAfterConfig failed. PId = 9 Error: 9 Subscript out of range"));
 }
 
 QTEST_GUILESS_MAIN(TestDeviceOps)

@@ -9,6 +9,8 @@
 #include "service/slots.h"
 #include "shell/texts.h"
 
+#include "support/dbfixture.h"
+
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
@@ -16,6 +18,7 @@
 #include <memory>
 
 using namespace quill;
+using quill::dbtest::CurrentLogText;
 
 namespace {
 
@@ -71,11 +74,6 @@ class TestPrinterRecord : public QObject {
         PrinterSettings d;
         d.name = name;
         return SrvPrinterAddNew(*rs, slots_, d);
-    }
-    static QString logText()
-    {
-        QFile f(LogFilePath());
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
     }
 
 private slots:
@@ -275,12 +273,12 @@ void TestPrinterRecord::slotsAreGivenAndFreed()
     rows.events.clear();
     QCOMPARE(SrvMainPrinterSave(*rs, slots_, d, PrinterSettings::ModeNew, &rows), -1);
     QVERIFY(rows.events.isEmpty());
-    QVERIFY(logText().contains("SrvMainPrinterSave failed. Error: 9 Subscript out of range"));
+    QVERIFY(CurrentLogText().contains("SrvMainPrinterSave failed. Error: 9 Subscript out of range"));
     QCOMPARE(rs->RecordCount(), 5);
 
     // An id from no row is trapped too.
     QVERIFY(!SrvMainPrinterDelete(*rs, slots_, -1, "", nullptr));
-    QVERIFY(logText().contains("SrvMainPrinterDelete failed. Error: 9 Subscript out of range"));
+    QVERIFY(CurrentLogText().contains("SrvMainPrinterDelete failed. Error: 9 Subscript out of range"));
 }
 
 void TestPrinterRecord::slotCopyAndDisplayText()

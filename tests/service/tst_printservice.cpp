@@ -23,6 +23,7 @@
 #include <QTest>
 
 using namespace quill;
+using quill::test::PrintedLabels;
 using quill::test::Emulator;
 using quill::test::TestInstallation;
 
@@ -33,25 +34,6 @@ QString jobText(int printer, int templateId, int copies, const QString& caption)
     return QStringList{"BRIXA", "1.00", "P", QString::number(printer), QString::number(templateId),
                        QString::number(copies), "KASSA1", "2", "4711", "", "user1", caption, "", "Rad 14"}
         .join('\t');
-}
-
-// (caption, copy, copies) of every label printed into dir, in print order.
-QStringList printed(const QString& dir)
-{
-    QStringList out;
-    const QStringList files = QDir(dir).entryList({"*.json"}, QDir::Files, QDir::Name);
-    for (const QString& f : files) {
-        QFile file(QDir(dir).filePath(f));
-        if (!file.open(QIODevice::ReadOnly))
-            continue;
-        const QJsonObject o = QJsonDocument::fromJson(file.readAll()).object();
-        out << QStringLiteral("%1 %2/%3 t%4")
-                   .arg(o["variables"].toObject()["12"].toString())
-                   .arg(o["copy"].toInt())
-                   .arg(o["copies"].toInt())
-                   .arg(o["template"].toString());
-    }
-    return out;
 }
 
 class QuietSink final : public MessageSink {
@@ -273,7 +255,7 @@ void TstPrintService::stopMidRunFinishesRun()
     QVERIFY(s.svc->startService());
     QTRY_COMPARE_WITH_TIMEOUT(s.events.count(QStringLiteral("end 1 %1 OK").arg(j2)), 1, 15000);
     QCOMPARE(s.queued(), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out_->path()), (QStringList{"ett 1/1 t1", "två 1/1 t1"}), 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out_->path()), (QStringList{"ett 1/1 t1", "två 1/1 t1"}), 5000);
 }
 
 void TstPrintService::jobsThatFailTheirChecksWait_data()

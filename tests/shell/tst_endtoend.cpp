@@ -20,6 +20,7 @@
 #include <memory>
 
 using quill::test::Emulator;
+using quill::test::PrintedLabels;
 using quill::test::TestInstallation;
 
 namespace {
@@ -37,24 +38,6 @@ QByteArray printRequest(int printer, int templateId, int copies, const QString& 
 int replyCode(const QString& reply)
 {
     return reply == QLatin1String("BRIXA\tOK\t") ? 0 : reply.right(4).toInt();
-}
-
-// "caption copy/copies tTemplate" of every label printed into dir, in order.
-QStringList printed(const QString& dir)
-{
-    QStringList out;
-    for (const QString& f : QDir(dir).entryList({"*.json"}, QDir::Files, QDir::Name)) {
-        QFile file(QDir(dir).filePath(f));
-        if (!file.open(QIODevice::ReadOnly))
-            continue;
-        const QJsonObject o = QJsonDocument::fromJson(file.readAll()).object();
-        out << QStringLiteral("%1 %2/%3 t%4")
-                   .arg(o["variables"].toObject()["12"].toString())
-                   .arg(o["copy"].toInt())
-                   .arg(o["copies"].toInt())
-                   .arg(o["template"].toString());
-    }
-    return out;
 }
 
 } // namespace
@@ -204,10 +187,10 @@ void TstEndToEnd::printsInOrderPerPrinter()
     QVERIFY(stored(3));
 
     QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 30000);
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(1)).size(), 6, 10000);
-    QCOMPARE(printed(out(1)), (QStringList{"A 1/2 t1", "A 2/2 t1", "C 1/3 t2", "C 2/3 t2", "C 3/3 t2", "E 1/1 t1"}));
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(2)).size(), 2, 10000);
-    QCOMPARE(printed(out(2)), (QStringList{"B 1/1 t1", "D 1/1 t2"}));
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(1)).size(), 6, 10000);
+    QCOMPARE(PrintedLabels(out(1)), (QStringList{"A 1/2 t1", "A 2/2 t1", "C 1/3 t2", "C 2/3 t2", "C 3/3 t2", "E 1/1 t1"}));
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(2)).size(), 2, 10000);
+    QCOMPARE(PrintedLabels(out(2)), (QStringList{"B 1/1 t1", "D 1/1 t2"}));
     // Printer 1 changed template twice after the first: three layouts in all.
     QCOMPARE(calls(1, "layout 1"), 2);
     QCOMPARE(calls(1, "layout 2"), 1);
@@ -225,20 +208,20 @@ void TstEndToEnd::layoutOnlyWhenTemplateChanges()
     QFETCH(int, printer);
     QVERIFY(startServer());
     QCOMPARE(replyCode(send(printRequest(printer, 1, 1, "first"))), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)).size(), 1, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(printer)).size(), 1, 15000);
     QCOMPARE(calls(printer, "layout 1"), 1);
 
     // The printer holds template 1: the job goes without the layout.
     QCOMPARE(replyCode(send(printRequest(printer, 1, 1, "second"))), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)).size(), 2, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(printer)).size(), 2, 15000);
     QCOMPARE(calls(printer, "layout 1"), 1);
 
     // Template 1 was changed (configure 1): the next job sends it again.
     QCOMPARE(replyCode(send("BRIXA\t1.00\tC\t\t1\t\t\t\t\t\t1")), 0);
     QCOMPARE(replyCode(send(printRequest(printer, 1, 1, "third"))), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)).size(), 3, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(printer)).size(), 3, 15000);
     QCOMPARE(calls(printer, "layout 1"), 2);
-    QCOMPARE(printed(out(printer)), (QStringList{"first 1/1 t1", "second 1/1 t1", "third 1/1 t1"}));
+    QCOMPARE(PrintedLabels(out(printer)), (QStringList{"first 1/1 t1", "second 1/1 t1", "third 1/1 t1"}));
     QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 5000);
 }
 
@@ -267,7 +250,7 @@ void TstEndToEnd::paperOutKeepsJobs()
     QVERIFY2(reply.contains(QStringLiteral("Status skrivare: ") + paperOut + "\r"), qPrintable(reply));
     QTest::qWait(1200); // a few passes and job-timer ticks
     QCOMPARE(queued(), 2);
-    QCOMPARE(printed(out(printer)), QStringList());
+    QCOMPARE(PrintedLabels(out(printer)), QStringList());
     // A printer in error is not handed its jobs: only a run started before
     // the first check met the empty printer.
     QVERIFY(driverLog().count("MPPrintJob") <= 1);
@@ -275,7 +258,7 @@ void TstEndToEnd::paperOutKeepsJobs()
     // With paper the next pass makes it ready, and both jobs print in order.
     QCOMPARE(emu(printer).command("paper in"), QStringLiteral("ok"));
     QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 15000);
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(printer)), (QStringList{"papper 1/2 t1", "papper 2/2 t1", "mer 1/1 t1"}),
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(printer)), (QStringList{"papper 1/2 t1", "papper 2/2 t1", "mer 1/1 t1"}),
                               10000);
 }
 
@@ -290,10 +273,10 @@ void TstEndToEnd::silentPrinterAskedAgain()
     QCOMPARE(replyCode(send(printRequest(1, 1, 1, "tyst"))), 0);
     QTest::qWait(1000);
     QCOMPARE(queued(), 1);
-    QCOMPARE(printed(out(1)), QStringList());
+    QCOMPARE(PrintedLabels(out(1)), QStringList());
 
     QCOMPARE(net_->command("silent off"), QStringLiteral("ok"));
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(1)), QStringList{"tyst 1/1 t1"}, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(1)), QStringList{"tyst 1/1 t1"}, 15000);
     QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 5000);
 }
 
@@ -314,7 +297,7 @@ void TstEndToEnd::terminateMidRunLosesNothing()
     QCOMPARE(net_->command("delay 0"), QStringLiteral("ok"));
     QVERIFY(startServer(60000));
     QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 15000);
-    QTRY_COMPARE_WITH_TIMEOUT(printed(out(1)), QStringList{"kvar 1/1 t1"}, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(1)), QStringList{"kvar 1/1 t1"}, 5000);
 }
 
 QTEST_GUILESS_MAIN(TstEndToEnd)

@@ -41,11 +41,13 @@ DbHome::~DbHome()
 
 bool DbHome::has(const QString& name) const { return QFileInfo::exists(file(name)); }
 
-QString DbHome::log() const
+QString CurrentLogText()
 {
     QFile f(LogFilePath());
     return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
 }
+
+QString DbHome::log() const { return CurrentLogText(); }
 
 QStringList DbHome::logMessages() const
 {

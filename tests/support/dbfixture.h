@@ -52,6 +52,8 @@ QString JobText(int printer, int templ, const QString& copies, const QString& wo
 // Reads a database file with a connection of its own (opened read-write, so a
 // -wal is recovered the way the server would see it).
 QString IntegrityCheck(const QString& path);
+// The whole current weekly log of the installation folder, or empty.
+QString CurrentLogText();
 // "Id|PrinterId|Job" of every job in Id order.
 QStringList JobRows(const QString& path);
 // Runs statements on a file through a connection of its own.

@@ -5,6 +5,9 @@
 #include <QDeadlineTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
+#include <QDir>
+#include <QFile>
 #include <QThread>
 
 namespace quill::test {
@@ -171,6 +174,23 @@ QStringList Emulator::settledLog(int timeoutMs)
 QString Emulator::stderrText()
 {
     return process_ ? QString::fromUtf8(process_->readAllStandardError()) : QString();
+}
+
+QStringList PrintedLabels(const QString& dir)
+{
+    QStringList out;
+    for (const QString& f : QDir(dir).entryList({QStringLiteral("*.json")}, QDir::Files, QDir::Name)) {
+        QFile file(QDir(dir).filePath(f));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        const QJsonObject o = QJsonDocument::fromJson(file.readAll()).object();
+        out << QStringLiteral("%1 %2/%3 t%4")
+                   .arg(o[QLatin1String("variables")].toObject()[QLatin1String("12")].toString())
+                   .arg(o[QLatin1String("copy")].toInt())
+                   .arg(o[QLatin1String("copies")].toInt())
+                   .arg(o[QLatin1String("template")].toString());
+    }
+    return out;
 }
 
 } // namespace quill::test

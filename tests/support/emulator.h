@@ -79,4 +79,8 @@ private:
     quint16 port_ = 0, controlPort_ = 0;
 };
 
+// "caption copy/copies tTemplate" of every label printed into dir, in print
+// order (the caption is variable 12).
+QStringList PrintedLabels(const QString& dir);
+
 } // namespace quill::test
