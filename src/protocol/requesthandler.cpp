@@ -94,13 +94,18 @@ void RequestHandler::sendReply(int connection, const QString& text)
         listener_.send(connection, text);
 }
 
-void RequestHandler::storeJob(const QString& jobText)
+void RequestHandler::openBatch()
 {
     if (!batchOpen_ && svc_.beginBatch) {
         svc_.beginBatch();
         batchOpen_ = true;
         QTimer::singleShot(0, this, &RequestHandler::flush);
     }
+}
+
+void RequestHandler::storeJob(const QString& jobText)
+{
+    openBatch();
     svc_.addJob(jobText);
 }
 
@@ -158,6 +163,9 @@ QString RequestHandler::configureRequest(const QString& request)
         if (w.isEmpty() || u.isEmpty())
             return reply(0);
         const auto senders = svc_.jobSenders();
+        // One commit for the whole purge: a commit per job would hold the
+        // server for a second per thousand jobs.
+        openBatch();
         for (const auto& [jobId, tag] : senders) {
             const QString rowW = GetToken(tag, QStringLiteral("|"), 1).trimmed().toUpper();
             const QString rowU = GetToken(tag, QStringLiteral("|"), 2).trimmed().toUpper();

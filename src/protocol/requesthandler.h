@@ -57,6 +57,7 @@ private:
     QString printRequest(const QString& request);
     QString configureRequest(const QString& request);
     void sendReply(int connection, const QString& text);
+    void openBatch();
     void storeJob(const QString& jobText);
 
     Listener& listener_;
