@@ -124,32 +124,12 @@ private slots:
         QTest::addColumn<int>("id");
         QTest::addColumn<QString>("args");
         QTest::addColumn<QString>("expected");
+        // Texts whose exact words matter beyond the replies (those are checked
+        // byte for byte by the request tests): status and traffic words.
         const QList<QPair<int, QString>> plain = {
-            {9003, QStringLiteral("Brixa - Printerserver")},
-            {12059, QStringLiteral("Status skrivare:")},
-            {12060, QStringLiteral("Utskriftjobbet har lagrats i utskriftskön.")},
-            {12061, QStringLiteral("Inställd mall saknas!")},
-            {12062, QStringLiteral("Kontrollera inställningarna i ARG#1!")},
-            {12063, QStringLiteral("Utskriftjobbet har INTE lagrats i utskriftskön.")},
-            {12064, QStringLiteral("Inställd skrivare är passiv och används inte!")},
-            {12065, QStringLiteral("Aktivera skrivaren eller ställ in en annan skrivare!")},
-            {12066, QStringLiteral("Inställd skrivare saknas!")},
-            {12067, QStringLiteral("Tjänsten är inte startad.")},
-            {12068, QStringLiteral("Starta tjänsten och försök igen!")},
-            {12069, QStringLiteral("Okänd konfigureringsoperation!")},
-            {12070, QStringLiteral("Okänd utskriftsoperation!")},
-            {12071, QStringLiteral("Versionskonflikt råder i Brixa intallationen.")},
-            {12072, QStringLiteral("Kontrollera att senaste versionen av Brixa är korrekt installerat på samtliga datorer!")},
-            {12138, QStringLiteral("Utskriftsjobb mottages...")},
-            {12139, QStringLiteral("Övrig trafik")},
             {12140, QStringLiteral("Ingen trafik")},
-            {13002, QStringLiteral("Generellt fel")},
             {13003, QStringLiteral("Kommunikationsproblem")},
-            {13004, QStringLiteral("Allvarligt filfel")},
             {13005, QStringLiteral("Slut på papper")},
-            {13006, QStringLiteral("Slut på minne")},
-            {13007, QStringLiteral("Okänt fel")},
-            {13008, QStringLiteral("Statuskod")},
             {13009, QStringLiteral("Slut på färgband")},
             {13010, QStringLiteral("Printerhuvud uppfällt")},
         };
