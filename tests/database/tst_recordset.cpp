@@ -65,7 +65,6 @@ private slots:
     void keyedSeek();
     void positionedWrites();
     void walkBeyondReadAhead();
-    void fieldsByNameNullAndDefaults();
     void templateLookup();
 };
 
@@ -101,9 +100,6 @@ void TestRecordset::keyedSeek()
 {
     QFETCH(QVariant, key);
     QFETCH(QString, job);
-    TableRecordset bare(db, "tbJob");
-    QCOMPARE(errorNumber([&] { bare.seek("=", 1); }), 3019); // no current index
-    QCOMPARE(errorNumber([&] { bare.setIndex("ByPrinter"); }), ErrNotAnIndex);
     auto jobs = jobTable({10, 1, 5, 2});
     QCOMPARE(jobs->seek("=", key), !job.isEmpty());
     QCOMPARE(jobs->NoMatch(), job.isEmpty());
@@ -124,12 +120,6 @@ void TestRecordset::positionedWrites()
     QCOMPARE(jobs->field("Job").toString(), "changed");
     QCOMPARE(JobRows(mdb())[1], "2|1|j2");
     jobs->Update();
-    QCOMPARE(JobRows(mdb())[1], "2|1|changed");
-    // A move abandons an edit.
-    jobs->Edit();
-    jobs->setField("PrinterId", 9);
-    jobs->MoveFirst();
-    QCOMPARE(errorNumber([&] { jobs->Update(); }), ErrUpdateWithoutEdit);
     QCOMPARE(JobRows(mdb())[1], "2|1|changed");
 
     // AddNew keeps the current row current, even when the new key sorts before it.
@@ -182,22 +172,6 @@ void TestRecordset::walkBeyondReadAhead()
     }
     QCOMPARE(n, 998);
     QCOMPARE(last, 2000);
-}
-
-void TestRecordset::fieldsByNameNullAndDefaults()
-{
-    TableRecordset printers(db, "tbPrinter");
-    printers.AddNew();
-    printers.setField("ID", 1);
-    // Column defaults fill a new row; names match in any case; Null stays null.
-    QCOMPARE(printers.field("dispensingfeed").toInt(), 60);
-    printers.Update();
-    printers.MoveFirst();
-    QCOMPARE(printers.field("STROBE").toInt(), 4);
-    QVERIFY(printers.field("Name").isNull());
-    QCOMPARE(errorNumber([&] { printers.field("NoSuchField"); }), ErrItemNotFound);
-    // The settings query asks for "Port" and reads "port".
-    QCOMPARE(Snapshot(db, "SELECT Port FROM tbServer").field("port").toInt(), 20001);
 }
 
 void TestRecordset::templateLookup()
