@@ -132,14 +132,12 @@ Op configDialog(PrinterSettings d, BoxAnswer answer = BoxAnswer::Yes, bool silen
     };
 }
 
-Op check(const PrinterSlot& slot)
+// The status check of a slot on COM1: at 9600, or of one on the box.
+Op check(qint32 connectionType)
 {
-    return [=](const Emulator&) { return SrvMPCheck(slot); };
-}
-
-Op checkBox()
-{
-    return [](const Emulator& e) { return SrvMPCheck(slotFor(2, e.bareDevice())); };
+    return [=](const Emulator& e) {
+        return SrvMPCheck(slotFor(connectionType, connectionType == 2 ? e.bareDevice() : "COM1:#9600"));
+    };
 }
 
 // The dialog's test print, its values with blanks around them; the results
@@ -182,6 +180,11 @@ QString reconfigureAll(const Emulator&)
     return "done";
 }
 
+QString slotState(qint32 status, qint32 prev, const QString& text, const QStringList& events = {})
+{
+    return QStringList{QString::number(status), QString::number(prev), text}.join(' ') + "; " + events.join("; ");
+}
+
 // The check after a save, asked for slot n; slot 3 is the box. Shows slot 3's
 // status, previous status and text, then what its list row was told.
 Op afterSave(qint32 n)
@@ -195,14 +198,8 @@ Op afterSave(qint32 n)
         RecordingRows rows;
         SrvInitPrinterAfterConfig(slots_, n, &rows);
         const PrinterSlot& s = slots_.at(3);
-        return QStringList{QString::number(s.status), QString::number(s.prevStatus), s.statusText.trimmed()}.join(' ')
-            + "; " + rows.events.join("; ");
+        return slotState(s.status, s.prevStatus, s.statusText.trimmed(), rows.events);
     };
-}
-
-QString slotState(qint32 status, qint32 prev, const QString& text, const QStringList& events = {})
-{
-    return QStringList{QString::number(status), QString::number(prev), text}.join(' ') + "; " + events.join("; ");
 }
 
 } // namespace
@@ -348,19 +345,16 @@ void TestDeviceOps::operations_data()
 
     const QString paper = "ERR\t" + GetString(13005), ribbon = "ERR\t" + GetString(13009);
     const QStringList netChecked = fromNet + QStringList{"close"};
-    QTest::newRow("status ready") << 9600 << "" << checkBox() << ok << netChecked << "";
-    QTest::newRow("status head up") << 9600 << "head up" << checkBox() << "ERR\t" + GetString(13010) << netChecked
+    QTest::newRow("status ready") << 9600 << "" << check(2) << ok << netChecked << "";
+    QTest::newRow("status head up") << 9600 << "head up" << check(2) << "ERR\t" + GetString(13010) << netChecked
                                     << "";
-    QTest::newRow("status ribbon before paper") << 9600 << "paper out;ribbon out" << checkBox() << ribbon
+    QTest::newRow("status ribbon before paper") << 9600 << "paper out;ribbon out" << check(2) << ribbon
                                                 << netChecked << "";
-    QTest::newRow("status paper before head, serial") << 9600 << "head up;paper out" << check(slotFor(1, "COM1:#9600"))
+    QTest::newRow("status paper before head, serial") << 9600 << "head up;paper out" << check(1)
                                                       << paper << from9600 + QStringList{"close"} << "";
-    QTest::newRow("status, printer silent") << 9600 << "silent on" << check(slotFor(1, "COM1:#9600")) << noContact
+    QTest::newRow("status, printer silent") << 9600 << "silent on" << check(1) << noContact
                                             << QStringList{"open 9600"} << "";
-    QTest::newRow("status, no connection") << 9600 << "" << check(slotFor(3, "COM1:#9600")) << noContact
-                                           << QStringList{} << "";
-    QTest::newRow("status, no connection type") << 9600 << "" << check(slotFor(0, "")) << noContact << QStringList{}
-                                                << "";
+    QTest::newRow("status, no connection") << 9600 << "" << check(3) << noContact << QStringList{} << "";
 
     const QStringList netPrint = testPrintCalls("open"), serialPrint = testPrintCalls("open 9600");
     QTest::newRow("test print, paper out") << 9600 << "paper out" << testPrint(false) << paper << netPrint << "";

@@ -273,12 +273,9 @@ void TestPrinterRecord::slotCopyAndDisplayText()
     d.name = longName;
     d.serial = false;
     d.netAddress = "192.168.1.40";
-    d.netPort = "23";
-    d.passive = true;
     QCOMPARE(SrvPrinterAddNew(*rs, slots_, d), 2);
     QCOMPARE(stored(2, "Name"), longName);
     QCOMPARE(slots_.at(2).displayText, "2 " + longName.left(25).trimmed() + " på 192.168.1.40");
-    QVERIFY(slots_.at(2).passive);
 
     // Connection 4 loads unchanged; an unknown number keeps the old string.
     insertRow({{"Id", 4}, {"Name", "n"}, {"ConnectionUsed", 4}, {"Connection4", "LPT1:"}});
