@@ -117,7 +117,7 @@ Op configCOM(const QString& port, const QString& rate, const DeviceConfig& c = {
 Op configNET(const QString& loaded, bool connectOnly)
 {
     return [=](const Emulator&) {
-        return done(SrvMPConfigNET("10.1.2.3", loaded, connectOnly, "1", "9600", DeviceConfig{700, 60, 40, 5}));
+        return done(SrvMPConfigNET("10.1.2.3", loaded, connectOnly, "3", "9600", DeviceConfig{700, 60, 40, 5}));
     };
 }
 
@@ -132,11 +132,11 @@ Op configDialog(PrinterSettings d, BoxAnswer answer = BoxAnswer::Yes, bool silen
     };
 }
 
-// The status check of a slot on COM1: at 9600, or of one on the box.
+// The status check of a slot on COM3: at 9600, or of one on the box.
 Op check(qint32 connectionType)
 {
     return [=](const Emulator& e) {
-        return SrvMPCheck(slotFor(connectionType, connectionType == 2 ? e.bareDevice() : "COM1:#9600"));
+        return SrvMPCheck(slotFor(connectionType, connectionType == 2 ? e.bareDevice() : "COM3:#9600"));
     };
 }
 
@@ -147,6 +147,7 @@ Op testPrint(bool serial, const QByteArray& layout = {}, int rounds = 1)
     return [=](const Emulator& e) {
         PrinterSettings d = netDialog(" 127.0.0.1 ", "");
         d.serial = serial;
+        d.comPort = 3;
         d.netPort = QString::number(e.port()) + " ";
         QString device, settings;
         DialogDevice(d, &device, &settings);
@@ -170,7 +171,7 @@ QString reconfigureAll(const Emulator&)
 {
     PrinterSlots slots_;
     slots_.reset();
-    slots_.at(1) = slotFor(1, "COM1:#57600 ");
+    slots_.at(1) = slotFor(1, "COM3:#57600 ");
     slots_.at(2) = slotFor(1, "COM3:#9600");
     slots_.at(2).passive = true;
     slots_.at(4) = slotFor(2, "127.0.0.1#1");
@@ -264,11 +265,11 @@ void TestDeviceOps::operations_data()
 
     // The open at the wrong speed reaches the printer only as noise.
     QTest::newRow("serial, rate switch to 9600")
-        << 57600 << "" << configCOM("2", "9600", {167, 79, 75, 12}) << "configured"
+        << 57600 << "" << configCOM("3", "9600", {167, 79, 75, 12}) << "configured"
         << QStringList{"open 57600", "status 4", "setparam 30 9600", "setparam 34 2000"}
             + printSettingsCalls(167, 79, 75, 12) << "";
     QTest::newRow("serial, rate switch to 57600")
-        << 9600 << "" << configCOM("1", "57600") << "configured"
+        << 9600 << "" << configCOM("3", "57600") << "configured"
         << from9600 + QStringList{"setparam 30 57600", "setparam 34 2000"} + settings << "";
     // Only slot 1: passive, network and free slots are skipped.
     QTest::newRow("re-configuration of the serial slots")
@@ -283,7 +284,7 @@ void TestDeviceOps::operations_data()
 
     PrinterSettings d;
     d.printerTypeId = 2;
-    d.comPort = 2;
+    d.comPort = 3;
     d.strobe = 9;
     d.speed = 7;
     d.advancedSettings = "1;;30";
@@ -299,11 +300,13 @@ void TestDeviceOps::operations_data()
         << "";
     // A type without configuration support: no box, no device, no log line.
     d = PrinterSettings();
+    d.comPort = 3;
     d.printerTypeId = 10;
     QTest::newRow("dialog, type 10") << 9600 << "" << configDialog(d) << "failed" << QStringList{} << "";
     // Each open is heard and goes unanswered; the retry at 57600 is noise.
+    d.printerTypeId = 1;
     QTest::newRow("dialog, serial printer silent")
-        << 9600 << "silent on" << configDialog(PrinterSettings()) << "failed / information: " + GetString(12032)
+        << 9600 << "silent on" << configDialog(d) << "failed / information: " + GetString(12032)
         << QStringList{"open 9600"} << configFailed("SrvMPConfigCOM");
     QTest::newRow("dialog, no address") << 9600 << "" << configDialog(netDialog("   ", ""))
                                         << "failed / information: " + GetString(12033) << QStringList{} << "";
@@ -321,26 +324,26 @@ void TestDeviceOps::operations_data()
 
     // A printer that is still there hears the close; a removed one does not.
     QTest::newRow("serial printer falls silent")
-        << 9600 << "on service 28351746 silent" << configCOM("1", "9600") << "failed"
+        << 9600 << "on service 28351746 silent" << configCOM("3", "9600") << "failed"
         << from9600 + QStringList{"setparam 34 2000"} + settings.mid(0, 3) + QStringList{"close"}
         << configFailed("SrvMPConfigCOM");
     QTest::newRow("serial printer removed")
-        << 9600 << "on lock unplug" << Op([](const Emulator&) { return done(SrvMPConfigCOM2("COM1:", "9600")); })
+        << 9600 << "on lock unplug" << Op([](const Emulator&) { return done(SrvMPConfigCOM2("COM3:", "9600")); })
         << "failed" << from9600 + QStringList{"setparam 34 2000", "lock"} << configFailed("SrvMPConfigCOM2");
     QTest::newRow("network box removed") << 9600 << "on setparam 46 unplug" << configNET("127.0.0.1", true)
                                          << "failed" << fromNet + box.mid(0, 2) << configFailed("SrvMPConfigNET");
 
     QTest::newRow("clear memory") << 57600 << ""
-                                  << Op([](const Emulator&) { return SrvMPClear("COM1:", "57600,n,8,1,x"); })
+                                  << Op([](const Emulator&) { return SrvMPClear("COM3:", "57600,n,8,1,x"); })
                                   << ok << QStringList{"open 57600", "init a", "close"} << "";
     QTest::newRow("calibrate") << 57600 << ""
-                               << Op([](const Emulator&) { return SrvMPCal("COM1:", "57600,n,8,1,x"); }) << ok
+                               << Op([](const Emulator&) { return SrvMPCal("COM3:", "57600,n,8,1,x"); }) << ok
                                << QStringList{"open 57600", "service 44", "lock", "service 3196", "close"} << "";
     QTest::newRow("clear, printer silent") << 9600 << "silent on"
-                                           << Op([](const Emulator&) { return SrvMPClear("COM1:", "9600,n,8,1,x"); })
+                                           << Op([](const Emulator&) { return SrvMPClear("COM3:", "9600,n,8,1,x"); })
                                            << noContact << QStringList{"open 9600"} << "";
     QTest::newRow("calibrate, printer silent") << 9600 << "silent on"
-                                               << Op([](const Emulator&) { return SrvMPCal("COM1:", "9600,n,8,1,x"); })
+                                               << Op([](const Emulator&) { return SrvMPCal("COM3:", "9600,n,8,1,x"); })
                                                << noContact << QStringList{"open 9600"} << "";
 
     const QString paper = "ERR\t" + GetString(13005), ribbon = "ERR\t" + GetString(13009);
@@ -395,9 +398,8 @@ void TestDeviceOps::operations()
     QFETCH(QString, logLine);
     Emulator emu;
     QVERIFY2(emu.startBoth(baud), qPrintable(emu.errorText()));
-    // Every serial port leads to the one printer, so a call to the wrong one shows.
-    for (int n = 1; n <= 4; ++n)
-        emu.mapComPort(n);
+    // The printer is on COM3: only; a port number that is not passed on reaches nothing.
+    emu.mapComPort(3);
     useNetBoxPort(emu.port());
     for (const QString& f : faults.split(';', Qt::SkipEmptyParts))
         QCOMPARE(emu.command(f), QString("ok"));
