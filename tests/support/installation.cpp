@@ -100,9 +100,9 @@ void TestInstallation::setMachineValue(const QString& group, const QString& name
     RegSetValue(HKEY_LOCAL_MACHINE, key, name, number ? REG_DWORD : REG_SZ, value);
 }
 
-QString TestInstallation::log() const
+QString TestInstallation::log(const QString& program) const
 {
-    QFile f(file(WeeklyLogName(QStringLiteral("Quillbase"), QDate::currentDate())));
+    QFile f(file(WeeklyLogName(program, QDate::currentDate())));
     return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
 }
 

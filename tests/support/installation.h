@@ -31,8 +31,9 @@ public:
     void setUserSwitch(const QString& name, int value);
     void setMachineValue(const QString& group, const QString& name, const QVariant& value, bool number);
 
-    // The text of this week's event log.
-    QString log() const;
+    // The text of this week's event log, or of another program's weekly log
+    // ("Quillmotor": the driver's).
+    QString log(const QString& program = QStringLiteral("Quillbase")) const;
 
     // A free loopback TCP port (bound and released).
     static quint16 freePort();
