@@ -3,7 +3,6 @@
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
 #include "database/lists.h"
-#include "foundation/strutil.h"
 #include "shell/texts.h"
 #include "support/dbfixture.h"
 

@@ -39,18 +39,14 @@ bool storeJobs(const QString& home, int count)
     return ExecSql(home + "/brixa.mdb", inserts);
 }
 
-// Runs this program as a child on the folder (see main); its exit code.
-int runChild(const QString& home, const QString& name, const QString& value)
+// Runs this program as a child on the folder (see main) with one more
+// environment setting; its exit code.
+int runChild(const QString& home, const QString& setting)
 {
     QProcess child;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("QUILL_DB_MAINTENANCE_CHILD", home);
-    env.insert(name, value);
-    child.setProcessEnvironment(env);
+    child.setEnvironment(QProcess::systemEnvironment() << "QUILL_DB_MAINTENANCE_CHILD=" + home << setting);
     child.start(QCoreApplication::applicationFilePath(), {});
-    if (!child.waitForFinished(60000) || child.exitStatus() != QProcess::NormalExit)
-        return -1;
-    return child.exitCode();
+    return child.waitForFinished(60000) && child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1;
 }
 
 // Jobs as the server lists them after a start ("id caption"), or "not opened".
@@ -241,9 +237,9 @@ void TestMaintenance::crashAfterEveryStep()
     DbHome home;
     QVERIFY(home.ok());
     QVERIFY(storeJobs(home.path(), jobs / 2));
-    QCOMPARE(runChild(home.path(), "QUILL_DB_WAL_JOBS", QString::number(jobs)), 0);
+    QCOMPARE(runChild(home.path(), QStringLiteral("QUILL_DB_WAL_JOBS=%1").arg(jobs)), 0);
     QVERIFY(QFileInfo(home.file("brixa.mdb-wal")).size() > 0);
-    QCOMPARE(runChild(home.path(), "QUILL_MAINTENANCE_CRASH_AFTER", step), step == "none" ? 0 : 99);
+    QCOMPARE(runChild(home.path(), "QUILL_MAINTENANCE_CRASH_AFTER=" + step), step == "none" ? 0 : 99);
 
     // The backup is complete before any crash point.
     QCOMPARE(IntegrityCheck(home.file("brixa_backup.mdb")), "ok");

@@ -92,9 +92,7 @@ class TestRequests : public QObject {
     {
         auto s = std::make_unique<QTcpSocket>();
         s->connectToHost(QHostAddress::LocalHost, port);
-        if (!s->waitForConnected(5000))
-            return nullptr;
-        return s;
+        return s->waitForConnected(5000) ? std::move(s) : nullptr;
     }
 
     // Collects a reply until it is as long as `want` or 5 s pass; a short one fails
