@@ -45,60 +45,52 @@ void JobDatabase::SrvCloseDatabases()
     db_.close();
 }
 
-bool JobDatabase::SrvPrinterOpenDB()
+bool JobDatabase::openTable(std::unique_ptr<TableRecordset>& slot, const QString& table, const QString& caller)
 {
     try {
-        printers_.reset();
-        auto rs = std::make_unique<TableRecordset>(db_, QStringLiteral("tbPrinter"));
+        slot.reset();
+        auto rs = std::make_unique<TableRecordset>(db_, table);
         rs->setIndex(QStringLiteral("PrimaryKey"));
         SrvPopulateRecordset(*rs);
-        printers_ = std::move(rs);
+        slot = std::move(rs);
         return true;
     } catch (const std::exception& e) {
-        reportOpenFailure(QStringLiteral("SrvPrinterOpenDB"), e, true);
+        reportOpenFailure(caller, e, true);
         return false;
     }
+}
+
+bool JobDatabase::openTemplates(const QString& caller, bool withBox)
+{
+    try {
+        templates_.reset();
+        templates_ = std::make_unique<Snapshot>(db_, TemplateQuery);
+        SrvPopulateRecordset(*templates_);
+        return true;
+    } catch (const std::exception& e) {
+        reportOpenFailure(caller, e, withBox);
+        return false;
+    }
+}
+
+bool JobDatabase::SrvPrinterOpenDB()
+{
+    return openTable(printers_, QStringLiteral("tbPrinter"), QStringLiteral("SrvPrinterOpenDB"));
 }
 
 bool JobDatabase::SrvJobOpenDB()
 {
-    try {
-        jobs_.reset();
-        auto rs = std::make_unique<TableRecordset>(db_, QStringLiteral("tbJob"));
-        rs->setIndex(QStringLiteral("PrimaryKey"));
-        SrvPopulateRecordset(*rs);
-        jobs_ = std::move(rs);
-        return true;
-    } catch (const std::exception& e) {
-        reportOpenFailure(QStringLiteral("SrvJobOpenDB"), e, true);
-        return false;
-    }
+    return openTable(jobs_, QStringLiteral("tbJob"), QStringLiteral("SrvJobOpenDB"));
 }
 
 bool JobDatabase::SrvTemplateTypeOpenDB()
 {
-    try {
-        templates_.reset();
-        templates_ = std::make_unique<Snapshot>(db_, TemplateQuery);
-        SrvPopulateRecordset(*templates_);
-        return true;
-    } catch (const std::exception& e) {
-        reportOpenFailure(QStringLiteral("SrvTemplateTypeOpenDB"), e, true);
-        return false;
-    }
+    return openTemplates(QStringLiteral("SrvTemplateTypeOpenDB"), true);
 }
 
 bool JobDatabase::SrvTemplateTypeReOpenDB()
 {
-    try {
-        templates_.reset();
-        templates_ = std::make_unique<Snapshot>(db_, TemplateQuery);
-        SrvPopulateRecordset(*templates_);
-        return true;
-    } catch (const std::exception& e) {
-        reportOpenFailure(QStringLiteral("SrvTemplateTypeReOpenDB"), e, false);
-        return false;
-    }
+    return openTemplates(QStringLiteral("SrvTemplateTypeReOpenDB"), false);
 }
 
 bool JobDatabase::SrvSeekJob(qint32 id)

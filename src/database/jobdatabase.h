@@ -76,6 +76,8 @@ public:
 
 private:
     bool openDatabaseFile();
+    bool openTable(std::unique_ptr<TableRecordset>& slot, const QString& table, const QString& caller);
+    bool openTemplates(const QString& caller, bool withBox);
     Database db_;
     std::unique_ptr<TableRecordset> printers_;
     std::unique_ptr<TableRecordset> jobs_;
