@@ -66,33 +66,16 @@ double percentile(std::vector<qint64> ns, double p)
 
 // ---------------------------------------------------------------- 1. commit rate
 
-// Insert-and-commit into a tbJob-like table, in slices that take turns with the
-// request load; the connection is opened the way the server opens brixa.mdb.
-class BareCommits {
+// A commit loop run in slices that take turns with the request load.
+class CommitLoop {
 public:
-    explicit BareCommits(const QString& path)
-    {
-        db_.open(path);
-        journal = Snapshot(db_, QStringLiteral("PRAGMA journal_mode")).field(QStringLiteral("journal_mode")).toString();
-        sync = Snapshot(db_, QStringLiteral("PRAGMA synchronous")).field(QStringLiteral("synchronous")).toString();
-        db_.exec(QStringLiteral("CREATE TABLE tbJob (Id INTEGER PRIMARY KEY, PrinterId INTEGER, Job TEXT)"));
-        q_ = QSqlQuery(db_.connection());
-        q_.prepare(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)"));
-    }
-    ~BareCommits() { q_.finish(); }
+    virtual ~CommitLoop() = default;
     void slice(int ms)
     {
         QElapsedTimer t;
         t.start();
-        while (t.elapsed() < ms) {
-            q_.addBindValue(++n_);
-            q_.addBindValue(QString::fromLatin1(printRequest(0, n_)));
-            if (!q_.exec()) { // autocommit: every insert is its own durable commit
-                std::fprintf(stderr, "insert failed\n");
-                break;
-            }
+        while (t.elapsed() < ms && commitOne(++n_))
             ++count_;
-        }
         ns_ += t.nsecsElapsed();
     }
     // Commits per second since the last call.
@@ -102,50 +85,72 @@ public:
         count_ = ns_ = 0;
         return r;
     }
+
+protected:
+    virtual bool commitOne(qint64 n) = 0;
+
+private:
+    qint64 n_ = 0, count_ = 0, ns_ = 0;
+};
+
+const QString JobTable = QStringLiteral("CREATE TABLE tbJob (Id INTEGER PRIMARY KEY, PrinterId INTEGER, Job TEXT)");
+
+// Insert-and-commit into a tbJob-like table; the connection is opened the way
+// the server opens brixa.mdb.
+class BareCommits : public CommitLoop {
+public:
+    explicit BareCommits(const QString& path)
+    {
+        db_.open(path);
+        journal = Snapshot(db_, QStringLiteral("PRAGMA journal_mode")).field(QStringLiteral("journal_mode")).toString();
+        sync = Snapshot(db_, QStringLiteral("PRAGMA synchronous")).field(QStringLiteral("synchronous")).toString();
+        db_.exec(JobTable);
+        q_ = QSqlQuery(db_.connection());
+        q_.prepare(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)"));
+    }
+    ~BareCommits() override { q_.finish(); }
     QString journal, sync;
+
+protected:
+    bool commitOne(qint64 n) override
+    {
+        q_.addBindValue(n);
+        q_.addBindValue(QString::fromLatin1(printRequest(0, n)));
+        if (q_.exec()) // autocommit: every insert is its own durable commit
+            return true;
+        std::fprintf(stderr, "insert failed\n");
+        return false;
+    }
 
 private:
     Database db_;
     QSqlQuery q_;
-    qint64 n_ = 0, count_ = 0, ns_ = 0;
 };
 
 // The server's own store path without the network: one job per batch, as a
 // lone request on one connection gets it (begin, SrvAddJob, commit).
-class StoreCommits {
+class StoreCommits : public CommitLoop {
 public:
     explicit StoreCommits(const QString& path)
     {
         jdb_.database().open(path);
-        jdb_.database().exec(QStringLiteral("CREATE TABLE tbJob (Id INTEGER PRIMARY KEY, PrinterId INTEGER, Job TEXT)"));
+        jdb_.database().exec(JobTable);
         jdb_.SrvJobOpenDB();
         store_ = std::make_unique<JobStore>(jdb_, slots_);
     }
-    void slice(int ms)
+
+protected:
+    bool commitOne(qint64 n) override
     {
-        QElapsedTimer t;
-        t.start();
-        while (t.elapsed() < ms) {
-            store_->beginBatch();
-            store_->SrvAddJob(QString::fromLatin1(printRequest(0, ++n_)));
-            if (!store_->commitBatch())
-                break;
-            ++count_;
-        }
-        ns_ += t.nsecsElapsed();
-    }
-    double takeRate()
-    {
-        const double r = ns_ ? double(count_) * 1e9 / double(ns_) : 0;
-        count_ = ns_ = 0;
-        return r;
+        store_->beginBatch();
+        store_->SrvAddJob(QString::fromLatin1(printRequest(0, n)));
+        return store_->commitBatch();
     }
 
 private:
     JobDatabase jdb_;
     PrinterSlots slots_;
     std::unique_ptr<JobStore> store_;
-    qint64 n_ = 0, count_ = 0, ns_ = 0;
 };
 
 // ---------------------------------------------------------------- installation and server

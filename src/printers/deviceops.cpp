@@ -238,9 +238,6 @@ bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig
     } catch (const DeviceFailure& f) {
         dev.close();
         logConfigFailure("SrvMPConfigCOM", f.code);
-    } catch (const Error& e) {
-        dev.close();
-        logConfigTrap("SrvMPConfigCOM", e.text(), dev);
     } catch (const std::exception& e) {
         dev.close();
         logConfigTrap("SrvMPConfigCOM", errorText(e), dev);
@@ -285,9 +282,6 @@ bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, boo
     } catch (const DeviceFailure& f) {
         dev.close();
         logConfigFailure("SrvMPConfigNET", f.code);
-    } catch (const Error& e) {
-        dev.close();
-        logConfigTrap("SrvMPConfigNET", e.text(), dev);
     } catch (const std::exception& e) {
         dev.close();
         logConfigTrap("SrvMPConfigNET", errorText(e), dev);
@@ -307,9 +301,6 @@ bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate)
     } catch (const DeviceFailure& f) {
         dev.close();
         logConfigFailure("SrvMPConfigCOM2", f.code);
-    } catch (const Error& e) {
-        dev.close();
-        logConfigTrap("SrvMPConfigCOM2", e.text(), dev);
     } catch (const std::exception& e) {
         dev.close();
         logConfigTrap("SrvMPConfigCOM2", errorText(e), dev);
@@ -358,9 +349,6 @@ QString SrvMPTestPrint(const QString& deviceName, const QString& settings)
             return ResultErr(DeviceErrorText(f.code));
         }
         return ResultOk();
-    } catch (const Error& e) {
-        LogWrite(QStringLiteral("SrvMPTestPrint failed. Error: ") + e.text());
-        return resultErrorText(e.text());
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMPTestPrint failed. Error: ") + errorText(e));
         return resultErrorText(errorText(e));
@@ -375,9 +363,6 @@ QString SrvMPClear(const QString& deviceName, const QString& settings)
             return ResultErr(GetString(12038));
         const int r = dev.init();
         return r >= 1 ? ResultOk() : ResultErr(DeviceErrorText(r));
-    } catch (const Error& e) {
-        LogWrite(QStringLiteral("SrvMPClear failed. Error: ") + e.text());
-        return resultErrorText(e.text());
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMPClear failed. Error: ") + errorText(e));
         return resultErrorText(errorText(e));
@@ -398,9 +383,6 @@ QString SrvMPCal(const QString& deviceName, const QString& settings)
             return ResultErr(DeviceErrorText(f.code));
         }
         return ResultOk();
-    } catch (const Error& e) {
-        LogWrite(QStringLiteral("SrvMPCal failed. Error: ") + e.text());
-        return resultErrorText(e.text());
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMPCal failed. Error: ") + errorText(e));
         return resultErrorText(errorText(e));
