@@ -323,6 +323,8 @@ LoadFigures load(quint16 port, int connections, int ms, bool storing = true)
         c.sent.start();
         // Not storing: an unknown operation, answered 9003 without touching the database.
         c.socket.write(storing ? printRequest(k + 1, ++c.n) : QByteArray("BRIXA\t1.00\tX"));
+        // Out now, as a client that waits for its reply sends it, not on the next turn of the loop.
+        c.socket.flush();
         ++outstanding;
     };
     for (int k = 0; k < int(clients.size()); ++k) {
@@ -483,6 +485,8 @@ int main(int argc, char** argv)
                         "1 conn., 9003", echo.rate(), percentile(echo.latencies, 0.5));
             show("1 connection", one);
             show("32 connections", many);
+            std::printf("  share of this round's commit rate: 1 connection %.2f, 32 connections %.2f\n",
+                        one.rate() / commitRate, many.rate() / commitRate);
             commitRates.push_back(commitRate);
             storeRates.push_back(storeRate);
             echoRates.push_back(echo.rate());

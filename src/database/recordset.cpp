@@ -14,6 +14,8 @@ namespace {
 
 // Rows read ahead per fetch when walking a table.
 constexpr int WindowRows = 256;
+// Prepared statements kept per connection; past this the cache starts over.
+constexpr int MaxPrepared = 64;
 
 int connectionCounter = 0;
 
@@ -118,6 +120,7 @@ void Database::close()
         return;
     if (inTransaction_)
         rollback();
+    prepared_.clear();
     if (db_.isOpen())
         db_.close();
     db_ = QSqlDatabase();
@@ -128,10 +131,49 @@ void Database::close()
 
 bool Database::isOpen() const { return db_.isOpen(); }
 
-void Database::exec(const QString& sql, const QVariantList& binds)
+void Database::exec(const QString& sql, const QVariantList& binds) { run(sql, binds, {}); }
+
+void Database::run(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows)
 {
-    QSqlQuery q = select(sql, binds);
-    q.finish();
+    if (!db_.isOpen())
+        throw Error(3420, QStringLiteral("Object invalid or no longer set."));
+    std::shared_ptr<Prepared> p = prepared_.value(sql);
+    if (!p || p->busy) {
+        // A text already running further up the stack gets a statement of its own.
+        auto fresh = std::make_shared<Prepared>();
+        fresh->query = QSqlQuery(db_);
+        fresh->query.setForwardOnly(true);
+        if (!fresh->query.prepare(sql))
+            throw SqlError(fresh->query.lastError());
+        if (!p) {
+            if (prepared_.size() >= MaxPrepared)
+                prepared_.clear();
+            prepared_.insert(sql, fresh);
+        }
+        p = std::move(fresh);
+    }
+    struct Reset {
+        Prepared& p;
+        ~Reset()
+        {
+            p.query.finish();
+            p.busy = false;
+        }
+    } reset{*p};
+    p->busy = true;
+    for (int i = 0; i < binds.size(); ++i)
+        p->query.bindValue(i, binds[i]);
+    if (!p->query.exec())
+        throw SqlError(p->query.lastError());
+    if (rows)
+        rows(p->query);
+}
+
+qint64 Database::insert(const QString& sql, const QVariantList& binds)
+{
+    qint64 id = 0;
+    run(sql, binds, [&](QSqlQuery& q) { id = q.lastInsertId().toLongLong(); });
+    return id;
 }
 
 QSqlQuery Database::select(const QString& sql, const QVariantList& binds)
@@ -230,11 +272,12 @@ void TableRecordset::loadKeys()
 {
     keys_.clear();
     window_.clear();
-    QSqlQuery q = db_.select(QStringLiteral("SELECT ") + quoteIdent(columns_[pk_]) + QStringLiteral(" FROM ")
-                             + quoteIdent(table_) + QStringLiteral(" ORDER BY 1"));
-    while (q.next())
-        keys_.push_back(q.value(0).toLongLong());
-    q.finish();
+    db_.run(QStringLiteral("SELECT ") + quoteIdent(columns_[pk_]) + QStringLiteral(" FROM ") + quoteIdent(table_)
+                + QStringLiteral(" ORDER BY 1"),
+            {}, [this](QSqlQuery& q) {
+                while (q.next())
+                    keys_.push_back(q.value(0).toLongLong());
+            });
     pos_ = 0;
     currentDeleted_ = false;
     noMatch_ = false;
@@ -274,19 +317,18 @@ const QVector<QVariant>& TableRecordset::currentRow() const
     if (it != window_.end())
         return it->second;
     window_.clear();
-    QSqlQuery q = db_.select(QStringLiteral("SELECT ") + selectList_ + QStringLiteral(" FROM ") + quoteIdent(table_)
-                                 + QStringLiteral(" WHERE ") + quoteIdent(columns_[pk_])
-                                 + QStringLiteral(" >= ? ORDER BY ") + quoteIdent(columns_[pk_])
-                                 + QStringLiteral(" LIMIT ") + QString::number(WindowRows),
-                             {key});
     const int n = int(columns_.size());
-    while (q.next()) {
-        QVector<QVariant> row(n);
-        for (int i = 0; i < n; ++i)
-            row[i] = q.value(i);
-        window_.emplace(row[pk_].toLongLong(), std::move(row));
-    }
-    q.finish();
+    db_.run(QStringLiteral("SELECT ") + selectList_ + QStringLiteral(" FROM ") + quoteIdent(table_)
+                + QStringLiteral(" WHERE ") + quoteIdent(columns_[pk_]) + QStringLiteral(" >= ? ORDER BY ")
+                + quoteIdent(columns_[pk_]) + QStringLiteral(" LIMIT ") + QString::number(WindowRows),
+            {key}, [&](QSqlQuery& q) {
+                while (q.next()) {
+                    QVector<QVariant> row(n);
+                    for (int i = 0; i < n; ++i)
+                        row[i] = q.value(i);
+                    window_.emplace(row[pk_].toLongLong(), std::move(row));
+                }
+            });
     it = window_.find(key);
     if (it == window_.end())
         throw recordDeleted(); // gone behind our back
@@ -427,12 +469,11 @@ void TableRecordset::Update()
             marks << QStringLiteral("?");
             binds << buffer_[i];
         }
-        QSqlQuery q = db_.select(QStringLiteral("INSERT INTO ") + quoteIdent(table_) + QStringLiteral(" (") + selectList_
-                                     + QStringLiteral(") VALUES (") + marks.join(QLatin1Char(',')) + QLatin1Char(')'),
-                                 binds);
         // The primary key is an INTEGER PRIMARY KEY, so the rowid is the key.
-        const qint64 key = q.lastInsertId().toLongLong();
-        q.finish();
+        const qint64 key = db_.insert(QStringLiteral("INSERT INTO ") + quoteIdent(table_) + QStringLiteral(" (")
+                                          + selectList_ + QStringLiteral(") VALUES (") + marks.join(QLatin1Char(','))
+                                          + QLatin1Char(')'),
+                                      binds);
         auto it = std::lower_bound(keys_.begin(), keys_.end(), key);
         const qint64 at = it - keys_.begin();
         keys_.insert(it, key);
@@ -487,20 +528,20 @@ void TableRecordset::Delete()
 
 Snapshot::Snapshot(Database& db, const QString& sql)
 {
-    QSqlQuery q = db.select(sql);
-    const QSqlRecord rec = q.record();
-    const int n = rec.count();
-    for (int i = 0; i < n; ++i) {
-        names_ << rec.fieldName(i).toLower();
-        tables_ << rec.field(i).tableName().toLower();
-    }
-    while (q.next()) {
-        QVector<QVariant> row(n);
-        for (int i = 0; i < n; ++i)
-            row[i] = q.value(i);
-        rows_.append(std::move(row));
-    }
-    q.finish();
+    db.run(sql, {}, [this](QSqlQuery& q) {
+        const QSqlRecord rec = q.record();
+        const int n = rec.count();
+        for (int i = 0; i < n; ++i) {
+            names_ << rec.fieldName(i).toLower();
+            tables_ << rec.field(i).tableName().toLower();
+        }
+        while (q.next()) {
+            QVector<QVariant> row(n);
+            for (int i = 0; i < n; ++i)
+                row[i] = q.value(i);
+            rows_.append(std::move(row));
+        }
+    });
 }
 
 int Snapshot::column(const QString& name) const

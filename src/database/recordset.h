@@ -26,6 +26,7 @@
 #include <QVariant>
 #include <QVector>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -63,6 +64,12 @@ public:
 
     // Runs one statement that returns no rows.
     void exec(const QString& sql, const QVariantList& binds = {});
+    // Runs a statement and hands its active query to `rows`, then resets it. The
+    // statement is prepared once per text and kept: a request runs the same few
+    // statements every time.
+    void run(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows);
+    // Runs an INSERT and returns the new row's rowid.
+    qint64 insert(const QString& sql, const QVariantList& binds);
     // Runs a statement and returns the active forward-only query (the caller finishes it).
     QSqlQuery select(const QString& sql, const QVariantList& binds = {});
 
@@ -73,7 +80,12 @@ public:
     bool inTransaction() const { return inTransaction_; }
 
 private:
+    struct Prepared {
+        QSqlQuery query;
+        bool busy = false;
+    };
     QSqlDatabase db_;
+    QHash<QString, std::shared_ptr<Prepared>> prepared_;
     QString name_;
     QString path_;
     bool inTransaction_ = false;

@@ -31,12 +31,13 @@ RequestHandler::RequestHandler(Listener& listener, TrafficIndicator& traffic, Re
 QString RequestHandler::reply(int code, const QString& statusText)
 {
     const QString ok = QStringLiteral("BRIXA\tOK\t");
+    if (code == 0)
+        return ok; // the common answer, without looking up texts it does not use
     const QString err = QStringLiteral("BRIXA\tERR\t");
     const QString h = GetString(9003) + QStringLiteral(":") + CR;
     const QString t62 = GetString(12062, GetString(9001));
     auto t = [](int id) { return GetString(id); };
     switch (code) {
-    case 0: return ok;
     case 9002: return err + h + t(12071) + CR + t(12072) + QStringLiteral("9002");
     case 1001: return err + h + t(12067) + CR + t(12068) + QStringLiteral("1001");
     case 1002: return err + h + t(12066) + CR + t62 + CR + CR + t(12063) + QStringLiteral("1002");

@@ -66,6 +66,7 @@ private slots:
     void positionedWrites();
     void walkBeyondReadAhead();
     void templateLookup();
+    void keptStatements();
 };
 
 void TestRecordset::tableSeesWritesSnapshotDoesNot()
@@ -190,6 +191,48 @@ void TestRecordset::templateLookup()
     QVERIFY(!jdb.SrvTemplateInDB(4)); // no type row: never found
     QVERIFY(ExecSql(mdb(), {"INSERT INTO tbTemplateType (Id) VALUES (7)"}));
     QVERIFY(jdb.SrvTemplateInDB(4));
+}
+
+void TestRecordset::keptStatements()
+{
+    auto count = [&] { return Snapshot(db, "SELECT COUNT(*) AS n FROM tbJob").field("n").toInt(); };
+    auto jobs = jobTable({1});
+    QCOMPARE(count(), 1);
+
+    // A kept statement ends its read even when not all its rows were read: another
+    // writer's row is seen by the next statement.
+    const QString ids = "SELECT Id FROM tbJob ORDER BY Id";
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (2, 1, 'x')"}));
+    db.run(ids, {}, [](QSqlQuery& q) { QVERIFY(q.next()); });
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (5, 1, 'x')"}));
+    QCOMPARE(Snapshot(db, "SELECT MAX(Id) AS MaxId FROM tbJob").field("MaxId").toInt(), 5);
+    QCOMPARE(count(), 3);
+
+    // The same text run again while it is still running: each has its own rows.
+    int outer = 0, inner = 0;
+    db.run(ids, {}, [&](QSqlQuery& q) {
+        while (q.next()) {
+            ++outer;
+            db.run(ids, {}, [&](QSqlQuery& q2) {
+                while (q2.next())
+                    ++inner;
+            });
+        }
+    });
+    QCOMPARE(outer, 3);
+    QCOMPARE(inner, 9);
+
+    // A failed statement holds no lock, and the same text works with other values.
+    const QString insert = "INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, 'y')";
+    QVERIFY(errorNumber([&] { db.insert(insert, {1}); }) != 0);
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (3, 1, 'z')"}));
+    QCOMPARE(db.insert(insert, {4}), 4);
+
+    // Another connection changed the schema: SQLite prepares the kept statement again.
+    const QString job3 = "SELECT Job FROM tbJob WHERE Id = 3";
+    QCOMPARE(Snapshot(db, job3).field("Job").toString(), "z");
+    QVERIFY(ExecSql(mdb(), {"ALTER TABLE tbJob ADD COLUMN Extra INTEGER DEFAULT 7"}));
+    QCOMPARE(Snapshot(db, job3).field("Job").toString(), "z");
 }
 
 QTEST_GUILESS_MAIN(TestRecordset)
