@@ -135,13 +135,12 @@ void JobListModel::clear()
         endResetModel();
 }
 
-void JobListModel::beginBulk(int expected)
+void JobListModel::beginBulk()
 {
     if (bulk_)
         return;
     beginResetModel();
     bulk_ = true;
-    rows_.reserve(size_t(std::max(0, expected)));
 }
 
 void JobListModel::endBulk()
@@ -207,8 +206,7 @@ const JobRow& JobStore::SrvAddJobRow(const Recordset& rs)
 
 void JobStore::SrvInitAllJobs()
 {
-    TableRecordset* jobs = jdb_.jobRecordset();
-    list_.beginBulk(jobs ? jobs->RecordCount() : 0);
+    list_.beginBulk();
     try {
         list_.clear();
         TableRecordset* rs = jdb_.jobRecordset();

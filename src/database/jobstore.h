@@ -20,6 +20,7 @@
 #include <QAbstractTableModel>
 #include <QString>
 
+#include <deque>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -81,8 +82,8 @@ public:
     void removeRowAt(int row);
     void clear();
 
-    // Many appends as one model reset (start-up rebuild), with room for `expected` rows.
-    void beginBulk(int expected = 0);
+    // Many appends as one model reset (start-up rebuild).
+    void beginBulk();
     void endBulk();
 
 private:
@@ -92,7 +93,9 @@ private:
     };
     int rowOfSeq(quint64 seq) const;
 
-    std::vector<Entry> rows_;
+    // A deque: appending never moves the rows, and the oldest job (the one printed
+    // first) leaves from the front without moving the rest.
+    std::deque<Entry> rows_;
     quint64 nextSeq_ = 0;
     bool bulk_ = false;
     std::unordered_map<qint32, std::set<quint64>> byPrinter_;
