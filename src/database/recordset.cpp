@@ -137,7 +137,8 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
 {
     if (!db_.isOpen())
         throw Error(3420, QStringLiteral("Object invalid or no longer set."));
-    std::shared_ptr<Prepared> p = prepared_.value(sql);
+    const bool wild = followsSchema(sql);
+    std::shared_ptr<Prepared> p = wild ? nullptr : prepared_.value(sql);
     if (!p || p->busy) {
         // A text already running further up the stack gets a statement of its own.
         auto fresh = std::make_shared<Prepared>();
@@ -145,7 +146,7 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
         fresh->query.setForwardOnly(true);
         if (!fresh->query.prepare(sql))
             throw SqlError(fresh->query.lastError());
-        if (!p) {
+        if (!p && !wild) {
             if (prepared_.size() >= MaxPrepared)
                 prepared_.clear();
             prepared_.insert(sql, fresh);
@@ -169,6 +170,21 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
         rows(p->query);
 }
 
+bool Database::followsSchema(const QString& sql)
+{
+    // Qt's SQLite result makes room for the columns a statement had when it was
+    // prepared; when its first step finds that another program changed the schema,
+    // SQLite prepares it again, and a "*" may then bring more columns than that
+    // room (a crash in Qt). So such a text is never kept, and before it is prepared
+    // a statement that reads the schema lets this connection see the change.
+    if (!sql.contains(QLatin1Char('*')))
+        return false;
+    QSqlQuery probe(db_);
+    probe.exec(QStringLiteral("SELECT 1 FROM sqlite_master LIMIT 1"));
+    probe.finish();
+    return true;
+}
+
 qint64 Database::insert(const QString& sql, const QVariantList& binds)
 {
     qint64 id = 0;
@@ -180,6 +196,7 @@ QSqlQuery Database::select(const QString& sql, const QVariantList& binds)
 {
     if (!db_.isOpen())
         throw Error(3420, QStringLiteral("Object invalid or no longer set."));
+    followsSchema(sql);
     QSqlQuery q(db_);
     q.setForwardOnly(true);
     bool ok;

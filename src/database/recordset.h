@@ -80,6 +80,9 @@ public:
     bool inTransaction() const { return inTransaction_; }
 
 private:
+    // True for a text whose columns follow the schema ("*"); makes a schema change
+    // by another connection visible first.
+    bool followsSchema(const QString& sql);
     struct Prepared {
         QSqlQuery query;
         bool busy = false;

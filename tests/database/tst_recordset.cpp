@@ -228,10 +228,14 @@ void TestRecordset::keptStatements()
     QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (3, 1, 'z')"}));
     QCOMPARE(db.insert(insert, {4}), 4);
 
-    // Another connection changed the schema: SQLite prepares the kept statement again.
+    // Another connection changed the schema: a kept statement is prepared again by
+    // SQLite, and a "*" brings the new column.
     const QString job3 = "SELECT Job FROM tbJob WHERE Id = 3";
+    const QString all = "SELECT * FROM tbJob WHERE Id = 3";
     QCOMPARE(Snapshot(db, job3).field("Job").toString(), "z");
+    QCOMPARE(Snapshot(db, all).field("Job").toString(), "z");
     QVERIFY(ExecSql(mdb(), {"ALTER TABLE tbJob ADD COLUMN Extra INTEGER DEFAULT 7"}));
+    QCOMPARE(Snapshot(db, all).field("Extra").toInt(), 7);
     QCOMPARE(Snapshot(db, job3).field("Job").toString(), "z");
 }
 
