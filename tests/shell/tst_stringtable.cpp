@@ -1,10 +1,7 @@
-#include "foundation/paths.h"
 #include "shell/texts.h"
 
-#include <QDir>
 #include <QFile>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QtTest>
 
 using namespace quill;
@@ -70,8 +67,6 @@ private slots:
         QVERIFY(!m_uk.isEmpty());
     }
 
-    void cleanup() { ResetLanguage(); }
-
     void everyLineParses_data()
     {
         QTest::addColumn<QString>("path");
@@ -117,59 +112,6 @@ private slots:
             const QSet<QString> traffic = {t->value(12138), t->value(12139), t->value(12140)};
             QCOMPARE(traffic.size(), 3);
         }
-    }
-
-    void builtinTexts_data()
-    {
-        QTest::addColumn<int>("id");
-        QTest::addColumn<QString>("args");
-        QTest::addColumn<QString>("expected");
-        // Texts whose exact words matter beyond the replies (those are checked
-        // byte for byte by the request tests): status and traffic words.
-        const QList<QPair<int, QString>> plain = {
-            {12140, QStringLiteral("Ingen trafik")},
-            {13003, QStringLiteral("Kommunikationsproblem")},
-            {13005, QStringLiteral("Slut på papper")},
-            {13009, QStringLiteral("Slut på färgband")},
-            {13010, QStringLiteral("Printerhuvud uppfällt")},
-        };
-        for (const auto& p : plain)
-            QTest::addRow("%d", p.first) << p.first << QString() << p.second;
-        QTest::newRow("12029 filled") << 12029 << QStringLiteral("Brixa - Printerserver")
-                                      << QStringLiteral("Kontrollera Brixa - Printerserver installationen.");
-        QTest::newRow("12055 filled") << 12055 << QStringLiteral("Skrivare 1|Server")
-                                      << QStringLiteral("Skrivare 1 på Server");
-        QTest::newRow("10081 filled") << 10081 << QStringLiteral("2|1|15|1.00|SE|Swedish")
-                                      << QStringLiteral("Version 2.1.15,  Kedra Version 1.00,  SE,  Swedish");
-    }
-
-    // No language file in the home folder: the compiled-in table answers.
-    void builtinTexts()
-    {
-        QFETCH(int, id);
-        QFETCH(QString, args);
-        QFETCH(QString, expected);
-        QTemporaryDir home;
-        QVERIFY(home.isValid());
-        SetHomeDir(home.path());
-        SetLanguageSettings(QStringLiteral("UK"), 44);
-        QCOMPARE(GetString(id, args).toUtf8(), expected.toUtf8());
-        QCOMPARE(LanguageState(), 2);
-    }
-
-    void languageFileAnswers()
-    {
-        QTemporaryDir home;
-        QVERIFY(home.isValid());
-        QVERIFY(QDir(home.path()).mkpath(QStringLiteral("lang")));
-        QVERIFY(QFile::copy(kUkFile, home.filePath(QStringLiteral("lang/BrixaLangUK.Language"))));
-        SetHomeDir(home.path());
-        SetLanguageSettings(QStringLiteral("UK"), 44);
-        QCOMPARE(GetString(12055, QStringLiteral("user1|KASSA1")), QStringLiteral("user1 at KASSA1"));
-        QCOMPARE(LanguageState(), 1);
-        for (auto it = m_se.cbegin(); it != m_se.cend(); ++it)
-            QVERIFY2(!GetString(it.key()).startsWith(QLatin1String("String missing:")),
-                     qPrintable(QString::number(it.key())));
     }
 };
 
