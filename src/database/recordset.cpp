@@ -137,7 +137,7 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
 {
     if (!db_.isOpen())
         throw Error(3420, QStringLiteral("Object invalid or no longer set."));
-    const bool wild = followsSchema(sql);
+    const bool wild = refreshSchemaFor(sql);
     std::shared_ptr<Prepared> p = wild ? nullptr : prepared_.value(sql);
     if (!p || p->busy) {
         // A text already running further up the stack gets a statement of its own.
@@ -170,7 +170,7 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
         rows(p->query);
 }
 
-bool Database::followsSchema(const QString& sql)
+bool Database::refreshSchemaFor(const QString& sql)
 {
     // Qt's SQLite result makes room for the columns a statement had when it was
     // prepared; when its first step finds that another program changed the schema,
@@ -196,7 +196,7 @@ QSqlQuery Database::select(const QString& sql, const QVariantList& binds)
 {
     if (!db_.isOpen())
         throw Error(3420, QStringLiteral("Object invalid or no longer set."));
-    followsSchema(sql);
+    refreshSchemaFor(sql);
     QSqlQuery q(db_);
     q.setForwardOnly(true);
     bool ok;

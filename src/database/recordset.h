@@ -80,9 +80,9 @@ public:
     bool inTransaction() const { return inTransaction_; }
 
 private:
-    // True for a text whose columns follow the schema ("*"); makes a schema change
-    // by another connection visible first.
-    bool followsSchema(const QString& sql);
+    // For a text whose columns follow the schema ("*"): lets this connection see
+    // another program's schema change first, and returns true (never keep it).
+    bool refreshSchemaFor(const QString& sql);
     struct Prepared {
         QSqlQuery query;
         bool busy = false;

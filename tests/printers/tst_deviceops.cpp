@@ -26,19 +26,7 @@ using quill::test::Emulator;
 
 namespace {
 
-// Message boxes as "icon: text".
-class RecordingSink final : public MessageSink {
-public:
-    QStringList boxes;
-    BoxAnswer answer = BoxAnswer::Yes;
-    BoxAnswer show(const QString&, const QString& text, BoxIcon icon, BoxButtons buttons) override
-    {
-        const char* kind = icon == BoxIcon::Question ? "question" : icon == BoxIcon::Exclamation ? "exclamation"
-                                                                                                 : "information";
-        boxes << QString::fromLatin1(kind) + ": " + text;
-        return buttons == BoxButtons::YesNo ? answer : BoxAnswer::Ok;
-    }
-} sink;
+quill::dbtest::RecordingSink sink;
 
 class RecordingRows final : public PrinterRowView {
 public:
@@ -219,7 +207,6 @@ private slots:
         QVERIFY(QFile::copy(":/quill/0.lbl", home.filePath("0.lbl")));
         SetUseLog(true);
         LogInit("Quillbase");
-        SetMessageSink(&sink);
     }
     void init()
     {
@@ -229,7 +216,6 @@ private slots:
         SetSilentMode(false);
         Printer_SetTimeout(1000); // local round trips; longer means a silent printer
     }
-    void cleanupTestCase() { SetMessageSink(nullptr); }
 
     void adjustment();
     void operations_data();
@@ -405,8 +391,8 @@ void TestDeviceOps::operations()
         QCOMPARE(emu.command(f), QString("ok"));
 
     QString result = op(emu);
-    for (const QString& box : sink.boxes)
-        result += " / " + box;
+    for (const auto& box : sink.boxes)
+        result += " / " + box.described();
     QTEST(result, "result");
     QCOMPARE(calls.value(calls.size() - 1) == "close" ? emu.settledLog() : emu.log(), calls);
     if (logLine.isEmpty())

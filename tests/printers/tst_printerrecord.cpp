@@ -23,17 +23,6 @@ using quill::dbtest::CurrentLogText;
 
 namespace {
 
-class AnsweringSink final : public MessageSink {
-public:
-    QStringList texts;
-    BoxAnswer answer = BoxAnswer::Yes;
-    BoxAnswer show(const QString&, const QString& text, BoxIcon, BoxButtons buttons) override
-    {
-        texts << text;
-        return buttons == BoxButtons::YesNo ? answer : BoxAnswer::Ok;
-    }
-};
-
 class Rows final : public PrinterRowView {
 public:
     QStringList events;
@@ -68,7 +57,7 @@ class TestPrinterRecord : public QObject {
     std::unique_ptr<Database> db;
     std::unique_ptr<TableRecordset> rs;
     PrinterSlots slots_;
-    AnsweringSink sink;
+    dbtest::RecordingSink sink;
 
     // A row written straight into the table, Null where the map has no value.
     void insertRow(const QVariantMap& fields)
@@ -103,9 +92,7 @@ private slots:
         SetHomeDir(dir.path());
         SetUseLog(true);
         LogInit("Quillbase");
-        SetMessageSink(&sink);
     }
-    void cleanupTestCase() { SetMessageSink(nullptr); }
     void init()
     {
         QFile::remove(dir.filePath("printers.db"));
@@ -116,7 +103,7 @@ private slots:
         rs = std::make_unique<TableRecordset>(*db, "tbPrinter");
         rs->setIndex("PrimaryKey");
         slots_.reset();
-        sink.texts.clear();
+        sink.boxes.clear();
         sink.answer = BoxAnswer::Yes;
         EditPrinterId = -1;
     }
@@ -233,7 +220,7 @@ void TestPrinterRecord::slotsAreGivenAndFreed()
     Rows rows;
     sink.answer = BoxAnswer::No;
     QVERIFY(!SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:", &rows));
-    QCOMPARE(sink.texts, QStringList{GetString(12040, "3 c på COM1:")});
+    QCOMPARE(sink.texts(), QStringList{GetString(12040, "3 c på COM1:")});
     QVERIFY(slots_.SrvPrinterExists(3));
     sink.answer = BoxAnswer::Yes;
     QVERIFY(SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:", &rows));

@@ -16,7 +16,23 @@ namespace quill::dbtest {
 BoxAnswer RecordingSink::show(const QString&, const QString& text, BoxIcon icon, BoxButtons buttons)
 {
     boxes.append({text, icon});
-    return buttons == BoxButtons::YesNo ? BoxAnswer::Yes : BoxAnswer::Ok;
+    return buttons == BoxButtons::YesNo ? answer : BoxAnswer::Ok;
+}
+
+QStringList RecordingSink::texts() const
+{
+    QStringList out;
+    for (const ShownBox& b : boxes)
+        out << b.text;
+    return out;
+}
+
+QString ShownBox::described() const
+{
+    const char* kind = icon == BoxIcon::Question      ? "question"
+                       : icon == BoxIcon::Exclamation ? "exclamation"
+                                                      : "information";
+    return QString::fromLatin1(kind) + QStringLiteral(": ") + text;
 }
 
 DbHome::DbHome(bool provision)

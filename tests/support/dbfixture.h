@@ -14,15 +14,19 @@ namespace quill::dbtest {
 struct ShownBox {
     QString text;
     BoxIcon icon;
+    // "question: <text>", "exclamation: <text>" or "information: <text>".
+    QString described() const;
 };
 
-// Records every box; answers Ok/Yes.
+// Records every box while it lives; answers Ok, and `answer` to a yes/no question.
 class RecordingSink final : public MessageSink {
 public:
     RecordingSink() { SetMessageSink(this); }
     ~RecordingSink() override { SetMessageSink(nullptr); }
     BoxAnswer show(const QString& title, const QString& text, BoxIcon icon, BoxButtons buttons) override;
+    QStringList texts() const;
     QList<ShownBox> boxes;
+    BoxAnswer answer = BoxAnswer::Yes;
 };
 
 // A temporary installation folder made the home and current folder, with the
