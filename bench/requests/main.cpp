@@ -13,9 +13,12 @@
 //
 // Also printed, to tell where the time of a request goes: the server's job store
 // path run in this process (begin, SrvAddJob, commit per job), the round trip
-// of a reply that stores nothing (an unknown operation, code 9003), and the bare
-// loop with the process asleep before each commit, as a server waiting on its
-// client is (commit time only).
+// of a reply that stores nothing (an unknown operation, code 9003), and, CPU by
+// CPU, the bare loop and the 1-connection load with the server and this process
+// both held on that one CPU. On virtual machines a wake-up that crosses CPUs
+// (client to server, server to client, the disk's interrupt to a sleeping
+// committer) can cost more than the server's own work; these figures show the
+// share with and without those crossings.
 //
 // Usage: bench-requests [seconds per load phase, default 5] [--dir DIR]
 //   --dir puts the temp files under DIR (default: the system temp folder), so
@@ -43,6 +46,8 @@
 #include <cstdio>
 #include <memory>
 #include <vector>
+
+#include <sched.h>
 
 using namespace quill;
 
@@ -80,22 +85,19 @@ public:
             ++count_;
         ns_ += t.nsecsElapsed();
     }
-    // Commits per second of commit time since the last call.
+    // Commits per second since the last call.
     double takeRate()
     {
-        const qint64 busy = ns_ - idleNs_;
-        const double r = busy > 0 ? double(count_) * 1e9 / double(busy) : 0;
-        count_ = ns_ = idleNs_ = 0;
+        const double r = ns_ > 0 ? double(count_) * 1e9 / double(ns_) : 0;
+        count_ = ns_ = 0;
         return r;
     }
 
 protected:
     virtual bool commitOne(qint64 n) = 0;
-    // Time inside commitOne that is not commit time.
-    void idle(qint64 ns) { idleNs_ += ns; }
 
 private:
-    qint64 n_ = 0, count_ = 0, ns_ = 0, idleNs_ = 0;
+    qint64 n_ = 0, count_ = 0, ns_ = 0;
 };
 
 const QString JobTable = QStringLiteral("CREATE TABLE tbJob (Id INTEGER PRIMARY KEY, PrinterId INTEGER, Job TEXT)");
@@ -130,25 +132,6 @@ protected:
 private:
     Database db_;
     QSqlQuery q_;
-};
-
-// The same commits with the process asleep for 100 µs before each, as a server is
-// between a reply and its client's next request. Only the commits' own time counts:
-// on some machines (virtual ones) a commit right after an idle wait takes longer,
-// which a server waiting on one client pays and the bare loop does not.
-class IdleGapCommits : public BareCommits {
-public:
-    using BareCommits::BareCommits;
-
-protected:
-    bool commitOne(qint64 n) override
-    {
-        QElapsedTimer t;
-        t.start();
-        QThread::usleep(100);
-        idle(t.nsecsElapsed());
-        return BareCommits::commitOne(n);
-    }
 };
 
 // The server's own store path without the network: one job per batch, as a
@@ -237,6 +220,7 @@ class ServerProcess {
 public:
     explicit ServerProcess(const Installation& inst) : inst_(inst) {}
     ~ServerProcess() { stop(); }
+    qint64 processId() const { return p_.processId(); }
 
     // Starts the server; returns ms until the port accepts (-1 on failure) and,
     // in *logMs, until the start-up line is in the log.
@@ -399,6 +383,45 @@ LoadFigures load(quint16 port, int connections, int ms, bool storing = true)
     return f;
 }
 
+// The 1-connection load and the bare loop with the server and this process held
+// on one CPU, for each CPU in turn (at most 4): no wake-up crosses CPUs then,
+// except the disk's interrupt where it is taken elsewhere.
+struct OneCpu {
+    int cpu = 0;
+    double commitRate = 0, oneRate = 0;
+};
+
+std::vector<OneCpu> onEachCpu(qint64 serverPid, const QTemporaryDir& tmp, quint16 port, int sliceMs)
+{
+    std::vector<OneCpu> result;
+    cpu_set_t mine, servers;
+    if (serverPid <= 0 || sched_getaffinity(0, sizeof mine, &mine) != 0
+        || sched_getaffinity(pid_t(serverPid), sizeof servers, &servers) != 0 || CPU_COUNT(&mine) < 2)
+        return result;
+    for (int cpu = 0; cpu < CPU_SETSIZE && result.size() < 4; ++cpu) {
+        if (!CPU_ISSET(cpu, &mine))
+            continue;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(cpu, &one);
+        if (sched_setaffinity(0, sizeof one, &one) != 0 || sched_setaffinity(pid_t(serverPid), sizeof one, &one) != 0)
+            break;
+        BareCommits bare(tmp.filePath(QStringLiteral("cpu%1.mdb").arg(cpu)));
+        LoadFigures one1;
+        for (int i = 0; i < 4; ++i) {
+            bare.slice(sliceMs);
+            one1.add(load(port, 1, sliceMs));
+        }
+        const OneCpu c{cpu, bare.takeRate(), one1.rate()};
+        std::printf("all on CPU %d: bare commit loop %.0f commits/s, 1 connection %.0f req/s, share %.2f\n", cpu,
+                    c.commitRate, c.oneRate, c.oneRate / c.commitRate);
+        result.push_back(c);
+    }
+    sched_setaffinity(0, sizeof mine, &mine);
+    sched_setaffinity(pid_t(serverPid), sizeof servers, &servers);
+    return result;
+}
+
 const char* met(bool yes) { return yes ? "met" : "MISSED"; }
 
 } // namespace
@@ -478,9 +501,10 @@ int main(int argc, char** argv)
                     f.connected);
     };
     const int rounds = 3, slices = 8, sliceMs = std::max(200, seconds * 1000 / slices);
-    std::vector<double> gappedRates, oneGappedRatios, storeRates, echoRates, commitRates, oneRates, manyRates,
+    std::vector<double> storeRates, echoRates, commitRates, oneRates, manyRates,
         oneRatios, manyRatios, oneP50, oneP99, manyP50, manyP99;
     QString journal, sync;
+    std::vector<OneCpu> oneCpu;
     {
         ServerProcess server(inst);
         if (server.start() < 0) {
@@ -490,7 +514,6 @@ int main(int argc, char** argv)
         for (int r = 1; r <= rounds; ++r) {
             BareCommits bare(tmp.filePath(QStringLiteral("commit%1.mdb").arg(r)));
             StoreCommits storePath(tmp.filePath(QStringLiteral("store%1.mdb").arg(r)));
-            IdleGapCommits gapped(tmp.filePath(QStringLiteral("gapped%1.mdb").arg(r)));
             journal = bare.journal;
             sync = bare.sync;
             const LoadFigures echo = load(inst.port, 1, 1000, false);
@@ -501,14 +524,11 @@ int main(int argc, char** argv)
                 bare.slice(sliceMs);
                 many.add(load(inst.port, 32, sliceMs));
                 storePath.slice(sliceMs / 2);
-                gapped.slice(sliceMs / 2);
             }
             const double commitRate = bare.takeRate();
             const double storeRate = storePath.takeRate();
-            const double gappedRate = gapped.takeRate();
-            std::printf("round %d: bare commit loop %.0f commits/s (%.0f with a sleep before each), job store in "
-                        "this process %.0f jobs/s\n",
-                        r, commitRate, gappedRate, storeRate);
+            std::printf("round %d: bare commit loop %.0f commits/s, job store in this process %.0f jobs/s\n", r,
+                        commitRate, storeRate);
             std::printf("  %-15s %7.0f req/s  p50 %6.2f ms  (round trip of a reply that stores nothing)\n",
                         "1 conn., 9003", echo.rate(), percentile(echo.latencies, 0.5));
             show("1 connection", one);
@@ -517,8 +537,6 @@ int main(int argc, char** argv)
                         one.rate() / commitRate, many.rate() / commitRate);
             commitRates.push_back(commitRate);
             storeRates.push_back(storeRate);
-            gappedRates.push_back(gappedRate);
-            oneGappedRatios.push_back(one.rate() / gappedRate);
             echoRates.push_back(echo.rate());
             oneRates.push_back(one.rate());
             manyRates.push_back(many.rate());
@@ -529,6 +547,7 @@ int main(int argc, char** argv)
             manyP50.push_back(percentile(many.latencies, 0.5));
             manyP99.push_back(percentile(many.latencies, 0.99));
         }
+        oneCpu = onEachCpu(server.processId(), tmp, inst.port, sliceMs);
         std::printf("server with the jobs of the load stopped (SIGTERM) in %lld ms\n", server.stop());
     }
 
@@ -564,13 +583,15 @@ int main(int argc, char** argv)
     std::printf("%-44s %10.0f %16s %8s\n", qPrintable(QStringLiteral("bare commits/s (journal %1, synchronous %2)")
                                                           .arg(journal, sync)),
                 median(commitRates), "-", "");
-    std::printf("%-44s %10.0f %16s %8s\n", "  with a 100 us sleep before each commit", median(gappedRates), "-", "");
     std::printf("%-44s %10.0f %16s %8s\n", "job store path in-process (1 job/commit)/s", median(storeRates), "-", "");
     std::printf("%-44s %10.0f %16s %8s\n", "replies/s storing nothing (9003), 1 conn.", median(echoRates), "-", "");
     std::printf("%-44s %10.0f %16s %8s\n", "requests/s, 1 connection", median(oneRates), "-", "");
     std::printf("%-44s %10.3f %16s %8s\n", "  as a share of the commit rate", median(oneRatios), ">= 0.50",
                 met(median(oneRatios) >= 0.5));
-    std::printf("%-44s %10.2f %16s\n", "  as a share of the rate with sleeps", median(oneGappedRatios), "-");
+    for (const OneCpu& c : oneCpu)
+        std::printf("%-44s %10.2f %16s\n",
+                    qPrintable(QStringLiteral("  all on CPU %1 (%2 commits/s there)").arg(c.cpu).arg(c.commitRate, 0, 'f', 0)),
+                    c.oneRate / c.commitRate, "-");
     std::printf("%-44s %10.2f %16s\n%-44s %10.2f %16s\n", "  p50 ms", median(oneP50), "-", "  p99 ms", median(oneP99), "-");
     std::printf("%-44s %10.0f %16s %8s\n", "requests/s, 32 connections", median(manyRates), "-", "");
     std::printf("%-44s %10.2f %16s %8s\n", "  as a share of the commit rate", median(manyRatios), "> 1.00",
