@@ -31,265 +31,248 @@ QString err(int text) { return QStringLiteral("ERR\t") + GetString(text); }
 class TstQuillmotor : public QObject {
     Q_OBJECT
 
-private slots:
-    void init();
-    void cleanup();
-
-    void connectionTexts_data();
-    void connectionTexts();
-    void jobVariables();
-    void run_data();
-    void run();
-    void unreachable();
-    void creation_data();
-    void creation();
-
-private:
-    bool install();
-    bool start(bool serial);
     std::unique_ptr<TestInstallation> inst_;
     std::unique_ptr<Emulator> emu_;
     std::unique_ptr<MP104C> drv_;
+
+    bool install()
+    {
+        inst_ = std::make_unique<TestInstallation>();
+        return inst_->ok();
+    }
+
+    // Printer 1 on a network box, or printer 2 on COM3: at 9600 baud.
+    bool start(bool serial)
+    {
+        emu_ = std::make_unique<Emulator>();
+        if (!install() || !(serial ? emu_->startPty(9600) : emu_->startTcp()))
+            return false;
+        if (serial)
+            emu_->mapComPort(3);
+        drv_->setPort(serial ? QStringLiteral("COM3:") : "NETBOX:" + emu_->bareDevice());
+        drv_->setSettings(serial ? QStringLiteral("9600,n,8,1,x") : QString());
+        drv_->setPrinterId(serial ? 2 : 1);
+        return true;
+    }
+
+private slots:
+    void init()
+    {
+        drv_ = std::make_unique<MP104C>();
+        drv_->setAnswerTimeout(5000);
+    }
+
+    void cleanup()
+    {
+        drv_.reset();
+        emu_.reset();
+        SetUseLog(false);
+        SetSilentMode(false);
+        inst_.reset();
+    }
+
+    void connectionTexts_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<int>("connection");
+        QTest::addColumn<QString>("string");
+        QTest::addColumn<QString>("port");
+        QTest::addColumn<QString>("settings");
+        QTest::addColumn<int>("printerId");
+
+        QTest::newRow("serial, blanks") << 2 << 1 << " COM1: # 9600 " << "COM1:" << "9600 ,n,8,1,x" << 4;
+        QTest::newRow("network") << 1 << 2 << "192.168.1.40#23" << "NETBOX:192.168.1.40#23" << "" << 4;
+        QTest::newRow("connection 3") << 2 << 3 << "whatever" << "" << "" << 4;
+        // Other printer types leave identity and connection as they were.
+        QTest::newRow("type 3") << 3 << 1 << "COM2:#57600" << "old port" << "old settings" << 99;
+    }
+
+    void connectionTexts()
+    {
+        drv_->setPrinterId(99);
+        drv_->setPort("old port");
+        drv_->setSettings("old settings");
+        PrinterSlot s;
+        s.printerId = 4;
+        QFETCH(int, type);
+        QFETCH(int, connection);
+        QFETCH(QString, string);
+        s.printerTypeId = type;
+        s.connectionType = connection;
+        s.connectionString = string;
+        PrintService::MainSetQuillmotorConnection(drv_.get(), s);
+        QTEST(drv_->Port(), "port");
+        QTEST(drv_->Settings(), "settings");
+        QTEST(drv_->PrinterId(), "printerId");
+    }
+
+    void jobVariables()
+    {
+        // Empty fields go out too, and the add-in form's trailing CR LF does not.
+        QStringList vars;
+        for (const auto& [n, value] : JobVariables(QStringLiteral("BRIXA\t1.00\tP\t1\t5\t1\tWS\t0\t\tx\r\n\t\r\n")))
+            vars << QStringLiteral("%1=%2").arg(n).arg(value);
+        QCOMPARE(vars, QStringList({"1=BRIXA", "2=1.00", "3=P", "4=1", "5=5", "6=1", "7=WS", "8=0", "9=", "10=x", "11="}));
+    }
+
+    void run_data()
+    {
+        QTest::addColumn<bool>("serial");
+        QTest::addColumn<bool>("print");
+        QTest::addColumn<QString>("fault");  // emulator command before the run
+        QTest::addColumn<QString>("layout"); // new 1.lbl; "-": none
+        QTest::addColumn<QString>("result");
+
+        QTest::newRow("check ready, serial") << true << false << "" << "" << Ok;
+        QTest::newRow("check ribbon out") << false << false << "ribbon out" << "" << err(13009);
+        QTest::newRow("check head up, serial") << true << false << "head up" << "" << err(13010);
+        QTest::newRow("check no answer") << false << false << "silent on" << "" << err(13003);
+        QTest::newRow("print") << false << true << "" << "" << Ok;
+        QTest::newRow("print paper out, serial") << true << true << "paper out" << "" << err(13005);
+        QTest::newRow("print no answer, serial") << true << true << "silent on" << "" << err(13003);
+        QTest::newRow("print layout missing") << false << true << "" << "-" << err(13004);
+        QTest::newRow("print layout unparsable") << false << true << "" << "this is no layout\n" << err(13004);
+    }
+
+    void run()
+    {
+        QFETCH(bool, serial);
+        QFETCH(bool, print);
+        QFETCH(QString, fault);
+        QFETCH(QString, layout);
+        QFETCH(QString, result);
+        QVERIFY2(start(serial), qPrintable(emu_->errorText()));
+        if (!fault.isEmpty())
+            QCOMPARE(emu_->command(fault), QStringLiteral("ok"));
+        const bool silent = fault == "silent on";
+        if (silent)
+            drv_->setAnswerTimeout(300);
+        QFile lbl(inst_->file("1.lbl"));
+        if (layout == "-")
+            QVERIFY(lbl.remove());
+        else if (!layout.isEmpty())
+            QVERIFY(lbl.open(QIODevice::WriteOnly | QIODevice::Truncate) && lbl.write(layout.toUtf8()) > 0);
+        lbl.close();
+        SetUseLog(true);
+
+        QSignalSpy checked(drv_.get(), &MP104C::MPCheckFinished);
+        QSignalSpy printed(drv_.get(), &MP104C::MPPrintJobFinished);
+        const qint32 id = drv_->PrinterId();
+        drv_->setTemplateId(1);
+        drv_->setJobId(7);
+        drv_->setJobData(JobText(id, 1, "2", "KASSA1", "user1", "Första"));
+        drv_->setNewTemplate(true);
+        QVERIFY(print ? drv_->MPPrintJob() : drv_->MPCheck());
+        QVERIFY(checked.isEmpty() && printed.isEmpty()); // all work runs on the event loop
+        // What the server reads back is the run's own identity, whatever was
+        // written meanwhile.
+        drv_->setPrinterId(97);
+        drv_->setJobId(99);
+        drv_->setTemplateId(98);
+        QVERIFY((print ? printed : checked).wait(10000));
+        QCOMPARE(drv_->Result(), result);
+        QCOMPARE((print ? checked : printed).count(), 0);
+        QCOMPARE(drv_->PrinterId(), id);
+        QCOMPARE(drv_->JobId(), print ? 7 : 99);
+        QCOMPARE(drv_->TemplateId(), print ? 1 : 98);
+        QVERIFY(!drv_->busy());
+        if (layout != "-")
+            QCOMPARE(emu_->log().value(0), serial ? QStringLiteral("open 9600") : QStringLiteral("open"));
+        if (print) {
+            const QString done = result == Ok ? QStringLiteral("2 label(s) printed, layout 1 sent") : result;
+            const QString log = inst_->log("Quillmotor");
+            QVERIFY2(log.contains(QStringLiteral("MPPrintJob PId = %1 JId = 7: ").arg(id) + done), qPrintable(log));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(emu_->state().value("printed").toInt(), print && result == Ok ? 2 : 0, 10000);
+
+        // After a run without an answer the driver works again once the printer talks.
+        if (silent) {
+            QCOMPARE(emu_->command("silent off"), QStringLiteral("ok"));
+            QVERIFY(drv_->MPCheck());
+            QVERIFY(checked.wait(10000));
+            QCOMPARE(drv_->Result(), Ok);
+        }
+    }
+
+    void unreachable()
+    {
+        QVERIFY(install());
+        inst_->setMachineValue("Ports", "COM4", inst_->file("no-such-tty"), false);
+        QSignalSpy done(drv_.get(), &MP104C::MPCheckFinished);
+        drv_->setSettings("9600,n,8,1,x");
+        // Nobody listening, a serial port that does not exist, no port at all.
+        for (const QString& port : {QStringLiteral("NETBOX:127.0.0.1#%1").arg(TestInstallation::freePort()),
+                                    QStringLiteral("COM4:"), QString()}) {
+            drv_->setPort(port);
+            QVERIFY(drv_->MPCheck());
+            QVERIFY(done.wait(10000));
+            QCOMPARE(drv_->Result(), err(12038));
+        }
+    }
+
+    void creation_data()
+    {
+        QTest::addColumn<int>("failing");  // the slot whose creation fails
+        QTest::addColumn<int>("failures"); // attempts that fail there; -1: every one
+        QTest::addColumn<int>("error");
+        QTest::addColumn<bool>("silent");
+        QTest::addColumn<QList<int>>("attempts"); // per slot; -1: retried (more than 2)
+        QTest::addColumn<bool>("ok");
+
+        QTest::newRow("all created") << 0 << 0 << 0 << false << QList<int>{1, 1, 1, 1, 1} << true;
+        QTest::newRow("retried until it works") << 2 << 2 << 429 << false << QList<int>{1, 3, 1, 1, 1} << true;
+        QTest::newRow("third fails, rest not tried") << 3 << -1 << 429 << false << QList<int>{1, 1, -1, 0, 0} << false;
+        QTest::newRow("silent: logged only") << 5 << 1 << 441 << true << QList<int>{1, 1, 1, 1, 1} << false;
+    }
+
+    void creation()
+    {
+        QFETCH(int, failing);
+        QFETCH(int, failures);
+        QFETCH(int, error);
+        QFETCH(bool, silent);
+        QFETCH(QList<int>, attempts);
+        QFETCH(bool, ok);
+        QVERIFY(install());
+        quill::dbtest::RecordingSink sink;
+        SetUseLog(true);
+        LogInit("Quillbase");
+        SetSilentMode(silent);
+
+        JobDatabase jdb;
+        PrinterSlots slotTable;
+        JobStore store(jdb, slotTable);
+        PrintService svc(slotTable, jdb, store);
+        svc.setCreateRetryWindow(400);
+        // Objects are made in slot order: the next one is for slot created + 1.
+        int created = 0;
+        QList<int> tried(5, 0);
+        svc.setDriverFactory([&](QObject* parent) -> MP104C* {
+            const int slot = created + 1;
+            ++tried[slot - 1];
+            if (slot == failing && (failures < 0 || tried[slot - 1] <= failures))
+                throw Error(error, "no class");
+            ++created;
+            return new MP104C(parent);
+        });
+        QCOMPARE(svc.MainCreateQuillmotors(), ok);
+        for (int n = 1; n <= 5; ++n) {
+            if (attempts[n - 1] >= 0)
+                QCOMPARE(tried[n - 1], attempts[n - 1]);
+            else
+                QVERIFY2(tried[n - 1] > 2, "a failing creation is retried");
+            QCOMPARE(svc.driver(n) != nullptr, ok || n < failing);
+        }
+        // The first failure ends the creation: one line, one box unless silent.
+        const QString line = QStringLiteral("CreateQuillmotor%1 failed. Error: %2 no class").arg(failing).arg(error);
+        const QString log = inst_->log();
+        QCOMPARE(log.count("CreateQuillmotor"), ok ? 0 : 1);
+        QVERIFY2(ok || log.contains(line), qPrintable(log));
+        QCOMPARE(sink.boxes.size(), ok || silent ? 0 : 1);
+        if (!sink.boxes.isEmpty())
+            QCOMPARE(sink.boxes[0].text, line + "\r\r" + GetString(12018) + "\r" + GetString(12019));
+    }
 };
-
-void TstQuillmotor::init()
-{
-    drv_ = std::make_unique<MP104C>();
-    drv_->setAnswerTimeout(5000);
-}
-
-void TstQuillmotor::cleanup()
-{
-    drv_.reset();
-    emu_.reset();
-    SetUseLog(false);
-    SetSilentMode(false);
-    inst_.reset();
-}
-
-bool TstQuillmotor::install()
-{
-    inst_ = std::make_unique<TestInstallation>();
-    return inst_->ok();
-}
-
-// Printer 1 on a network box, or printer 2 on COM3: at 9600 baud.
-bool TstQuillmotor::start(bool serial)
-{
-    emu_ = std::make_unique<Emulator>();
-    if (!install() || !(serial ? emu_->startPty(9600) : emu_->startTcp()))
-        return false;
-    if (serial)
-        emu_->mapComPort(3);
-    drv_->setPort(serial ? QStringLiteral("COM3:") : "NETBOX:" + emu_->bareDevice());
-    drv_->setSettings(serial ? QStringLiteral("9600,n,8,1,x") : QString());
-    drv_->setPrinterId(serial ? 2 : 1);
-    return true;
-}
-
-void TstQuillmotor::connectionTexts_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("connection");
-    QTest::addColumn<QString>("string");
-    QTest::addColumn<QString>("port");
-    QTest::addColumn<QString>("settings");
-    QTest::addColumn<int>("printerId");
-
-    QTest::newRow("serial, blanks") << 2 << 1 << " COM1: # 9600 " << "COM1:" << "9600 ,n,8,1,x" << 4;
-    QTest::newRow("network") << 1 << 2 << "192.168.1.40#23" << "NETBOX:192.168.1.40#23" << "" << 4;
-    QTest::newRow("connection 3") << 2 << 3 << "whatever" << "" << "" << 4;
-    // Other printer types leave identity and connection as they were.
-    QTest::newRow("type 3") << 3 << 1 << "COM2:#57600" << "old port" << "old settings" << 99;
-}
-
-void TstQuillmotor::connectionTexts()
-{
-    drv_->setPrinterId(99);
-    drv_->setPort("old port");
-    drv_->setSettings("old settings");
-    PrinterSlot s;
-    s.printerId = 4;
-    QFETCH(int, type);
-    QFETCH(int, connection);
-    QFETCH(QString, string);
-    s.printerTypeId = type;
-    s.connectionType = connection;
-    s.connectionString = string;
-    PrintService::MainSetQuillmotorConnection(drv_.get(), s);
-    QTEST(drv_->Port(), "port");
-    QTEST(drv_->Settings(), "settings");
-    QTEST(drv_->PrinterId(), "printerId");
-}
-
-void TstQuillmotor::jobVariables()
-{
-    // Empty fields go out too, and the add-in form's trailing CR LF does not.
-    const auto vars = JobVariables(QStringLiteral("BRIXA\t1.00\tP\t1\t5\t1\tWS\t0\t\tx\r\n\t\r\n"));
-    QCOMPARE(vars.size(), 11);
-    QCOMPARE(vars.at(0), qMakePair(1, QStringLiteral("BRIXA")));
-    QCOMPARE(vars.at(8), qMakePair(9, QString()));
-    QCOMPARE(vars.at(9), qMakePair(10, QStringLiteral("x")));
-    QCOMPARE(vars.at(10), qMakePair(11, QString()));
-}
-
-void TstQuillmotor::run_data()
-{
-    QTest::addColumn<bool>("serial");
-    QTest::addColumn<bool>("print");
-    QTest::addColumn<QString>("fault");  // emulator command before the run
-    QTest::addColumn<QString>("layout"); // new 1.lbl; "-": none
-    QTest::addColumn<QString>("result");
-
-    QTest::newRow("check ready, serial") << true << false << "" << "" << Ok;
-    QTest::newRow("check ribbon out") << false << false << "ribbon out" << "" << err(13009);
-    QTest::newRow("check head up, serial") << true << false << "head up" << "" << err(13010);
-    QTest::newRow("check no answer") << false << false << "silent on" << "" << err(13003);
-    QTest::newRow("print") << false << true << "" << "" << Ok;
-    QTest::newRow("print paper out, serial") << true << true << "paper out" << "" << err(13005);
-    QTest::newRow("print no answer, serial") << true << true << "silent on" << "" << err(13003);
-    QTest::newRow("print layout missing") << false << true << "" << "-" << err(13004);
-    QTest::newRow("print layout unparsable") << false << true << "" << "this is no layout\n" << err(13004);
-}
-
-void TstQuillmotor::run()
-{
-    QFETCH(bool, serial);
-    QFETCH(bool, print);
-    QFETCH(QString, fault);
-    QFETCH(QString, layout);
-    QFETCH(QString, result);
-    QVERIFY2(start(serial), qPrintable(emu_->errorText()));
-    if (!fault.isEmpty())
-        QCOMPARE(emu_->command(fault), QStringLiteral("ok"));
-    const bool silent = fault == "silent on";
-    if (silent)
-        drv_->setAnswerTimeout(300);
-    QFile lbl(inst_->file("1.lbl"));
-    if (layout == "-")
-        QVERIFY(lbl.remove());
-    else if (!layout.isEmpty())
-        QVERIFY(lbl.open(QIODevice::WriteOnly | QIODevice::Truncate) && lbl.write(layout.toUtf8()) > 0);
-    lbl.close();
-    SetUseLog(true);
-
-    QSignalSpy checked(drv_.get(), &MP104C::MPCheckFinished);
-    QSignalSpy printed(drv_.get(), &MP104C::MPPrintJobFinished);
-    const qint32 id = drv_->PrinterId();
-    drv_->setTemplateId(1);
-    drv_->setJobId(7);
-    drv_->setJobData(JobText(id, 1, "2", "KASSA1", "user1", "Första"));
-    drv_->setNewTemplate(true);
-    QVERIFY(print ? drv_->MPPrintJob() : drv_->MPCheck());
-    QVERIFY(checked.isEmpty() && printed.isEmpty()); // all work runs on the event loop
-    // What the server reads back is the run's own identity, whatever was
-    // written meanwhile.
-    drv_->setPrinterId(97);
-    drv_->setJobId(99);
-    drv_->setTemplateId(98);
-    QVERIFY((print ? printed : checked).wait(10000));
-    QCOMPARE(drv_->Result(), result);
-    QCOMPARE((print ? checked : printed).count(), 0);
-    QCOMPARE(drv_->PrinterId(), id);
-    QCOMPARE(drv_->JobId(), print ? 7 : 99);
-    QCOMPARE(drv_->TemplateId(), print ? 1 : 98);
-    QVERIFY(!drv_->busy());
-    if (layout != "-")
-        QCOMPARE(emu_->log().value(0), serial ? QStringLiteral("open 9600") : QStringLiteral("open"));
-    if (print) {
-        const QString done = result == Ok ? QStringLiteral("2 label(s) printed, layout 1 sent") : result;
-        const QString log = inst_->log("Quillmotor");
-        QVERIFY2(log.contains(QStringLiteral("MPPrintJob PId = %1 JId = 7: ").arg(id) + done), qPrintable(log));
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(emu_->state().value("printed").toInt(), print && result == Ok ? 2 : 0, 10000);
-
-    // After a run without an answer the driver works again once the printer talks.
-    if (silent) {
-        QCOMPARE(emu_->command("silent off"), QStringLiteral("ok"));
-        QVERIFY(drv_->MPCheck());
-        QVERIFY(checked.wait(10000));
-        QCOMPARE(drv_->Result(), Ok);
-    }
-}
-
-void TstQuillmotor::unreachable()
-{
-    QVERIFY(install());
-    inst_->setMachineValue("Ports", "COM4", inst_->file("no-such-tty"), false);
-    QSignalSpy done(drv_.get(), &MP104C::MPCheckFinished);
-    drv_->setSettings("9600,n,8,1,x");
-    // Nobody listening, a serial port that does not exist, no port at all.
-    for (const QString& port : {QStringLiteral("NETBOX:127.0.0.1#%1").arg(TestInstallation::freePort()),
-                                QStringLiteral("COM4:"), QString()}) {
-        drv_->setPort(port);
-        QVERIFY(drv_->MPCheck());
-        QVERIFY(done.wait(10000));
-        QCOMPARE(drv_->Result(), err(12038));
-    }
-}
-
-void TstQuillmotor::creation_data()
-{
-    QTest::addColumn<int>("failing");  // the slot whose creation fails
-    QTest::addColumn<int>("failures"); // attempts that fail there; -1: every one
-    QTest::addColumn<int>("error");
-    QTest::addColumn<bool>("silent");
-    QTest::addColumn<QList<int>>("attempts"); // per slot; -1: retried (more than 2)
-    QTest::addColumn<bool>("ok");
-
-    QTest::newRow("all created") << 0 << 0 << 0 << false << QList<int>{1, 1, 1, 1, 1} << true;
-    QTest::newRow("retried until it works") << 2 << 2 << 429 << false << QList<int>{1, 3, 1, 1, 1} << true;
-    QTest::newRow("third fails, rest not tried") << 3 << -1 << 429 << false << QList<int>{1, 1, -1, 0, 0} << false;
-    QTest::newRow("silent: logged only") << 5 << 1 << 441 << true << QList<int>{1, 1, 1, 1, 1} << false;
-}
-
-void TstQuillmotor::creation()
-{
-    QFETCH(int, failing);
-    QFETCH(int, failures);
-    QFETCH(int, error);
-    QFETCH(bool, silent);
-    QFETCH(QList<int>, attempts);
-    QFETCH(bool, ok);
-    QVERIFY(install());
-    quill::dbtest::RecordingSink sink;
-    SetUseLog(true);
-    LogInit("Quillbase");
-    SetSilentMode(silent);
-
-    JobDatabase jdb;
-    PrinterSlots slotTable;
-    JobStore store(jdb, slotTable);
-    PrintService svc(slotTable, jdb, store);
-    svc.setCreateRetryWindow(400);
-    // Objects are made in slot order: the next one is for slot created + 1.
-    int created = 0;
-    QList<int> tried(5, 0);
-    svc.setDriverFactory([&](QObject* parent) -> MP104C* {
-        const int slot = created + 1;
-        ++tried[slot - 1];
-        if (slot == failing && (failures < 0 || tried[slot - 1] <= failures))
-            throw Error(error, "no class");
-        ++created;
-        return new MP104C(parent);
-    });
-    QCOMPARE(svc.MainCreateQuillmotors(), ok);
-    for (int n = 1; n <= 5; ++n) {
-        if (attempts[n - 1] >= 0)
-            QCOMPARE(tried[n - 1], attempts[n - 1]);
-        else
-            QVERIFY2(tried[n - 1] > 2, "a failing creation is retried");
-        QCOMPARE(svc.driver(n) != nullptr, ok || n < failing);
-    }
-    // The first failure ends the creation: one line, one box unless silent.
-    const QString line = QStringLiteral("CreateQuillmotor%1 failed. Error: %2 no class").arg(failing).arg(error);
-    const QString log = inst_->log();
-    QCOMPARE(log.count("CreateQuillmotor"), ok ? 0 : 1);
-    QVERIFY2(ok || log.contains(line), qPrintable(log));
-    QCOMPARE(sink.boxes.size(), ok || silent ? 0 : 1);
-    if (!sink.boxes.isEmpty())
-        QCOMPARE(sink.boxes[0].text, line + "\r\r" + GetString(12018) + "\r" + GetString(12019));
-}
 
 QTEST_GUILESS_MAIN(TstQuillmotor)
 #include "tst_quillmotor.moc"

@@ -5,9 +5,7 @@
 
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QRegularExpression>
-#include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
 
@@ -84,30 +82,9 @@ QString JobText(int printer, int templ, const QString& copies, const QString& wo
         .join(QLatin1Char('\t'));
 }
 
-namespace {
-
-template <typename F>
-auto withConnection(const QString& path, F f)
-{
-    static int counter = 0;
-    const QString name = QStringLiteral("dbtest-%1").arg(++counter);
-    decltype(f(std::declval<QSqlDatabase&>())) result{};
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(path);
-        if (QFileInfo::exists(path) && db.open())
-            result = f(db);
-        db.close();
-    }
-    QSqlDatabase::removeDatabase(name);
-    return result;
-}
-
-} // namespace
-
 QString IntegrityCheck(const QString& path)
 {
-    QString r = withConnection(path, [](QSqlDatabase& db) {
+    QString r = WithConnection(path, [](QSqlDatabase& db) {
         QSqlQuery q(db);
         if (!q.exec(QStringLiteral("PRAGMA integrity_check")))
             return QStringLiteral("error: ") + q.lastError().text();
@@ -121,7 +98,7 @@ QString IntegrityCheck(const QString& path)
 
 QStringList JobRows(const QString& path)
 {
-    return withConnection(path, [](QSqlDatabase& db) {
+    return WithConnection(path, [](QSqlDatabase& db) {
         QStringList rows;
         QSqlQuery q(db);
         if (!q.exec(QStringLiteral("SELECT Id, PrinterId, Job FROM tbJob ORDER BY Id")))
@@ -135,7 +112,7 @@ QStringList JobRows(const QString& path)
 
 bool ExecSql(const QString& path, const QStringList& statements)
 {
-    return withConnection(path, [&](QSqlDatabase& db) {
+    return WithConnection(path, [&](QSqlDatabase& db) {
         QSqlQuery q(db);
         for (const QString& s : statements)
             if (!q.exec(s)) {

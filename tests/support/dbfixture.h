@@ -4,7 +4,9 @@
 // through a connection of its own.
 #include "foundation/messages.h"
 
+#include <QFileInfo>
 #include <QList>
+#include <QSqlDatabase>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -52,6 +54,25 @@ private:
 // TAB mode TAB TAB TAB user TAB caption.
 QString JobText(int printer, int templ, const QString& copies, const QString& workstation, const QString& user,
                 const QString& caption);
+
+// f(db) on a connection of its own to an existing database file, closed again
+// afterwards; what f returns, or a default value when the file cannot be opened.
+template <typename F>
+auto WithConnection(const QString& path, F f)
+{
+    static int counter = 0;
+    const QString name = QStringLiteral("dbtest-%1").arg(++counter);
+    decltype(f(std::declval<QSqlDatabase&>())) result{};
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        db.setDatabaseName(path);
+        if (QFileInfo::exists(path) && db.open())
+            result = f(db);
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(name);
+    return result;
+}
 
 // Reads a database file with a connection of its own (opened read-write, so a
 // -wal is recovered the way the server would see it).

@@ -3,11 +3,10 @@
 #include "foundation/settings.h"
 
 #include <QDeadlineTimer>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QThread>
 
 namespace quill::test {
@@ -16,116 +15,65 @@ namespace {
 constexpr int StartTimeoutMs = 10000;
 }
 
-Emulator::Emulator() = default;
-
-Emulator::~Emulator()
-{
-    stop();
-}
-
-QString Emulator::bin() const
-{
-    return QStringLiteral(QUILL_BIN_DIR) + QStringLiteral("/mp104c-emulator");
-}
-
-bool Emulator::startTcp(int baud)
-{
-    return start({QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"), QStringLiteral("--baud"),
-                  QString::number(baud)});
-}
-
-bool Emulator::startPty(int baud)
+QStringList Emulator::ptyArgs()
 {
     dir_ = std::make_unique<QTemporaryDir>();
     ptyPath_ = dir_->filePath(QStringLiteral("ttyMP0"));
-    return start({QStringLiteral("--pty"), ptyPath_, QStringLiteral("--baud"), QString::number(baud)});
+    return {QStringLiteral("--pty"), ptyPath_};
 }
 
-bool Emulator::startBoth(int baud)
+bool Emulator::fail(const QString& error)
 {
-    dir_ = std::make_unique<QTemporaryDir>();
-    ptyPath_ = dir_->filePath(QStringLiteral("ttyMP0"));
-    return start({QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"), QStringLiteral("--pty"), ptyPath_,
-                  QStringLiteral("--baud"), QString::number(baud)});
+    error_ = error;
+    return false;
 }
 
-bool Emulator::start(const QStringList& base)
+bool Emulator::start(QStringList args, int baud)
 {
     stop();
-    QStringList args = base;
-    args << QStringLiteral("--control") << QStringLiteral("127.0.0.1:0");
+    args << QStringLiteral("--baud") << QString::number(baud) << QStringLiteral("--control")
+         << QStringLiteral("127.0.0.1:0");
     if (!outDir_.isEmpty())
         args << QStringLiteral("--out") << outDir_;
     if (!name_.isEmpty())
         args << QStringLiteral("--name") << name_;
-    args << extra_;
+    const QString bin = QStringLiteral(QUILL_BIN_DIR "/mp104c-emulator");
     process_ = std::make_unique<QProcess>();
-    process_->setProcessChannelMode(QProcess::SeparateChannels);
-    process_->start(bin(), args);
-    if (!process_->waitForStarted(StartTimeoutMs)) {
-        error_ = QStringLiteral("cannot start %1: %2").arg(bin(), process_->errorString());
-        return false;
-    }
+    process_->start(bin, args);
+    if (!process_->waitForStarted(StartTimeoutMs))
+        return fail(QStringLiteral("cannot start %1: %2").arg(bin, process_->errorString()));
+    // It prints "listening <port>" (with --listen), "control <port>", then "ready".
     QDeadlineTimer deadline(StartTimeoutMs);
-    bool ready = false;
-    while (!ready && !deadline.hasExpired()) {
+    for (QString line; line != QLatin1String("ready");) {
         if (!process_->canReadLine()) {
-            if (process_->state() != QProcess::Running) {
-                error_ = QStringLiteral("emulator ended: ") + QString::fromUtf8(process_->readAllStandardError());
-                return false;
-            }
+            if (process_->state() != QProcess::Running)
+                return fail(QStringLiteral("emulator ended: ") + QString::fromUtf8(process_->readAllStandardError()));
+            if (deadline.hasExpired())
+                return fail(QStringLiteral("emulator not ready in time"));
             process_->waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
             continue;
         }
-        const QString line = QString::fromUtf8(process_->readLine()).trimmed();
+        line = QString::fromUtf8(process_->readLine()).trimmed();
         if (line.startsWith(QLatin1String("listening ")))
             port_ = quint16(line.mid(10).toUInt());
         else if (line.startsWith(QLatin1String("control ")))
-            controlPort_ = quint16(line.mid(8).toUInt());
-        else if (line == QLatin1String("ready"))
-            ready = true;
+            control_.connectToHost(QStringLiteral("127.0.0.1"), quint16(line.mid(8).toUInt()));
     }
-    if (!ready) {
-        error_ = QStringLiteral("emulator not ready in time");
-        return false;
-    }
-    control_.connectToHost(QStringLiteral("127.0.0.1"), controlPort_);
-    if (!control_.waitForConnected(StartTimeoutMs)) {
-        error_ = QStringLiteral("control port: ") + control_.errorString();
-        return false;
-    }
-    return true;
+    return control_.waitForConnected(StartTimeoutMs) || fail(QStringLiteral("control port: ") + control_.errorString());
 }
 
 void Emulator::stop()
 {
     control_.abort();
-    if (process_) {
-        if (process_->state() != QProcess::NotRunning) {
-            process_->terminate();
-            if (!process_->waitForFinished(5000)) {
-                process_->kill();
-                process_->waitForFinished(5000);
-            }
+    if (process_ && process_->state() != QProcess::NotRunning) {
+        process_->terminate();
+        if (!process_->waitForFinished(5000)) {
+            process_->kill();
+            process_->waitForFinished(5000);
         }
-        process_.reset();
     }
-    port_ = controlPort_ = 0;
-}
-
-bool Emulator::running() const
-{
-    return process_ && process_->state() == QProcess::Running;
-}
-
-QString Emulator::netDevice() const
-{
-    return QStringLiteral("NETBOX:") + bareDevice();
-}
-
-QString Emulator::bareDevice() const
-{
-    return QStringLiteral("127.0.0.1#%1").arg(port_);
+    process_.reset();
+    port_ = 0;
 }
 
 void Emulator::mapComPort(int n) const
@@ -169,11 +117,6 @@ QStringList Emulator::settledLog(int timeoutMs)
         calls = log();
     }
     return calls;
-}
-
-QString Emulator::stderrText()
-{
-    return process_ ? QString::fromUtf8(process_->readAllStandardError()) : QString();
 }
 
 QStringList PrintedLabels(const QString& dir)

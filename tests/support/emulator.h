@@ -31,30 +31,26 @@ namespace quill::test {
 
 class Emulator {
 public:
-    Emulator();
-    ~Emulator();
+    Emulator() = default;
+    ~Emulator() { stop(); }
     Emulator(const Emulator&) = delete;
     Emulator& operator=(const Emulator&) = delete;
 
     void setOutDir(const QString& dir) { outDir_ = dir; }
     void setName(const QString& name) { name_ = name; }
-    void setExtraArgs(const QStringList& args) { extra_ = args; }
 
     // Network box on 127.0.0.1 (port chosen by the emulator) plus control port.
-    bool startTcp(int baud = 9600);
+    bool startTcp(int baud = 9600) { return start(tcpArgs(), baud); }
     // Serial printer on a pty (symlink in a temporary folder) plus control port.
-    bool startPty(int baud = 9600);
+    bool startPty(int baud = 9600) { return start(ptyArgs(), baud); }
     // Both at once, sharing one printer.
-    bool startBoth(int baud = 9600);
+    bool startBoth(int baud = 9600) { return start(tcpArgs() + ptyArgs(), baud); }
     void stop();
-    bool running() const;
 
-    quint16 port() const { return port_; }              // network box port
-    QString ptyPath() const { return ptyPath_; }        // the symlink to the slave
-    quint16 controlPort() const { return controlPort_; }
-    QString netDevice() const;                          // "NETBOX:127.0.0.1#<port>"
-    QString bareDevice() const;                         // "127.0.0.1#<port>"
-    // Writes COM<n> = ptyPath() into the per-machine Ports settings.
+    quint16 port() const { return port_; } // network box port
+    QString netDevice() const { return QStringLiteral("NETBOX:") + bareDevice(); }
+    QString bareDevice() const { return QStringLiteral("127.0.0.1#%1").arg(port_); }
+    // Writes COM<n> = the pty into the per-machine Ports settings.
     void mapComPort(int n) const;
 
     // One control command, one answer line (empty on failure or timeout).
@@ -65,18 +61,18 @@ public:
     // library returns before the printer has it), or as it is after timeoutMs.
     QStringList settledLog(int timeoutMs = 10000);
     QString errorText() const { return error_; }
-    QString stderrText();
 
 private:
-    bool start(const QStringList& args);
-    QString bin() const;
+    static QStringList tcpArgs() { return {QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0")}; }
+    QStringList ptyArgs();
+    bool start(QStringList args, int baud);
+    bool fail(const QString& error);
 
     std::unique_ptr<QProcess> process_;
     std::unique_ptr<QTemporaryDir> dir_;
     QTcpSocket control_;
     QString outDir_, name_, ptyPath_, error_;
-    QStringList extra_;
-    quint16 port_ = 0, controlPort_ = 0;
+    quint16 port_ = 0;
 };
 
 // "caption copy/copies tTemplate" of every label printed into dir, in print

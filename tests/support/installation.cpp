@@ -3,13 +3,12 @@
 #include "foundation/paths.h"
 #include "foundation/settings.h"
 #include "shell/installation.h"
+#include "support/dbfixture.h"
 
 #include <QFile>
-#include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QTcpServer>
-#include <QUuid>
 
 namespace quill::test {
 
@@ -30,58 +29,34 @@ TestInstallation::~TestInstallation() = default;
 
 bool TestInstallation::sql(const QString& statement, const QVariantList& binds)
 {
-    const QString name = QUuid::createUuid().toString();
-    bool done = false;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(file(QStringLiteral("brixa.mdb")));
-        if (db.open()) {
-            QSqlQuery q(db);
-            q.prepare(statement);
-            for (const QVariant& b : binds)
-                q.addBindValue(b);
-            done = q.exec();
-            if (!done)
-                qWarning("sql failed: %s: %s", qPrintable(statement), qPrintable(q.lastError().text()));
-        }
-        db.close();
-    }
-    QSqlDatabase::removeDatabase(name);
-    return done;
+    return dbtest::WithConnection(file(QStringLiteral("brixa.mdb")), [&](QSqlDatabase& db) {
+        QSqlQuery q(db);
+        q.prepare(statement);
+        for (const QVariant& b : binds)
+            q.addBindValue(b);
+        const bool done = q.exec();
+        if (!done)
+            qWarning("sql failed: %s: %s", qPrintable(statement), qPrintable(q.lastError().text()));
+        return done;
+    });
 }
 
 QVariant TestInstallation::scalar(const QString& query)
 {
-    const QString name = QUuid::createUuid().toString();
-    QVariant v;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(file(QStringLiteral("brixa.mdb")));
-        if (db.open()) {
-            QSqlQuery q(db);
-            if (q.exec(query) && q.next())
-                v = q.value(0);
-        }
-        db.close();
-    }
-    QSqlDatabase::removeDatabase(name);
-    return v;
+    return dbtest::WithConnection(file(QStringLiteral("brixa.mdb")), [&](QSqlDatabase& db) {
+        QSqlQuery q(db);
+        return q.exec(query) && q.next() ? q.value(0) : QVariant();
+    });
 }
 
-bool TestInstallation::addNetworkPrinter(int id, const QString& name, quint16 port, bool passive)
+bool TestInstallation::addPrinter(int id, const QString& name, int connectionUsed, const QString& connection,
+                                  bool passive)
 {
-    return sql(QStringLiteral("INSERT INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection2, "
+    return sql(QStringLiteral("INSERT INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection%1, "
                               "NetConnectOnly, Strobe, Speed, Passive, CutterInstalled, DispensingFeed, ReverseFeed, "
-                              "CurrentTemplateId) VALUES (?, ?, 1, 2, ?, 0, 4, 2, ?, 0, 0, 0, 0)"),
-               {id, name, QStringLiteral("127.0.0.1#%1").arg(port), passive ? 1 : 0});
-}
-
-bool TestInstallation::addSerialPrinter(int id, const QString& name, int com, int rate, bool passive)
-{
-    return sql(QStringLiteral("INSERT INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection1, "
-                              "NetConnectOnly, Strobe, Speed, Passive, CutterInstalled, DispensingFeed, ReverseFeed, "
-                              "CurrentTemplateId) VALUES (?, ?, 1, 1, ?, 0, 4, 2, ?, 0, 0, 0, 0)"),
-               {id, name, QStringLiteral("COM%1:#%2").arg(com).arg(rate), passive ? 1 : 0});
+                              "CurrentTemplateId) VALUES (?, ?, 1, %1, ?, 0, 4, 2, ?, 0, 0, 0, 0)")
+                   .arg(connectionUsed),
+               {id, name, connection, passive ? 1 : 0});
 }
 
 bool TestInstallation::setServer(quint16 port, bool autoStartService)
@@ -104,6 +79,17 @@ QString TestInstallation::log(const QString& program) const
 {
     QFile f(file(WeeklyLogName(program, QDate::currentDate())));
     return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+}
+
+bool PrinterSite::start()
+{
+    net.setOutDir(netOut.path());
+    ser.setOutDir(serOut.path());
+    if (!ok() || !net.startTcp() || !ser.startPty(9600))
+        return false;
+    ser.mapComPort(2);
+    return addNetworkPrinter(1, QStringLiteral("Kassa"), net.port())
+        && addSerialPrinter(2, QStringLiteral("Bar"), 2, 9600);
 }
 
 quint16 TestInstallation::freePort()

@@ -2,6 +2,8 @@
 // A throw-away installation for server tests: a temporary folder provisioned
 // like `quillbase --init`, private settings scopes (XDG_CONFIG_DIRS/HOME point
 // inside it), and direct SQL access to its database for arranging rows.
+#include "support/emulator.h"
+
 #include <QString>
 #include <QTemporaryDir>
 #include <QVariant>
@@ -23,8 +25,14 @@ public:
     QVariant scalar(const QString& query);
 
     // A printer row in tbPrinter: network "127.0.0.1#port" or serial "COMn:#rate".
-    bool addNetworkPrinter(int id, const QString& name, quint16 port, bool passive = false);
-    bool addSerialPrinter(int id, const QString& name, int com, int rate, bool passive = false);
+    bool addNetworkPrinter(int id, const QString& name, quint16 port, bool passive = false)
+    {
+        return addPrinter(id, name, 2, QStringLiteral("127.0.0.1#%1").arg(port), passive);
+    }
+    bool addSerialPrinter(int id, const QString& name, int com, int rate, bool passive = false)
+    {
+        return addPrinter(id, name, 1, QStringLiteral("COM%1:#%2").arg(com).arg(rate), passive);
+    }
     // tbServer: the listening port and the service auto-start switch.
     bool setServer(quint16 port, bool autoStartService);
     // Per-user switches (dwUseLog etc.) and per-machine values.
@@ -39,8 +47,24 @@ public:
     static quint16 freePort();
 
 private:
+    // ConnectionUsed 1 is the serial line (Connection1), 2 the network box (Connection2).
+    bool addPrinter(int id, const QString& name, int connectionUsed, const QString& connection, bool passive);
+
     QTemporaryDir dir_;
     bool ok_ = false;
+};
+
+// An installation with printer 1 "Kassa" on an emulated network box and
+// printer 2 "Bar" on COM2: (an emulated serial printer at 9600 baud); each
+// emulator puts the labels it prints into a folder of its own.
+class PrinterSite : public TestInstallation {
+public:
+    // Starts both emulators and adds both printers; errorText() says why not.
+    bool start();
+    QString errorText() const { return net.errorText() + ser.errorText(); }
+
+    QTemporaryDir netOut, serOut;
+    Emulator net, ser;
 };
 
 } // namespace quill::test
