@@ -92,14 +92,11 @@ private slots:
         drv_->setPrinterId(99);
         drv_->setPort("old port");
         drv_->setSettings("old settings");
-        PrinterSlot s;
-        s.printerId = 4;
         QFETCH(int, type);
         QFETCH(int, connection);
         QFETCH(QString, string);
-        s.printerTypeId = type;
-        s.connectionType = connection;
-        s.connectionString = string;
+        const PrinterSlot s{
+            .printerId = 4, .printerTypeId = type, .connectionType = connection, .connectionString = string};
         PrintService::MainSetQuillmotorConnection(drv_.get(), s);
         QTEST(drv_->Port(), "port");
         QTEST(drv_->Settings(), "settings");
@@ -112,7 +109,8 @@ private slots:
         QStringList vars;
         for (const auto& [n, value] : JobVariables(QStringLiteral("BRIXA\t1.00\tP\t1\t5\t1\tWS\t0\t\tx\r\n\t\r\n")))
             vars << QStringLiteral("%1=%2").arg(n).arg(value);
-        QCOMPARE(vars, QStringList({"1=BRIXA", "2=1.00", "3=P", "4=1", "5=5", "6=1", "7=WS", "8=0", "9=", "10=x", "11="}));
+        QCOMPARE(vars,
+                 QStringList({"1=BRIXA", "2=1.00", "3=P", "4=1", "5=5", "6=1", "7=WS", "8=0", "9=", "10=x", "11="}));
     }
 
     void run_data()

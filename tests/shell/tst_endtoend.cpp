@@ -153,7 +153,8 @@ private slots:
         QTest::addColumn<QString>("replyText");
 
         QTest::newRow("paper out, serial") << 2 << "paper out" << "paper in" << QStringLiteral("Slut på papper")
-                                           << QList<int>{1101, 1102} << QStringLiteral("Status skrivare: Slut på papper\r");
+                                           << QList<int>{1101, 1102}
+                                           << QStringLiteral("Status skrivare: Slut på papper\r");
         // Each pass past the limit asks a silent printer again; it stays Checking
         // after Ready, so requests get the plain "OK".
         QTest::newRow("no answer, network") << 1 << "silent on" << "silent off" << "asked again, check restarted"
@@ -186,8 +187,8 @@ private slots:
         // Once the fault is gone the next pass makes it ready, and both jobs print in order.
         QCOMPARE(emu(printer).command(clear), QStringLiteral("ok"));
         QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 15000);
-        QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(printer)), (QStringList{"först 1/2 t1", "först 2/2 t1", "sen 1/1 t1"}),
-                                  10000);
+        const QStringList labels{"först 1/2 t1", "först 2/2 t1", "sen 1/1 t1"};
+        QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(printer)), labels, 10000);
     }
 
     void terminateMidRunLosesNothing()
