@@ -78,27 +78,13 @@ QByteArray readFile(const QString& path)
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
-}
-
-// Overwrites the page type of a filler table's root page: the file still opens and
+// An index whose entries no longer match its definition: the file still opens and
 // its jobs read, but the integrity check fails.
-bool corruptTable(const QString& mdb)
+bool corruptIndex(const QString& mdb)
 {
-    if (!ExecSql(mdb, {"CREATE TABLE tbFiller AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n "
-                       "WHERE i < 50) SELECT i, hex(zeroblob(200)) AS Data FROM n"}))
-        return false;
-    Database db;
-    db.open(mdb);
-    const int root = Snapshot(db, "SELECT rootpage FROM sqlite_master WHERE name = 'tbFiller'").field("rootpage").toInt();
-    const int pageSize = Snapshot(db, "PRAGMA page_size").field("page_size").toInt();
-    db.close();
-    QFile f(mdb);
-    return root >= 2 && pageSize >= 512 && f.open(QIODevice::ReadWrite) && f.seek(qint64(root - 1) * pageSize)
-        && f.write("\x7f", 1) == 1;
+    return ExecSql(mdb, {"CREATE INDEX ixCaption ON tbJob (Job)", "PRAGMA writable_schema = ON",
+                         "UPDATE sqlite_master SET sql = 'CREATE INDEX ixCaption ON tbJob (PrinterId)' "
+                         "WHERE name = 'ixCaption'"});
 }
 
 // What a file of the installation is now: absent, folder, kept (the bytes of
@@ -132,76 +118,73 @@ void TestMaintenance::outcomes_data()
 {
     const QString checkInstallation = QStringLiteral("\n") + GetString(12029, GetString(9003));
     const QString isDir = QStringLiteral(" Error: 21 Is a directory");
-    QTest::addColumn<QString>("fault");
+    auto box = [](BoxIcon icon, const QString& text) { return QStringList{QString::number(int(icon)) + ' ' + text}; };
+    QTest::addColumn<QStringList>("faults"); // "name=bytes" written, "name/" a folder, "-name" removed
     QTest::addColumn<bool>("opened");
     QTest::addColumn<QStringList>("lines"); // the log, each line from its start
-    QTest::addColumn<QString>("box");       // empty: none shown
-    QTest::addColumn<int>("icon");
+    QTest::addColumn<QStringList>("boxes"); // "<icon> <text>"
     QTest::addColumn<QString>("disk");      // brixa.mdb, brixa_backup.mdb, brixa_compact.mdb
     QTest::newRow("all steps, over a stale backup and compact file")
-        << "stale" << true << QStringList() << "" << 0 << "10 jobs, 10 jobs, absent";
+        << QStringList{"brixa_backup.mdb=stale", "brixa_compact.mdb=stale"} << true << QStringList() << QStringList() << "10 jobs, 10 jobs, absent";
     QTest::newRow("account file missing")
-        << "brixa.mda" << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mda."}
-        << GetString(12030) + checkInstallation << int(BoxIcon::Exclamation) << "kept, absent, absent";
+        << QStringList{"-brixa.mda"} << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mda."}
+        << box(BoxIcon::Exclamation, GetString(12030) + checkInstallation) << "kept, absent, absent";
     QTest::newRow("database missing")
-        << "brixa.mdb" << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mdb."}
-        << GetString(12031) + checkInstallation << int(BoxIcon::Exclamation) << "absent, absent, absent";
+        << QStringList{"-brixa.mdb"} << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mdb."}
+        << box(BoxIcon::Exclamation, GetString(12031) + checkInstallation) << "absent, absent, absent";
     QTest::newRow("backup fails: folder in the way")
-        << "brixa_backup.mdb/keep" << true << QStringList{"Warning SrvOpenDatabases Backup database failed." + isDir}
-        << "" << 0 << "kept, folder, absent";
-    QTest::newRow("repair fails: damaged table")
-        << "corrupt" << true
+        << QStringList{"brixa_backup.mdb/"} << true << QStringList{"Warning SrvOpenDatabases Backup database failed." + isDir}
+        << QStringList() << "kept, folder, absent";
+    QTest::newRow("repair fails: damaged index")
+        << QStringList{"damaged index"} << true
         << QStringList{"Warning SrvOpenDatabases Repair database failed. Error: 11 database disk image is malformed"}
-        << "" << 0 << "kept, 10 jobs, absent";
+        << QStringList() << "kept, 10 jobs, absent";
     QTest::newRow("step 1 fails: folder in the way")
-        << "brixa_compact.mdb/keep" << true
+        << QStringList{"brixa_compact.mdb/"} << true
         << QStringList{"Warning SrvOpenDatabases Compact database Step 1 - Failed to delete brixa_compact.mdb." + isDir}
-        << "" << 0 << "kept, 10 jobs, folder";
+        << QStringList() << "kept, 10 jobs, folder";
     // Step 4, the copy back after brixa.mdb was deleted, is the one step that ends the start.
     QTest::newRow("step 4 fails: folder in the way")
-        << "brixa_restore.tmp/keep" << false
+        << QStringList{"brixa_restore.tmp/"} << false
         << QStringList{"SrvOpenDatabases Compact database Step 4 - Failed to copy brixa_compact.mdb to brixa.mdb." + isDir}
-        << "SrvOpenDatabases - Failed to restore the brixa database after repair and compact." + isDir + "\n"
-               + GetString(12137)
-        << int(BoxIcon::None) << "absent, 10 jobs, 10 jobs";
+        << box(BoxIcon::None, "SrvOpenDatabases - Failed to restore the brixa database after repair and compact." + isDir
+                                  + "\n" + GetString(12137))
+        << "absent, 10 jobs, 10 jobs";
     QTest::newRow("database is not a database")
-        << "junk" << false
+        << QStringList{"brixa.mdb=" + QString(8192, 'q')} << false
         << QStringList{"Warning SrvOpenDatabases Repair database failed. Error: 26 file is not a database",
                        "SrvOpenDatabases failed. Error: 26 file is not a database"}
-        << "SrvOpenDatabases failed. Error: 26 file is not a database" + checkInstallation << int(BoxIcon::Critical)
+        << box(BoxIcon::Critical, "SrvOpenDatabases failed. Error: 26 file is not a database" + checkInstallation)
         << "kept, other, absent";
     const QString engine = QStringLiteral("SrvOpenDatabases failed. Error: 3028 Can't start your application. The "
                                           "workgroup information file names the engine jet.");
     QTest::newRow("account file names another engine")
-        << "engine" << false << QStringList{engine} << engine + checkInstallation << int(BoxIcon::Critical)
+        << QStringList{"brixa.mda=engine=jet\n"} << false << QStringList{engine} << box(BoxIcon::Critical, engine + checkInstallation)
         << "kept, absent, absent";
 }
 
 void TestMaintenance::outcomes()
 {
-    QFETCH(QString, fault);
+    QFETCH(QStringList, faults);
     QFETCH(bool, opened);
     QFETCH(QStringList, lines);
-    QFETCH(QString, box);
-    QFETCH(int, icon);
+    QFETCH(QStringList, boxes);
     QFETCH(QString, disk);
     DbHome home;
     QVERIFY(home.ok());
     QVERIFY(storeJobs(home.path(), 10));
     const QString mdb = home.file("brixa.mdb");
-    if (fault == "stale") {
-        QVERIFY(writeFile(home.file("brixa_backup.mdb"), QByteArray(9000, 'b')));
-        QVERIFY(writeFile(home.file("brixa_compact.mdb"), QByteArray(5000, 'z')));
-    } else if (fault.startsWith("brixa.md")) {
-        QVERIFY(QFile::remove(home.file(fault)));
-    } else if (fault.endsWith("/keep")) {
-        QVERIFY(QDir(home.path()).mkpath(fault));
-    } else if (fault == "corrupt") {
-        QVERIFY(corruptTable(mdb));
-    } else if (fault == "junk") {
-        QVERIFY(writeFile(mdb, QByteArray(8192, 'q')));
-    } else if (fault == "engine") {
-        QVERIFY(writeFile(home.file("brixa.mda"), "engine=jet\n"));
+    for (const QString& fault : faults) {
+        if (fault == "damaged index")
+            QVERIFY(corruptIndex(mdb));
+        else if (fault.startsWith('-'))
+            QVERIFY(QFile::remove(home.file(fault.mid(1))));
+        else if (fault.endsWith('/'))
+            QVERIFY(QDir(home.path()).mkpath(fault + "keep"));
+        else {
+            QFile file(home.file(fault.section('=', 0, 0)));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(fault.section('=', 1).toLatin1()) > 0);
+        }
     }
     const QByteArray before = readFile(mdb);
     RecordingSink sink;
@@ -210,11 +193,10 @@ void TestMaintenance::outcomes()
     QCOMPARE(log.size(), lines.size());
     for (int i = 0; i < lines.size(); ++i)
         QVERIFY2(log[i].startsWith(lines[i]), qPrintable(log[i]));
-    QCOMPARE(sink.boxes.size(), box.isEmpty() ? 0 : 1);
-    if (!box.isEmpty()) {
-        QCOMPARE(sink.boxes[0].text, box);
-        QCOMPARE(int(sink.boxes[0].icon), icon);
-    }
+    QStringList shown;
+    for (const ShownBox& b : sink.boxes)
+        shown << QString::number(int(b.icon)) + ' ' + b.text;
+    QCOMPARE(shown, boxes);
     QCOMPARE(QStringList({state(mdb, before), state(home.file("brixa_backup.mdb")), state(home.file("brixa_compact.mdb"))})
                  .join(", "),
              disk);
