@@ -18,9 +18,6 @@
 
 #include <memory>
 
-// Designated initializers name only what a case sets; GCC 12 would warn about the rest.
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-
 using namespace quill;
 using quill::dbtest::CurrentLogText;
 
