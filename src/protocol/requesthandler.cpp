@@ -26,6 +26,9 @@ RequestHandler::RequestHandler(Listener& listener, TrafficIndicator& traffic, Re
                                QObject* parent)
     : QObject(parent), listener_(listener), traffic_(traffic), svc_(std::move(services))
 {
+    flushTimer_.setSingleShot(true);
+    flushTimer_.setInterval(0);
+    connect(&flushTimer_, &QTimer::timeout, this, &RequestHandler::flush);
 }
 
 QString RequestHandler::reply(int code, const QString& statusText)
@@ -100,7 +103,7 @@ void RequestHandler::openBatch()
     if (!batchOpen_ && svc_.beginBatch) {
         svc_.beginBatch();
         batchOpen_ = true;
-        QTimer::singleShot(0, this, &RequestHandler::flush);
+        flushTimer_.start();
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 #include <QObject>
+#include <QTimer>
 #include <QString>
 #include <QStringList>
 #include <functional>
@@ -65,6 +66,9 @@ private:
     RequestServices svc_;
     bool addinScala_ = false;
     bool batchOpen_ = false;
+    // Ends the turn's batch. A zero timer rather than a posted call: the loop
+    // sees it without being woken through its event descriptor.
+    QTimer flushTimer_;
     QList<QPair<int, QByteArray>> pending_;
 };
 
