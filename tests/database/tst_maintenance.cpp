@@ -125,7 +125,8 @@ void TestMaintenance::outcomes_data()
     QTest::addColumn<QStringList>("boxes"); // "<icon> <text>"
     QTest::addColumn<QString>("disk");      // brixa.mdb, brixa_backup.mdb, brixa_compact.mdb
     QTest::newRow("all steps, over a stale backup and compact file")
-        << QStringList{"brixa_backup.mdb=stale", "brixa_compact.mdb=stale"} << true << QStringList() << QStringList() << "10 jobs, 10 jobs, absent";
+        << QStringList{"brixa_backup.mdb=stale", "brixa_compact.mdb=stale"} << true << QStringList() << QStringList()
+        << "10 jobs, 10 jobs, absent";
     QTest::newRow("account file missing")
         << QStringList{"-brixa.mda"} << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mda."}
         << box(BoxIcon::Exclamation, GetString(12030) + checkInstallation) << "kept, absent, absent";
@@ -133,8 +134,9 @@ void TestMaintenance::outcomes_data()
         << QStringList{"-brixa.mdb"} << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mdb."}
         << box(BoxIcon::Exclamation, GetString(12031) + checkInstallation) << "absent, absent, absent";
     QTest::newRow("backup fails: folder in the way")
-        << QStringList{"brixa_backup.mdb/"} << true << QStringList{"Warning SrvOpenDatabases Backup database failed." + isDir}
-        << QStringList() << "kept, folder, absent";
+        << QStringList{"brixa_backup.mdb/"} << true
+        << QStringList{"Warning SrvOpenDatabases Backup database failed." + isDir} << QStringList()
+        << "kept, folder, absent";
     QTest::newRow("repair fails: damaged index")
         << QStringList{"damaged index"} << true
         << QStringList{"Warning SrvOpenDatabases Repair database failed. Error: 11 database disk image is malformed"}
@@ -159,8 +161,8 @@ void TestMaintenance::outcomes_data()
     const QString engine = QStringLiteral("SrvOpenDatabases failed. Error: 3028 Can't start your application. The "
                                           "workgroup information file names the engine jet.");
     QTest::newRow("account file names another engine")
-        << QStringList{"brixa.mda=engine=jet\n"} << false << QStringList{engine} << box(BoxIcon::Critical, engine + checkInstallation)
-        << "kept, absent, absent";
+        << QStringList{"brixa.mda=engine=jet\n"} << false << QStringList{engine}
+        << box(BoxIcon::Critical, engine + checkInstallation) << "kept, absent, absent";
 }
 
 void TestMaintenance::outcomes()
