@@ -51,6 +51,36 @@ bool exists(const QString& path)
     return ::lstat(QFile::encodeName(path).constData(), &st) == 0;
 }
 
+// Size and modification time: what a commit by anyone changes in the main file
+// once it is checkpointed.
+QString fileStamp(const QString& path)
+{
+    struct stat st;
+    if (::stat(QFile::encodeName(path).constData(), &st) != 0)
+        return {};
+    return QStringLiteral("%1 %2.%3").arg(st.st_size).arg(st.st_mtim.tv_sec).arg(st.st_mtim.tv_nsec);
+}
+
+// Whether another connection has the WAL database open: each one holds a read
+// lock on byte 128 of the -shm file for as long as it is open. Deleting the
+// file would cut it off from the database the server then uses, and what it
+// writes afterwards would be lost; on a platform that refuses to delete an open
+// file this is where the delete fails.
+bool openElsewhere(const QString& path)
+{
+    const int fd = ::open(QFile::encodeName(path + QStringLiteral("-shm")).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    struct flock probe = {};
+    probe.l_type = F_WRLCK;
+    probe.l_whence = SEEK_SET;
+    probe.l_start = 128;
+    probe.l_len = 1;
+    const bool held = ::fcntl(fd, F_OFD_GETLK, &probe) == 0 && probe.l_type != F_UNLCK;
+    ::close(fd);
+    return held;
+}
+
 qint64 fileSize(const QString& path)
 {
     struct stat st;
@@ -290,7 +320,9 @@ bool JobDatabase::SrvOpenDatabases()
             }
             crashPoint("compact1");
 
+            QString compacted;
             try {
+                compacted = fileStamp(mdb);
                 compactInto(mdb, compact);
                 // VACUUM INTO does not sync what it wrote.
                 syncPath(compact, false);
@@ -305,7 +337,13 @@ bool JobDatabase::SrvOpenDatabases()
 
             try {
                 if (exists(mdb)) {
+                    // Not while another program has it open, nor when it committed
+                    // since the compaction: the compacted copy would lose its work.
+                    if (openElsewhere(mdb))
+                        throw errnoError(EBUSY);
                     checkpoint(mdb);
+                    if (fileStamp(mdb) != compacted)
+                        throw errnoError(EBUSY);
                     removeFile(mdb + QStringLiteral("-wal"));
                     removeFile(mdb + QStringLiteral("-shm"));
                     removeFile(mdb);

@@ -18,6 +18,8 @@
 #include <QProcess>
 #include <QTest>
 
+#include <cerrno>
+#include <cstring>
 #include <unistd.h>
 
 using namespace quill;
@@ -112,6 +114,7 @@ private slots:
     void outcomes();
     void crashAfterEveryStep_data();
     void crashAfterEveryStep();
+    void openElsewhereIsNotReplaced();
 };
 
 void TestMaintenance::outcomes_data()
@@ -244,6 +247,30 @@ void TestMaintenance::crashAfterEveryStep()
     QCOMPARE(home.logMessages().filter("Warning"), QStringList());
 }
 
+// Another program with the database open during the start: the file it has open
+// stays the database, so what it writes afterwards is there for the server.
+void TestMaintenance::openElsewhereIsNotReplaced()
+{
+    DbHome home;
+    QVERIFY(home.ok());
+    QVERIFY(storeJobs(home.path(), 10));
+    QProcess other;
+    other.setEnvironment(QProcess::systemEnvironment() << "QUILL_DB_MAINTENANCE_CHILD=" + home.path()
+                                                       << "QUILL_DB_HOLD=1");
+    other.start(QCoreApplication::applicationFilePath(), {});
+    QVERIFY(other.waitForReadyRead(20000));
+    QCOMPARE(other.readLine().trimmed(), QByteArray("open"));
+    QCOMPARE(startAndList(), expectedRows(10));
+    QCOMPARE(home.logMessages(), QStringList{"Warning SrvOpenDatabases Compact database Step 3 - Failed to delete "
+                                             "brixa.mdb. Error: " + QString::number(EBUSY) + ' '
+                                             + QString::fromLocal8Bit(std::strerror(EBUSY))});
+    other.write("insert\n");
+    other.closeWriteChannel();
+    QVERIFY(other.waitForFinished(20000));
+    QCOMPARE(other.exitCode(), 0);
+    QCOMPARE(JobRows(home.file("brixa.mdb")).size(), 11);
+}
+
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
@@ -258,6 +285,21 @@ int main(int argc, char** argv)
         for (int i = first; i <= walJobs; ++i)
             db.exec("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)", {i, job(i)});
         ::_exit(0);
+    }
+    if (!childHome.isEmpty() && qEnvironmentVariableIsSet("QUILL_DB_HOLD")) {
+        // Another program that keeps the database open and writes a job when told.
+        Database db;
+        db.open(childHome + "/brixa.mdb");
+        Snapshot(db, "SELECT COUNT(*) AS n FROM tbJob");
+        QFile in, out;
+        if (!in.open(stdin, QIODevice::ReadOnly) || !out.open(stdout, QIODevice::WriteOnly))
+            return 2;
+        out.write("open\n");
+        out.flush();
+        if (in.readLine().trimmed() != "insert")
+            return 3;
+        db.exec("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (11, 1, ?)", {job(11)});
+        return 0;
     }
     if (!childHome.isEmpty()) {
         SetHomeDir(childHome);
