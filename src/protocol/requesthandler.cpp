@@ -12,6 +12,8 @@
 #include <QFileInfo>
 #include <QTimer>
 
+#include <algorithm>
+
 namespace quill {
 
 namespace {
@@ -201,14 +203,6 @@ QString RequestHandler::addinFraming(const QString& data, int connection)
 {
     QString& b = listener_.buffer(connection);
     b += data;
-    if (b.size() > Listener::MaxBuffer) {
-        LogWrite(QStringLiteral("SrvHandleRequest: add-in buffer of connection %1 exceeded %2 bytes; "
-                                "connection closed.")
-                     .arg(connection)
-                     .arg(Listener::MaxBuffer));
-        listener_.drop(connection);
-        return {};
-    }
     QString text = data;
     bool firstPass = true;
     for (;;) {
@@ -244,6 +238,20 @@ QString RequestHandler::addinFraming(const QString& data, int connection)
         r += QStringLiteral("\t\r\n");
         storeJob(r);
         traffic_.indicate(TrafficIndicator::ReceivingJob);
+    }
+    // Framing drops whatever comes before a start marker, so only a possible
+    // marker's beginning needs keeping: standard requests on an add-in
+    // connection do not pile up. What remains beyond the bound is a record
+    // that never ends.
+    const qsizetype s = b.indexOf(StartMarker);
+    b.remove(0, s >= 0 ? s : std::max<qsizetype>(0, b.size() - (StartMarker.size() - 1)));
+    if (b.size() > Listener::MaxBuffer) {
+        LogWrite(QStringLiteral("SrvHandleRequest: add-in buffer of connection %1 exceeded %2 bytes; "
+                                "connection closed.")
+                     .arg(connection)
+                     .arg(Listener::MaxBuffer));
+        listener_.drop(connection);
+        return {};
     }
     return text;
 }

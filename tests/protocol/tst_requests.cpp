@@ -240,6 +240,12 @@ void TestRequests::addinFraming()
     QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 3, 5000);
     QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 3").toString(),
              QStringLiteral("BRIXA\t1.00\tP\t1\t1\t1\tKASSA3\t0\t\t\tBo\tCap\tx;y;z \t\t\r\n"));
+    // Text without a marker does not fill the buffer: a record after more than
+    // the bound's worth of it is still stored (the pause lets the text arrive on its own).
+    c->write(QByteArray(Listener::MaxBuffer + 1000, 'y'));
+    QTest::qWait(500);
+    c->write(rec1);
+    QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 4, 10000);
     QTest::qWait(100);
     QCOMPARE(c->bytesAvailable(), 0);
 
