@@ -258,10 +258,11 @@ bool JobStore::beginBatch()
 {
     if (inBatch_)
         return false;
+    // Not logged: without a batch every job commits on its own and a job that
+    // cannot be stored logs that itself.
     try {
         jdb_.database().begin();
-    } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvAddJob failed. JId = 0 Error: ") + errorText(e));
+    } catch (const std::exception&) {
         return false;
     }
     inBatch_ = true;

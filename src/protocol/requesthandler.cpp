@@ -102,8 +102,9 @@ void RequestHandler::sendReply(int connection, const QString& text)
 
 void RequestHandler::openBatch()
 {
-    if (!batchOpen_ && svc_.beginBatch) {
-        svc_.beginBatch();
+    // Without a batch (the database refused to begin one) each job commits on
+    // its own and logs its own failure.
+    if (!batchOpen_ && svc_.beginBatch && svc_.beginBatch()) {
         batchOpen_ = true;
         flushTimer_.start();
     }
@@ -120,9 +121,9 @@ void RequestHandler::flush()
     if (!batchOpen_)
         return;
     batchOpen_ = false;
-    if (svc_.commitBatch && !svc_.commitBatch())
-        LogWrite(QStringLiteral("SrvHandleRequest failed. Error: commit of %1 replies' jobs failed")
-                     .arg(pending_.size()));
+    // A failed commit has logged each job it lost.
+    if (svc_.commitBatch)
+        svc_.commitBatch();
     const auto replies = std::exchange(pending_, {});
     for (const auto& [connection, bytes] : replies)
         listener_.send(connection, bytes);

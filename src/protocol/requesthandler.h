@@ -24,7 +24,7 @@ struct RequestServices {
     std::function<QList<QPair<qint32, QString>>()> jobSenders;
     std::function<void(qint32 jobId)> deleteJob; // from table and list
     // Grouped commits: replies to stored jobs wait until the batch is durable.
-    std::function<void()> beginBatch;
+    std::function<bool()> beginBatch;
     std::function<bool()> commitBatch;
 };
 

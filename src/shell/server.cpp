@@ -148,7 +148,7 @@ Server::StartResult Server::startup()
             jobs_->SrvDBDeleteJob(id);
             jobs_->SrvRemoveJobRow(id);
         };
-        services.beginBatch = [this] { jobs_->beginBatch(); };
+        services.beginBatch = [this] { return jobs_->beginBatch(); };
         services.commitBatch = [this] { return jobs_->commitBatch(); };
         handler_ = std::make_unique<RequestHandler>(*listener_, *traffic_, std::move(services));
         handler_->setAddinScala(addinScala_);

@@ -181,6 +181,16 @@ void TestJobStore::batchCommitsTogether()
 
 void TestJobStore::failuresAreLogged()
 {
+    {
+        // Another program holds the write lock: no batch begins, and the job that
+        // cannot be stored is the one line logged.
+        Database other;
+        other.open(mdb());
+        other.begin();
+        QVERIFY(!store->beginBatch());
+        QVERIFY(!add(1, "locked"));
+        other.rollback();
+    }
     QVERIFY(add(1, "a"));
     QVERIFY(ExecSql(mdb(), {"DROP TABLE tbJob"}));
     QVERIFY(!add(1, "b"));
@@ -191,7 +201,8 @@ void TestJobStore::failuresAreLogged()
     store->SrvInitAllJobs();
     const QString noTable = "Error: 1 no such table: tbJob";
     QCOMPARE(home->logMessages(),
-             (QStringList{"SrvAddJob failed. JId = 0 " + noTable, "SrvDBDeleteJob failed. JId = 1 " + noTable,
+             (QStringList{"SrvAddJob failed. JId = 1 Error: 5 database is locked",
+                          "SrvAddJob failed. JId = 0 " + noTable, "SrvDBDeleteJob failed. JId = 1 " + noTable,
                           "SrvJobOpenDB failed. " + noTable,
                           "SrvInitAllJobs failed. Error: 91 Object variable or With block variable not set"}));
     // Only the open operation shows a box.
