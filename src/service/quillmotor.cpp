@@ -25,8 +25,8 @@ const QString PrintMode = QStringLiteral("i");
 QList<QPair<int, QString>> JobVariables(const QString& jobText)
 {
     // Variable n of a layout is field n of the request, so every field goes
-    // out, empty ones included: a value left over from the previous job
-    // must not reappear on this one.
+    // out, empty ones included. The printer forgets them after each PRINT, so
+    // placeholders beyond this job's fields print empty, not the last job's.
     QList<QPair<int, QString>> vars;
     const int n = CountTokens(jobText, TAB);
     for (int i = 1; i <= n; ++i) {
@@ -134,25 +134,11 @@ void MP104C::startNext()
     // half-way through a label.
     w.steps.push_back({link::Status, {QStringLiteral("4")}});
     if (w.print) {
-        if (w.newTemplate) {
-            QFile f(HomePath(QString::number(w.templateId) + QStringLiteral(".lbl")));
-            if (!f.open(QIODevice::ReadOnly)) {
-                log(runName() + QStringLiteral(": layout ") + f.fileName() + QStringLiteral(" not readable"));
-                finish(ResultErr(DeviceErrorText(link::ErrFile)));
-                return;
-            }
-            if (f.size() >= link::MaxFrameBytes) {
-                finish(ResultErr(DeviceErrorText(link::ErrMemory)));
-                return;
-            }
-            w.steps.push_back({link::Layout, {QString::number(w.templateId), FromCp1252(f.readAll())}});
-        }
-        for (const auto& v : JobVariables(w.jobData))
-            w.steps.push_back({link::Var, {QString::number(v.first), v.second}});
         w.copies = NullToLong(GetToken(w.jobData, TAB, 6), 1);
         if (w.copies < 1)
             w.copies = 1;
-        w.steps.push_back({link::Print, {QString::number(w.copies), PrintMode}});
+        if (!addLabelSteps(w.newTemplate))
+            return;
     }
 
     const LinkAddress address = ParseDeviceName(w.port);
@@ -192,6 +178,32 @@ void MP104C::startNext()
             onConnected();
     });
     timer_.start(answerTimeoutMs_);
+}
+
+bool MP104C::addLabelSteps(bool withLayout)
+{
+    Work& w = *current_;
+    const QString name = QString::number(w.templateId);
+    if (withLayout) {
+        QFile f(HomePath(name + QStringLiteral(".lbl")));
+        if (!f.open(QIODevice::ReadOnly)) {
+            log(runName() + QStringLiteral(": layout ") + f.fileName() + QStringLiteral(" not readable"));
+            finish(ResultErr(DeviceErrorText(link::ErrFile)));
+            return false;
+        }
+        if (f.size() >= link::MaxFrameBytes) {
+            finish(ResultErr(DeviceErrorText(link::ErrMemory)));
+            return false;
+        }
+        w.steps.push_back({link::Layout, {name, FromCp1252(f.readAll())}});
+        w.layoutSent = true;
+    }
+    for (const auto& v : JobVariables(w.jobData))
+        w.steps.push_back({link::Var, {QString::number(v.first), v.second}});
+    // Named, so a printer holding another layout (a test label, or none after
+    // a clear or a power cut) refuses instead of printing on it.
+    w.steps.push_back({link::Print, {QString::number(w.copies), PrintMode, name}});
+    return true;
 }
 
 void MP104C::onConnected()
@@ -248,6 +260,15 @@ void MP104C::answer(int result, const QStringList& values)
     } else if (verb == link::Layout) {
         ok = ok || result == link::LayoutAccepted;
     } else if (verb == link::Print) {
+        // The printer no longer holds the layout this run took for granted:
+        // send it with the variables once more, and that print decides.
+        if (result == link::ErrFile && !w.layoutSent) {
+            log(runName() + QStringLiteral(": layout ") + QString::number(w.templateId)
+                + QStringLiteral(" not held by the printer, sent again"));
+            if (addLabelSteps(true))
+                sendStep();
+            return;
+        }
         ok = ok || result == link::PrintAccepted;
         if (result == link::PrintAccepted)
             log(runName() + QStringLiteral(": printed with a variable missing"));
@@ -261,8 +282,8 @@ void MP104C::answer(int result, const QStringList& values)
     if (w.steps.empty()) {
         if (w.print)
             log(runName() + QStringLiteral(": ") + QString::number(w.copies) + QStringLiteral(" label(s) printed")
-                + (w.newTemplate ? QStringLiteral(", layout ") + QString::number(w.templateId) + QStringLiteral(" sent")
-                                 : QString()));
+                + (w.layoutSent ? QStringLiteral(", layout ") + QString::number(w.templateId) + QStringLiteral(" sent")
+                                : QString()));
         finish(ResultOk());
         return;
     }

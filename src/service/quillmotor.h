@@ -90,6 +90,7 @@ private:
         qint32 templateId = 0;
         std::deque<Step> steps;
         int copies = 1;
+        bool layoutSent = false;
     };
 
     Work snapshot(bool print) const;
@@ -98,6 +99,9 @@ private:
     void onReadyRead();
     void onLinkLost();
     void onTimeout();
+    // Appends the layout (when asked), the variables and the PRINT of the
+    // current run; false when the run has already finished with an error.
+    bool addLabelSteps(bool withLayout);
     void sendStep();
     void answer(int result, const QStringList& values);
     void finish(const QString& result);

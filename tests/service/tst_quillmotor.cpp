@@ -6,6 +6,7 @@
 #include "database/jobstore.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
+#include "printers/deviceops.h"
 #include "service/printservice.h"
 #include "service/quillmotor.h"
 #include "service/slots.h"
@@ -16,11 +17,13 @@
 
 #include <QFile>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 
 using namespace quill;
 using quill::dbtest::JobText;
 using quill::test::Emulator;
+using quill::test::PrintedLabels;
 using quill::test::TestInstallation;
 
 namespace {
@@ -33,6 +36,7 @@ class TstQuillmotor : public QObject {
 
     std::unique_ptr<TestInstallation> inst_;
     std::unique_ptr<Emulator> emu_;
+    std::unique_ptr<QTemporaryDir> out_; // labels the emulator printed
     std::unique_ptr<MP104C> drv_;
 
     bool install()
@@ -45,6 +49,8 @@ class TstQuillmotor : public QObject {
     bool start(bool serial)
     {
         emu_ = std::make_unique<Emulator>();
+        out_ = std::make_unique<QTemporaryDir>();
+        emu_->setOutDir(out_->path());
         if (!install() || !(serial ? emu_->startPty(9600) : emu_->startTcp()))
             return false;
         if (serial)
@@ -66,6 +72,7 @@ private slots:
     {
         drv_.reset();
         emu_.reset();
+        out_.reset();
         SetUseLog(false);
         SetSilentMode(false);
         inst_.reset();
@@ -117,29 +124,58 @@ private slots:
     {
         QTest::addColumn<bool>("serial");
         QTest::addColumn<bool>("print");
+        // Before the run, which then has NewTemplate false: a longer job on
+        // template 1, then a "test print" or a "clear" of memory.
+        QTest::addColumn<QString>("before");
         QTest::addColumn<QString>("fault");  // emulator command before the run
         QTest::addColumn<QString>("layout"); // new 1.lbl; "-": none
         QTest::addColumn<QString>("result");
+        QTest::addColumn<QStringList>("labels");
+        const QStringList two{"Första 1/2 t1", "Första 2/2 t1"}, none;
+        const QString longer = "Lång 1/1 t1 [Rad 14/Rad 15/Rad 16/Rad 17]";
 
-        QTest::newRow("check ready, serial") << true << false << "" << "" << Ok;
-        QTest::newRow("check ribbon out") << false << false << "ribbon out" << "" << err(13009);
-        QTest::newRow("check head up, serial") << true << false << "head up" << "" << err(13010);
-        QTest::newRow("check no answer") << false << false << "silent on" << "" << err(13003);
-        QTest::newRow("print") << false << true << "" << "" << Ok;
-        QTest::newRow("print paper out, serial") << true << true << "paper out" << "" << err(13005);
-        QTest::newRow("print no answer, serial") << true << true << "silent on" << "" << err(13003);
-        QTest::newRow("print layout missing") << false << true << "" << "-" << err(13004);
-        QTest::newRow("print layout unparsable") << false << true << "" << "this is no layout\n" << err(13004);
+        QTest::newRow("check ready, serial") << true << false << "" << "" << "" << Ok << none;
+        QTest::newRow("check ribbon out") << false << false << "" << "ribbon out" << "" << err(13009) << none;
+        QTest::newRow("check head up, serial") << true << false << "" << "head up" << "" << err(13010) << none;
+        QTest::newRow("check no answer") << false << false << "" << "silent on" << "" << err(13003) << none;
+        QTest::newRow("print") << false << true << "" << "" << "" << Ok << two;
+        QTest::newRow("print paper out, serial") << true << true << "" << "paper out" << "" << err(13005) << none;
+        QTest::newRow("print no answer, serial") << true << true << "" << "silent on" << "" << err(13003) << none;
+        QTest::newRow("print layout missing") << false << true << "" << "" << "-" << err(13004) << none;
+        QTest::newRow("print layout unparsable")
+            << false << true << "" << "" << "this is no layout\n" << err(13004) << none;
+        // The tag lines the shorter job lacks stay empty.
+        QTest::newRow("print shorter job") << false << true << "longer job" << "" << "" << Ok << QStringList{longer} + two;
+        // The printer no longer holds layout 1: it is sent again.
+        QTest::newRow("print after test print")
+            << false << true << "test print" << "" << "" << Ok << QStringList{longer, " 1/1 t0"} + two;
+        QTest::newRow("print after clear, serial") << true << true << "clear" << "" << "" << Ok << QStringList{longer} + two;
     }
 
     void run()
     {
         QFETCH(bool, serial);
         QFETCH(bool, print);
+        QFETCH(QString, before);
         QFETCH(QString, fault);
         QFETCH(QString, layout);
         QFETCH(QString, result);
+        QFETCH(QStringList, labels);
         QVERIFY2(start(serial), qPrintable(emu_->errorText()));
+        const qint32 id = drv_->PrinterId();
+        if (!before.isEmpty()) {
+            QSignalSpy first(drv_.get(), &MP104C::MPPrintJobFinished);
+            drv_->setTemplateId(1);
+            drv_->setJobId(6);
+            drv_->setJobData(JobText(id, 1, "1", "KASSA1", "user1", "Lång") + "\t\tRad 14\tRad 15\tRad 16\tRad 17");
+            drv_->setNewTemplate(true);
+            QVERIFY(drv_->MPPrintJob() && first.wait(10000));
+            QCOMPARE(drv_->Result(), Ok);
+            if (before == "test print")
+                QCOMPARE(SrvMPTestPrint(drv_->Port(), drv_->Settings()), Ok);
+            else if (before == "clear")
+                QCOMPARE(SrvMPClear(drv_->Port(), drv_->Settings()), Ok);
+        }
         if (!fault.isEmpty())
             QCOMPARE(emu_->command(fault), QStringLiteral("ok"));
         const bool silent = fault == "silent on";
@@ -155,11 +191,10 @@ private slots:
 
         QSignalSpy checked(drv_.get(), &MP104C::MPCheckFinished);
         QSignalSpy printed(drv_.get(), &MP104C::MPPrintJobFinished);
-        const qint32 id = drv_->PrinterId();
         drv_->setTemplateId(1);
         drv_->setJobId(7);
         drv_->setJobData(JobText(id, 1, "2", "KASSA1", "user1", "Första"));
-        drv_->setNewTemplate(true);
+        drv_->setNewTemplate(before.isEmpty());
         QVERIFY(print ? drv_->MPPrintJob() : drv_->MPCheck());
         QVERIFY(checked.isEmpty() && printed.isEmpty()); // all work runs on the event loop
         // What the server reads back is the run's own identity, whatever was
@@ -177,11 +212,15 @@ private slots:
         if (layout != "-")
             QCOMPARE(emu_->log().value(0), serial ? QStringLiteral("open 9600") : QStringLiteral("open"));
         if (print) {
-            const QString done = result == Ok ? QStringLiteral("2 label(s) printed, layout 1 sent") : result;
+            const bool resent = before == "test print" || before == "clear";
+            QString done = result;
+            if (result == Ok)
+                done = before.isEmpty() || resent ? "2 label(s) printed, layout 1 sent" : "2 label(s) printed";
             const QString log = inst_->log("Quillmotor");
             QVERIFY2(log.contains(QStringLiteral("MPPrintJob PId = %1 JId = 7: ").arg(id) + done), qPrintable(log));
+            QCOMPARE(log.count("not held by the printer, sent again"), resent ? 1 : 0);
         }
-        QTRY_COMPARE_WITH_TIMEOUT(emu_->state().value("printed").toInt(), print && result == Ok ? 2 : 0, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out_->path()), labels, 10000);
 
         // After a run without an answer the driver works again once the printer talks.
         if (silent) {

@@ -127,11 +127,17 @@ QStringList PrintedLabels(const QString& dir)
         if (!file.open(QIODevice::ReadOnly))
             continue;
         const QJsonObject o = QJsonDocument::fromJson(file.readAll()).object();
+        const QJsonObject vars = o[QLatin1String("variables")].toObject();
+        QStringList tags;
+        for (int n = 14; n <= 17; ++n)
+            if (const QString v = vars[QString::number(n)].toString(); !v.isEmpty())
+                tags << v;
         out << QStringLiteral("%1 %2/%3 t%4")
-                   .arg(o[QLatin1String("variables")].toObject()[QLatin1String("12")].toString())
-                   .arg(o[QLatin1String("copy")].toInt())
-                   .arg(o[QLatin1String("copies")].toInt())
-                   .arg(o[QLatin1String("template")].toString());
+                       .arg(vars[QLatin1String("12")].toString())
+                       .arg(o[QLatin1String("copy")].toInt())
+                       .arg(o[QLatin1String("copies")].toInt())
+                       .arg(o[QLatin1String("template")].toString())
+                + (tags.isEmpty() ? QString() : QStringLiteral(" [") + tags.join(QLatin1Char('/')) + QLatin1Char(']'));
     }
     return out;
 }

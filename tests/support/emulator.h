@@ -76,7 +76,8 @@ private:
 };
 
 // "caption copy/copies tTemplate" of every label printed into dir, in print
-// order (the caption is variable 12).
+// order (the caption is variable 12), then " [a/b]" when tag lines 14..17
+// printed anything.
 QStringList PrintedLabels(const QString& dir);
 
 } // namespace quill::test

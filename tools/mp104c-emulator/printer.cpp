@@ -202,14 +202,15 @@ bool EmulatedPrinter::handle(const LinkFrame& r, Session& s, LinkFrame* answer)
         answer->result = link::Ok;
     } else if (r.verb == link::Print) {
         const int copies = toInt(a, 0, &ok);
-        if (!ok || copies < 1 || copies > MaxCopies)
-            return true;
-        answer->result = print(copies);
+        if (ok && copies >= 1 && copies <= MaxCopies)
+            answer->result = print(copies, a.value(2));
+        // The values belonged to this run: the next one starts without them.
+        variables_.clear();
     }
     return true;
 }
 
-int EmulatedPrinter::print(int copies)
+int EmulatedPrinter::print(int copies, const QString& layoutName)
 {
     if (ribbonOut)
         return link::ErrRibbon;
@@ -217,7 +218,8 @@ int EmulatedPrinter::print(int copies)
         return link::ErrPaper;
     if (headUp)
         return link::ErrGeneral;
-    if (!hasLayout_)
+    // A named print never falls back on whatever layout happens to be held.
+    if (!hasLayout_ || (!layoutName.isEmpty() && layoutName != layoutName_))
         return link::ErrFile;
     for (int i = 1; i <= copies; ++i)
         writeLabel(i, copies);

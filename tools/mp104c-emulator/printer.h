@@ -49,7 +49,7 @@ public:
     void clearLog() { log_.clear(); }
 
 private:
-    int print(int copies);
+    int print(int copies, const QString& layoutName);
     void writeLabel(int copy, int copies);
     QString logEntry(const LinkFrame& request) const;
 
