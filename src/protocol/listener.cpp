@@ -72,6 +72,7 @@ void Listener::onNewConnection()
         e.socket = s;
         e.buffer.clear();
         e.state = 0;
+        e.serial = ++accepted_;
         connect(s, &QTcpSocket::readyRead, this, [this, k, s] {
             if (entries_[k].socket != s)
                 return;

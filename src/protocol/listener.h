@@ -41,6 +41,9 @@ public:
     void drop(int i);
 
     QString& buffer(int i) { return entries_[i].buffer; }
+    // Which connection holds entry i (0: none); an entry freed and taken again
+    // gets a new number, so a late reply cannot reach the next client.
+    quint64 serial(int i) const { return i >= 1 && i <= MaxConnections ? entries_[i].serial : 0; }
 
     // Called for each arrival with its decoded text and entry index.
     std::function<void(const QString&, int)> onData;
@@ -53,12 +56,14 @@ private:
         qint16 state = -1; // -1 free, 0 connected
         QString buffer;
         QPointer<QTcpSocket> socket;
+        quint64 serial = 0;
     };
     void onNewConnection();
     void onClosed(int i);
 
     QTcpServer server_;
     std::array<Entry, MaxConnections + 1> entries_;
+    quint64 accepted_ = 0;
 };
 
 } // namespace quill

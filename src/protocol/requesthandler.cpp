@@ -95,7 +95,7 @@ void RequestHandler::sendReply(int connection, const QString& text)
     // While a batch is open every reply queues behind it, so none overtakes
     // an earlier reply of the same client.
     if (batchOpen_)
-        pending_.append({connection, ToCp1252(text)});
+        pending_.append({connection, listener_.serial(connection), ToCp1252(text)});
     else
         listener_.send(connection, text);
 }
@@ -125,8 +125,9 @@ void RequestHandler::flush()
     if (svc_.commitBatch)
         svc_.commitBatch();
     const auto replies = std::exchange(pending_, {});
-    for (const auto& [connection, bytes] : replies)
-        listener_.send(connection, bytes);
+    for (const PendingReply& r : replies)
+        if (listener_.serial(r.connection) == r.serial)
+            listener_.send(r.connection, r.bytes);
 }
 
 QString RequestHandler::printRequest(const QString& request)

@@ -69,7 +69,12 @@ private:
     // Ends the turn's batch. A zero timer rather than a posted call: the loop
     // sees it without being woken through its event descriptor.
     QTimer flushTimer_;
-    QList<QPair<int, QByteArray>> pending_;
+    struct PendingReply {
+        int connection;
+        quint64 serial; // of the client that asked
+        QByteArray bytes;
+    };
+    QList<PendingReply> pending_;
 };
 
 } // namespace quill
