@@ -2,6 +2,8 @@
 #include "foundation/cp1252.h"
 #include "foundation/eventlog.h"
 
+#include <QNetworkInterface>
+
 #include <sys/socket.h>
 
 namespace quill {
@@ -95,6 +97,17 @@ void Listener::onClosed(int i)
         e.socket->deleteLater();
     e = Entry{};
     emit connectionsChanged(connectionCount());
+}
+
+QHostAddress Listener::reachableAddress() const
+{
+    const QHostAddress bound = server_.serverAddress();
+    if (bound != QHostAddress::Any && bound != QHostAddress::AnyIPv4 && bound != QHostAddress::AnyIPv6)
+        return bound;
+    for (const QHostAddress& a : QNetworkInterface::allAddresses())
+        if (a.protocol() == QAbstractSocket::IPv4Protocol && !a.isLoopback())
+            return a;
+    return QHostAddress(QHostAddress::LocalHost);
 }
 
 void Listener::send(int i, const QString& text) { send(i, ToCp1252(text)); }

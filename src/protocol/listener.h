@@ -26,6 +26,10 @@ public:
     void close();
     bool isListening() const { return server_.isListening(); }
     QHostAddress localAddress() const { return server_.serverAddress(); }
+    // The address other programs can reach the listener at: the bound one, or,
+    // listening on every interface, the machine's first IPv4 address that is not
+    // loopback (loopback when it has none).
+    QHostAddress reachableAddress() const;
     quint16 localPort() const { return server_.serverPort(); }
 
     // Lowest free entry 1..32, or -1.

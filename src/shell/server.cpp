@@ -156,7 +156,7 @@ Server::StartResult Server::startup()
 
         bool listening = listener_->MainInitTCP(db_->SrvGetServerPort());
         if (listening) {
-            db_->SrvMainSaveTCPSettings(listener_->localAddress().toString(), listener_->localPort());
+            db_->SrvMainSaveTCPSettings(listener_->reachableAddress().toString(), listener_->localPort());
         } else {
             LogWrite(QStringLiteral("Could not initialize TCP-port."));
             MsgBoxUnlessSilent(GetString(12014), BoxIcon::Exclamation);

@@ -8,6 +8,7 @@
 #include "support/emulator.h"
 #include "support/installation.h"
 
+#include <QNetworkInterface>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -263,6 +264,11 @@ void TestRequests::addinFraming()
 
 void TestRequests::connectionLimit()
 {
+    // Other programs look the server up in tbServer: an address of this machine.
+    const QHostAddress ip(inst->scalar("SELECT IP FROM tbServer").toString());
+    QVERIFY2(!ip.isNull() && ip != QHostAddress::AnyIPv4 && ip != QHostAddress::AnyIPv6
+                 && QNetworkInterface::allAddresses().contains(ip),
+             qPrintable(ip.toString()));
     std::vector<std::unique_ptr<QTcpSocket>> clients;
     for (int i = 0; i < Listener::MaxConnections; ++i) {
         clients.push_back(connectClient());
