@@ -207,8 +207,9 @@ QString RequestHandler::addinFraming(const QString& data, int connection)
     b += data;
     QString text = data;
     bool firstPass = true;
+    qsizetype s = -1; // the first start marker in b when the loop ends
     for (;;) {
-        const qsizetype s = b.indexOf(StartMarker);
+        s = b.indexOf(StartMarker);
         if (s < 0)
             break;
         if (firstPass)
@@ -245,7 +246,6 @@ QString RequestHandler::addinFraming(const QString& data, int connection)
     // marker's beginning needs keeping: standard requests on an add-in
     // connection do not pile up. What remains beyond the bound is a record
     // that never ends.
-    const qsizetype s = b.indexOf(StartMarker);
     b.remove(0, s >= 0 ? s : std::max<qsizetype>(0, b.size() - (StartMarker.size() - 1)));
     if (b.size() > Listener::MaxBuffer) {
         LogWrite(QStringLiteral("SrvHandleRequest: add-in buffer of connection %1 exceeded %2 bytes; "
