@@ -2,7 +2,7 @@
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
 #include "foundation/strutil.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <QSysInfo>
 

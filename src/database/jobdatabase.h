@@ -7,7 +7,7 @@
 //   if (!jdb.SrvOpenDatabases()) exit;            // maintenance, then open
 //   jdb.SrvInitServerSettings();                   // autoStartService(), startMinimized()
 //   if (!jdb.SrvPrinterOpenDB()) exit;
-//   MainAddAndInitAllPrinters(jdb, printerSlots);         // database/printerload.h
+//   MainAddAndInitAllPrinters(jdb, printerSlots);         // service/printerload.h
 //   if (!jdb.SrvTemplateTypeOpenDB() || !jdb.SrvJobOpenDB()) fail;
 //   JobStore store(jdb, printerSlots); store.SrvInitAllJobs();   // database/jobstore.h
 //   ...
@@ -27,6 +27,12 @@ inline constexpr const char* AccountFileName = "brixa.mda";
 inline constexpr const char* DatabaseFileName = "brixa.mdb";
 inline constexpr const char* BackupFileName = "brixa_backup.mdb";
 inline constexpr const char* CompactFileName = "brixa_compact.mdb";
+
+// Called after each completed step of the start-up maintenance with the step's
+// name ("backup", "repair", "compact1" .. "compact5"). Only the tests set it, to
+// stop a process at that point; the server never does.
+using MaintenanceStepHook = void (*)(const char* step);
+void SetMaintenanceStepHook(MaintenanceStepHook hook);
 
 // The operating system's computer name (empty when unknown).
 QString ComputerName();

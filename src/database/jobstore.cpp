@@ -2,7 +2,7 @@
 #include "database/jobdatabase.h"
 #include "foundation/eventlog.h"
 #include "foundation/strutil.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <algorithm>
 

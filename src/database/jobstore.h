@@ -15,7 +15,7 @@
 //   if (store.commitBatch()) reply "OK" to both.
 // A job is durable (fsync'd) once SrvAddJob returns outside a batch, or once
 // commitBatch() returns true.
-#include "service/slots.h"
+#include "database/slots.h"
 
 #include <QAbstractTableModel>
 #include <QString>

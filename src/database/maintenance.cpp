@@ -11,7 +11,7 @@
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
 #include "foundation/paths.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -35,14 +35,12 @@ Error errnoError(int err)
     return Error(err, QString::fromLocal8Bit(std::strerror(err)));
 }
 
-// TEST ONLY: QUILL_MAINTENANCE_CRASH_AFTER=<step> ends the process with _exit(99)
-// right after that step has completed (backup, repair, compact1 .. compact5), so
-// the tests can check what a crash at each point leaves on disk.
+MaintenanceStepHook stepHook = nullptr;
+
 void crashPoint(const char* step)
 {
-    static const QByteArray crashAfter = qgetenv("QUILL_MAINTENANCE_CRASH_AFTER");
-    if (!crashAfter.isEmpty() && crashAfter == step)
-        ::_exit(99);
+    if (stepHook)
+        stepHook(step);
 }
 
 bool exists(const QString& path)
@@ -264,6 +262,11 @@ void checkAccountFile(const QString& path)
 }
 
 } // namespace
+
+void SetMaintenanceStepHook(MaintenanceStepHook hook)
+{
+    stepHook = hook;
+}
 
 bool JobDatabase::SrvOpenDatabases()
 {

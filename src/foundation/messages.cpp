@@ -1,6 +1,6 @@
 #include "foundation/messages.h"
 #include "foundation/eventlog.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <QTextStream>
 

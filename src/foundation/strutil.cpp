@@ -1,6 +1,6 @@
 #include "foundation/strutil.h"
 #include "foundation/error.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <cmath>
 #include <limits>

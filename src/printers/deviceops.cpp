@@ -7,8 +7,8 @@
 #include "printers/comapi.h"
 #include "printers/link.h"
 #include "printers/printerrecord.h"
-#include "service/slots.h"
-#include "shell/texts.h"
+#include "database/slots.h"
+#include "foundation/texts.h"
 
 #include <QCoreApplication>
 #include <array>

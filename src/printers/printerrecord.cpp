@@ -5,8 +5,8 @@
 #include "foundation/messages.h"
 #include "foundation/strutil.h"
 #include "printers/deviceops.h"
-#include "service/slots.h"
-#include "shell/texts.h"
+#include "database/slots.h"
+#include "foundation/texts.h"
 
 namespace quill {
 

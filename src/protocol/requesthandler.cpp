@@ -6,8 +6,8 @@
 #include "foundation/strutil.h"
 #include "protocol/listener.h"
 #include "protocol/traffic.h"
-#include "service/slots.h"
-#include "shell/texts.h"
+#include "database/slots.h"
+#include "foundation/texts.h"
 
 #include <QFileInfo>
 #include <QTimer>

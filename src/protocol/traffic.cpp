@@ -1,5 +1,5 @@
 #include "protocol/traffic.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 namespace quill {
 

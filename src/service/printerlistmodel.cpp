@@ -1,8 +1,6 @@
 #include "service/printerlistmodel.h"
-#include "service/slots.h"
-#include "shell/texts.h"
-
-#include <QColor>
+#include "database/slots.h"
+#include "foundation/texts.h"
 
 namespace quill {
 
@@ -59,10 +57,6 @@ QVariant PrinterListModel::data(const QModelIndex& index, int role) const
         return QStringLiteral("PType") + QString::number(s.printerTypeId);
     case PassiveRole:
         return s.status == StatusPassive;
-    case Qt::ForegroundRole:
-        if (s.status == StatusPassive)
-            return QColor(Qt::gray);
-        return {};
     default:
         return {};
     }

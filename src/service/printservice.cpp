@@ -2,14 +2,14 @@
 
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
-#include "database/printerload.h"
+#include "service/printerload.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
-#include "service/slots.h"
-#include "shell/texts.h"
+#include "database/slots.h"
+#include "foundation/texts.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

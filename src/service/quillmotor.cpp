@@ -6,7 +6,7 @@
 #include "foundation/strutil.h"
 #include "printers/link.h"
 #include "printers/linktransport.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <QDateTime>
 #include <QFile>

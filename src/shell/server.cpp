@@ -1,7 +1,7 @@
 #include "shell/server.h"
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
-#include "database/printerload.h"
+#include "service/printerload.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
@@ -13,7 +13,7 @@
 #include "protocol/requesthandler.h"
 #include "protocol/traffic.h"
 #include "service/printservice.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,5 +1,5 @@
 #pragma once
-#include "service/slots.h"
+#include "database/slots.h"
 
 #include <QLockFile>
 #include <QObject>

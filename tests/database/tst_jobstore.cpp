@@ -3,7 +3,7 @@
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
 #include "database/lists.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 #include "support/dbfixture.h"
 
 #include <QRandomGenerator>

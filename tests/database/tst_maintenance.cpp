@@ -9,7 +9,7 @@
 #include "foundation/eventlog.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 #include "support/dbfixture.h"
 
 #include <QCoreApplication>
@@ -307,6 +307,11 @@ int main(int argc, char** argv)
         SetUseLog(true);
         LogInit("Quillbase");
         SetSilentMode(true);
+        static const QByteArray crashAfter = qgetenv("QUILL_MAINTENANCE_CRASH_AFTER");
+        SetMaintenanceStepHook([](const char* step) {
+            if (crashAfter == step)
+                ::_exit(99);
+        });
         JobDatabase jdb;
         return jdb.SrvOpenDatabases() ? 0 : 1;
     }

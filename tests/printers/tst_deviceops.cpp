@@ -9,8 +9,8 @@
 #include "printers/comapi.h"
 #include "printers/deviceops.h"
 #include "printers/printerrecord.h"
-#include "service/slots.h"
-#include "shell/texts.h"
+#include "database/slots.h"
+#include "foundation/texts.h"
 #include "support/dbfixture.h"
 #include "support/emulator.h"
 

@@ -1,5 +1,5 @@
 // Label layouts: parser, placeholders, Code 128 bars, rendering of our layouts.
-#include "printers/label.h"
+#include "label/label.h"
 
 #include <QFile>
 #include <QtTest>

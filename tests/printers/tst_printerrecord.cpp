@@ -7,8 +7,8 @@
 #include "foundation/paths.h"
 #include "printers/deviceops.h"
 #include "printers/printerrecord.h"
-#include "service/slots.h"
-#include "shell/texts.h"
+#include "database/slots.h"
+#include "foundation/texts.h"
 #include "support/dbfixture.h"
 
 #include <QFile>

@@ -7,7 +7,7 @@
 #include "service/printerlistmodel.h"
 #include "service/printservice.h"
 #include "shell/server.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 #include "support/dbfixture.h"
 #include "support/emulator.h"
 #include "support/installation.h"

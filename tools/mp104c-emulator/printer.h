@@ -2,7 +2,7 @@
 // The emulated printer: parameters, counters, faults, the stored layout and
 // variables, and the answer to each link request. Shared by every connection
 // (network and pty) of one emulator process.
-#include "printers/label.h"
+#include "label/label.h"
 #include "printers/link.h"
 
 #include <QJsonObject>

@@ -1,8 +1,8 @@
-#include "database/printerload.h"
+#include "service/printerload.h"
 #include "database/jobdatabase.h"
 #include "foundation/strutil.h"
 #include "printers/printerrecord.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 namespace quill {
 

@@ -1,4 +1,4 @@
-#include "service/slots.h"
+#include "database/slots.h"
 #include "foundation/error.h"
 
 namespace quill {

@@ -1,5 +1,5 @@
 #include "foundation/paths.h"
-#include "shell/texts.h"
+#include "foundation/texts.h"
 
 #include <QDir>
 #include <QFile>

@@ -6,7 +6,7 @@
 //
 // There is no error trap here: a database error, or a printer Id outside the slot
 // table, throws quill::Error to the start-up trap.
-#include "service/slots.h"
+#include "database/slots.h"
 
 #include <QVector>
 

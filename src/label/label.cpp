@@ -1,4 +1,4 @@
-#include "printers/label.h"
+#include "label/label.h"
 
 #include <QFont>
 #include <QFontMetrics>
