@@ -10,28 +10,45 @@ namespace {
 
 class LoggingSink final : public MessageSink {
 public:
-    BoxAnswer show(const QString& title, const QString& text, BoxIcon, BoxButtons buttons) override
+    BoxAnswer show(const Box& box) override
     {
-        QString flat = text;
+        QString flat = box.text;
         flat.replace(QLatin1String("\r\n"), QLatin1String(" ")).replace(QLatin1Char('\n'), QLatin1Char(' '));
         LogWrite(QStringLiteral("Message: ") + flat);
-        QTextStream(stderr) << title << ": " << flat << Qt::endl;
-        return buttons == BoxButtons::YesNo ? BoxAnswer::Yes : BoxAnswer::Ok;
+        QTextStream(stderr) << box.title << ": " << flat << Qt::endl;
+        return box.buttons == BoxButtons::YesNo ? BoxAnswer::Yes : BoxAnswer::Ok;
     }
 };
 
 LoggingSink defaultSink;
 MessageSink* current = &defaultSink;
 bool silent = false;
+QObject* owner = nullptr;
 
 } // namespace
 
 MessageSink& Messages() { return *current; }
 void SetMessageSink(MessageSink* sink) { current = sink ? sink : &defaultSink; }
 
+BoxOwnerScope::BoxOwnerScope(QObject* o) : previous_(owner)
+{
+    owner = o;
+}
+
+BoxOwnerScope::~BoxOwnerScope()
+{
+    owner = previous_;
+}
+
 BoxAnswer MsgBox(const QString& text, BoxIcon icon, BoxButtons buttons)
 {
-    return current->show(GetString(9003), text, icon, buttons);
+    const BoxAnswer first = buttons == BoxButtons::YesNo ? BoxAnswer::Yes : BoxAnswer::Ok;
+    return current->show(Box{GetString(9003), text, icon, buttons, first, owner});
+}
+
+BoxAnswer AskNoDefault(const QString& text)
+{
+    return current->show(Box{GetString(9003), text, BoxIcon::Question, BoxButtons::YesNo, BoxAnswer::No, owner});
 }
 
 void SetSilentMode(bool on) { silent = on; }

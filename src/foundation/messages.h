@@ -1,6 +1,8 @@
 #pragma once
 #include <QString>
 
+class QObject;
+
 namespace quill {
 
 // Every message box and question of the server goes through here, so the
@@ -9,10 +11,33 @@ enum class BoxIcon { None, Information, Exclamation, Critical, Question };
 enum class BoxButtons { Ok, YesNo, OkCancel };
 enum class BoxAnswer { Ok, Yes, No, Cancel };
 
+// One box: what it says and which answers it offers.
+struct Box {
+    QString title;
+    QString text;
+    BoxIcon icon = BoxIcon::None;
+    BoxButtons buttons = BoxButtons::Ok;
+    BoxAnswer defaultAnswer = BoxAnswer::Ok; // the button Enter presses
+    QObject* owner = nullptr;                // the window the box is modal to (BoxOwnerScope)
+};
+
 class MessageSink {
 public:
     virtual ~MessageSink() = default;
-    virtual BoxAnswer show(const QString& title, const QString& text, BoxIcon icon, BoxButtons buttons) = 0;
+    virtual BoxAnswer show(const Box& box) = 0;
+};
+
+// The window that boxes raised within this scope belong to (the dialog whose
+// button ran the command); scopes nest.
+class BoxOwnerScope {
+public:
+    explicit BoxOwnerScope(QObject* owner);
+    ~BoxOwnerScope();
+    BoxOwnerScope(const BoxOwnerScope&) = delete;
+    BoxOwnerScope& operator=(const BoxOwnerScope&) = delete;
+
+private:
+    QObject* previous_;
 };
 
 // The sink in use; the default one logs the box and answers Ok/Yes.
@@ -21,6 +46,8 @@ void SetMessageSink(MessageSink* sink); // nullptr restores the default
 
 // Shows a box titled with the display title (text 9003).
 BoxAnswer MsgBox(const QString& text, BoxIcon icon = BoxIcon::None, BoxButtons buttons = BoxButtons::Ok);
+// A Yes/No question whose default button is No.
+BoxAnswer AskNoDefault(const QString& text);
 
 // The silent-mode switch: error and warning boxes are only logged while it is on.
 void SetSilentMode(bool on);

@@ -240,7 +240,7 @@ bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32
                           PrinterRowView* list)
 {
     try {
-        if (MsgBox(GetString(12040, rowText), BoxIcon::Question, BoxButtons::YesNo) != BoxAnswer::Yes)
+        if (AskNoDefault(GetString(12040, rowText)) != BoxAnswer::Yes)
             return false;
         if (rs.seek(QStringLiteral("="), printerId)) {
             rs.Delete();

@@ -11,10 +11,19 @@
 
 namespace quill::dbtest {
 
-BoxAnswer RecordingSink::show(const QString&, const QString& text, BoxIcon icon, BoxButtons buttons)
+BoxAnswer RecordingSink::show(const Box& box)
 {
-    boxes.append({text, icon});
-    return buttons == BoxButtons::YesNo ? answer : BoxAnswer::Ok;
+    boxes.append({box.text, box.icon, box.defaultAnswer, box.owner});
+    const bool yes = answer == BoxAnswer::Yes || answer == BoxAnswer::Ok;
+    switch (box.buttons) {
+    case BoxButtons::YesNo:
+        return yes ? BoxAnswer::Yes : BoxAnswer::No;
+    case BoxButtons::OkCancel:
+        return yes ? BoxAnswer::Ok : BoxAnswer::Cancel;
+    case BoxButtons::Ok:
+        break;
+    }
+    return BoxAnswer::Ok;
 }
 
 QStringList RecordingSink::texts() const

@@ -16,16 +16,19 @@ namespace quill::dbtest {
 struct ShownBox {
     QString text;
     BoxIcon icon;
+    BoxAnswer defaultAnswer = BoxAnswer::Ok;
+    QObject* owner = nullptr;
     // "question: <text>", "exclamation: <text>" or "information: <text>".
     QString described() const;
 };
 
-// Records every box while it lives; answers Ok, and `answer` to a yes/no question.
+// Records every box while it lives; answers Ok, and `answer` to a question
+// (Yes or No; OK or Cancel for an OK/Cancel question).
 class RecordingSink final : public MessageSink {
 public:
     RecordingSink() { SetMessageSink(this); }
     ~RecordingSink() override { SetMessageSink(nullptr); }
-    BoxAnswer show(const QString& title, const QString& text, BoxIcon icon, BoxButtons buttons) override;
+    BoxAnswer show(const Box& box) override;
     QStringList texts() const;
     QList<ShownBox> boxes;
     BoxAnswer answer = BoxAnswer::Yes;
