@@ -11,6 +11,7 @@ QString FixedText(const QString& text, int width)
 void PrinterSlots::reset()
 {
     slots_.fill(PrinterSlot{});
+    emit cleared();
 }
 
 qint32 PrinterSlots::FreeSlot() const
@@ -21,7 +22,7 @@ qint32 PrinterSlots::FreeSlot() const
     return -1;
 }
 
-PrinterSlot& PrinterSlots::at(qint32 index)
+PrinterSlot& PrinterSlots::slot(qint32 index)
 {
     if (index < 0 || index > UpperBound)
         throw Error(9, QStringLiteral("Subscript out of range"));
@@ -30,33 +31,45 @@ PrinterSlot& PrinterSlots::at(qint32 index)
 
 const PrinterSlot& PrinterSlots::at(qint32 index) const
 {
-    return const_cast<PrinterSlots*>(this)->at(index);
+    return const_cast<PrinterSlots*>(this)->slot(index);
+}
+
+void PrinterSlots::setPrinter(qint32 n, const PrinterSlot& loaded)
+{
+    PrinterSlot& s = slot(n);
+    const bool wasInUse = s.inUse;
+    s.printerId = loaded.printerId;
+    s.name = loaded.name;
+    s.printerTypeId = loaded.printerTypeId;
+    s.connectionType = loaded.connectionType;
+    s.connectionString = loaded.connectionString;
+    s.displayText = loaded.displayText;
+    s.passive = loaded.passive;
+    s.inUse = true;
+    if (wasInUse)
+        emit printerChanged(n);
+    else
+        emit printerAdded(n);
+}
+
+void PrinterSlots::removePrinter(qint32 n)
+{
+    PrinterSlot& s = slot(n);
+    if (!s.inUse)
+        return;
+    s.inUse = false;
+    emit printerRemoved(n);
 }
 
 void PrinterSlots::SrvSetPrinterStatus(qint32 n, qint32 code, const QString& text)
 {
-    PrinterSlot& s = at(n);
+    PrinterSlot& s = slot(n);
     s.prevStatus = s.status;
     s.prevStatusText = s.statusText;
     s.status = code;
     s.statusText = FixedText(text, 255);
     s.statusTime = QDateTime::currentDateTime();
-    // A copy: an observer may add or remove observers.
-    const auto observers = observers_;
-    for (const auto& o : observers)
-        o.second(n);
-}
-
-int PrinterSlots::addStatusObserver(std::function<void(qint32 n)> fn)
-{
-    const int handle = nextObserver_++;
-    observers_.emplace_back(handle, std::move(fn));
-    return handle;
-}
-
-void PrinterSlots::removeStatusObserver(int handle)
-{
-    std::erase_if(observers_, [handle](const auto& o) { return o.first == handle; });
+    emit statusChanged(n);
 }
 
 } // namespace quill

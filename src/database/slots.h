@@ -1,9 +1,8 @@
 #pragma once
 #include <QDateTime>
+#include <QObject>
 #include <QString>
 #include <array>
-#include <functional>
-#include <vector>
 
 namespace quill {
 
@@ -37,11 +36,16 @@ struct PrinterSlot {
 };
 
 // Slot table with indices 0..6; only 1..5 are slots (slot number = tbPrinter.Id).
-class PrinterSlots {
+// The one place a printer or a status changes: every change goes through a
+// member below and is announced, after it is made, by a signal.
+class PrinterSlots : public QObject {
+    Q_OBJECT
 public:
     static constexpr int UpperBound = 6;
 
-    void reset(); // every field zero, empty or false
+    explicit PrinterSlots(QObject* parent = nullptr) : QObject(parent) {}
+
+    void reset(); // every field zero, empty or false; announced by cleared()
 
     bool valid(qint32 n) const { return n >= 1 && n < UpperBound; }
     bool SrvPrinterExists(qint32 n) const { return valid(n) && slots_[n].inUse; }
@@ -50,21 +54,28 @@ public:
     qint32 FreeSlot() const;
 
     // Index 0..6; anything else raises Error 9 "Subscript out of range".
-    PrinterSlot& at(qint32 index);
     const PrinterSlot& at(qint32 index) const;
 
+    // A printer loaded into slot n: its identity, connection and passive flag
+    // from `loaded`; the status fields stay as they are. The slot is in use.
+    void setPrinter(qint32 n, const PrinterSlot& loaded);
+    // Slot n no longer in use (its fields stay until it is loaded again).
+    void removePrinter(qint32 n);
+
     // The only way a status changes: the current status becomes the previous one.
-    // Observers hear of every change (after it is made), whoever made it.
     void SrvSetPrinterStatus(qint32 n, qint32 code, const QString& text);
 
-    // Returns a handle for removeStatusObserver.
-    int addStatusObserver(std::function<void(qint32 n)> fn);
-    void removeStatusObserver(int handle);
+signals:
+    void printerAdded(qint32 n);
+    void printerChanged(qint32 n);
+    void printerRemoved(qint32 n);
+    void statusChanged(qint32 n);
+    void cleared();
 
 private:
+    PrinterSlot& slot(qint32 index);
+
     std::array<PrinterSlot, UpperBound + 1> slots_{};
-    std::vector<std::pair<int, std::function<void(qint32)>>> observers_;
-    int nextObserver_ = 1;
 };
 
 } // namespace quill

@@ -467,32 +467,21 @@ bool SrvMPConfig(PrinterSettings& dialog)
     }
 }
 
-void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row)
+void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot)
 {
     qint32 printerId = slot;
     try {
         printerId = printerSlots.at(slot).printerId;
         printerSlots.SrvSetPrinterStatus(slot, StatusChecking, GetString(12080));
-        if (row) {
-            row->showStatus(slot, GetString(12080), GetString(12050));
-            row->selectRow(slot);
-        }
         yieldToEvents();
 
         const QString result = SrvMPCheck(printerSlots.at(slot));
         const QString outcome = GetToken(result, TAB, 1);
         const QString reason = GetToken(result, TAB, 2);
-        if (outcome == QLatin1String("OK")) {
+        if (outcome == QLatin1String("OK"))
             printerSlots.SrvSetPrinterStatus(slot, StatusReady, GetString(12079));
-            if (row)
-                row->showStatus(slot, GetString(12079), GetString(12051));
-        } else {
+        else
             printerSlots.SrvSetPrinterStatus(slot, StatusError, reason);
-            if (row)
-                row->showStatus(slot, GetString(12082), reason);
-        }
-        if (row)
-            row->selectRow(slot);
         yieldToEvents();
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvInitPrinterAfterConfig failed. PId = ") + QString::number(printerId)
@@ -500,14 +489,10 @@ void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterR
     }
 }
 
-void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row)
+void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot)
 {
     try {
         printerSlots.SrvSetPrinterStatus(slot, StatusPassive, GetString(12083));
-        if (row) {
-            row->showStatus(slot, GetString(12083), GetString(12052));
-            row->selectRow(slot);
-        }
         yieldToEvents();
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvPassivePrinterAfterConfig failed. PId = ") + QString::number(slot)

@@ -63,25 +63,9 @@ QString TestPrintTitle();
 // The test layout file in the installation folder.
 QString TestLayoutPath();
 
-// The main window's printer list, one row per printer slot.
-class PrinterRowView {
-public:
-    virtual ~PrinterRowView() = default;
-    // A saved printer's row: added for a new printer, refreshed for an edited one.
-    virtual void addRow(qint32 slot) = 0;
-    virtual void updateRow(qint32 slot) = 0;
-    virtual void removeRow(qint32 slot) = 0;
-    // Status column: the picture keyed by the status word and the text; the
-    // row is grey when the word is the passive one.
-    virtual void showStatus(qint32 slot, const QString& statusWord, const QString& text) = 0;
-    // Selects the row and scrolls it into view.
-    virtual void selectRow(qint32 slot) = 0;
-};
-
 // After a printer was saved: a device check decides Ready or Error (the slot
-// shows Checking meanwhile); a passive printer just becomes Passive. row may
-// be null.
-void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row);
-void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot, PrinterRowView* row);
+// shows Checking meanwhile); a passive printer just becomes Passive.
+void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot);
+void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot);
 
 } // namespace quill

@@ -10,7 +10,6 @@
 
 namespace quill {
 
-qint32 EditPrinterId = -1;
 
 namespace {
 
@@ -180,8 +179,10 @@ qint32 SrvPrinterAddNew(TableRecordset& rs, PrinterSlots& printerSlots, const Pr
     try {
         rs.setField(QStringLiteral("Id"), slot);
         WritePrinterFields(RowWriter(rs), dialog, true);
-        SrvPrinterLoadSlot(printerSlots.at(slot), RowReader(rs));
+        PrinterSlot loaded = printerSlots.at(slot);
+        SrvPrinterLoadSlot(loaded, RowReader(rs));
         rs.Update();
+        printerSlots.setPrinter(slot, loaded);
     } catch (...) {
         rs.CancelUpdate();
         throw;
@@ -189,19 +190,22 @@ qint32 SrvPrinterAddNew(TableRecordset& rs, PrinterSlots& printerSlots, const Pr
     return slot;
 }
 
-qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog)
+qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, qint32 editPrinterId,
+                        const PrinterSettings& dialog)
 {
     // Job results seek the printer recordset too, so the row the edit command
     // found may no longer be the current one.
-    if (!rs.seek(QStringLiteral("="), EditPrinterId))
+    if (!rs.seek(QStringLiteral("="), editPrinterId))
         throw Error(ErrNoCurrentRecord, QStringLiteral("No current record."));
     rs.Edit();
     qint32 id = -1;
     try {
         WritePrinterFields(RowWriter(rs), dialog, false);
-        SrvPrinterLoadSlot(printerSlots.at(EditPrinterId), RowReader(rs));
+        PrinterSlot loaded = printerSlots.at(editPrinterId);
+        SrvPrinterLoadSlot(loaded, RowReader(rs));
         id = NullToLong(rs.field(QStringLiteral("Id")), -1);
         rs.Update();
+        printerSlots.setPrinter(editPrinterId, loaded);
     } catch (...) {
         rs.CancelUpdate();
         throw;
@@ -210,25 +214,19 @@ qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, const Pr
 }
 
 qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog, int mode,
-                          PrinterRowView* list)
+                          qint32 editPrinterId)
 {
     qint32 id = -1;
     try {
         SrvPopulateRecordset(rs);
-        if (mode == PrinterSettings::ModeNew) {
+        if (mode == PrinterSettings::ModeNew)
             id = SrvPrinterAddNew(rs, printerSlots, dialog);
-            if (list)
-                list->addRow(id);
-        } else {
-            id = SrvPrinterUpdate(rs, printerSlots, dialog);
-            if (list)
-                list->updateRow(id);
-        }
-        EditPrinterId = -1;
-        if (printerSlots.SrvPrinterIsPassive(id))
-            SrvPassivePrinterAfterConfig(printerSlots, id, list);
         else
-            SrvInitPrinterAfterConfig(printerSlots, id, list);
+            id = SrvPrinterUpdate(rs, printerSlots, editPrinterId, dialog);
+        if (printerSlots.SrvPrinterIsPassive(id))
+            SrvPassivePrinterAfterConfig(printerSlots, id);
+        else
+            SrvInitPrinterAfterConfig(printerSlots, id);
         return id;
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMainPrinterSave failed. Error: ") + errorText(e));
@@ -236,8 +234,7 @@ qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const 
     }
 }
 
-bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32 printerId, const QString& rowText,
-                          PrinterRowView* list)
+bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32 printerId, const QString& rowText)
 {
     try {
         if (AskNoDefault(GetString(12040, rowText)) != BoxAnswer::Yes)
@@ -247,9 +244,7 @@ bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32
             if (rs.RecordCount() > 0)
                 rs.MoveFirst();
         }
-        printerSlots.at(printerId).inUse = false;
-        if (list)
-            list->removeRow(printerId);
+        printerSlots.removePrinter(printerId);
         return true;
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMainPrinterDelete failed. Error: ") + errorText(e));

@@ -12,7 +12,6 @@ namespace quill {
 
 class PrinterSlots;
 struct PrinterSlot;
-class PrinterRowView;
 class Recordset;
 class TableRecordset;
 
@@ -47,9 +46,6 @@ constexpr int SpeedSteps = 8;   // item data 0..7
 constexpr qint32 DefaultDispensingFeed = 60;
 constexpr quint16 DefaultNetPort = 23;
 
-// The id of the printer whose dialog is open for editing, -1 when none.
-extern qint32 EditPrinterId;
-
 // Connection strings and the device-library names derived from them.
 QString SerialConnectionString(qint32 port, qint32 rate);            // COM1:#9600
 QString NetConnectionString(const QString& address, const QString& port); // 10.0.0.5#23
@@ -78,7 +74,8 @@ void SrvPrinterFillDialog(const FieldReader& row, PrinterSettings& dialog, const
 // Writes the dialog's fields (every column but Id and CurrentTemplateId).
 void WritePrinterFields(const FieldWriter& row, const PrinterSettings& dialog, bool newPrinter);
 
-// Fills the slot's printer fields from a row and marks the slot in use.
+// Fills a slot record's printer fields from a row and marks it in use (the
+// caller puts it into the table with PrinterSlots::setPrinter).
 void SrvPrinterLoadSlot(PrinterSlot& slot, const FieldReader& row);
 
 // Readers and writers on the printer recordset's current (or pending) row.
@@ -91,19 +88,19 @@ void SrvPrinterFillDialog(const Recordset& rs, PrinterSettings& dialog, const QL
 // Saves the dialog as a new printer in the lowest free slot; returns its Id.
 // Throws to the caller's trap (no free slot, database errors).
 qint32 SrvPrinterAddNew(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog);
-// Saves the dialog over printer EditPrinterId; returns its Id. Throws like AddNew.
-qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog);
+// Saves the dialog over the edited printer; returns its Id. Throws like AddNew.
+qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, qint32 editPrinterId,
+                        const PrinterSettings& dialog);
 
-// The dialog's OK after validation: add (mode 1) or update (mode 2), refresh the
-// list row, reset EditPrinterId, then the after-save check. Returns the printer's
-// Id, or -1 when saving failed (logged). The dialog closes itself afterwards.
+// The dialog's OK after validation: add (mode 1) or update printer
+// editPrinterId (mode 2), then the after-save check. Returns the printer's Id,
+// or -1 when saving failed (logged).
 qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog, int mode,
-                          PrinterRowView* list);
+                          qint32 editPrinterId);
 
-// Asks, then deletes the printer, frees its slot and removes its list row.
-// rowText is the selected row's text; printerId its tag. True when deleted.
-bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32 printerId, const QString& rowText,
-                          PrinterRowView* list);
+// Asks (No is the default), then deletes the printer and frees its slot.
+// rowText is the printer's row text. True when deleted.
+bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32 printerId, const QString& rowText);
 
 // The slot's one-line description: "2 Kassa på COM2:".
 QString PrinterDisplayText(qint32 printerId, const QString& name, const QString& connection);

@@ -20,12 +20,14 @@ QString StatusWord(qint32 code)
 PrinterListModel::PrinterListModel(PrinterSlots& slotTable, QObject* parent)
     : QAbstractTableModel(parent), slots_(slotTable)
 {
-    observer_ = slots_.addStatusObserver([this](qint32 n) { updatePrinter(n); });
-}
-
-PrinterListModel::~PrinterListModel()
-{
-    slots_.removeStatusObserver(observer_);
+    connect(&slots_, &PrinterSlots::printerAdded, this, &PrinterListModel::addPrinter);
+    connect(&slots_, &PrinterSlots::printerRemoved, this, &PrinterListModel::removePrinter);
+    connect(&slots_, &PrinterSlots::printerChanged, this, &PrinterListModel::updatePrinter);
+    connect(&slots_, &PrinterSlots::statusChanged, this, &PrinterListModel::updatePrinter);
+    connect(&slots_, &PrinterSlots::cleared, this, &PrinterListModel::clear);
+    for (qint32 n = 1; n < PrinterSlots::UpperBound; ++n)
+        if (slots_.SrvPrinterExists(n))
+            rows_.append(n);
 }
 
 int PrinterListModel::rowCount(const QModelIndex& parent) const
@@ -73,16 +75,6 @@ QVariant PrinterListModel::headerData(int section, Qt::Orientation orientation, 
     return {};
 }
 
-void PrinterListModel::reload()
-{
-    beginResetModel();
-    rows_.clear();
-    for (qint32 n = 1; n < PrinterSlots::UpperBound; ++n)
-        if (slots_.SrvPrinterExists(n))
-            rows_.append(n);
-    endResetModel();
-}
-
 void PrinterListModel::clear()
 {
     beginResetModel();
@@ -117,21 +109,6 @@ void PrinterListModel::updatePrinter(qint32 printerId)
     const int row = rowOf(printerId);
     if (row >= 0)
         emit dataChanged(index(row, 0), index(row, ColumnCount - 1));
-}
-
-void PrinterListModel::showStatus(qint32 slot, const QString& statusWord, const QString& text)
-{
-    // The row shows the slot's own status, which the caller has just set.
-    Q_UNUSED(statusWord);
-    Q_UNUSED(text);
-    updatePrinter(slot);
-}
-
-void PrinterListModel::selectRow(qint32 slot)
-{
-    const int row = rowOf(slot);
-    if (row >= 0)
-        emit rowSelectionRequested(row);
 }
 
 int PrinterListModel::rowOf(qint32 printerId) const

@@ -15,8 +15,9 @@ QVector<qint32> MainAddAndInitAllPrinters(JobDatabase& jdb, PrinterSlots& printe
         rs.MoveFirst();
         while (!rs.IsEOF()) {
             const qint32 id = NullToLong(rs.field(QStringLiteral("Id")), -1);
-            PrinterSlot& slot = printerSlots.at(id);
+            PrinterSlot slot = printerSlots.at(id);
             SrvPrinterLoadSlot(slot, RowReader(rs));
+            printerSlots.setPrinter(id, slot);
             if (slot.passive)
                 printerSlots.SrvSetPrinterStatus(id, StatusPassive, GetString(12052));
             else

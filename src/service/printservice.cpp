@@ -80,7 +80,7 @@ PrintService::PrintService(PrinterSlots& slotTable, JobDatabase& jdb, JobStore& 
     }
     statusTimer_.setInterval(statusIntervalMs_);
     connect(&statusTimer_, &QTimer::timeout, this, &PrintService::statusPass);
-    observer_ = slots_.addStatusObserver([this](qint32 n) {
+    connect(&slots_, &PrinterSlots::statusChanged, this, [this](qint32 n) {
         const PrinterSlot& s = slots_.at(n);
         emit printerStatusChanged(n, s.status, s.statusText.trimmed());
     });
@@ -88,16 +88,12 @@ PrintService::PrintService(PrinterSlots& slotTable, JobDatabase& jdb, JobStore& 
 
 PrintService::~PrintService()
 {
-    slots_.removeStatusObserver(observer_);
     releaseDrivers();
 }
 
 void PrintService::MainAddAndInitAllPrinters()
 {
-    list_.clear();
-    const QVector<qint32> ids = quill::MainAddAndInitAllPrinters(jdb_, slots_);
-    for (qint32 id : ids)
-        list_.addPrinter(id);
+    quill::MainAddAndInitAllPrinters(jdb_, slots_);
 }
 
 // ---------------------------------------------------------------- drivers

@@ -5,7 +5,7 @@
 //
 //   PrintService svc(slotTable, jdb, store);
 //   if (!svc.MainCreateQuillmotors()) fail;          // start-up
-//   ... printers loaded into the slots, svc.printerList().reload() ...
+//   svc.MainAddAndInitAllPrinters();                  // printers into the slots
 //   svc.enableStatusTimer(); ReConfigCOMPrinters(slotTable); svc.statusPass();
 //   svc.startService();                               // operator / auto-start
 //   ...
@@ -41,8 +41,8 @@ public:
     ~PrintService() override;
 
     PrinterListModel& printerList() { return list_; }
-    // Loads every tbPrinter row into its slot (Ready or Passive) and rebuilds
-    // the printer list. Throws to the caller's trap, as start-up expects.
+    // Loads every tbPrinter row into its slot (Ready or Passive); the printer
+    // list follows. Throws to the caller's trap, as start-up expects.
     void MainAddAndInitAllPrinters();
     PrinterSlots& printerSlots() { return slots_; }
 
@@ -126,7 +126,6 @@ private:
     JobDatabase& jdb_;
     JobStore& store_;
     PrinterListModel list_;
-    int observer_ = 0;
 
     std::array<MP104C*, 6> drivers_{};
     DriverFactory factory_;

@@ -32,7 +32,42 @@ QString activated(bool on)
 }
 } // namespace
 
-Server::Server(Options options, QObject* parent) : QObject(parent), options_(options) {}
+// Every part exists from construction to destruction, so a window can bind to
+// the models before start-up runs and never holds a dangling reference; start-up
+// opens them and shutdown closes them.
+Server::Server(Options options, QObject* parent)
+    : QObject(parent),
+      options_(options),
+      db_(std::make_unique<JobDatabase>()),
+      jobs_(std::make_unique<JobStore>(*db_, printers_)),
+      service_(std::make_unique<PrintService>(printers_, *db_, *jobs_)),
+      traffic_(std::make_unique<TrafficIndicator>()),
+      listener_(std::make_unique<Listener>())
+{
+    service_->setStatusInterval(options_.statusIntervalMs);
+    RequestServices services;
+    services.serviceRunning = [this] { return serviceRunning(); };
+    services.printers = &printers_;
+    services.templateInDB = [this](qint32 id) { return db_->SrvTemplateInDB(id); };
+    services.addJob = [this](const QString& text) { jobs_->SrvAddJob(text); };
+    services.clearCurrentTemplate = [this](qint32 id) { clearCurrentTemplate(id); };
+    services.jobSenders = [this] {
+        QList<QPair<qint32, QString>> senders;
+        const JobListModel& list = jobs_->jobList();
+        for (int r = 0; r < list.count(); ++r)
+            senders.append({list.rowAt(r).id, list.rowAt(r).senderTag()});
+        return senders;
+    };
+    services.deleteJob = [this](qint32 id) {
+        jobs_->SrvDBDeleteJob(id);
+        jobs_->SrvRemoveJobRow(id);
+    };
+    services.beginBatch = [this] { return jobs_->beginBatch(); };
+    services.commitBatch = [this] { return jobs_->commitBatch(); };
+    handler_ = std::make_unique<RequestHandler>(*listener_, *traffic_, std::move(services));
+    listener_->onData = [this](const QString& text, int i) { handler_->SrvHandleRequest(text, i); };
+    connect(service_.get(), &PrintService::serviceStateChanged, this, &Server::serviceStateChanged);
+}
 
 Server::~Server()
 {
@@ -103,8 +138,6 @@ Server::StartResult Server::startup()
                      .arg(QUILL_VERSION_PATCH)
                      .arg(RequestHandler::ProtocolVersion));
 
-        traffic_ = std::make_unique<TrafficIndicator>();
-        db_ = std::make_unique<JobDatabase>();
         if (!db_->SrvOpenDatabases()) {
             starting_ = false;
             shutDown_ = true;
@@ -119,9 +152,6 @@ Server::StartResult Server::startup()
             return NoDatabase;
         }
         printers_.reset();
-        jobs_ = std::make_unique<JobStore>(*db_, printers_);
-        service_ = std::make_unique<PrintService>(printers_, *db_, *jobs_);
-        service_->setStatusInterval(options_.statusIntervalMs);
         if (!service_->MainCreateQuillmotors())
             return fail(StartupFailed);
         service_->MainAddAndInitAllPrinters();
@@ -129,32 +159,11 @@ Server::StartResult Server::startup()
             return fail(StartupFailed);
         jobs_->SrvInitAllJobs();
 
-        listener_ = std::make_unique<Listener>();
         listener_->resetConnections();
-        RequestServices services;
-        services.serviceRunning = [this] { return serviceRunning(); };
-        services.printers = &printers_;
-        services.templateInDB = [this](qint32 id) { return db_->SrvTemplateInDB(id); };
-        services.addJob = [this](const QString& text) { jobs_->SrvAddJob(text); };
-        services.clearCurrentTemplate = [this](qint32 id) { clearCurrentTemplate(id); };
-        services.jobSenders = [this] {
-            QList<QPair<qint32, QString>> senders;
-            const JobListModel& list = jobs_->jobList();
-            for (int r = 0; r < list.count(); ++r)
-                senders.append({list.rowAt(r).id, list.rowAt(r).senderTag()});
-            return senders;
-        };
-        services.deleteJob = [this](qint32 id) {
-            jobs_->SrvDBDeleteJob(id);
-            jobs_->SrvRemoveJobRow(id);
-        };
-        services.beginBatch = [this] { return jobs_->beginBatch(); };
-        services.commitBatch = [this] { return jobs_->commitBatch(); };
-        handler_ = std::make_unique<RequestHandler>(*listener_, *traffic_, std::move(services));
         handler_->setAddinScala(addinScala_);
-        listener_->onData = [this](const QString& text, int i) { handler_->SrvHandleRequest(text, i); };
 
-        bool listening = listener_->MainInitTCP(db_->SrvGetServerPort());
+        const bool listening = listener_->MainInitTCP(db_->SrvGetServerPort());
+        emit listenerChanged(listening);
         if (listening) {
             db_->SrvMainSaveTCPSettings(listener_->reachableAddress().toString(), listener_->localPort());
         } else {
@@ -183,19 +192,17 @@ Server::StartResult Server::startup()
 
 bool Server::serviceRunning() const
 {
-    return service_ && service_->serviceRunning();
+    return service_->serviceRunning();
 }
 
 void Server::startService()
 {
-    if (service_)
-        service_->startService();
+    service_->startService();
 }
 
 void Server::stopService()
 {
-    if (service_)
-        service_->stopService();
+    service_->stopService();
 }
 
 void Server::clearCurrentTemplate(qint32 templateId)
@@ -222,23 +229,15 @@ void Server::shutdown()
     if (shutDown_)
         return;
     shutDown_ = true;
+    emit aboutToShutDown();
     try {
         // As the service button stops it: a run under way is dropped with the
         // drivers below, and its job stays queued for the next start.
         stopService();
-        if (handler_)
-            handler_->flush();
-        if (listener_)
-            listener_->close();
-        if (service_)
-            service_->shutdown();
-        handler_.reset();
-        listener_.reset();
-        service_.reset();
-        jobs_.reset();
-        if (db_)
-            db_->SrvCloseDatabases();
-        db_.reset();
+        handler_->flush();
+        listener_->close();
+        service_->shutdown();
+        db_->SrvCloseDatabases();
         LogWrite(QStringLiteral("Quillbase terminated."));
     } catch (...) {
         // The unload path always ends the process.

@@ -33,6 +33,7 @@ public:
     void shutdown();
 
     bool starting() const { return starting_; }
+    bool shutDown() const { return shutDown_; }
     // The service button, for callers without a window.
     bool serviceRunning() const;
     void startService();
@@ -41,6 +42,7 @@ public:
     // Operator switches read at start-up.
     bool silentMode() const;
     bool quitQuestion() const { return quitQuestion_; }
+    void setQuitQuestion(bool on) { quitQuestion_ = on; }
     bool autostartAtLogon() const { return autostartAtLogon_; }
     bool addinScala() const { return addinScala_; }
 
@@ -55,6 +57,12 @@ public:
 
 signals:
     void startupFinished();
+    // The listener was opened (true) or could not be (false), at start-up or
+    // when the operator changed the port.
+    void listenerChanged(bool listening);
+    void serviceStateChanged(bool running);
+    // Shutdown begins: the parts are closed next (they live on until ~Server).
+    void aboutToShutDown();
 
 private:
     StartResult fail(StartResult r);

@@ -128,8 +128,7 @@ void TestJobStore::rowColumns()
 {
     QFETCH(QString, fields);
     QFETCH(QString, shown);
-    printerSlots.at(2).inUse = true;
-    printerSlots.at(2).name = FixedText("  Bar", 25);
+    printerSlots.setPrinter(2, {.name = FixedText("  Bar", 25)});
     const QStringList f = fields.split(QLatin1Char(';'));
     QVERIFY(store->SrvAddJob(JobText(0, 1, f[1], f[2], f[3], f[4]).replace("\tP\t0\t", "\tP\t" + f[0] + "\t")));
     QCOMPARE(shownRows(store->jobList()), QStringList{shown});

@@ -23,19 +23,6 @@ using quill::dbtest::CurrentLogText;
 
 namespace {
 
-class Rows final : public PrinterRowView {
-public:
-    QStringList events;
-    void addRow(qint32 slot) override { events << QStringLiteral("add %1").arg(slot); }
-    void updateRow(qint32 slot) override { events << QStringLiteral("update %1").arg(slot); }
-    void removeRow(qint32 slot) override { events << QStringLiteral("remove %1").arg(slot); }
-    void showStatus(qint32 slot, const QString& word, const QString& text) override
-    {
-        events << QStringLiteral("status %1 %2|%3").arg(slot).arg(word, text);
-    }
-    void selectRow(qint32) override {}
-};
-
 // The dialog's fields in one line: name|type|serial or network|port|rate|
 // address|loaded address|net port|connect only|strobe|speed|passive|advanced;
 // "-" for a list with nothing selected.
@@ -100,7 +87,6 @@ private slots:
         slots_.reset();
         sink.boxes.clear();
         sink.answer = BoxAnswer::Yes;
-        EditPrinterId = -1;
     }
     void cleanup()
     {
@@ -198,13 +184,14 @@ void TestPrinterRecord::slotsAreGivenAndFreed()
     for (const char* name : {"a", "b", "c", "d"})
         addPrinter(name);
     // Deleting asks first; No keeps everything.
-    Rows rows;
+    quill::dbtest::SlotEvents rows(slots_);
     sink.answer = BoxAnswer::No;
-    QVERIFY(!SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:", &rows));
+    QVERIFY(!SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:"));
     QCOMPARE(sink.texts(), QStringList{GetString(12040, "3 c på COM1:")});
+    QCOMPARE(sink.boxes.value(0).defaultAnswer, BoxAnswer::No);
     QVERIFY(slots_.SrvPrinterExists(3));
     sink.answer = BoxAnswer::Yes;
-    QVERIFY(SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:", &rows));
+    QVERIFY(SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:"));
     QCOMPARE(rows.events, QStringList{"remove 3"});
     QCOMPARE(stored(3, "Name"), QString("<no row>"));
 
@@ -217,13 +204,13 @@ void TestPrinterRecord::slotsAreGivenAndFreed()
 
     // All five taken: the save path traps it, logs it and writes nothing.
     rows.events.clear();
-    QCOMPARE(SrvMainPrinterSave(*rs, slots_, d, PrinterSettings::ModeNew, &rows), -1);
+    QCOMPARE(SrvMainPrinterSave(*rs, slots_, d, PrinterSettings::ModeNew, -1), -1);
     QVERIFY(rows.events.isEmpty());
     QVERIFY(CurrentLogText().contains("SrvMainPrinterSave failed. Error: 9 Subscript out of range"));
     QCOMPARE(rs->RecordCount(), 5);
 
     // An id from no row is trapped too.
-    QVERIFY(!SrvMainPrinterDelete(*rs, slots_, -1, "", nullptr));
+    QVERIFY(!SrvMainPrinterDelete(*rs, slots_, -1, ""));
     QVERIFY(CurrentLogText().contains("SrvMainPrinterDelete failed. Error: 9 Subscript out of range"));
 }
 
@@ -239,22 +226,23 @@ void TestPrinterRecord::slotCopyAndDisplayText()
     // Connection 4 loads unchanged; an unknown number keeps the old string.
     insertRow({{"Id", 4}, {"Name", "n"}, {"ConnectionUsed", 4}, {"Connection4", "LPT1:"}});
     QVERIFY(rs->seek("=", 4));
-    SrvPrinterLoadSlot(slots_.at(4), RowReader(*rs));
-    QCOMPARE(slots_.at(4).connectionString, QString("LPT1:"));
+    PrinterSlot four;
+    SrvPrinterLoadSlot(four, RowReader(*rs));
+    QCOMPARE(four.connectionString, QString("LPT1:"));
     insertRow({{"Id", 5}, {"Name", "m"}, {"ConnectionUsed", 7}});
     QVERIFY(rs->seek("=", 5));
-    slots_.at(5).connectionString = "COM4:#9600";
-    SrvPrinterLoadSlot(slots_.at(5), RowReader(*rs));
-    QCOMPARE(slots_.at(5).displayText, QString("5 m på COM4:"));
+    PrinterSlot five{.connectionString = "COM4:#9600"};
+    SrvPrinterLoadSlot(five, RowReader(*rs));
+    QCOMPARE(five.displayText, QString("5 m på COM4:"));
 }
 
 void TestPrinterRecord::saveRunsAfterSaveCheck()
 {
     // A passive printer gets no device check.
-    Rows rows;
     addPrinter("one");
-    QCOMPARE(SrvMainPrinterSave(*rs, slots_, {.name = "two", .passive = true}, PrinterSettings::ModeNew, &rows), 2);
-    QCOMPARE(rows.events, (QStringList{"add 2", "status 2 " + GetString(12083) + "|" + GetString(12052)}));
+    quill::dbtest::SlotEvents rows(slots_);
+    QCOMPARE(SrvMainPrinterSave(*rs, slots_, {.name = "two", .passive = true}, PrinterSettings::ModeNew, -1), 2);
+    QCOMPARE(rows.events, (QStringList{"add 2", "status 2 " + GetString(12083)}));
     QCOMPARE(slots_.at(2).status, qint32(StatusPassive));
 
     // Edited while something else moved the recordset; nothing selected as
@@ -263,14 +251,12 @@ void TestPrinterRecord::saveRunsAfterSaveCheck()
     rows.events.clear();
     const PrinterSettings edit{
         .name = "Kiosk", .printerTypeId = std::nullopt, .serial = false, .netAddress = "127.0.0.1", .netPort = "1"};
-    EditPrinterId = 2;
     rs->MoveFirst();
-    QCOMPARE(SrvMainPrinterSave(*rs, slots_, edit, PrinterSettings::ModeEdit, &rows), 2);
-    QCOMPARE(EditPrinterId, -1);
+    QCOMPARE(SrvMainPrinterSave(*rs, slots_, edit, PrinterSettings::ModeEdit, 2), 2);
     QCOMPARE(stored(2, "Name, PrinterTypeId"), QString("Kiosk|-1"));
     QCOMPARE(stored(1, "Name"), QString("one"));
     QCOMPARE(slots_.at(2).displayText, QString("2 Kiosk på 127.0.0.1"));
-    QCOMPARE(rows.events.value(0), QString("update 2"));
+    QCOMPARE(rows.events.value(0), QString("change 2"));
     QCOMPARE(slots_.at(2).statusText.trimmed(), GetString(12038));
 }
 

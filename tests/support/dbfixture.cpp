@@ -26,6 +26,19 @@ BoxAnswer RecordingSink::show(const Box& box)
     return BoxAnswer::Ok;
 }
 
+SlotEvents::SlotEvents(PrinterSlots& t)
+{
+    auto note = [this](const char* what) {
+        return [this, what](qint32 n) { events << QStringLiteral("%1 %2").arg(QLatin1String(what)).arg(n); };
+    };
+    QObject::connect(&t, &PrinterSlots::printerAdded, &context_, note("add"));
+    QObject::connect(&t, &PrinterSlots::printerChanged, &context_, note("change"));
+    QObject::connect(&t, &PrinterSlots::printerRemoved, &context_, note("remove"));
+    QObject::connect(&t, &PrinterSlots::statusChanged, &context_, [this, &t](qint32 n) {
+        events << QStringLiteral("status %1 %2").arg(n).arg(t.at(n).statusText.trimmed());
+    });
+}
+
 QStringList RecordingSink::texts() const
 {
     QStringList out;

@@ -2,6 +2,7 @@
 // Helpers for the job-database tests: a fresh installation folder per test,
 // message boxes recorded instead of shown, and direct reads of a database file
 // through a connection of its own.
+#include "database/slots.h"
 #include "foundation/messages.h"
 
 #include <QFileInfo>
@@ -32,6 +33,17 @@ public:
     QStringList texts() const;
     QList<ShownBox> boxes;
     BoxAnswer answer = BoxAnswer::Yes;
+};
+
+// What the slot table announced while this lives: "add n", "change n",
+// "remove n", "status n <status text>".
+class SlotEvents {
+public:
+    explicit SlotEvents(PrinterSlots& printerSlots);
+    QStringList events;
+
+private:
+    QObject context_; // ends the connections with this recorder
 };
 
 // A temporary installation folder made the home and current folder, with the

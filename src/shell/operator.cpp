@@ -1,0 +1,428 @@
+#include "shell/operator.h"
+#include "database/jobdatabase.h"
+#include "database/jobstore.h"
+#include "database/lists.h"
+#include "database/slots.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/settings.h"
+#include "foundation/strutil.h"
+#include "foundation/texts.h"
+#include "printers/deviceops.h"
+#include "protocol/listener.h"
+#include "service/printservice.h"
+#include "shell/server.h"
+
+#include <QTimer>
+
+namespace quill {
+
+// The wait text of a lengthy command: busy from construction to destruction.
+class Operator::Busy {
+public:
+    explicit Busy(Operator& op) : op_(op) { emit op_.busyChanged(true); }
+    ~Busy() { emit op_.busyChanged(false); }
+    Busy(const Busy&) = delete;
+    Busy& operator=(const Busy&) = delete;
+
+private:
+    Operator& op_;
+};
+
+Operator::Operator(Server& server, QObject* parent) : QObject(parent), server_(server)
+{
+    qRegisterMetaType<PrinterSettings>();
+    connect(&server_, &Server::serviceStateChanged, this, &Operator::serviceStateChanged);
+    connect(&server_, &Server::listenerChanged, this, &Operator::serviceAvailableChanged);
+}
+
+Operator::~Operator() = default;
+
+Operator::Outcome Operator::refused(Field field)
+{
+    invalidField_ = field;
+    return field == Field::None ? Outcome::Refused : Outcome::Invalid;
+}
+
+// ------------------------------------------------------------------ service
+
+bool Operator::serviceRunning() const
+{
+    return server_.serviceRunning();
+}
+
+bool Operator::serviceAvailable() const
+{
+    return server_.listener().isListening();
+}
+
+Operator::Outcome Operator::startService()
+{
+    if (serviceRunning())
+        return Outcome::NothingToDo;
+    if (!serviceAvailable())
+        return Outcome::Refused;
+    server_.startService();
+    return serviceRunning() ? Outcome::Done : Outcome::Failed;
+}
+
+Operator::Outcome Operator::stopService()
+{
+    if (!serviceRunning())
+        return Outcome::NothingToDo;
+    server_.stopService();
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::toggleService()
+{
+    return serviceRunning() ? stopService() : startService();
+}
+
+// ------------------------------------------------------------------ jobs
+
+Operator::Outcome Operator::deleteJob(qint32 jobId)
+{
+    if (serviceRunning())
+        return Outcome::Refused;
+    JobStore& jobs = server_.jobs();
+    if (jobs.jobList().count() == 0)
+        return Outcome::NothingToDo;
+    const int row = jobs.jobList().findJob(jobId);
+    if (row < 0)
+        return Outcome::Invalid;
+    if (AskNoDefault(GetString(12041, jobs.jobList().rowAt(row).text)) != BoxAnswer::Yes)
+        return Outcome::Declined;
+    // The service may have been started while the question was open.
+    if (serviceRunning())
+        return Outcome::Refused;
+    Busy busy(*this);
+    jobs.SrvDBDeleteJob(jobId);
+    jobs.SrvRemoveJobRow(jobId);
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::deleteAllJobs()
+{
+    if (serviceRunning())
+        return Outcome::Refused;
+    JobStore& jobs = server_.jobs();
+    if (jobs.jobList().count() == 0)
+        return Outcome::NothingToDo;
+    if (AskNoDefault(GetString(12042)) != BoxAnswer::Yes)
+        return Outcome::Declined;
+    if (serviceRunning())
+        return Outcome::Refused;
+    Busy busy(*this);
+    for (int n = jobs.jobList().count(); n > 0 && jobs.jobList().count() > 0; --n) {
+        const qint32 id = jobs.jobList().rowAt(0).id;
+        jobs.SrvDBDeleteJob(id);
+        jobs.SrvRemoveJobRow(id);
+    }
+    return Outcome::Done;
+}
+
+// ------------------------------------------------------------------ printers
+
+Operator::Outcome Operator::openNewPrinter(PrinterSettings* dialog)
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    if (server_.printers().FreeSlot() < 1) {
+        MsgBox(GetString(12028), BoxIcon::Information);
+        return Outcome::Refused;
+    }
+    EditPrinterId = -1;
+    mode_ = PrinterSettings::ModeNew;
+    dialogOpen_ = true;
+    if (dialog) {
+        *dialog = PrinterSettings{};
+        ValueList types;
+        SrvPrinterFillPrinterType(server_.database(), types);
+        dialog->printerTypeId = types.selected >= 0 ? std::optional<qint32>(types.entries[types.selected].itemData)
+                                                    : std::nullopt;
+    }
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::openEditPrinter(qint32 printerId, PrinterSettings* dialog)
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    EditPrinterId = -1;
+    PrinterSlots& printers = server_.printers();
+    if (!printers.SrvPrinterExists(printerId) || !server_.database().SrvSeekPrinter(printerId))
+        return Outcome::Refused;
+    const qint32 status = printers.at(printerId).status;
+    if (status == StatusWorking || status == StatusChecking)
+        return Outcome::Refused;
+    printers.SrvSetPrinterStatus(printerId, StatusConfiguring, GetString(12074));
+    EditPrinterId = printerId;
+    mode_ = PrinterSettings::ModeEdit;
+    dialogOpen_ = true;
+    if (dialog) {
+        *dialog = PrinterSettings{};
+        ValueList types;
+        SrvPrinterFillPrinterType(server_.database(), types);
+        QList<qint32> typeIds;
+        for (const auto& e : types.entries)
+            typeIds << e.itemData;
+        SrvPrinterFillDialog(*server_.database().printerRecordset(), *dialog, typeIds);
+    }
+    return Outcome::Done;
+}
+
+qint32 Operator::editingPrinter() const
+{
+    return EditPrinterId;
+}
+
+Operator::Outcome Operator::savePrinter(PrinterSettings& dialog, qint32* printerId)
+{
+    invalidField_ = Field::None;
+    if (deviceBusy_)
+        return Outcome::Busy;
+    if (!dialogOpen_)
+        return Outcome::Refused;
+    if (dialog.name.trimmed().isEmpty()) {
+        MsgBox(GetString(12025), BoxIcon::Information);
+        return refused(Field::PrinterName);
+    }
+    if (!dialog.serial && dialog.netAddress.trimmed().isEmpty()) {
+        MsgBox(GetString(12026), BoxIcon::Information);
+        return refused(Field::NetAddress);
+    }
+    if (!dialog.serial && dialog.netPort.trimmed().isEmpty()) {
+        MsgBox(GetString(12027), BoxIcon::Information);
+        dialog.netPort = QString::number(DefaultNetPort);
+        return refused(Field::NetPort);
+    }
+    qint32 id = -1;
+    {
+        Busy busy(*this);
+        // The dialog is over whether or not the save works.
+        dialogOpen_ = false;
+        const qint32 edited = EditPrinterId;
+        EditPrinterId = -1;
+        id = SrvMainPrinterSave(*server_.database().printerRecordset(), server_.printers(), dialog, mode_, edited);
+    }
+    if (printerId)
+        *printerId = id;
+    if (id < 1)
+        return Outcome::Failed;
+    emit printerSelected(id);
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::cancelPrinter()
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    if (!dialogOpen_)
+        return Outcome::NothingToDo;
+    Busy busy(*this);
+    PrinterSlots& printers = server_.printers();
+    if (EditPrinterId > 0 && printers.valid(EditPrinterId)) {
+        const PrinterSlot& s = printers.at(EditPrinterId);
+        printers.SrvSetPrinterStatus(EditPrinterId, s.prevStatus, s.prevStatusText.trimmed());
+    }
+    EditPrinterId = -1;
+    dialogOpen_ = false;
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::deletePrinter(qint32 printerId)
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    PrinterSlots& printers = server_.printers();
+    if (!printers.SrvPrinterExists(printerId))
+        return Outcome::Refused;
+    // Not while its dialog is open: the save would write a row that is gone.
+    if (dialogOpen_ && EditPrinterId == printerId)
+        return Outcome::Refused;
+    const QString rowText = printers.at(printerId).displayText.trimmed();
+    if (!SrvMainPrinterDelete(*server_.database().printerRecordset(), printers, printerId, rowText))
+        return printers.SrvPrinterExists(printerId) ? Outcome::Declined : Outcome::Failed;
+    return Outcome::Done;
+}
+
+// ------------------------------------------------------------------ device operations
+
+Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog)
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    deviceBusy_ = true;
+    // The result always arrives later, as a running operation's would.
+    QTimer::singleShot(0, this, [this, operation, dialog] {
+        PrinterSettings values = dialog;
+        const Outcome outcome = runDeviceOperation(operation, values);
+        deviceBusy_ = false;
+        emit deviceOperationFinished(operation, outcome, values);
+    });
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::runDeviceOperation(DeviceOperation operation, PrinterSettings& dialog)
+{
+    Busy busy(*this);
+    if (operation == DeviceOperation::Configure)
+        return SrvMPConfig(dialog) ? Outcome::Done : Outcome::Failed;
+
+    if (!IsConfigurableType(dialog.printerTypeId.value_or(1)))
+        return Outcome::Refused;
+    QString deviceName, settings;
+    DialogDevice(dialog, &deviceName, &settings);
+    QString result;
+    switch (operation) {
+    case DeviceOperation::TestPrint:
+        result = SrvMPTestPrint(deviceName, settings);
+        break;
+    case DeviceOperation::ClearMemory:
+        result = SrvMPClear(deviceName, settings);
+        break;
+    case DeviceOperation::Calibrate:
+        result = SrvMPCal(deviceName, settings);
+        break;
+    case DeviceOperation::Configure:
+        break;
+    }
+    const QString outcome = GetToken(result, TAB, 1);
+    if (outcome == QLatin1String("OK"))
+        return Outcome::Done;
+    const QString text = GetString(12024) + QLatin1Char(' ') + GetToken(result, TAB, 2) + QLatin1Char('\r');
+    if (outcome == QLatin1String("ERR"))
+        MsgBoxUnlessSilent(text, BoxIcon::Exclamation);
+    else
+        MsgBox(text, BoxIcon::Information);
+    return Outcome::Failed;
+}
+
+// ------------------------------------------------------------------ printer status
+
+Operator::Outcome Operator::refresh()
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    Busy busy(*this);
+    server_.printService().statusPass();
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::fullRefresh()
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    Busy busy(*this);
+    ReConfigCOMPrinters(server_.printers());
+    server_.printService().statusPass();
+    return Outcome::Done;
+}
+
+// ------------------------------------------------------------------ settings
+
+Operator::ServerSettings Operator::serverSettings() const
+{
+    JobDatabase& db = server_.database();
+    ServerSettings s;
+    s.port = QString::number(db.SrvGetServerPort());
+    s.autoStartAtLogon = server_.autostartAtLogon();
+    s.autoStartService = db.autoStartService() > 0;
+    s.startMinimized = db.startMinimized() > 0;
+    s.silentMode = SilentMode();
+    s.useLog = UseLog();
+    s.useTrafficLog = UseTrafficLog();
+    s.quitQuestion = server_.quitQuestion();
+    return s;
+}
+
+Operator::Outcome Operator::openSettings()
+{
+    if (!serviceRunning())
+        return Outcome::Done;
+    if (MsgBox(GetString(12016) + QLatin1Char('\n') + GetString(12017), BoxIcon::Question, BoxButtons::YesNo)
+        != BoxAnswer::Yes)
+        return Outcome::Declined;
+    server_.stopService();
+    return Outcome::Done;
+}
+
+Operator::Outcome Operator::saveSettings(const ServerSettings& settings, PortChange* portChange)
+{
+    invalidField_ = Field::None;
+    if (portChange)
+        *portChange = PortChange::Unchanged;
+    bool ok = false;
+    const qint32 port = settings.port.trimmed().toInt(&ok);
+    if (!ok || port < 1 || port > 65535) {
+        MsgBox(GetString(12143), BoxIcon::Information);
+        return refused(Field::ServerPort);
+    }
+
+    JobDatabase& db = server_.database();
+    db.SrvMainSaveSettings(settings.autoStartService ? 1 : 0, settings.startMinimized ? 1 : 0);
+    const auto store = [](const char* name, bool on) {
+        RegSetValue(HKEY_CURRENT_USER, KeyQuillbase, QString::fromLatin1(name), 4, on ? 1 : 0);
+    };
+    store("dwSilentMode", settings.silentMode);
+    SetSilentMode(settings.silentMode);
+    store("dwUseLog", settings.useLog);
+    SetUseLog(settings.useLog);
+    store("dwUseTrafficLog", settings.useTrafficLog);
+    SetUseTrafficLog(settings.useTrafficLog);
+    store("dwQuitQuestion", settings.quitQuestion);
+    server_.setQuitQuestion(settings.quitQuestion);
+    emit silentModeChanged(settings.silentMode);
+
+    if (port == db.SrvGetServerPort())
+        return Outcome::Done;
+    Listener& listener = server_.listener();
+    if (listener.MainInitTCP(port)) {
+        MsgBox(GetString(12001) + QStringLiteral("\n\n") + GetString(12002) + QStringLiteral("\n\n")
+                   + GetString(12003) + QStringLiteral("\n    ") + GetString(12004) + QStringLiteral("\n\n")
+                   + GetString(12005),
+               BoxIcon::Information);
+        emit server_.listenerChanged(true);
+        db.SrvMainSaveTCPSettings(listener.reachableAddress().toString(), listener.localPort());
+        if (portChange)
+            *portChange = PortChange::Rebound;
+        return Outcome::Done;
+    }
+    emit server_.listenerChanged(false);
+    MsgBox(GetString(12006), BoxIcon::Exclamation);
+    if (portChange)
+        *portChange = PortChange::RebindFailed;
+    return Outcome::Failed;
+}
+
+// ------------------------------------------------------------------ quitting
+
+bool Operator::CanQuit(bool force)
+{
+    emit busyChanged(true);
+    if (force)
+        return true;
+    if (server_.starting()) {
+        emit busyChanged(false);
+        MsgBox(GetString(12020), BoxIcon::Information);
+        return false;
+    }
+    const PrinterSlots& printers = server_.printers();
+    for (qint32 n = 1; n < PrinterSlots::UpperBound; ++n) {
+        if (printers.SrvPrinterExists(n) && printers.at(n).status == StatusWorking) {
+            emit busyChanged(false);
+            MsgBox(GetString(12021) + QLatin1Char('\n') + GetString(12022), BoxIcon::Information);
+            return false;
+        }
+    }
+    if (server_.quitQuestion()) {
+        emit busyChanged(false);
+        if (MsgBox(GetString(12023, GetString(9003)), BoxIcon::Question, BoxButtons::OkCancel) != BoxAnswer::Ok)
+            return false;
+        emit busyChanged(true);
+    }
+    return true;
+}
+
+} // namespace quill

@@ -1,0 +1,157 @@
+#pragma once
+// The operator's command surface: every action the main window, its dialogs
+// and a headless operator can take. Each command runs the server's own steps,
+// asks its questions and shows its boxes through the message sink
+// (foundation/messages.h), and returns what happened as a value, so a window,
+// a control command and a test all see the same outcome.
+//
+//   Operator op(server);                       // after Server is constructed
+//   op.toggleService();                        // cmdService
+//   PrinterSettings dialog;
+//   if (op.openEditPrinter(2, &dialog) == Outcome::Done) { ... op.savePrinter(dialog); }
+//   if (op.CanQuit(false)) ...                 // exit commands
+//
+// Nothing here blocks on a window: questions are answered by the sink in use.
+#include "printers/printerrecord.h"
+
+#include <QObject>
+#include <QString>
+
+namespace quill {
+
+class Server;
+
+class Operator : public QObject {
+    Q_OBJECT
+public:
+    enum class Outcome {
+        Done,        // the command ran
+        Declined,    // the operator answered No or Cancel to its question
+        Refused,     // the server's rules do not allow it now (a box said why, where the server shows one)
+        Invalid,     // the values given were not accepted (see invalidField()); nothing changed
+        Failed,      // it ran and failed; the event log has the line
+        Busy,        // a device operation is under way; nothing was started
+        NothingToDo, // e.g. delete with an empty queue
+    };
+    Q_ENUM(Outcome)
+
+    // Dialog fields a refused save or settings change points at.
+    enum class Field { None, PrinterName, NetAddress, NetPort, ServerPort };
+    Q_ENUM(Field)
+
+    enum class DeviceOperation { Configure, TestPrint, ClearMemory, Calibrate };
+    Q_ENUM(DeviceOperation)
+
+    // The port and the seven switches of the settings dialog.
+    struct ServerSettings {
+        QString port;                  // as typed; must be a number 1..65535
+        bool autoStartAtLogon = false; // shown only, never saved
+        bool autoStartService = false; // tbServer
+        bool startMinimized = false;   // tbServer
+        bool silentMode = false;       // per-user settings store
+        bool useLog = false;
+        bool useTrafficLog = false;
+        bool quitQuestion = false;
+    };
+    enum class PortChange { Unchanged, Rebound, RebindFailed };
+    Q_ENUM(PortChange)
+
+    explicit Operator(Server& server, QObject* parent = nullptr);
+    ~Operator() override;
+
+    // --- print service --------------------------------------------------
+    bool serviceRunning() const;
+    // Starting tells the operator (box) when it cannot; Refused without a listener.
+    Outcome startService();
+    Outcome stopService();
+    Outcome toggleService();
+    // The service button can be pressed: the listener is open.
+    bool serviceAvailable() const;
+
+    // --- jobs (only while the service is stopped) ------------------------
+    // Asks 12041 (No the default) with the job's row text; Refused while the
+    // service runs, Invalid for a job that is not queued.
+    Outcome deleteJob(qint32 jobId);
+    // Asks 12042 (No the default), then deletes every queued job.
+    Outcome deleteAllJobs();
+
+    // --- printers ---------------------------------------------------------
+    // New: Refused with box 12028 when five printers are in use; otherwise
+    // the dialog's fields start empty (defaults) and no printer is being edited.
+    Outcome openNewPrinter(PrinterSettings* dialog);
+    // Edit: Refused (no box) when the printer does not exist or is Working or
+    // Checking; otherwise its status becomes Configuring and the dialog is filled.
+    Outcome openEditPrinter(qint32 printerId, PrinterSettings* dialog);
+    // The printer being edited (-1 for a new printer or when no dialog is open).
+    qint32 editingPrinter() const;
+    bool printerDialogOpen() const { return dialogOpen_; }
+    // OK: validation (12025, 12026, 12027 which also puts "23" into the port),
+    // then save as new or over the edited printer, the after-save check, and the
+    // dialog is over. Invalid leaves it open. printerId gets the saved Id.
+    Outcome savePrinter(PrinterSettings& dialog, qint32* printerId = nullptr);
+    // Cancel, Escape, close box: the edited printer gets its previous status back.
+    Outcome cancelPrinter();
+    // Asks 12040 with the printer's row text, deletes the row and frees the slot.
+    Outcome deletePrinter(qint32 printerId);
+    // Which field savePrinter or saveSettings refused last.
+    Field invalidField() const { return invalidField_; }
+
+    // --- device operations on the dialog's values ----------------------------
+    // Starts the operation on the values given (a printer's dialog, open or
+    // not); Busy while another runs, else Done: deviceOperationFinished follows,
+    // always later, with its outcome (Refused for a type without device
+    // support) and the values (a successful network configuration updates the
+    // loaded address). While it runs, printer commands answer Busy.
+    Outcome startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog);
+    bool deviceOperationRunning() const { return deviceBusy_; }
+
+    // --- printer status -------------------------------------------------------
+    // Uppdatera: one status pass now. Fullständig uppdatering: serial printers
+    // reconfigured, then one pass.
+    Outcome refresh();
+    Outcome fullRefresh();
+
+    // --- settings -----------------------------------------------------------------
+    ServerSettings serverSettings() const;
+    // Before the dialog opens: with the service running asks 12016/12017 and,
+    // on Yes, stops it. Declined on No.
+    Outcome openSettings();
+    // Saves the switches and, when the port changed, rebinds the listener
+    // (box 12001.. on success, 12006 on failure). Invalid (nothing saved) when
+    // the port is not a number 1..65535.
+    Outcome saveSettings(const ServerSettings& settings, PortChange* portChange = nullptr);
+
+    // --- quitting ---------------------------------------------------------------
+    // May the program end now: refused while starting (12020) or while a
+    // printer works (12021/12022); the quit question (12023) when it is on.
+    // force answers true without asking.
+    bool CanQuit(bool force);
+
+signals:
+    void serviceStateChanged(bool running);
+    void serviceAvailableChanged(bool available);
+    // A lengthy command starts (true) and ends (false): the busy pointer.
+    void busyChanged(bool busy);
+    void silentModeChanged(bool on);
+    // The printer a command just saved or checked, for the list's selection.
+    void printerSelected(qint32 printerId);
+    void deviceOperationFinished(quill::Operator::DeviceOperation operation, quill::Operator::Outcome outcome,
+                                 const quill::PrinterSettings& dialog);
+
+private:
+    class Busy;
+    Outcome runDeviceOperation(DeviceOperation operation, PrinterSettings& dialog);
+    Outcome refused(Field field);
+
+    Server& server_;
+    // The printer whose dialog is open for editing, -1 when none.
+    qint32 EditPrinterId = -1;
+    int mode_ = PrinterSettings::ModeNew;
+    bool dialogOpen_ = false;
+    bool deviceBusy_ = false;
+    Field invalidField_ = Field::None;
+};
+
+} // namespace quill
+
+Q_DECLARE_METATYPE(quill::PrinterSettings)
