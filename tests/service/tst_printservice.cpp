@@ -12,6 +12,7 @@
 #include "support/emulator.h"
 #include "support/installation.h"
 
+#include <QAbstractItemModelTester>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -50,6 +51,11 @@ private slots:
         QVERIFY(inst_->setServer(TestInstallation::freePort(), false));
         // No status pass but those a test makes, after the start-up one.
         srv_ = std::make_unique<Server>(Server::Options{3600000});
+        // The models are checked through every change the tests below make.
+        new QAbstractItemModelTester(&srv_->jobs().jobList(), QAbstractItemModelTester::FailureReportingMode::QtTest,
+                                     srv_.get());
+        new QAbstractItemModelTester(&srv_->printService().printerList(),
+                                     QAbstractItemModelTester::FailureReportingMode::QtTest, srv_.get());
         QCOMPARE(srv_->startup(), Server::Started);
         svc_ = &srv_->printService();
         events_.clear();

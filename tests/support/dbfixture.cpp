@@ -14,6 +14,8 @@ namespace quill::dbtest {
 BoxAnswer RecordingSink::show(const Box& box)
 {
     boxes.append({box.text, box.icon, box.defaultAnswer, box.owner});
+    if (whileShown)
+        whileShown(box);
     const bool yes = answer == BoxAnswer::Yes || answer == BoxAnswer::Ok;
     switch (box.buttons) {
     case BoxButtons::YesNo:

@@ -6,6 +6,7 @@
 #include "foundation/messages.h"
 
 #include <QFileInfo>
+#include <functional>
 #include <QList>
 #include <QSqlDatabase>
 #include <QString>
@@ -33,6 +34,8 @@ public:
     QStringList texts() const;
     QList<ShownBox> boxes;
     BoxAnswer answer = BoxAnswer::Yes;
+    // Runs while a box is up, as an operator acting behind it would.
+    std::function<void(const Box&)> whileShown;
 };
 
 // What the slot table announced while this lives: "add n", "change n",

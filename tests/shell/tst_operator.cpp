@@ -1,0 +1,422 @@
+// The operator's commands on an in-process server with two emulated printers
+// (1 "Kassa" on a network box, 2 "Bar" on a serial pty): each command's
+// outcome, its questions answered both ways, and the refusals.
+#include "database/jobdatabase.h"
+#include "database/jobstore.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/settings.h"
+#include "foundation/texts.h"
+#include "protocol/listener.h"
+#include "service/printservice.h"
+#include "shell/operator.h"
+#include "shell/server.h"
+#include "support/dbfixture.h"
+#include "support/installation.h"
+
+#include <QAbstractItemModelTester>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+
+using namespace quill;
+using quill::test::PrinterSite;
+using quill::test::TestInstallation;
+using Outcome = Operator::Outcome;
+
+class TstOperator : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<PrinterSite> inst_;
+    std::unique_ptr<Server> srv_;
+    std::unique_ptr<Operator> op_;
+    quill::dbtest::RecordingSink sink_;
+    quint16 port_ = 0;
+
+    void startServer()
+    {
+        srv_ = std::make_unique<Server>(Server::Options{3600000});
+        op_ = std::make_unique<Operator>(*srv_);
+        new QAbstractItemModelTester(&srv_->jobs().jobList(), QAbstractItemModelTester::FailureReportingMode::QtTest,
+                                     op_.get());
+        new QAbstractItemModelTester(&srv_->printService().printerList(),
+                                     QAbstractItemModelTester::FailureReportingMode::QtTest, op_.get());
+        QCOMPARE(srv_->startup(), Server::Started);
+    }
+    qint32 addJob(int printer, const QString& caption)
+    {
+        const qint32 id = srv_->database().SrvDBNextId("tbJob");
+        return srv_->jobs().SrvAddJob(quill::dbtest::JobText(printer, 1, "1", "KASSA1", "user1", caption)) ? id : -1;
+    }
+    int jobsInTable() { return inst_->scalar("SELECT COUNT(*) FROM tbJob").toInt(); }
+    const PrinterSlot& slot(int n) { return srv_->printers().at(n); }
+    void answer(BoxAnswer a)
+    {
+        sink_.boxes.clear();
+        sink_.answer = a;
+    }
+
+private slots:
+    void init()
+    {
+        inst_ = std::make_unique<PrinterSite>();
+        QVERIFY2(inst_->start(), qPrintable(inst_->errorText()));
+        port_ = TestInstallation::freePort();
+        QVERIFY(inst_->setServer(port_, false));
+        answer(BoxAnswer::Yes);
+        sink_.whileShown = nullptr;
+        startServer();
+        QTRY_VERIFY_WITH_TIMEOUT(slot(1).status == StatusReady && slot(2).status == StatusReady, 10000);
+    }
+    void cleanup()
+    {
+        sink_.whileShown = nullptr;
+        op_.reset();
+        srv_.reset();
+        inst_.reset();
+    }
+
+    void serviceToggle()
+    {
+        QSignalSpy states(op_.get(), &Operator::serviceStateChanged);
+        QCOMPARE(op_->toggleService(), Outcome::Done);
+        QVERIFY(op_->serviceRunning());
+        QCOMPARE(op_->startService(), Outcome::NothingToDo);
+        QCOMPARE(op_->toggleService(), Outcome::Done);
+        QVERIFY(!op_->serviceRunning());
+        QCOMPARE(states.size(), 2);
+        // Without a listener the service button cannot be pressed.
+        srv_->listener().close();
+        QVERIFY(!op_->serviceAvailable());
+        QCOMPARE(op_->startService(), Outcome::Refused);
+        QVERIFY(!op_->serviceRunning());
+    }
+
+    void deleteJobs_data()
+    {
+        QTest::addColumn<bool>("all");
+        QTest::addColumn<bool>("yes");
+        QTest::addColumn<int>("left");
+        QTest::newRow("one, yes") << false << true << 2;
+        QTest::newRow("one, no") << false << false << 3;
+        QTest::newRow("all, yes") << true << true << 0;
+        QTest::newRow("all, no") << true << false << 3;
+    }
+    void deleteJobs()
+    {
+        QFETCH(bool, all);
+        QFETCH(bool, yes);
+        QFETCH(int, left);
+        const qint32 first = addJob(1, "Första");
+        const qint32 second = addJob(2, "Andra");
+        addJob(1, "Tredje");
+
+        // Refused while the service runs, and nothing asked.
+        QCOMPARE(op_->startService(), Outcome::Done);
+        answer(yes ? BoxAnswer::Yes : BoxAnswer::No);
+        QCOMPARE(all ? op_->deleteAllJobs() : op_->deleteJob(second), Outcome::Refused);
+        QVERIFY(sink_.boxes.isEmpty());
+        QCOMPARE(op_->stopService(), Outcome::Done);
+        QCOMPARE(srv_->jobs().jobList().count(), 3); // nothing printed: printer 1's run needs its timer
+
+        QSignalSpy busy(op_.get(), &Operator::busyChanged);
+        QCOMPARE(all ? op_->deleteAllJobs() : op_->deleteJob(second), yes ? Outcome::Done : Outcome::Declined);
+        QCOMPARE(sink_.boxes.size(), 1);
+        QCOMPARE(sink_.boxes[0].text, all ? GetString(12042) : GetString(12041, QString::number(second) + " Andra"));
+        QCOMPARE(sink_.boxes[0].defaultAnswer, BoxAnswer::No);
+        QCOMPARE(srv_->jobs().jobList().count(), left);
+        QCOMPARE(jobsInTable(), left);
+        QCOMPARE(busy.size(), yes ? 2 : 0);
+        if (!all && yes)
+            QCOMPARE(srv_->jobs().jobList().findJob(first), 0);
+    }
+
+    void deleteJobEdges()
+    {
+        QCOMPARE(op_->deleteJob(1), Outcome::NothingToDo);
+        QCOMPARE(op_->deleteAllJobs(), Outcome::NothingToDo);
+        addJob(1, "Bara");
+        QCOMPARE(op_->deleteJob(999), Outcome::Invalid);
+        QVERIFY(sink_.boxes.isEmpty());
+        QCOMPARE(jobsInTable(), 1);
+    }
+
+    void editRefusals_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<bool>("opens");
+        QTest::newRow("working") << int(StatusWorking) << false;
+        QTest::newRow("checking") << int(StatusChecking) << false;
+        QTest::newRow("error") << int(StatusError) << true;
+        QTest::newRow("ready") << int(StatusReady) << true;
+    }
+    void editRefusals()
+    {
+        QFETCH(int, status);
+        QFETCH(bool, opens);
+        srv_->printers().SrvSetPrinterStatus(1, status, "före");
+        PrinterSettings dialog;
+        QCOMPARE(op_->openEditPrinter(1, &dialog), opens ? Outcome::Done : Outcome::Refused);
+        QVERIFY(sink_.boxes.isEmpty());
+        if (!opens) {
+            QCOMPARE(slot(1).status, status);
+            QCOMPARE(op_->editingPrinter(), -1);
+            return;
+        }
+        QCOMPARE(slot(1).status, qint32(StatusConfiguring));
+        QCOMPARE(op_->editingPrinter(), 1);
+        QCOMPARE(dialog.name, QString("Kassa"));
+        QVERIFY(!dialog.serial);
+        QCOMPARE(dialog.netAddress, QString("127.0.0.1"));
+        // Cancel gives the status the printer had before.
+        QCOMPARE(op_->cancelPrinter(), Outcome::Done);
+        QCOMPARE(slot(1).status, status);
+        QCOMPARE(slot(1).statusText.trimmed(), QString("före"));
+        QCOMPARE(op_->editingPrinter(), -1);
+        QCOMPARE(op_->cancelPrinter(), Outcome::NothingToDo);
+    }
+
+    void editMissingAndNewWhenFull()
+    {
+        PrinterSettings dialog;
+        QCOMPARE(op_->openEditPrinter(4, &dialog), Outcome::Refused);
+        QCOMPARE(op_->openNewPrinter(&dialog), Outcome::Done);
+        QVERIFY(dialog.name.isEmpty());
+        QCOMPARE(op_->editingPrinter(), -1);
+        QCOMPARE(op_->cancelPrinter(), Outcome::Done);
+
+        for (int id = 3; id <= 5; ++id) {
+            QCOMPARE(op_->openNewPrinter(&dialog), Outcome::Done);
+            dialog.name = QStringLiteral("P%1").arg(id);
+            dialog.passive = true;
+            qint32 saved = 0;
+            QCOMPARE(op_->savePrinter(dialog, &saved), Outcome::Done);
+            QCOMPARE(saved, id);
+        }
+        QCOMPARE(op_->openNewPrinter(&dialog), Outcome::Refused);
+        QCOMPARE(sink_.texts(), QStringList{GetString(12028)});
+        QVERIFY(!op_->printerDialogOpen());
+    }
+
+    void saveValidation_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<QString>("port");
+        QTest::addColumn<int>("field");
+        QTest::addColumn<int>("text");
+        QTest::newRow("blank name") << "   " << "127.0.0.1" << "23" << int(Operator::Field::PrinterName) << 12025;
+        QTest::newRow("no address") << "Ny" << " " << "23" << int(Operator::Field::NetAddress) << 12026;
+        QTest::newRow("no port") << "Ny" << "127.0.0.1" << "" << int(Operator::Field::NetPort) << 12027;
+    }
+    void saveValidation()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, address);
+        QFETCH(QString, port);
+        QFETCH(int, field);
+        QFETCH(int, text);
+        PrinterSettings dialog;
+        QCOMPARE(op_->openNewPrinter(&dialog), Outcome::Done);
+        dialog.name = name;
+        dialog.serial = false;
+        dialog.netAddress = address;
+        dialog.netPort = port;
+        QCOMPARE(op_->savePrinter(dialog), Outcome::Invalid);
+        QCOMPARE(int(op_->invalidField()), field);
+        QCOMPARE(sink_.texts(), QStringList{GetString(text)});
+        QCOMPARE(dialog.netPort, port.isEmpty() ? QString("23") : port);
+        QVERIFY(op_->printerDialogOpen());
+        QVERIFY(!srv_->printers().SrvPrinterExists(3));
+    }
+
+    void saveNewThenDelete()
+    {
+        // A new network printer on the box: saved in slot 3 and checked Ready.
+        PrinterSettings dialog;
+        QCOMPARE(op_->openNewPrinter(&dialog), Outcome::Done);
+        dialog.name = "Shop";
+        dialog.serial = false;
+        dialog.netAddress = " 127.0.0.1 ";
+        dialog.netPort = QString::number(inst_->net.port());
+        QSignalSpy selected(op_.get(), &Operator::printerSelected);
+        qint32 id = 0;
+        QCOMPARE(op_->savePrinter(dialog, &id), Outcome::Done);
+        QCOMPARE(id, 3);
+        QCOMPARE(selected.value(0).value(0).toInt(), 3);
+        QCOMPARE(slot(3).status, qint32(StatusReady));
+        QCOMPARE(srv_->printService().printerList().rowCount(), 3);
+        QCOMPARE(inst_->scalar("SELECT Name FROM tbPrinter WHERE Id = 3").toString(), QString("Shop"));
+
+        answer(BoxAnswer::No);
+        QCOMPARE(op_->deletePrinter(3), Outcome::Declined);
+        QVERIFY(srv_->printers().SrvPrinterExists(3));
+        answer(BoxAnswer::Yes);
+        QCOMPARE(op_->deletePrinter(3), Outcome::Done);
+        QCOMPARE(sink_.texts(), QStringList{GetString(12040, slot(3).displayText.trimmed())});
+        QVERIFY(!srv_->printers().SrvPrinterExists(3));
+        QCOMPARE(srv_->printService().printerList().rowCount(), 2);
+        QCOMPARE(inst_->scalar("SELECT COUNT(*) FROM tbPrinter WHERE Id = 3").toInt(), 0);
+        QCOMPARE(op_->deletePrinter(3), Outcome::Refused);
+    }
+
+    void deviceOperationOneAtATime()
+    {
+        PrinterSettings dialog;
+        QCOMPARE(op_->openEditPrinter(1, &dialog), Outcome::Done);
+        QSignalSpy finished(op_.get(), &Operator::deviceOperationFinished);
+        const int prints = inst_->net.log().count("print 1 i");
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::TestPrint, dialog), Outcome::Done);
+        QVERIFY(op_->deviceOperationRunning());
+        // A second command while it runs is refused, not started.
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::Calibrate, dialog), Outcome::Busy);
+        QCOMPARE(op_->savePrinter(dialog), Outcome::Busy);
+        QCOMPARE(op_->cancelPrinter(), Outcome::Busy);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 20000);
+        QCOMPARE(finished[0][0].value<Operator::DeviceOperation>(), Operator::DeviceOperation::TestPrint);
+        QCOMPARE(finished[0][1].value<Outcome>(), Outcome::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(inst_->net.log().count("print 1 i"), prints + 1, 10000);
+
+        // An unreachable printer: the box says why.
+        dialog.netPort = QString::number(TestInstallation::freePort());
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::ClearMemory, dialog), Outcome::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 2, 20000);
+        QCOMPARE(finished[1][1].value<Outcome>(), Outcome::Failed);
+        QCOMPARE(sink_.texts().value(0), GetString(12024) + " " + GetString(12038) + "\r");
+        QCOMPARE(op_->cancelPrinter(), Outcome::Done);
+    }
+
+    void refreshRunsAPass()
+    {
+        for (const bool full : {false, true}) {
+            const int checks = inst_->net.log().count("open");
+            QCOMPARE(full ? op_->fullRefresh() : op_->refresh(), Outcome::Done);
+            QTRY_VERIFY_WITH_TIMEOUT(inst_->net.log().count("open") > checks, 10000);
+            QTRY_COMPARE_WITH_TIMEOUT(slot(1).status, qint32(StatusReady), 10000);
+        }
+    }
+
+    void settingsStopTheServiceFirst()
+    {
+        QCOMPARE(op_->startService(), Outcome::Done);
+        answer(BoxAnswer::No);
+        QCOMPARE(op_->openSettings(), Outcome::Declined);
+        QVERIFY(op_->serviceRunning());
+        QCOMPARE(sink_.texts(), QStringList{GetString(12016) + "\n" + GetString(12017)});
+        answer(BoxAnswer::Yes);
+        QCOMPARE(op_->openSettings(), Outcome::Done);
+        QVERIFY(!op_->serviceRunning());
+        answer(BoxAnswer::Yes);
+        QCOMPARE(op_->openSettings(), Outcome::Done);
+        QVERIFY(sink_.boxes.isEmpty());
+    }
+
+    void settingsSwitchesAndPort()
+    {
+        Operator::ServerSettings s = op_->serverSettings();
+        QCOMPARE(s.port, QString::number(port_));
+        QVERIFY(!s.silentMode && !s.autoStartService);
+
+        // A port that is no number changes nothing at all.
+        s.port = "12a";
+        s.silentMode = true;
+        QCOMPARE(op_->saveSettings(s), Outcome::Invalid);
+        QCOMPARE(op_->invalidField(), Operator::Field::ServerPort);
+        QVERIFY(!SilentMode());
+
+        // Switches: two to tbServer, four to the per-user store, at once.
+        s.port = QString::number(port_);
+        s.autoStartService = true;
+        s.useTrafficLog = true;
+        s.quitQuestion = true;
+        QSignalSpy silent(op_.get(), &Operator::silentModeChanged);
+        answer(BoxAnswer::Yes);
+        Operator::PortChange change;
+        QCOMPARE(op_->saveSettings(s, &change), Outcome::Done);
+        QCOMPARE(change, Operator::PortChange::Unchanged);
+        QVERIFY(sink_.boxes.isEmpty());
+        QVERIFY(SilentMode() && UseTrafficLog() && srv_->quitQuestion());
+        QCOMPARE(silent.value(0).value(0).toBool(), true);
+        QCOMPARE(inst_->scalar("SELECT AutoStartService FROM tbServer").toInt(), 1);
+        QCOMPARE(RegGetValue(HKEY_CURRENT_USER, KeyQuillbase, "dwSilentMode").toInt(), 1);
+        QCOMPARE(RegGetValue(HKEY_CURRENT_USER, KeyQuillbase, "dwUseLog").toInt(), 0);
+
+        // A busy port: 12006, the service button off, tbServer as it was.
+        QTcpServer taken;
+        QVERIFY(taken.listen(QHostAddress::Any, 0));
+        QSignalSpy available(op_.get(), &Operator::serviceAvailableChanged);
+        s.port = QString::number(taken.serverPort());
+        QCOMPARE(op_->saveSettings(s, &change), Outcome::Failed);
+        QCOMPARE(change, Operator::PortChange::RebindFailed);
+        QCOMPARE(sink_.texts(), QStringList{GetString(12006)});
+        QCOMPARE(available.value(0).value(0).toBool(), false);
+        QCOMPARE(inst_->scalar("SELECT port FROM tbServer").toInt(), int(port_));
+
+        // A free one: rebound, told, stored; the old port refuses.
+        const quint16 fresh = TestInstallation::freePort();
+        s.port = QString::number(fresh);
+        answer(BoxAnswer::Yes);
+        QCOMPARE(op_->saveSettings(s, &change), Outcome::Done);
+        QCOMPARE(change, Operator::PortChange::Rebound);
+        QVERIFY(sink_.texts().value(0).startsWith(GetString(12001) + "\n\n" + GetString(12002)));
+        QCOMPARE(inst_->scalar("SELECT port FROM tbServer").toInt(), int(fresh));
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, fresh);
+        QVERIFY(client.waitForConnected(5000));
+        QTcpSocket old;
+        old.connectToHost(QHostAddress::LocalHost, port_);
+        QVERIFY(!old.waitForConnected(2000));
+        QVERIFY(op_->serviceAvailable());
+    }
+
+    void canQuit()
+    {
+        // Forced: always, and nothing asked.
+        QVERIFY(op_->CanQuit(true));
+        QVERIFY(sink_.boxes.isEmpty());
+        QVERIFY(op_->CanQuit(false)); // quit question off
+
+        // A working printer refuses.
+        srv_->printers().SrvSetPrinterStatus(2, StatusWorking, GetString(12077));
+        QVERIFY(!op_->CanQuit(false));
+        QCOMPARE(sink_.texts(), QStringList{GetString(12021) + "\n" + GetString(12022)});
+        QVERIFY(op_->CanQuit(true));
+        srv_->printers().SrvSetPrinterStatus(2, StatusReady, GetString(12079));
+
+        // The quit question, both answers.
+        srv_->setQuitQuestion(true);
+        answer(BoxAnswer::Cancel);
+        QVERIFY(!op_->CanQuit(false));
+        QCOMPARE(sink_.texts(), QStringList{GetString(12023, GetString(9003))});
+        answer(BoxAnswer::Ok);
+        QVERIFY(op_->CanQuit(false));
+    }
+
+    void canQuitWhileStarting()
+    {
+        // A second server on a busy port shows 12014 during its start-up; an
+        // exit asked for behind that box is refused with 12020.
+        cleanup();
+        inst_ = std::make_unique<PrinterSite>();
+        QVERIFY2(inst_->start(), qPrintable(inst_->errorText()));
+        QTcpServer taken;
+        QVERIFY(taken.listen(QHostAddress::Any, 0));
+        QVERIFY(inst_->setServer(taken.serverPort(), false));
+        srv_ = std::make_unique<Server>(Server::Options{3600000});
+        op_ = std::make_unique<Operator>(*srv_);
+        QList<bool> answers;
+        sink_.whileShown = [&](const Box& box) {
+            if (box.text == GetString(12014))
+                answers << op_->CanQuit(false) << op_->CanQuit(true);
+        };
+        QCOMPARE(srv_->startup(), Server::Started);
+        QCOMPARE(answers, (QList<bool>{false, true}));
+        QVERIFY(sink_.texts().contains(GetString(12020)));
+        QVERIFY(!op_->serviceAvailable());
+        QVERIFY(op_->CanQuit(false));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstOperator)
+#include "tst_operator.moc"
