@@ -1,4 +1,5 @@
 #include "database/jobdatabase.h"
+#include "database/slots.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
 #include "foundation/strutil.h"
@@ -122,6 +123,42 @@ bool JobDatabase::SrvTemplateInDB(qint32 templateId)
     if (!SrvTemplateTypeReOpenDB())
         return false;
     return templates_->FindFirst(criteria);
+}
+
+// ---------------------------------------------------------------- CurrentTemplateId
+
+namespace {
+const QString CurrentTemplateField = QStringLiteral("CurrentTemplateId");
+}
+
+qint32 JobDatabase::currentTemplate(qint32 printerId)
+{
+    if (!SrvSeekPrinter(printerId))
+        return 0;
+    SrvPopulateRecordset(*printers_);
+    return NullToLong(printers_->field(CurrentTemplateField), 0);
+}
+
+void JobDatabase::setCurrentTemplate(qint32 printerId, qint32 templateId)
+{
+    if (!SrvSeekPrinter(printerId))
+        return;
+    SrvPopulateRecordset(*printers_);
+    printers_->Edit();
+    try {
+        printers_->setField(CurrentTemplateField, templateId);
+        printers_->Update();
+    } catch (...) {
+        printers_->CancelUpdate();
+        throw;
+    }
+}
+
+void JobDatabase::clearCurrentTemplate(qint32 templateId)
+{
+    for (qint32 id = 1; id < PrinterSlots::UpperBound; ++id)
+        if (currentTemplate(id) == templateId)
+            setCurrentTemplate(id, 0);
 }
 
 // ---------------------------------------------------------------- tbServer

@@ -64,6 +64,15 @@ public:
     // Throws to the caller's trap.
     bool SrvTemplateInDB(qint32 templateId);
 
+    // CurrentTemplateId of tbPrinter rows: the template each printer last
+    // printed with, so the next job with it goes without the layout. Through the
+    // printer recordset; no trap of their own, errors reach the caller's.
+    // A printer without a row reads 0, and setting it changes nothing.
+    qint32 currentTemplate(qint32 printerId);
+    void setCurrentTemplate(qint32 printerId, qint32 templateId);
+    // Every printer 1..5 that holds the template gets 0.
+    void clearCurrentTemplate(qint32 templateId);
+
     // Server settings row.
     qint32 SrvGetServerPort();
     void SrvInitServerSettings();

@@ -1,6 +1,7 @@
 #include "database/jobstore.h"
 #include "database/jobdatabase.h"
 #include "foundation/eventlog.h"
+#include "foundation/jobfields.h"
 #include "foundation/strutil.h"
 #include "foundation/texts.h"
 
@@ -102,13 +103,8 @@ void JobListModel::append(JobRow row)
         endInsertRows();
 }
 
-void JobListModel::removeRowAt(int row)
+void JobListModel::dropFromIndexes(const Entry& e)
 {
-    if (row < 0 || row >= count())
-        return;
-    if (!bulk_)
-        beginRemoveRows({}, row, row);
-    const Entry& e = rows_[size_t(row)];
     auto drop = [&](std::unordered_map<qint32, std::set<quint64>>& index, qint32 key) {
         auto it = index.find(key);
         if (it == index.end())
@@ -119,9 +115,66 @@ void JobListModel::removeRowAt(int row)
     };
     drop(byPrinter_, e.row.printerId);
     drop(byJob_, e.row.id);
+}
+
+void JobListModel::removeRowAt(int row)
+{
+    if (row < 0 || row >= count())
+        return;
+    if (!bulk_)
+        beginRemoveRows({}, row, row);
+    dropFromIndexes(rows_[size_t(row)]);
     rows_.erase(rows_.begin() + row);
     if (!bulk_)
         endRemoveRows();
+}
+
+void JobListModel::removeRowsAt(const std::vector<int>& rows)
+{
+    // Erasing a run from the middle moves the rows behind it, so only a few
+    // runs are erased one by one; more are removed in one compaction under a
+    // reset, which keeps a purge of every other job linear.
+    constexpr size_t MaxRuns = 16;
+    std::vector<std::pair<int, int>> runs; // first and last row of each run
+    for (int r : rows) {
+        if (r < 0 || r >= count() || (!runs.empty() && r <= runs.back().second))
+            continue;
+        if (!runs.empty() && runs.back().second + 1 == r)
+            runs.back().second = r;
+        else
+            runs.push_back({r, r});
+    }
+    if (runs.empty())
+        return;
+    if (bulk_ || runs.size() > MaxRuns) {
+        if (!bulk_)
+            beginResetModel();
+        size_t kept = 0;
+        auto run = runs.begin();
+        for (size_t r = 0; r < rows_.size(); ++r) {
+            while (run != runs.end() && size_t(run->second) < r)
+                ++run;
+            if (run != runs.end() && size_t(run->first) <= r) {
+                dropFromIndexes(rows_[r]);
+                continue;
+            }
+            if (kept != r)
+                rows_[kept] = std::move(rows_[r]);
+            ++kept;
+        }
+        rows_.erase(rows_.begin() + qsizetype(kept), rows_.end());
+        if (!bulk_)
+            endResetModel();
+        return;
+    }
+    // From the last run back, so the row numbers of the earlier ones stay true.
+    for (auto run = runs.rbegin(); run != runs.rend(); ++run) {
+        beginRemoveRows({}, run->first, run->second);
+        for (int r = run->first; r <= run->second; ++r)
+            dropFromIndexes(rows_[size_t(r)]);
+        rows_.erase(rows_.begin() + run->first, rows_.begin() + run->second + 1);
+        endRemoveRows();
+    }
 }
 
 void JobListModel::clear()
@@ -153,19 +206,27 @@ void JobListModel::endBulk()
 
 // ---------------------------------------------------------------- JobStore
 
+namespace {
+void logDeleteFailed(qint64 id, const QString& error)
+{
+    LogWrite(QStringLiteral("SrvDBDeleteJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ") + error);
+}
+} // namespace
+
 JobStore::JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots) : jdb_(jdb), slots_(printerSlots) {}
 
 JobRow JobStore::buildRow(qint32 id, const QString& jobText) const
 {
+    const JobFields job(jobText);
     JobRow r;
     r.id = id;
-    r.printerId = NullToLong(GetToken(jobText, TAB, 4), -1);
+    r.printerId = job.printerId();
     r.printerName = slots_.SrvPrinterExists(r.printerId) ? slots_.at(r.printerId).name.trimmed() : GetString(12049);
-    r.copies = QString::number(NullToLong(GetToken(jobText, TAB, 6), 1));
-    r.workstation = GetToken(jobText, TAB, 7).trimmed();
-    r.user = GetToken(jobText, TAB, 11);
+    r.copies = QString::number(job.copies());
+    r.workstation = job.workstation();
+    r.user = job.user();
     r.senderText = r.user.isEmpty() ? r.workstation : GetString(12055, r.user + QLatin1Char('|') + r.workstation);
-    r.text = QString::number(id) + QLatin1Char(' ') + GetToken(jobText, TAB, 12);
+    r.text = QString::number(id) + QLatin1Char(' ') + job.caption();
     return r;
 }
 
@@ -236,8 +297,7 @@ void JobStore::SrvDBDeleteJob(qint32 id)
                 rs->MoveFirst();
         }
     } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvDBDeleteJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ")
-                 + errorText(e));
+        logDeleteFailed(id, errorText(e));
     }
 }
 
@@ -252,6 +312,68 @@ void JobStore::SrvDeleteJob(qint32 id)
 {
     SrvDBDeleteJob(id);
     SrvRemoveJobRow(id);
+}
+
+void JobStore::dbDeleteJobs(const std::vector<qint64>& ids)
+{
+    auto failed = [](qint64 id, const std::exception& e) { logDeleteFailed(id, errorText(e)); };
+    TableRecordset* rs = jdb_.jobRecordset();
+    if (!rs) {
+        for (qint64 id : ids)
+            failed(id, Error(91, QStringLiteral("Object variable or With block variable not set")));
+        return;
+    }
+    rs->DeleteKeys(ids, failed);
+    if (rs->RecordCount() > 0)
+        rs->MoveFirst();
+}
+
+int JobStore::deleteJobsWhere(const std::function<bool(const JobRow&)>& match)
+{
+    std::vector<int> rows;
+    std::vector<qint64> ids;
+    for (int r = 0; r < list_.count(); ++r) {
+        if (match(list_.rowAt(r))) {
+            rows.push_back(r);
+            ids.push_back(list_.rowAt(r).id);
+        }
+    }
+    if (rows.empty())
+        return 0;
+    // A commit per job would hold the server for a second per thousand jobs.
+    // Without a transaction of its own (the database refused one) each
+    // statement commits by itself.
+    Database& db = jdb_.database();
+    bool own = false;
+    if (!inBatch_ && !db.inTransaction()) {
+        try {
+            db.begin();
+            own = true;
+        } catch (const std::exception&) {
+        }
+    }
+    dbDeleteJobs(ids);
+    if (own) {
+        try {
+            db.commit();
+        } catch (const std::exception& e) {
+            const QString err = errorText(e);
+            db.rollback();
+            for (qint64 id : ids)
+                logDeleteFailed(id, err);
+            // Nothing was deleted: the table and the list are read again.
+            try {
+                if (TableRecordset* rs = jdb_.jobRecordset())
+                    rs->Requery();
+            } catch (const std::exception& e2) {
+                LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e2));
+            }
+            SrvInitAllJobs();
+            return 0;
+        }
+    }
+    list_.removeRowsAt(rows);
+    return int(rows.size());
 }
 
 bool JobStore::beginBatch()

@@ -8,6 +8,7 @@
 //   store.SrvAddJob(requestText);          // stored and committed, row appended
 //   qint32 next = store.SrvNextJobId(2);   // 0 when printer 2 has no job
 //   store.SrvDeleteJob(next);              // printed: row and list entry gone
+//   store.deleteJobsWhere([](const JobRow& r) { return r.printerId == 3; });
 //   view->setModel(&store.jobList());
 //
 // Grouping: requests that arrive together may share one commit.
@@ -21,6 +22,7 @@
 #include <QString>
 
 #include <deque>
+#include <functional>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -80,6 +82,9 @@ public:
 
     void append(JobRow row);
     void removeRowAt(int row);
+    // Removes these rows (ascending) in one pass: a few runs of adjacent rows as
+    // row removals, scattered rows as one reset.
+    void removeRowsAt(const std::vector<int>& rows);
     void clear();
 
     // Many appends as one model reset (start-up rebuild).
@@ -92,6 +97,7 @@ private:
         JobRow row;
     };
     int rowOfSeq(quint64 seq) const;
+    void dropFromIndexes(const Entry& e);
 
     // A deque: appending never moves the rows, and the oldest job (the one printed
     // first) leaves from the front without moving the rest.
@@ -101,6 +107,9 @@ private:
     std::unordered_map<qint32, std::set<quint64>> byPrinter_;
     std::unordered_map<qint32, std::set<quint64>> byJob_;
 };
+
+// Which jobs deleteJobsWhere deletes.
+using JobMatch = std::function<bool(const JobRow&)>;
 
 class JobStore {
 public:
@@ -120,6 +129,11 @@ public:
     // Removes the job's entry from the list (nothing when absent).
     void SrvRemoveJobRow(qint32 id);
     void SrvDeleteJob(qint32 id);
+    // Deletes every job whose row matches, from tbJob and the list, in one pass
+    // and one transaction (the open batch's when there is one). A row that
+    // cannot be deleted from the table is logged as SrvDBDeleteJob logs it and
+    // still leaves the list. Returns the number of rows removed from the list.
+    int deleteJobsWhere(const std::function<bool(const JobRow&)>& match);
     // Next job of the printer in queue order; 0 when none.
     qint32 SrvNextJobId(qint32 printerId) const { return list_.firstJobOf(printerId); }
 
@@ -135,6 +149,7 @@ public:
     JobRow buildRow(qint32 id, const QString& jobText) const;
 
 private:
+    void dbDeleteJobs(const std::vector<qint64>& ids);
     JobDatabase& jdb_;
     const PrinterSlots& slots_;
     JobListModel list_;

@@ -541,6 +541,34 @@ void TableRecordset::Delete()
     currentDeleted_ = true;
 }
 
+void TableRecordset::DeleteKeys(const std::vector<qint64>& keys,
+                                const std::function<void(qint64, const std::exception&)>& failed)
+{
+    CancelUpdate();
+    const QString sql = QStringLiteral("DELETE FROM ") + quoteIdent(table_) + QStringLiteral(" WHERE ")
+        + quoteIdent(columns_[pk_]) + QStringLiteral("=?");
+    std::vector<qint64> gone;
+    for (qint64 key : keys) {
+        if (!std::binary_search(keys_.begin(), keys_.end(), key))
+            continue;
+        try {
+            db_.exec(sql, {key});
+        } catch (const std::exception& e) {
+            if (failed)
+                failed(key, e);
+            continue;
+        }
+        gone.push_back(key);
+        window_.erase(key);
+    }
+    std::sort(gone.begin(), gone.end());
+    keys_.erase(std::remove_if(keys_.begin(), keys_.end(),
+                               [&gone](qint64 k) { return std::binary_search(gone.begin(), gone.end(), k); }),
+                keys_.end());
+    pos_ = std::min(pos_, qint64(keys_.size()));
+    currentDeleted_ = true;
+}
+
 // ---------------------------------------------------------------- Snapshot
 
 Snapshot::Snapshot(Database& db, const QString& sql)

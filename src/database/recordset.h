@@ -148,6 +148,13 @@ public:
     bool editing() const { return editMode_ != EditNone; }
     // Deletes the current row; there is no current row until the next move.
     void Delete();
+    // Deletes the rows of these keys, one statement each, and drops them from the
+    // key list in one pass (Delete after Delete moves the list each time). Keys
+    // not in the table are skipped; a key whose statement fails stays and goes
+    // to `failed`, and the rest are still deleted. No current row until the next
+    // move.
+    void DeleteKeys(const std::vector<qint64>& keys,
+                    const std::function<void(qint64 key, const std::exception& error)>& failed);
 
     // Reads the key list again (after a rollback, or writes by another connection).
     void Requery();

@@ -1,4 +1,5 @@
 #include "printers/deviceops.h"
+#include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
@@ -316,7 +317,8 @@ void ReConfigCOMPrinters(PrinterSlots& printerSlots)
         const PrinterSlot& s = printerSlots.at(n);
         if (s.connectionType != 1)
             continue;
-        SrvMPConfigCOM2(ConnectionDeviceName(s.connectionString).trimmed(), ConnectionRate(s.connectionString).trimmed());
+        const auto c = ConnectionString::parse(s.connectionString);
+        SrvMPConfigCOM2(c.device.trimmed(), c.rateOrPort.trimmed());
     }
 }
 
@@ -395,7 +397,8 @@ QString SrvMPCheck(const PrinterSlot& slot)
         Device dev;
         const QString connection = slot.connectionString.trimmed();
         if (slot.connectionType == 1) {
-            dev.open(ConnectionDeviceName(connection), LineSettings(ConnectionRate(connection)));
+            const auto c = ConnectionString::parse(connection);
+            dev.open(c.device, LineSettings(c.rateOrPort));
             yieldToEvents();
         } else if (slot.connectionType == 2) {
             dev.open(NetBox + connection, QString());
@@ -421,7 +424,7 @@ void DialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* s
         *deviceName = QStringLiteral("COM") + QString::number(dialog.comPort.value_or(1)) + QLatin1Char(':');
         *settings = LineSettings(QString::number(dialog.comRate.value_or(9600)));
     } else {
-        *deviceName = NetConnectionString(dialog.netAddress, dialog.netPort);
+        *deviceName = ConnectionString::network(dialog.netAddress, dialog.netPort);
         settings->clear();
     }
 }

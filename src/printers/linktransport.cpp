@@ -1,10 +1,10 @@
 #include "printers/linktransport.h"
 
+#include "foundation/connection.h"
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
 
 #include <QDeadlineTimer>
-#include <QRegularExpression>
 
 #ifdef Q_OS_UNIX
 #include <fcntl.h>
@@ -54,29 +54,23 @@ LinkAddress network(const QString& host, const QString& portText, bool portGiven
 LinkAddress ParseDeviceName(const QString& device)
 {
     const QString d = device.trimmed();
-    static const QRegularExpression com(QStringLiteral("^COM([1-9]):?$"),
-                                        QRegularExpression::CaseInsensitiveOption);
-    const QRegularExpressionMatch m = com.match(d);
-    if (m.hasMatch()) {
+    const ConnectionString whole = ConnectionString::parse(d);
+    if (const int n = whole.comPort()) {
         LinkAddress a;
         a.kind = LinkAddress::Serial;
-        a.comPort = m.captured(1).toInt();
-        a.path = RegGetValue(HKEY_LOCAL_MACHINE, KeyPorts, QStringLiteral("COM") + m.captured(1)).trimmed();
+        a.comPort = n;
+        a.path = RegGetValue(HKEY_LOCAL_MACHINE, KeyPorts, QStringLiteral("COM%1").arg(n)).trimmed();
         if (a.path.isEmpty())
-            a.path = QStringLiteral("/dev/ttyS%1").arg(a.comPort - 1);
+            a.path = QStringLiteral("/dev/ttyS%1").arg(n - 1);
         return a;
     }
     const QString prefix = QStringLiteral("NETBOX:");
     if (d.startsWith(prefix, Qt::CaseInsensitive)) {
-        const QString rest = d.mid(prefix.size());
-        const qsizetype hash = rest.indexOf(QLatin1Char('#'));
-        if (hash < 0)
-            return network(rest, {}, false);
-        return network(rest.left(hash), rest.mid(hash + 1), true);
+        const ConnectionString box = ConnectionString::parse(d.mid(prefix.size()));
+        return network(box.device, box.rateOrPort, box.hasHash);
     }
-    const qsizetype hash = d.indexOf(QLatin1Char('#'));
-    if (hash > 0)
-        return network(d.left(hash), d.mid(hash + 1), true);
+    if (whole.hasHash && !whole.device.isEmpty())
+        return network(whole.device, whole.rateOrPort, true);
     return {};
 }
 

@@ -1,5 +1,6 @@
 #include "printers/printerrecord.h"
 #include "database/recordset.h"
+#include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
@@ -13,7 +14,6 @@ namespace quill {
 
 namespace {
 
-const QString Hash = QStringLiteral("#");
 const QString Semicolon = QStringLiteral(";");
 
 std::optional<qint32> pick(qint32 value, const QList<qint32>& choices)
@@ -25,26 +25,6 @@ std::optional<qint32> pick(qint32 value, const QList<qint32>& choices)
 
 
 } // namespace
-
-QString SerialConnectionString(qint32 port, qint32 rate)
-{
-    return QStringLiteral("COM") + QString::number(port) + QStringLiteral(":#") + QString::number(rate);
-}
-
-QString NetConnectionString(const QString& address, const QString& port)
-{
-    return address.trimmed() + Hash + port.trimmed();
-}
-
-QString ConnectionDeviceName(const QString& connection)
-{
-    return GetToken(connection, Hash, 1);
-}
-
-QString ConnectionRate(const QString& connection)
-{
-    return GetToken(connection, Hash, 2);
-}
 
 QString LineSettings(const QString& rate)
 {
@@ -84,18 +64,17 @@ void SrvPrinterFillDialog(const FieldReader& row, PrinterSettings& dialog, const
         else if (used == 2)
             dialog.serial = false;
 
-        const QString serial = NullToStr(row(QStringLiteral("Connection1")), QString());
-        const QString device = ConnectionDeviceName(serial);
+        const auto serial = ConnectionString::parse(NullToStr(row(QStringLiteral("Connection1")), QString()));
         bool ok = false;
-        const qint32 port = device.mid(3, 1).toInt(&ok);
+        const qint32 port = serial.device.mid(3, 1).toInt(&ok);
         dialog.comPort = ok ? pick(port, ComPortChoices) : std::nullopt;
-        const qint32 rate = ConnectionRate(serial).toInt(&ok);
+        const qint32 rate = serial.rateOrPort.toInt(&ok);
         dialog.comRate = ok ? pick(rate, ComRateChoices) : std::nullopt;
 
-        const QString net = NullToStr(row(QStringLiteral("Connection2")), QString());
-        dialog.netAddress = GetToken(net, Hash, 1);
+        const auto net = ConnectionString::parse(NullToStr(row(QStringLiteral("Connection2")), QString()));
+        dialog.netAddress = net.device;
         dialog.loadedAddress = dialog.netAddress;
-        dialog.netPort = GetToken(net, Hash, 2);
+        dialog.netPort = net.rateOrPort;
         dialog.netConnectOnly = NullToInt(row(QStringLiteral("NetConnectOnly")), 0) > 0;
     }
 
@@ -116,10 +95,11 @@ void WritePrinterFields(const FieldWriter& row, const PrinterSettings& dialog, b
     row(QStringLiteral("Name"), dialog.name);
     row(QStringLiteral("PrinterTypeId"), dialog.printerTypeId.value_or(newPrinter ? 1 : -1));
     row(QStringLiteral("ConnectionUsed"), dialog.serial ? 1 : 2);
-    row(QStringLiteral("Connection1"), SerialConnectionString(dialog.comPort.value_or(1), dialog.comRate.value_or(9600)));
+    row(QStringLiteral("Connection1"),
+        ConnectionString::serial(dialog.comPort.value_or(1), dialog.comRate.value_or(9600)));
     const QString address = dialog.netAddress.trimmed();
     row(QStringLiteral("Connection2"),
-        address.isEmpty() ? QVariant() : QVariant(NetConnectionString(address, dialog.netPort)));
+        address.isEmpty() ? QVariant() : QVariant(ConnectionString::network(address, dialog.netPort)));
     row(QStringLiteral("Connection3"), QVariant());
     row(QStringLiteral("Connection4"), QVariant());
     row(QStringLiteral("NetConnectOnly"), dialog.netConnectOnly ? 1 : 0);
@@ -135,7 +115,7 @@ void WritePrinterFields(const FieldWriter& row, const PrinterSettings& dialog, b
 QString PrinterDisplayText(qint32 printerId, const QString& name, const QString& connection)
 {
     return GetString(12056, QString::number(printerId) + QLatin1Char('|') + name.trimmed() + QLatin1Char('|')
-                                + ConnectionDeviceName(connection));
+                                + ConnectionString::parse(connection).device);
 }
 
 void SrvPrinterLoadSlot(PrinterSlot& slot, const FieldReader& row)

@@ -46,12 +46,9 @@ constexpr int SpeedSteps = 8;   // item data 0..7
 constexpr qint32 DefaultDispensingFeed = 60;
 constexpr quint16 DefaultNetPort = 23;
 
-// Connection strings and the device-library names derived from them.
-QString SerialConnectionString(qint32 port, qint32 rate);            // COM1:#9600
-QString NetConnectionString(const QString& address, const QString& port); // 10.0.0.5#23
-QString ConnectionDeviceName(const QString& connection);             // part before "#"
-QString ConnectionRate(const QString& connection);                   // part after "#"
-QString LineSettings(const QString& rate);                           // rate + ",n,8,1,x"
+// Connection strings and the device-library names derived from them
+// (foundation/connection.h splits and builds the strings).
+QString LineSettings(const QString& rate); // rate + ",n,8,1,x"
 
 // The advanced-settings text and its three parts.
 struct AdvancedSettings {

@@ -2,6 +2,7 @@
 #include "foundation/cp1252.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
+#include "foundation/jobfields.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
 #include "protocol/listener.h"
@@ -20,8 +21,6 @@ namespace {
 const QString CR = QStringLiteral("\r");
 const QString StartMarker = QStringLiteral("{STARTBRIXA");
 const QString EndMarker = QStringLiteral("{ENDBRIXA}");
-
-QString field(const QString& text, int n) { return GetToken(text, TAB, n); }
 } // namespace
 
 RequestHandler::RequestHandler(Listener& listener, TrafficIndicator& traffic, RequestServices services,
@@ -70,17 +69,18 @@ void RequestHandler::SrvHandleRequest(const QString& data, int connection)
         if (addinScala_)
             text = addinFraming(data, connection);
 
-        if (field(text, 1).toUpper() != QLatin1String("BRIXA"))
+        const JobFields request(text);
+        if (request.field(1).toUpper() != QLatin1String("BRIXA"))
             return;
         QString answer;
-        if (field(text, 2) != ProtocolVersion) {
+        if (request.field(2) != ProtocolVersion) {
             answer = reply(9002);
         } else {
-            const QString op = field(text, 3);
+            const QString op = request.operation();
             if (op == QLatin1String("P"))
-                answer = printRequest(text);
+                answer = printRequest(text, request);
             else if (op == QLatin1String("C"))
-                answer = configureRequest(text);
+                answer = configureRequest(request);
             else
                 answer = reply(9003);
         }
@@ -130,13 +130,13 @@ void RequestHandler::flush()
             listener_.send(r.connection, r.bytes);
 }
 
-QString RequestHandler::printRequest(const QString& request)
+QString RequestHandler::printRequest(const QString& request, const JobFields& fields)
 {
     if (!svc_.serviceRunning())
         return reply(1001);
-    const qint32 printerId = NullToLong(field(request, 4), -1);
-    const qint32 templateId = NullToLong(field(request, 5), -1);
-    const qint32 mode = NullToLong(field(request, 8), 0);
+    const qint32 printerId = fields.printerId();
+    const qint32 templateId = fields.templateId();
+    const qint32 mode = fields.checkMode();
     PrinterSlots& printers = *svc_.printers;
     if (!printers.SrvPrinterExists(printerId))
         return reply(1002);
@@ -156,30 +156,30 @@ QString RequestHandler::printRequest(const QString& request)
     return reply(0);
 }
 
-QString RequestHandler::configureRequest(const QString& request)
+QString RequestHandler::configureRequest(const JobFields& request)
 {
-    const qint32 sub = NullToLong(field(request, 11), 0);
+    // Fields 11 to 13 of a configure request: the sub-operation and, for 3,
+    // the workstation and user filters.
+    const qint32 sub = request.number(11, 0);
     switch (sub) {
     case 1:
-        svc_.clearCurrentTemplate(NullToLong(field(request, 5), -1));
+        svc_.clearCurrentTemplate(request.templateId());
         return reply(0);
     case 2:
         return reply(0);
     case 3: {
-        const QString w = field(request, 12).trimmed().toUpper();
-        const QString u = field(request, 13).toUpper();
+        const QString w = request.field(12).trimmed().toUpper();
+        const QString u = request.field(13).toUpper();
         if (w.isEmpty() || u.isEmpty())
             return reply(0);
-        const auto senders = svc_.jobSenders();
-        // One commit for the whole purge: a commit per job would hold the
-        // server for a second per thousand jobs.
+        // The purge shares the turn's batch: its reply waits for the commit.
         openBatch();
-        for (const auto& [jobId, tag] : senders) {
+        svc_.deleteJobsWhere([&](const JobRow& row) {
+            const QString tag = row.senderTag();
             const QString rowW = GetToken(tag, QStringLiteral("|"), 1).trimmed().toUpper();
             const QString rowU = GetToken(tag, QStringLiteral("|"), 2).trimmed().toUpper();
-            if ((w == QLatin1String("*") || w == rowW) && (u == QLatin1String("*") || u == rowU))
-                svc_.deleteJob(jobId);
-        }
+            return (w == QLatin1String("*") || w == rowW) && (u == QLatin1String("*") || u == rowU);
+        });
         return reply(0);
     }
     default:

@@ -1,4 +1,6 @@
 #pragma once
+#include "database/jobstore.h"
+
 #include <QObject>
 #include <QTimer>
 #include <QString>
@@ -7,6 +9,7 @@
 
 namespace quill {
 
+class JobFields;
 class Listener;
 class PrinterSlots;
 class TrafficIndicator;
@@ -20,9 +23,8 @@ struct RequestServices {
     std::function<void(const QString& jobText)> addJob;
     // Configure 1: every printer whose CurrentTemplateId equals the id gets 0.
     std::function<void(qint32 templateId)> clearCurrentTemplate;
-    // Configure 3: the sender tags (workstation|user) and job ids in list order.
-    std::function<QList<QPair<qint32, QString>>()> jobSenders;
-    std::function<void(qint32 jobId)> deleteJob; // from table and list
+    // Configure 3: deletes the jobs whose list row matches, from table and list.
+    std::function<int(const JobMatch& match)> deleteJobsWhere;
     // Grouped commits: replies to stored jobs wait until the batch is durable.
     std::function<bool()> beginBatch;
     std::function<bool()> commitBatch;
@@ -55,8 +57,8 @@ public:
 
 private:
     QString addinFraming(const QString& data, int connection);
-    QString printRequest(const QString& request);
-    QString configureRequest(const QString& request);
+    QString printRequest(const QString& request, const JobFields& fields);
+    QString configureRequest(const JobFields& request);
     void sendReply(int connection, const QString& text);
     void openBatch();
     void storeJob(const QString& jobText);

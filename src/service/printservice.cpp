@@ -3,8 +3,10 @@
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
 #include "service/printerload.h"
+#include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
+#include "foundation/jobfields.h"
 #include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
@@ -29,27 +31,17 @@ QString trappedText(const std::exception& e)
     return errorText(e);
 }
 
-QString beforeHash(const QString& s)
-{
-    const qsizetype h = s.indexOf(QLatin1Char('#'));
-    return h < 0 ? s : s.left(h);
-}
-
-QString afterHash(const QString& s)
-{
-    const qsizetype h = s.indexOf(QLatin1Char('#'));
-    return h < 0 ? QString() : s.mid(h + 1);
-}
-
 // Port and Settings of a driver for a slot's connection.
 void connectionTexts(const PrinterSlot& record, QString* port, QString* settings)
 {
     const QString cs = record.connectionString;
     switch (record.connectionType) {
-    case 1:
-        *port = beforeHash(cs).trimmed();
-        *settings = (afterHash(cs) + QStringLiteral(",n,8,1,x")).trimmed();
+    case 1: {
+        const auto c = ConnectionString::parse(cs);
+        *port = c.device.trimmed();
+        *settings = (c.rateOrPort + QStringLiteral(",n,8,1,x")).trimmed();
         break;
+    }
     case 2:
         *port = (QStringLiteral("NETBOX:") + cs).trimmed();
         settings->clear();
@@ -191,11 +183,7 @@ void PrintService::MainSetQuillmotorConnection(MP104C* obj, const PrinterSlot& r
 
 qint32 PrintService::currentTemplate(qint32 printerId)
 {
-    if (!jdb_.SrvSeekPrinter(printerId))
-        return 0;
-    TableRecordset* rs = jdb_.printerRecordset();
-    SrvPopulateRecordset(*rs);
-    return NullToLong(rs->field(QStringLiteral("CurrentTemplateId")), 0);
+    return jdb_.currentTemplate(printerId);
 }
 
 void PrintService::MainSetQuillmotorJob(MP104C* obj, qint32 templateId, qint32 jobId, const QString& jobData)
@@ -307,10 +295,11 @@ void PrintService::jobTimerTick(int k)
             const qint32 j = obj->busy() ? 0 : store_.SrvNextJobId(p);
             if (j >= 1 && jdb_.SrvSeekJob(j)) {
                 const QString text = NullToStr(jdb_.jobRecordset()->field(QStringLiteral("Job")), QString());
-                if (NullToLong(GetToken(text, TAB, 4), -1) == p) {
-                    const QString op = GetToken(text, TAB, 3);
-                    const qint32 templateId = NullToLong(GetToken(text, TAB, 5), -1);
-                    const qint32 mode = NullToLong(GetToken(text, TAB, 8), 0);
+                const JobFields job(text);
+                if (job.printerId() == p) {
+                    const QString op = job.operation();
+                    const qint32 templateId = job.templateId();
+                    const qint32 mode = job.checkMode();
                     if (op == QLatin1String("P") && SrvTemplateOK(templateId, mode)
                         && slots_.at(p).status == StatusReady) {
                         setStatus(p, StatusWorking, GetString(12077));
@@ -447,13 +436,7 @@ void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(MP104C* obj, int n)
     try {
         if (ok) {
             store_.SrvDeleteJob(jobId);
-            if (jdb_.SrvSeekPrinter(obj->PrinterId())) {
-                TableRecordset* rs = jdb_.printerRecordset();
-                SrvPopulateRecordset(*rs);
-                rs->Edit();
-                rs->setField(QStringLiteral("CurrentTemplateId"), obj->TemplateId());
-                rs->Update();
-            }
+            jdb_.setCurrentTemplate(obj->PrinterId(), obj->TemplateId());
             setStatus(n, StatusReady, GetString(12051));
         } else {
             setStatus(n, StatusError, GetToken(result, TAB, 2));
@@ -463,8 +446,6 @@ void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(MP104C* obj, int n)
         // once the Working limit has passed.
         LogWrite(QStringLiteral("MainUpdatePrinterStatusAfterMPPrintJob failed.  PId = ") + QString::number(n)
                  + QStringLiteral(" Error: ") + trappedText(e));
-        if (TableRecordset* rs = jdb_.printerRecordset(); rs && rs->editing())
-            rs->CancelUpdate();
     }
     emit jobFinished(n, jobId, ok, result);
     reenableJobTimer(n);

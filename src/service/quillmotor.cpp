@@ -2,6 +2,7 @@
 
 #include "foundation/cp1252.h"
 #include "foundation/eventlog.h"
+#include "foundation/jobfields.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
 #include "printers/link.h"
@@ -28,9 +29,10 @@ QList<QPair<int, QString>> JobVariables(const QString& jobText)
     // out, empty ones included. The printer forgets them after each PRINT, so
     // placeholders beyond this job's fields print empty, not the last job's.
     QList<QPair<int, QString>> vars;
-    const int n = CountTokens(jobText, TAB);
+    const JobFields job(jobText);
+    const int n = job.count();
     for (int i = 1; i <= n; ++i) {
-        QString v = GetToken(jobText, TAB, i);
+        QString v = job.field(i);
         // The add-in form ends its text with CR LF.
         while (v.endsWith(QLatin1Char('\n')) || v.endsWith(QLatin1Char('\r')))
             v.chop(1);
@@ -134,7 +136,7 @@ void MP104C::startNext()
     // half-way through a label.
     w.steps.push_back({link::Status, {QStringLiteral("4")}});
     if (w.print) {
-        w.copies = NullToLong(GetToken(w.jobData, TAB, 6), 1);
+        w.copies = JobFields(w.jobData).copies();
         if (w.copies < 1)
             w.copies = 1;
         if (!addLabelSteps(w.newTemplate))

@@ -51,17 +51,7 @@ Server::Server(Options options, QObject* parent)
     services.templateInDB = [this](qint32 id) { return db_->SrvTemplateInDB(id); };
     services.addJob = [this](const QString& text) { jobs_->SrvAddJob(text); };
     services.clearCurrentTemplate = [this](qint32 id) { clearCurrentTemplate(id); };
-    services.jobSenders = [this] {
-        QList<QPair<qint32, QString>> senders;
-        const JobListModel& list = jobs_->jobList();
-        for (int r = 0; r < list.count(); ++r)
-            senders.append({list.rowAt(r).id, list.rowAt(r).senderTag()});
-        return senders;
-    };
-    services.deleteJob = [this](qint32 id) {
-        jobs_->SrvDBDeleteJob(id);
-        jobs_->SrvRemoveJobRow(id);
-    };
+    services.deleteJobsWhere = [this](const JobMatch& match) { return jobs_->deleteJobsWhere(match); };
     services.beginBatch = [this] { return jobs_->beginBatch(); };
     services.commitBatch = [this] { return jobs_->commitBatch(); };
     handler_ = std::make_unique<RequestHandler>(*listener_, *traffic_, std::move(services));
@@ -208,17 +198,7 @@ void Server::stopService()
 void Server::clearCurrentTemplate(qint32 templateId)
 {
     try {
-        for (qint32 id = 1; id < PrinterSlots::UpperBound; ++id) {
-            if (!db_->SrvSeekPrinter(id))
-                continue;
-            TableRecordset& rs = *db_->printerRecordset();
-            SrvPopulateRecordset(rs);
-            if (NullToLong(rs.field(QStringLiteral("CurrentTemplateId")), 0) == templateId) {
-                rs.Edit();
-                rs.setField(QStringLiteral("CurrentTemplateId"), 0);
-                rs.Update();
-            }
-        }
+        db_->clearCurrentTemplate(templateId);
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvHandleRequest failed. Error: ") + errorText(e));
     }

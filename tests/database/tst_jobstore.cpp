@@ -6,6 +6,7 @@
 #include "foundation/texts.h"
 #include "support/dbfixture.h"
 
+#include <QAbstractItemModelTester>
 #include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTest>
@@ -80,6 +81,10 @@ private slots:
     void rowColumns();
     void queueOrderAndRestart();
     void batchCommitsTogether();
+    void deleteJobsWhere_data();
+    void deleteJobsWhere();
+    void deleteJobsWhereInABatch();
+    void deleteJobsWhereFailures();
     void failuresAreLogged();
     void serverSettings();
     void printerTypeList();
@@ -176,6 +181,105 @@ void TestJobStore::batchCommitsTogether()
     QVERIFY(add(2, "d"));
     QCOMPARE(JobRows(mdb()).size(), 4);
     QVERIFY(!store->commitBatch());
+}
+
+namespace {
+// Job ids of the list in its order, and of tbJob in Id order.
+QList<int> listIds(const JobListModel& list)
+{
+    QList<int> ids;
+    for (int r = 0; r < list.count(); ++r)
+        ids << list.rowAt(r).id;
+    return ids;
+}
+QList<int> tableIds(const QString& mdb)
+{
+    QList<int> ids;
+    for (const QString& row : JobRows(mdb))
+        ids << row.section(QLatin1Char('|'), 0, 0).toInt();
+    return ids;
+}
+QList<int> idsWhere(int count, const std::function<bool(int id)>& pick)
+{
+    QList<int> ids;
+    for (int id = 1; id <= count; ++id)
+        if (pick(id))
+            ids << id;
+    return ids;
+}
+} // namespace
+
+void TestJobStore::deleteJobsWhere_data()
+{
+    // 40 jobs, ids 1..40, printers 1, 2, 3 in turn; the ids to delete.
+    QTest::addColumn<QList<int>>("gone");
+    QTest::newRow("every other") << idsWhere(40, [](int id) { return id % 2 == 0; });
+    QTest::newRow("none") << QList<int>{};
+    QTest::newRow("all") << idsWhere(40, [](int) { return true; });
+    QTest::newRow("first") << QList<int>{1};
+    QTest::newRow("last") << QList<int>{40};
+    QTest::newRow("first and last") << QList<int>{1, 40};
+    QTest::newRow("a run in the middle") << idsWhere(40, [](int id) { return id >= 11 && id <= 20; });
+    QTest::newRow("a few runs") << QList<int>{1, 2, 6, 17, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40};
+    QTest::newRow("one printer's jobs") << idsWhere(40, [](int id) { return id % 3 == 2; });
+}
+
+void TestJobStore::deleteJobsWhere()
+{
+    QFETCH(QList<int>, gone);
+    QVERIFY(store->beginBatch());
+    for (int i = 1; i <= 40; ++i)
+        QVERIFY(add((i - 1) % 3 + 1, QStringLiteral("c%1").arg(i)));
+    QVERIFY(store->commitBatch());
+    JobListModel& list = store->jobList();
+    QAbstractItemModelTester tester(&list, QAbstractItemModelTester::FailureReportingMode::QtTest);
+    const QList<int> kept = idsWhere(40, [&](int id) { return !gone.contains(id); });
+
+    QCOMPARE(store->deleteJobsWhere([&](const JobRow& r) { return gone.contains(r.id); }), gone.size());
+    QCOMPARE(tableIds(mdb()), kept);
+    QCOMPARE(listIds(list), kept);
+    // The queue and the lookups by job follow the list.
+    for (qint32 p = 0; p <= 4; ++p)
+        QCOMPARE(store->SrvNextJobId(p), linearNextJob(list, p));
+    for (int id = 1; id <= 40; ++id)
+        QCOMPARE(list.findJob(id), int(kept.indexOf(id)));
+    // The store goes on as before: a new job is appended, and deleted on its own.
+    QVERIFY(add(2, "after"));
+    QCOMPARE(list.rowAt(list.count() - 1).text, kept.isEmpty() ? "1 after" : QStringLiteral("%1 after").arg(kept.last() + 1));
+    store->SrvDeleteJob(list.rowAt(list.count() - 1).id);
+    QCOMPARE(listIds(list), kept);
+    const QStringList before = shownRows(list);
+    start();
+    QCOMPARE(shownRows(store->jobList()), before);
+    QCOMPARE(home->logMessages(), QStringList());
+}
+
+void TestJobStore::deleteJobsWhereInABatch()
+{
+    // Within the request handler's batch the deletion commits with it.
+    for (int i = 1; i <= 6; ++i)
+        QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
+    QVERIFY(store->beginBatch());
+    QVERIFY(add(1, "c7"));
+    QCOMPARE(store->deleteJobsWhere([](const JobRow& r) { return r.id % 2 == 1; }), 4);
+    QCOMPARE(listIds(store->jobList()), (QList<int>{2, 4, 6}));
+    QCOMPARE(tableIds(mdb()), (QList<int>{1, 2, 3, 4, 5, 6}));
+    QVERIFY(store->commitBatch());
+    QCOMPARE(tableIds(mdb()), (QList<int>{2, 4, 6}));
+}
+
+void TestJobStore::deleteJobsWhereFailures()
+{
+    // A row the table cannot delete is logged per job, and leaves the list all the same.
+    for (int i = 1; i <= 4; ++i)
+        QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
+    QVERIFY(ExecSql(mdb(), {"DROP TABLE tbJob"}));
+    QCOMPARE(store->deleteJobsWhere([](const JobRow& r) { return r.id != 2; }), 3);
+    QCOMPARE(listIds(store->jobList()), QList<int>{2});
+    const QString noTable = " Error: 1 no such table: tbJob";
+    QCOMPARE(home->logMessages(), (QStringList{"SrvDBDeleteJob failed. JId = 1" + noTable,
+                                               "SrvDBDeleteJob failed. JId = 3" + noTable,
+                                               "SrvDBDeleteJob failed. JId = 4" + noTable}));
 }
 
 void TestJobStore::failuresAreLogged()

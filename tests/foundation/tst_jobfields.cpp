@@ -1,0 +1,128 @@
+// The job text's fields and the connection string's parts.
+#include "foundation/connection.h"
+#include "foundation/error.h"
+#include "foundation/jobfields.h"
+#include "foundation/strutil.h"
+
+#include <QTest>
+
+using namespace quill;
+
+class TestJobFields : public QObject {
+    Q_OBJECT
+private slots:
+    // The named fields with their defaults: printer;template;copies;workstation;mode;user;caption.
+    void named_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("read");
+        QTest::newRow("complete") << "BRIXA\t1.00\tP\t2\t15\t3\t KASSA1 \t1\ta\tb\tuser1\tEtikett\tx"
+                                  << "P;2;15;3;KASSA1;1;user1;Etikett";
+        QTest::newRow("cut after the workstation") << "BRIXA\t1.00\tP\t2\t15\t3\tWS" << "P;2;15;3;WS;0;;";
+        QTest::newRow("blank and non-numeric numbers") << "BRIXA\t1.00\tP\t \tx7\t\tWS\tzwei"
+                                                       << "P;-1;-1;1;WS;0;;";
+        QTest::newRow("fractions round half to even") << "BRIXA\t1.00\tP\t2.5\t3.5\t0.4\t\t-0.6" << "P;2;4;0;;-1;;";
+        QTest::newRow("out of range") << "BRIXA\t1.00\tP\t99999999999\t1" << "P;-1;1;1;;0;;";
+        QTest::newRow("add-in form") << "BRIXA\t1.00\tP\t1\t5\t2\tWS\t0\t\t\tu\tcap\t\r\n"
+                                     << "P;1;5;2;WS;0;u;cap";
+        QTest::newRow("leading TAB stripped once") << "\tBRIXA\t1.00\tP\t4" << "P;4;-1;1;;0;;";
+        QTest::newRow("empty text") << "" << ";-1;-1;1;;0;;";
+    }
+    void named()
+    {
+        QFETCH(QString, text);
+        const JobFields f(text);
+        const QStringList read{f.operation(),
+                               QString::number(f.printerId()),
+                               QString::number(f.templateId()),
+                               QString::number(f.copies()),
+                               f.workstation(),
+                               QString::number(f.checkMode()),
+                               f.user(),
+                               f.caption()};
+        QTEST(read.join(QLatin1Char(';')), "read");
+    }
+
+    // Every field and the count read as GetToken and CountTokens read them,
+    // the 16-bit overflow included: a separator beyond character 32767 throws
+    // for the field it ends and every later one, never for those before.
+    void sameAsTheFieldReaders_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::newRow("request") << "BRIXA\t1.00\tP\t1";
+        QTest::newRow("both ends") << "\ta\t\tb\t";
+        QTest::newRow("only a TAB") << "\t";
+        QTest::newRow("two TABs") << "\t\t";
+        QTest::newRow("no TAB") << "abc";
+        QTest::newRow("separator at 32766") << QString(32766, 'x') + "\tY\tZ";
+        QTest::newRow("separator at 32767") << QString(32767, 'x') + "\tY\tZ";
+        QTest::newRow("field 9 too long") << "BRIXA\t1.00\tP\t1\t5\t1\tWS\t0\t" + QString(40000, 'v') + "\tA\tu\tcap";
+        QTest::newRow("long last field") << "BRIXA\t1.00\tP\t" + QString(40000, 'v');
+    }
+    void sameAsTheFieldReaders()
+    {
+        QFETCH(QString, text);
+        const JobFields f(text);
+        auto outcome = [](auto read) {
+            try {
+                return QVariant(read());
+            } catch (const Error& e) {
+                return QVariant(QStringLiteral("error %1").arg(e.number));
+            }
+        };
+        for (int n = 0; n <= 15; ++n) {
+            const QVariant expected = outcome([&] { return GetToken(text, TAB, n); });
+            QCOMPARE(outcome([&] { return f.field(n); }), expected);
+        }
+        QCOMPARE(outcome([&] { return f.count(); }), outcome([&] { return CountTokens(text, TAB); }));
+    }
+
+    void overflowIsRaisedWhenTheFieldIsRead()
+    {
+        // Fields before the long one stay readable; the trap sees the rest.
+        const JobFields f("BRIXA\t1.00\tP\t2\t5\t1\tWS\t0\t" + QString(40000, 'v') + "\t\tuser\tcap");
+        QCOMPARE(f.printerId(), 2);
+        QCOMPARE(f.checkMode(), 0);
+        QVERIFY_THROWS_EXCEPTION(Error, f.user());
+        QVERIFY_THROWS_EXCEPTION(Error, f.count());
+    }
+
+    void connectionString_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("device");
+        QTest::addColumn<QString>("rateOrPort");
+        QTest::addColumn<bool>("hasHash");
+        QTest::addColumn<int>("comPort");
+        QTest::newRow("serial") << "COM2:#57600" << "COM2:" << "57600" << true << 0;
+        QTest::newRow("network") << "10.0.0.5#23" << "10.0.0.5" << "23" << true << 0;
+        QTest::newRow("blanks kept") << " COM1: # 9600 " << " COM1: " << " 9600 " << true << 0;
+        QTest::newRow("address alone") << "10.0.0.5" << "10.0.0.5" << "" << false << 0;
+        QTest::newRow("split at the first #") << "a#b#c" << "a" << "b#c" << true << 0;
+        QTest::newRow("nothing before #") << "#23" << "" << "23" << true << 0;
+        QTest::newRow("device name, any case") << " com3 " << " com3 " << "" << false << 3;
+        QTest::newRow("device name with colon") << "COM9:" << "COM9:" << "" << false << 9;
+        QTest::newRow("no port 0") << "COM0:" << "COM0:" << "" << false << 0;
+        QTest::newRow("empty") << "" << "" << "" << false << 0;
+    }
+    void connectionString()
+    {
+        QFETCH(QString, text);
+        const ConnectionString c = ConnectionString::parse(text);
+        QTEST(c.device, "device");
+        QTEST(c.rateOrPort, "rateOrPort");
+        QTEST(c.hasHash, "hasHash");
+        QTEST(c.comPort(), "comPort");
+    }
+
+    void connectionStringsBuilt()
+    {
+        QCOMPARE(ConnectionString::serial(3, 57600), QString("COM3:#57600"));
+        QCOMPARE(ConnectionString::network(" 10.0.0.5 ", " 23"), QString("10.0.0.5#23"));
+        const ConnectionString back = ConnectionString::parse(ConnectionString::serial(1, 9600));
+        QCOMPARE(back.device + "|" + back.rateOrPort, QString("COM1:|9600"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestJobFields)
+#include "tst_jobfields.moc"
