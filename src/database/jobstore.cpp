@@ -361,14 +361,15 @@ int JobStore::deleteJobsWhere(const std::function<bool(const JobRow&)>& match)
             db.rollback();
             for (qint64 id : ids)
                 logDeleteFailed(id, err);
-            // Nothing was deleted: the table and the list are read again.
-            try {
-                if (TableRecordset* rs = jdb_.jobRecordset())
+            // Nothing was deleted, and the list was not touched yet: only the
+            // key list has to be read again (logged as a failed re-read is).
+            if (TableRecordset* rs = jdb_.jobRecordset()) {
+                try {
                     rs->Requery();
-            } catch (const std::exception& e2) {
-                LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e2));
+                } catch (const std::exception& e2) {
+                    LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e2));
+                }
             }
-            SrvInitAllJobs();
             return 0;
         }
     }

@@ -132,7 +132,8 @@ public:
     // Deletes every job whose row matches, from tbJob and the list, in one pass
     // and one transaction (the open batch's when there is one). A row that
     // cannot be deleted from the table is logged as SrvDBDeleteJob logs it and
-    // still leaves the list. Returns the number of rows removed from the list.
+    // still leaves the list. When its own commit fails, nothing is deleted (each
+    // job logged) and 0 returned. Returns the number of rows removed from the list.
     int deleteJobsWhere(const std::function<bool(const JobRow&)>& match);
     // Next job of the printer in queue order; 0 when none.
     qint32 SrvNextJobId(qint32 printerId) const { return list_.firstJobOf(printerId); }
