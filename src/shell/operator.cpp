@@ -114,11 +114,8 @@ Operator::Outcome Operator::deleteAllJobs()
     if (serviceRunning())
         return Outcome::Refused;
     Busy busy(*this);
-    for (int n = jobs.jobList().count(); n > 0 && jobs.jobList().count() > 0; --n) {
-        const qint32 id = jobs.jobList().rowAt(0).id;
-        jobs.SrvDBDeleteJob(id);
-        jobs.SrvRemoveJobRow(id);
-    }
+    // One transaction and one pass over the list, however long the queue.
+    jobs.deleteJobsWhere([](const JobRow&) { return true; });
     return Outcome::Done;
 }
 
