@@ -14,6 +14,7 @@ struct LogState {
     QString fileName;
     bool useLog = false;
     bool useTraffic = false;
+    bool toStderr = false;
     QDate fixedToday;
 };
 LogState& state()
@@ -67,10 +68,28 @@ void SetUseTrafficLog(bool on) { state().useTraffic = on; }
 bool UseLog() { return state().useLog; }
 bool UseTrafficLog() { return state().useTraffic; }
 
+void SetLogToStderr(bool on) { state().toStderr = on; }
+bool LogToStderr() { return state().toStderr; }
+
+void WriteStderrLine(const QString& text)
+{
+    if (!state().toStderr)
+        return;
+    QString line = text;
+    line.replace(QLatin1String("\r\n"), QLatin1String(" / "));
+    line.replace(QLatin1Char('\r'), QLatin1String(" / "));
+    line.replace(QLatin1Char('\n'), QLatin1String(" / "));
+    // The journal stamps the time and the process itself: the text is enough.
+    // One write per line, so lines of concurrent writers never interleave.
+    const QByteArray bytes = line.toUtf8() + '\n';
+    [[maybe_unused]] const auto n = ::write(STDERR_FILENO, bytes.constData(), size_t(bytes.size()));
+}
+
 void LogWrite(const QString& message)
 {
     if (!state().useLog || state().fileName.isEmpty())
         return;
+    WriteStderrLine(message);
     AppendLogLine(LogFilePath(), LogEntryHeader(QDateTime::currentDateTime()) + QLatin1Char(' ') + message);
 }
 

@@ -16,6 +16,13 @@ void SetUseTrafficLog(bool on);
 bool UseLog();
 bool UseTrafficLog();
 
+// A headless server also writes every event entry to stderr, where journald
+// keeps it; the switches above still decide which entries exist.
+void SetLogToStderr(bool on);
+bool LogToStderr();
+// One line to stderr when that is on; line breaks in the text become " / ".
+void WriteStderrLine(const QString& text);
+
 // The file name LogInit fixed, without directory ("Quillbase46.log").
 QString LogFileName();
 QString LogFilePath();

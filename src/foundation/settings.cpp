@@ -100,7 +100,10 @@ QString RegGetValue(Hive root, const QString& path, const QString& name)
     const QVariant v = s.value(name);
     if (!v.isValid())
         return {};
-    const QString text = v.toString();
+    // A hand-written line with unquoted commas (an address list) reads as a
+    // list: it is the text as written.
+    const QString text = v.typeId() == QMetaType::QStringList ? v.toStringList().join(QLatin1Char(','))
+                                                             : v.toString();
     if (text.startsWith(DwordPrefix)) {
         bool ok = false;
         const quint32 n = text.mid(DwordPrefix.size()).toUInt(&ok, 16);

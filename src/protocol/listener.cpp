@@ -25,12 +25,32 @@ Listener::~Listener()
 bool Listener::MainInitTCP(qint32 port)
 {
     server_.close();
-    if (port < 0 || port > 65535 || !server_.listen(QHostAddress::Any, quint16(port))) {
-        const QString err = port < 0 || port > 65535 ? QStringLiteral("Invalid port") : server_.errorString();
+    const bool valid = port >= 0 && port <= 65535 && !bindAddress_.isNull();
+    if (!valid || !server_.listen(bindAddress_, quint16(port))) {
+        const QString err = bindAddress_.isNull()      ? QStringLiteral("Invalid bind address")
+                            : port < 0 || port > 65535 ? QStringLiteral("Invalid port")
+                                                       : server_.errorString();
+        error_ = QStringLiteral("port %1: %2").arg(port).arg(err);
         LogWrite(QStringLiteral("MainInitTCP failed. Error: %1 %2").arg(int(server_.serverError())).arg(err));
         return false;
     }
+    error_.clear();
     return true;
+}
+
+bool Listener::setBindAddress(const QString& address)
+{
+    // An address that does not parse opens nothing: listening everywhere
+    // instead would be a surprise on a machine meant to serve one network.
+    bindAddress_ = address.trimmed().isEmpty() ? QHostAddress(QHostAddress::Any) : QHostAddress(address.trimmed());
+    return !bindAddress_.isNull();
+}
+
+QStringList Listener::setAllowedClients(const QString& list)
+{
+    QStringList invalid;
+    filter_.setAllowed(list, &invalid);
+    return invalid;
 }
 
 void Listener::close() { server_.close(); }
@@ -63,6 +83,14 @@ int Listener::connectionCount() const
 void Listener::onNewConnection()
 {
     while (QTcpSocket* s = server_.nextPendingConnection()) {
+        if (!filter_.allows(s->peerAddress())) {
+            if (filter_.shouldLogRefusal(s->peerAddress()))
+                LogWrite(QStringLiteral("Connection from %1 refused: not in tAllowedClients.")
+                             .arg(ClientFilter::plain(s->peerAddress()).toString()));
+            s->abort();
+            s->deleteLater();
+            continue;
+        }
         const int k = FindFreeConnection();
         if (k < 0) {
             // A 33rd client is not served: closed at once, without a reply.

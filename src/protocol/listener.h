@@ -1,4 +1,6 @@
 #pragma once
+#include "protocol/clientfilter.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QPointer>
@@ -23,7 +25,16 @@ public:
 
     // (Re)opens the listener on the port; false (and a log line) on failure.
     bool MainInitTCP(qint32 port);
+    // Per-machine tBindAddress: the address the next MainInitTCP binds; empty
+    // means every address. False when it is no address: MainInitTCP then fails.
+    bool setBindAddress(const QString& address);
+    // Per-machine tAllowedClients; a client from elsewhere is closed at once
+    // and takes no entry. Returns the entries that are no address or network.
+    QStringList setAllowedClients(const QString& list);
+    bool clientsRestricted() const { return filter_.restricted(); }
     void close();
+    // Why the last MainInitTCP failed ("" after a success).
+    QString errorText() const { return error_; }
     bool isListening() const { return server_.isListening(); }
     QHostAddress localAddress() const { return server_.serverAddress(); }
     // The address other programs can reach the listener at: the bound one, or,
@@ -66,6 +77,9 @@ private:
     void onClosed(int i);
 
     QTcpServer server_;
+    QHostAddress bindAddress_{QHostAddress::Any};
+    ClientFilter filter_;
+    QString error_;
     std::array<Entry, MaxConnections + 1> entries_;
     quint64 accepted_ = 0;
 };

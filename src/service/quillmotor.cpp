@@ -118,6 +118,8 @@ void MP104C::log(const QString& text) const
 {
     if (!UseLog())
         return;
+    // Printed, failed and why: an operator reading the journal sees it too.
+    WriteStderrLine(QStringLiteral("Quillmotor ") + text);
     const QDateTime now = QDateTime::currentDateTime();
     AppendLogLine(HomePath(WeeklyLogName(QStringLiteral("Quillmotor"), now.date())),
                   LogEntryHeader(now) + QLatin1Char(' ') + text);

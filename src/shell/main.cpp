@@ -1,6 +1,8 @@
+#include "foundation/eventlog.h"
 #include "foundation/paths.h"
 #include "shell/installation.h"
 #include "shell/server.h"
+#include "shell/systemdnotify.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -105,7 +107,10 @@ int main(int argc, char** argv)
     quill::Server::Options options;
     options.statusIntervalMs = interval;
     options.headless = headless;
+    // Without a window the log's lines go to stderr too: journald keeps them.
+    quill::SetLogToStderr(headless);
     quill::Server server(options);
+    quill::SystemdNotifier notifier(server);
     installSignalHandlers(server);
 #ifdef QUILL_HAVE_GUI
     std::unique_ptr<quill::Gui> gui;

@@ -152,11 +152,15 @@ Server::StartResult Server::startup()
         listener_->resetConnections();
         handler_->setAddinScala(addinScala_);
 
+        configureListener();
         const bool listening = listener_->MainInitTCP(db_->SrvGetServerPort());
         emit listenerChanged(listening);
         if (listening) {
             db_->SrvMainSaveTCPSettings(listener_->reachableAddress().toString(), listener_->localPort());
         } else {
+            // Headless, nobody sees a box or a log that is switched off; the
+            // server runs on without a listener, so say so where it shows.
+            WriteStderrLine(QStringLiteral("Quillbase is not listening: ") + listener_->errorText());
             LogWrite(QStringLiteral("Could not initialize TCP-port."));
             MsgBoxUnlessSilent(GetString(12014), BoxIcon::Exclamation);
         }
@@ -178,6 +182,18 @@ Server::StartResult Server::startup()
         MsgBoxUnlessSilent(text + QLatin1Char('\n') + GetString(12015), BoxIcon::None);
         return fail(StartupFailed);
     }
+}
+
+void Server::configureListener()
+{
+    const QString bind = RegGetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("tBindAddress"));
+    if (!listener_->setBindAddress(bind))
+        LogWrite(QStringLiteral("tBindAddress is not an address: ") + bind);
+    const QString allowed = RegGetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("tAllowedClients"));
+    for (const QString& entry : listener_->setAllowedClients(allowed))
+        LogWrite(QStringLiteral("tAllowedClients: ignored \"%1\", not an address or network").arg(entry));
+    if (listener_->clientsRestricted())
+        LogWrite(QStringLiteral("Clients allowed: ") + allowed.trimmed());
 }
 
 bool Server::serviceRunning() const

@@ -68,6 +68,8 @@ private:
     StartResult fail(StartResult r);
     void readRegistrySettings();
     void logSettings();
+    // Per-machine tBindAddress and tAllowedClients into the listener.
+    void configureListener();
     void clearCurrentTemplate(qint32 templateId);
 
     Options options_;
