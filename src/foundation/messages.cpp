@@ -15,7 +15,9 @@ public:
         QString flat = box.text;
         flat.replace(QLatin1String("\r\n"), QLatin1String(" ")).replace(QLatin1Char('\n'), QLatin1Char(' '));
         LogWrite(QStringLiteral("Message: ") + flat);
-        QTextStream(stderr) << box.title << ": " << flat << Qt::endl;
+        // Headless with logging on, the log line is on stderr already.
+        if (!UseLog() || !LogToStderr())
+            QTextStream(stderr) << box.title << ": " << flat << Qt::endl;
         return box.buttons == BoxButtons::YesNo ? BoxAnswer::Yes : BoxAnswer::Ok;
     }
 };
