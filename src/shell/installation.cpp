@@ -1,15 +1,26 @@
 #include "shell/installation.h"
 #include "database/schema.h"
 #include "foundation/settings.h"
+#include "foundation/strutil.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QTextStream>
 
 namespace quill {
 
 namespace {
+
+// Files an installed package ships in <prefix>/share/quillbase (where an
+// operator may add a language); the copies built into the program otherwise.
+QString shippedFile(const QString& name)
+{
+    const QString shipped = QCoreApplication::applicationDirPath() + QStringLiteral("/../share/quillbase/") + name;
+    return QFileInfo::exists(shipped) ? QFileInfo(shipped).absoluteFilePath() : QStringLiteral(":/quill/") + name;
+}
 
 bool copyResource(const QString& resource, const QString& target)
 {
@@ -51,14 +62,14 @@ bool ProvisionInstallation(const QString& dir, QString* message)
         return false;
     }
     QStringList problems;
-    if (!copyResource(QStringLiteral(":/quill/0.lbl"), dir + QStringLiteral("/0.lbl")))
+    if (!copyResource(shippedFile(QStringLiteral("0.lbl")), dir + QStringLiteral("/0.lbl")))
         problems << QStringLiteral("could not write 0.lbl");
     // Layouts for the templates the new database lists.
     for (const char* t : {"1.lbl", "2.lbl"})
-        if (!copyResource(QStringLiteral(":/quill/demo.lbl"), dir + QLatin1Char('/') + QLatin1String(t)))
+        if (!copyResource(shippedFile(QStringLiteral("demo.lbl")), dir + QLatin1Char('/') + QLatin1String(t)))
             problems << QStringLiteral("could not write %1").arg(QLatin1String(t));
     QDir().mkpath(dir + QStringLiteral("/lang"));
-    QDirIterator it(QStringLiteral(":/quill/lang"));
+    QDirIterator it(shippedFile(QStringLiteral("lang")), QDir::Files);
     while (it.hasNext()) {
         const QString res = it.next();
         if (!copyResource(res, dir + QStringLiteral("/lang/") + QFileInfo(res).fileName()))
@@ -66,10 +77,37 @@ bool ProvisionInstallation(const QString& dir, QString* message)
     }
     if (!WriteMachineDefaults())
         problems << QStringLiteral("per-machine settings not writable (%1)").arg(SettingsFile(HKEY_LOCAL_MACHINE));
+    // A fresh installation logs: a printer that stops is seen. Once set, the
+    // operator's choice stays.
+    if (RegGetValue(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwUseLog")).isEmpty())
+        RegSetValue(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwUseLog"), REG_DWORD, 1);
     *message = QStringLiteral("Installation created in %1.").arg(QDir(dir).absolutePath());
     if (!problems.isEmpty())
         *message += QStringLiteral(" Warning: ") + problems.join(QStringLiteral("; ")) + QLatin1Char('.');
     return true;
+}
+
+QString NextSteps(const QString& dir)
+{
+    const QString home = QDir(dir).absolutePath();
+    const QString exe = QCoreApplication::applicationFilePath();
+    const bool logging = NullToLong(RegGetValue(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwUseLog")), 0) > 0;
+    QString t;
+    QTextStream out(&t);
+    out << "Installation: " << home << " (database brixa.mdb, layouts <template>.lbl, weekly logs)\n"
+        << "Settings: " << SettingsFile(HKEY_LOCAL_MACHINE) << " (machine: serial ports, tBindAddress, "
+        << "tAllowedClients), " << SettingsFile(HKEY_CURRENT_USER) << " (this user: log switches)\n"
+        << "Event logging is " << (logging ? "on" : "off") << " (dwUseLog in the user settings).\n"
+        << "Next:\n"
+        << "  1. Add a printer, e.g. printer 1 on a network box at 192.168.10.40 port 9100:\n"
+        << "     sqlite3 " << home << "/brixa.mdb \"INSERT INTO tbPrinter (Id, Name, PrinterTypeId, "
+        << "ConnectionUsed, Connection2) VALUES (1, 'Reception', 1, 2, '192.168.10.40#9100')\"\n"
+        << "     (serial: ConnectionUsed 1, Connection1 'COM1:#9600'; COM1 maps to a device in the machine "
+        << "settings, [Ports] COM1=/dev/ttyUSB0)\n"
+        << "  2. Start the server: " << exe << " --headless --home " << home << "\n"
+        << "     or, installed as a service: sudo systemctl start quillbase\n"
+        << "  3. Send a print request: docs/protocol.md has the fields and a worked example.\n";
+    return t;
 }
 
 } // namespace quill

@@ -94,6 +94,8 @@ int main(int argc, char** argv)
         QString message;
         const bool ok = quill::ProvisionInstallation(quill::HomeDir(), &message);
         QTextStream(ok ? stdout : stderr) << message << Qt::endl;
+        if (ok)
+            QTextStream(stdout) << quill::NextSteps(quill::HomeDir());
         return ok ? 0 : 1;
     }
 

@@ -180,6 +180,7 @@ private slots:
         QTcpServer squatter;
         QVERIFY(squatter.listen(QHostAddress::Any, 0));
         QVERIFY(inst_->setServer(squatter.serverPort(), true));
+        inst_->setUserSwitch("dwUseLog", 0);
         startServer();
         QVERIFY(notify_->waitFor([](const QStringList& l) { return l.contains("READY=1"); }));
         const QStringList got = notify_->received();
