@@ -3,10 +3,11 @@ BUILD    ?= build
 JOBS     ?= $(shell nproc)
 PACKAGES := cmake ninja-build g++ make pkg-config qt6-base-dev qt6-base-dev-tools \
             libqt6sql6-sqlite qt6-serialport-dev qt6-qpa-plugins sqlite3 \
-            clang libclang-rt-14-dev python3 fonts-dejavu-core
+            clang libclang-rt-14-dev python3 fonts-dejavu-core \
+            libsystemd-dev dpkg-dev
 SUDO     := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build test run fuzz fuzz-smoke bench clean
+.PHONY: all deps build test run fuzz fuzz-smoke bench clean install package
 FUZZ_SECONDS ?= 10
 # The server under fuzzing changes its working folder, so every path is absolute.
 FUZZ_DIR = $(abspath $(BUILD)-fuzz)
@@ -37,6 +38,14 @@ build: deps $(BUILD)/build.ninja
 test: build
 	$(MAKE) --no-print-directory fuzz-smoke FUZZ_SECONDS=5
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+# PREFIX=/usr/local by default; sudo make install when it is not yours.
+install: build
+	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))
+
+# A .deb in $(BUILD)/ (quillbase_<version>_<arch>.deb).
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 run: build
 	tools/demo.sh $(BUILD)
