@@ -21,6 +21,16 @@ wait_line() {
   fail "no '$1' in $2: $(cat "$2" 2>/dev/null)"
 }
 
+# One demo at a time: a second run would rewrite the first one's printers, empty
+# its label folders and remove its serial link. The lock is held (by this script
+# and the programs it starts) until the demo ends; checked before anything is touched.
+mkdir -p "$demo"
+exec 9>>"$demo/.demo.lock"
+if ! flock -n 9; then
+  printf 'demo: a demo is already running on %s (stop it with Ctrl-C in its terminal first)\n' "$demo" >&2
+  exit 1
+fi
+
 cleanup() {
   trap - EXIT INT TERM
   if [ -n "${server:-}" ] && kill -TERM "$server" 2>/dev/null; then wait "$server" 2>/dev/null || true; fi
@@ -37,7 +47,7 @@ command -v sqlite3 >/dev/null || fail "sqlite3 is missing (make deps installs it
 listening "$port" && fail "port $port is in use (another server running?); try DEMO_PORT=20002 make run"
 
 if [ ! -f "$demo/brixa.mdb" ]; then
-  "$bin/quillbase" --init --home "$demo"
+  "$bin/quillbase" --init --home "$demo" | head -n 1
   mkdir -p "$XDG_CONFIG_HOME/Norvu"
   # Event and traffic log on, so the log below shows what happens.
   printf '[Quillbase]\ndwUseLog=dword:00000001\ndwUseTrafficLog=dword:00000001\n' \
@@ -57,8 +67,10 @@ emulator reception --listen 127.0.0.1:0
 emulator proshop --pty "$demo/run/com1" --baud 9600
 netport=$(sed -n 's/^listening //p' "$demo/run/reception.out")
 
-# COM1 of this machine is the emulator's pty.
-sed -i "s|^COM1=.*|COM1=\"$demo/run/com1\"|" "$XDG_CONFIG_DIRS/Norvu/Brixa.conf"
+# COM1 of this machine is the emulator's pty; the server listens on loopback only.
+machine=$XDG_CONFIG_DIRS/Norvu/Brixa.conf
+sed -i "s|^COM1=.*|COM1=\"$demo/run/com1\"|" "$machine"
+grep -q '^tBindAddress=' "$machine" || sed -i 's|^\[Quillbase\]$|&\ntBindAddress=127.0.0.1|' "$machine"
 # The printer rows as the printer dialog saves them; the network box port changes every run.
 sqlite3 "$demo/brixa.mdb" <<SQL
 INSERT OR REPLACE INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection1, Connection2,
@@ -72,10 +84,12 @@ log=$demo/Quillbase$((10#$(date +%V))).log
 touch "$log"
 tail -n 0 -F "$log" 2>/dev/null &
 pids+=($!)
-"$bin/quillbase" --headless --home "$demo" --status-interval 10000 &
+# The log file below has the traffic entries too; the server's own stderr copy
+# of the event lines goes to run/server.err.
+"$bin/quillbase" --headless --home "$demo" --status-interval 10000 2> "$demo/run/server.err" &
 server=$!
 for _ in $(seq 100); do listening "$port" && break; kill -0 "$server" 2>/dev/null || break; sleep 0.1; done
-listening "$port" || fail "the server did not start listening on port $port (see $log)"
+listening "$port" || fail "the server did not start listening on port $port: $(cat "$demo/run/server.err")"
 
 cat <<EOF
 
