@@ -329,6 +329,7 @@ private slots:
         s.port = QString::number(port_);
         s.autoStartService = true;
         s.useTrafficLog = true;
+        s.useLog = false; // on in a new installation
         s.quitQuestion = true;
         QSignalSpy silent(op_.get(), &Operator::silentModeChanged);
         answer(BoxAnswer::Yes);
