@@ -98,6 +98,15 @@ bool JobDatabase::SrvSeekJob(qint32 id)
 {
     if (!jobs_)
         throw notSet();
+    if (!jobs_->seek(QStringLiteral("="), id))
+        return false;
+    // The recordset knows only the server's own writes; another program may
+    // have deleted the row. Then the key list is read again and the seek misses.
+    bool present = false;
+    db_.run(QStringLiteral("SELECT 1 FROM tbJob WHERE Id = ?"), {id}, [&](QSqlQuery& q) { present = q.next(); });
+    if (present)
+        return true;
+    jobs_->Requery();
     return jobs_->seek(QStringLiteral("="), id);
 }
 

@@ -238,6 +238,8 @@ bool JobStore::SrvAddJob(const QString& jobText)
         if (!rs)
             throw Error(91, QStringLiteral("Object variable or With block variable not set"));
         id = jdb_.SrvDBNextId(QStringLiteral("tbJob"));
+        if (inBatch_ && refusal_)
+            throw *refusal_;
         // The row's fields are read before anything is stored.
         const JobRow row = buildRow(id, jobText);
         rs->AddNew();
@@ -252,10 +254,24 @@ bool JobStore::SrvAddJob(const QString& jobText)
     } catch (const std::exception& e) {
         if (TableRecordset* rs = jdb_.jobRecordset())
             rs->CancelUpdate();
+        noteFailure(e);
         LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ")
                  + errorText(e));
         return false;
     }
+}
+
+void JobStore::noteFailure(const std::exception& e)
+{
+    const auto* err = dynamic_cast<const Error*>(&e);
+    const Error failure = err ? *err : Error(1, errorText(e));
+    // SQLITE_READONLY and its extended codes.
+    if ((failure.number & 0xff) == 8)
+        reopen_ = true;
+    // A failed statement may have ended the transaction: later writes of the
+    // batch would then commit on their own, outside what the batch reports.
+    if (inBatch_ && !refusal_)
+        refusal_ = failure;
 }
 
 const JobRow& JobStore::SrvAddJobRow(const Recordset& rs)
@@ -286,9 +302,11 @@ void JobStore::SrvInitAllJobs()
     list_.endBulk();
 }
 
-void JobStore::SrvDBDeleteJob(qint32 id)
+bool JobStore::SrvDBDeleteJob(qint32 id)
 {
     try {
+        if (inBatch_ && refusal_)
+            throw *refusal_;
         if (jdb_.SrvSeekJob(id)) {
             TableRecordset* rs = jdb_.jobRecordset();
             rs->Delete();
@@ -296,8 +314,11 @@ void JobStore::SrvDBDeleteJob(qint32 id)
             if (rs->RecordCount() > 0)
                 rs->MoveFirst();
         }
+        return true;
     } catch (const std::exception& e) {
+        noteFailure(e);
         logDeleteFailed(id, errorText(e));
+        return false;
     }
 }
 
@@ -314,18 +335,24 @@ void JobStore::SrvDeleteJob(qint32 id)
     SrvRemoveJobRow(id);
 }
 
-void JobStore::dbDeleteJobs(const std::vector<qint64>& ids)
+std::set<qint64> JobStore::dbDeleteJobs(const std::vector<qint64>& ids)
 {
-    auto failed = [](qint64 id, const std::exception& e) { logDeleteFailed(id, errorText(e)); };
+    std::set<qint64> kept;
+    auto failed = [&](qint64 id, const std::exception& e) {
+        noteFailure(e);
+        logDeleteFailed(id, errorText(e));
+        kept.insert(id);
+    };
     TableRecordset* rs = jdb_.jobRecordset();
     if (!rs) {
         for (qint64 id : ids)
             failed(id, Error(91, QStringLiteral("Object variable or With block variable not set")));
-        return;
+        return kept;
     }
     rs->DeleteKeys(ids, failed);
     if (rs->RecordCount() > 0)
         rs->MoveFirst();
+    return kept;
 }
 
 int JobStore::deleteJobsWhere(const std::function<bool(const JobRow&)>& match)
@@ -352,7 +379,7 @@ int JobStore::deleteJobsWhere(const std::function<bool(const JobRow&)>& match)
         } catch (const std::exception&) {
         }
     }
-    dbDeleteJobs(ids);
+    const std::set<qint64> kept = dbDeleteJobs(ids);
     if (own) {
         try {
             db.commit();
@@ -373,6 +400,9 @@ int JobStore::deleteJobsWhere(const std::function<bool(const JobRow&)>& match)
             return 0;
         }
     }
+    // A job whose row could not be deleted stays listed: the list and tbJob agree.
+    if (!kept.empty())
+        std::erase_if(rows, [&](int r) { return kept.count(list_.rowAt(r).id) > 0; });
     list_.removeRowsAt(rows);
     return int(rows.size());
 }
@@ -381,16 +411,19 @@ bool JobStore::beginBatch()
 {
     if (inBatch_)
         return false;
-    // Not logged: without a batch every job commits on its own and a job that
-    // cannot be stored logs that itself.
-    try {
-        jdb_.database().begin();
-    } catch (const std::exception&) {
-        return false;
-    }
     inBatch_ = true;
     batchJobs_.clear();
-    return true;
+    refusal_.reset();
+    // Not logged here: each job the batch refuses logs its own line.
+    try {
+        if (std::exchange(reopen_, false))
+            jdb_.database().open(jdb_.database().path());
+        jdb_.database().begin();
+        return true;
+    } catch (const std::exception& e) {
+        noteFailure(e);
+        return false;
+    }
 }
 
 bool JobStore::commitBatch()
@@ -398,7 +431,14 @@ bool JobStore::commitBatch()
     if (!inBatch_)
         return false;
     inBatch_ = false;
+    refusal_.reset();
+    if (!jdb_.database().inTransaction()) {
+        // Never began: nothing of it was written.
+        batchJobs_.clear();
+        return false;
+    }
     try {
+        // Jobs it refused were told so by SrvAddJob; the ones it stored are durable now.
         jdb_.database().commit();
         batchJobs_.clear();
         return true;

@@ -14,15 +14,17 @@
 // Grouping: requests that arrive together may share one commit.
 //   store.beginBatch(); store.SrvAddJob(a); store.SrvAddJob(b);
 //   if (store.commitBatch()) reply "OK" to both.
-// A job is durable (fsync'd) once SrvAddJob returns outside a batch, or once
-// commitBatch() returns true.
+// A job is durable (fsync'd) once SrvAddJob returns true outside a batch, or
+// once commitBatch() returns true for the batch it was added in.
 #include "database/slots.h"
+#include "foundation/error.h"
 
 #include <QAbstractTableModel>
 #include <QString>
 
 #include <deque>
 #include <functional>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -124,8 +126,9 @@ public:
     void SrvInitAllJobs();
     // Appends the row of the job the recordset stands on. Throws to the caller's trap.
     const JobRow& SrvAddJobRow(const Recordset& rs);
-    // Deletes the job row of tbJob (nothing when absent). Traps its errors.
-    void SrvDBDeleteJob(qint32 id);
+    // Deletes the job row of tbJob (nothing when absent). Traps its errors;
+    // false when a row may still be there.
+    bool SrvDBDeleteJob(qint32 id);
     // Removes the job's entry from the list (nothing when absent).
     void SrvRemoveJobRow(qint32 id);
     void SrvDeleteJob(qint32 id);
@@ -139,10 +142,13 @@ public:
     qint32 SrvNextJobId(qint32 printerId) const { return list_.firstJobOf(printerId); }
 
     // Groups the jobs stored until commitBatch() into one transaction. False when a
-    // batch is already open or the transaction cannot start.
+    // batch is already open or the transaction cannot start (the write lock was
+    // not had within the database's lock wait); the batch is then open all the
+    // same and refuses every job and deletion in it, so one wait covers it all.
     bool beginBatch();
     // Commits the batch; on failure it is rolled back, the list is rebuilt from
-    // what is on disk, each job of the batch is logged as failed, and false returned.
+    // what is on disk, each job of the batch is logged as failed, and false
+    // returned. False also for a batch that never began: none of its jobs is stored.
     bool commitBatch();
     bool inBatch() const { return inBatch_; }
 
@@ -150,12 +156,21 @@ public:
     JobRow buildRow(qint32 id, const QString& jobText) const;
 
 private:
-    void dbDeleteJobs(const std::vector<qint64>& ids);
+    // Deletes the rows of tbJob; the ids whose row could not be deleted.
+    std::set<qint64> dbDeleteJobs(const std::vector<qint64>& ids);
+    // Remembers what a failed write means for the rest of the batch.
+    void noteFailure(const std::exception& e);
+
     JobDatabase& jdb_;
     const PrinterSlots& slots_;
     JobListModel list_;
     bool inBatch_ = false;
     std::vector<qint32> batchJobs_;
+    // Why the open batch takes no more writes: its start or one of its jobs failed.
+    std::optional<Error> refusal_;
+    // A write found the database read-only: the next batch opens it again, so
+    // storing resumes once the file can be written.
+    bool reopen_ = false;
 };
 
 } // namespace quill

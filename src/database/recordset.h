@@ -35,6 +35,10 @@ class QSqlError;
 
 namespace quill {
 
+// How long a statement waits for another program's lock before it fails with
+// "database is locked". A batch of requests waits once, at its BEGIN IMMEDIATE.
+constexpr int LockWaitMs = 2000;
+
 // Error numbers raised by the record layer itself.
 constexpr int ErrUpdateWithoutEdit = 3020;
 constexpr int ErrNoCurrentRecord = 3021;

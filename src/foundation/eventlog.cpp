@@ -97,8 +97,13 @@ void LogTraffic(const QString& trafficText)
 {
     if (!state().useTraffic || state().fileName.isEmpty())
         return;
+    // A junk stream must not fill the log: the start of it is enough to see what it was.
+    constexpr qsizetype MaxTrafficEntry = 64 * 1024;
+    QString entry = trafficText.left(MaxTrafficEntry);
+    if (trafficText.size() > MaxTrafficEntry)
+        entry += QStringLiteral("\r\n[%1 of %2 bytes logged]").arg(MaxTrafficEntry).arg(trafficText.size());
     AppendLogLine(LogFilePath(), LogEntryHeader(QDateTime::currentDateTime())
-                      + QStringLiteral(" Network traffic\r\n") + trafficText);
+                      + QStringLiteral(" Network traffic\r\n") + entry);
 }
 
 void LogCleanup(const QString& baseName)

@@ -8,6 +8,7 @@ namespace quill {
 // opens, appends and closes the file; a log that cannot be written is ignored.
 void LogInit(const QString& baseName);
 void LogWrite(const QString& message);
+// The first 64 KiB of an arrival, then a note of its full length.
 void LogTraffic(const QString& trafficText);
 void LogCleanup(const QString& baseName);
 

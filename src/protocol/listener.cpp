@@ -4,7 +4,10 @@
 
 #include <QNetworkInterface>
 
+#include <cerrno>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace quill {
 
@@ -15,11 +18,33 @@ Listener::Listener(QObject* parent) : QObject(parent)
     connect(&server_, &QTcpServer::newConnection, this, &Listener::onNewConnection);
 }
 
+namespace {
+
+// The client has closed its sending side and nothing of it is left unread.
+bool peerClosed(int fd)
+{
+    char c;
+    const ssize_t n = ::recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+    return n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
+}
+
+void sendNow(int fd, const QByteArray& bytes)
+{
+    if (fd >= 0)
+        (void)::send(fd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+} // namespace
+
 Listener::~Listener()
 {
-    for (auto& e : entries_)
+    for (auto& e : entries_) {
         if (e.socket)
             e.socket->abort();
+        if (e.fd >= 0)
+            ::close(e.fd);
+    }
+    setHoldClosed(false);
 }
 
 bool Listener::MainInitTCP(qint32 port)
@@ -68,6 +93,8 @@ void Listener::resetConnections()
     for (int i = 1; i <= MaxConnections; ++i) {
         if (entries_[i].socket)
             entries_[i].socket->abort();
+        if (entries_[i].fd >= 0)
+            ::close(entries_[i].fd);
         entries_[i] = Entry{};
     }
 }
@@ -91,7 +118,11 @@ void Listener::onNewConnection()
             s->deleteLater();
             continue;
         }
-        const int k = FindFreeConnection();
+        int k = FindFreeConnection();
+        if (k < 0) {
+            reapClosed();
+            k = FindFreeConnection();
+        }
         if (k < 0) {
             // A 33rd client is not served: closed at once, without a reply.
             s->abort();
@@ -103,6 +134,7 @@ void Listener::onNewConnection()
         e.buffer.clear();
         e.state = 0;
         e.serial = ++accepted_;
+        e.fd = ::fcntl(int(s->socketDescriptor()), F_DUPFD_CLOEXEC, 0);
         connect(s, &QTcpSocket::readyRead, this, [this, k, s] {
             if (entries_[k].socket != s)
                 return;
@@ -123,8 +155,48 @@ void Listener::onClosed(int i)
     Entry& e = entries_[i];
     if (e.socket)
         e.socket->deleteLater();
+    if (e.fd >= 0) {
+        if (holdClosed_)
+            lingering_.emplace(e.serial, e.fd);
+        else
+            ::close(e.fd);
+    }
     e = Entry{};
     emit connectionsChanged(connectionCount());
+}
+
+void Listener::reapClosed()
+{
+    for (int i = 1; i <= MaxConnections; ++i) {
+        Entry& e = entries_[i];
+        if (!e.socket || e.fd < 0 || e.socket->bytesAvailable() > 0 || !peerClosed(e.fd))
+            continue;
+        QTcpSocket* s = e.socket;
+        onClosed(i);
+        s->abort();
+    }
+}
+
+void Listener::setHoldClosed(bool hold)
+{
+    holdClosed_ = hold;
+    if (hold)
+        return;
+    for (const auto& [serial, fd] : lingering_)
+        ::close(fd);
+    lingering_.clear();
+}
+
+void Listener::sendTo(int i, quint64 serial, const QByteArray& bytes)
+{
+    if (serial != 0 && this->serial(i) == serial) {
+        send(i, bytes);
+        return;
+    }
+    // A reply is a few hundred bytes: an empty socket buffer takes it whole.
+    auto it = lingering_.find(serial);
+    if (it != lingering_.end())
+        sendNow(it->second, bytes);
 }
 
 QHostAddress Listener::reachableAddress() const

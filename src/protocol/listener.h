@@ -8,6 +8,7 @@
 #include <QTcpSocket>
 #include <array>
 #include <functional>
+#include <unordered_map>
 
 namespace quill {
 
@@ -52,6 +53,13 @@ public:
     // Sends the reply text (Windows-1252) on entry i; errors are ignored.
     void send(int i, const QString& text);
     void send(int i, const QByteArray& bytes);
+    // Sends to the client with that serial: on entry i while it still holds
+    // that client, else on its connection kept open for a late reply (below).
+    void sendTo(int i, quint64 serial, const QByteArray& bytes);
+    // While set, a client that closes (or only stops sending) keeps its
+    // connection open, though not its entry, for the replies still to come;
+    // clearing it closes those connections.
+    void setHoldClosed(bool hold);
     // Closes entry i from the server side (the add-in overflow guard).
     void drop(int i);
 
@@ -72,10 +80,18 @@ private:
         QString buffer;
         QPointer<QTcpSocket> socket;
         quint64 serial = 0;
+        // Our own descriptor of the connection: Qt closes its one as soon as
+        // the client stops sending, and a reply may still be owed.
+        int fd = -1;
     };
     void onNewConnection();
     void onClosed(int i);
+    // Frees the entries of clients that closed but whose close has not been
+    // handled yet (it may still be queued behind the new connection).
+    void reapClosed();
 
+    bool holdClosed_ = false;
+    std::unordered_map<quint64, int> lingering_; // serial -> fd
     QTcpServer server_;
     QHostAddress bindAddress_{QHostAddress::Any};
     ClientFilter filter_;

@@ -47,6 +47,7 @@ QString RequestHandler::reply(int code, const QString& statusText)
     case 1002: return err + h + t(12066) + CR + t62 + CR + CR + t(12063) + QStringLiteral("1002");
     case 1003: return err + h + t(12064) + CR + t(12065) + CR + CR + t(12063) + QStringLiteral("1003");
     case 1004: return err + h + t(12061) + CR + t62 + CR + CR + t(12063) + QStringLiteral("1004");
+    case 1005: return err + h + t(12142) + CR + CR + t(12063) + QStringLiteral("1005");
     case 1102:
     case 1101:
         return ok + h + t(12059) + QLatin1Char(' ') + statusText.trimmed() + CR + CR + t(12060)
@@ -73,6 +74,7 @@ void RequestHandler::SrvHandleRequest(const QString& data, int connection)
         if (request.field(1).toUpper() != QLatin1String("BRIXA"))
             return;
         QString answer;
+        replyAwaitsCommit_ = false;
         if (request.field(2) != ProtocolVersion) {
             answer = reply(9002);
         } else {
@@ -84,36 +86,38 @@ void RequestHandler::SrvHandleRequest(const QString& data, int connection)
             else
                 answer = reply(9003);
         }
-        sendReply(connection, answer);
+        sendReply(connection, answer, std::exchange(replyAwaitsCommit_, false));
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvHandleRequest failed. Error: ") + errorText(e));
     }
 }
 
-void RequestHandler::sendReply(int connection, const QString& text)
+void RequestHandler::sendReply(int connection, const QString& text, bool awaitsCommit)
 {
     // While a batch is open every reply queues behind it, so none overtakes
     // an earlier reply of the same client.
     if (batchOpen_)
-        pending_.append({connection, listener_.serial(connection), ToCp1252(text)});
+        pending_.append({connection, listener_.serial(connection), ToCp1252(text), awaitsCommit});
     else
         listener_.send(connection, text);
 }
 
 void RequestHandler::openBatch()
 {
-    // Without a batch (the database refused to begin one) each job commits on
-    // its own and logs its own failure.
-    if (!batchOpen_ && svc_.beginBatch && svc_.beginBatch()) {
+    // A batch that could not begin stays open too: it refuses its jobs at once
+    // instead of each of them waiting for the lock again.
+    if (!batchOpen_ && svc_.beginBatch) {
+        svc_.beginBatch();
         batchOpen_ = true;
+        listener_.setHoldClosed(true);
         flushTimer_.start();
     }
 }
 
-void RequestHandler::storeJob(const QString& jobText)
+bool RequestHandler::storeJob(const QString& jobText)
 {
     openBatch();
-    svc_.addJob(jobText);
+    return svc_.addJob(jobText);
 }
 
 void RequestHandler::flush()
@@ -121,13 +125,13 @@ void RequestHandler::flush()
     if (!batchOpen_)
         return;
     batchOpen_ = false;
-    // A failed commit has logged each job it lost.
-    if (svc_.commitBatch)
-        svc_.commitBatch();
+    // A failed commit has logged each job it lost; their clients are told.
+    const bool committed = !svc_.commitBatch || svc_.commitBatch();
+    const QByteArray refused = committed ? QByteArray() : ToCp1252(reply(1005));
     const auto replies = std::exchange(pending_, {});
     for (const PendingReply& r : replies)
-        if (listener_.serial(r.connection) == r.serial)
-            listener_.send(r.connection, r.bytes);
+        listener_.sendTo(r.connection, r.serial, r.awaitsCommit && !committed ? refused : r.bytes);
+    listener_.setHoldClosed(false);
 }
 
 QString RequestHandler::printRequest(const QString& request, const JobFields& fields)
@@ -145,7 +149,9 @@ QString RequestHandler::printRequest(const QString& request, const JobFields& fi
     if (!SrvTemplateOK(templateId, mode))
         return reply(1004);
 
-    storeJob(request);
+    if (!storeJob(request))
+        return reply(1005);
+    replyAwaitsCommit_ = true;
     traffic_.indicate(TrafficIndicator::ReceivingJob);
 
     const PrinterSlot& s = printers.at(printerId);
@@ -239,8 +245,9 @@ QString RequestHandler::addinFraming(const QString& data, int connection)
         r.remove(QLatin1Char('\f'));
         r.replace(QLatin1Char('\r'), QLatin1Char('\t'));
         r += QStringLiteral("\t\r\n");
-        storeJob(r);
-        traffic_.indicate(TrafficIndicator::ReceivingJob);
+        // No reply in this form: a record that cannot be stored is only logged.
+        if (storeJob(r))
+            traffic_.indicate(TrafficIndicator::ReceivingJob);
     }
     // Framing drops whatever comes before a start marker, so only a possible
     // marker's beginning needs keeping: standard requests on an add-in

@@ -20,12 +20,14 @@ struct RequestServices {
     std::function<bool()> serviceRunning;
     PrinterSlots* printers = nullptr;
     std::function<bool(qint32 templateId)> templateInDB;
-    std::function<void(const QString& jobText)> addJob;
+    // False when the job was not stored (nothing of it is in tbJob or the list).
+    std::function<bool(const QString& jobText)> addJob;
     // Configure 1: every printer whose CurrentTemplateId equals the id gets 0.
     std::function<void(qint32 templateId)> clearCurrentTemplate;
     // Configure 3: deletes the jobs whose list row matches, from table and list.
     std::function<int(const JobMatch& match)> deleteJobsWhere;
     // Grouped commits: replies to stored jobs wait until the batch is durable.
+    // commitBatch is false when the batch's stored jobs were not committed.
     std::function<bool()> beginBatch;
     std::function<bool()> commitBatch;
 };
@@ -59,15 +61,17 @@ private:
     QString addinFraming(const QString& data, int connection);
     QString printRequest(const QString& request, const JobFields& fields);
     QString configureRequest(const JobFields& request);
-    void sendReply(int connection, const QString& text);
+    void sendReply(int connection, const QString& text, bool awaitsCommit);
     void openBatch();
-    void storeJob(const QString& jobText);
+    bool storeJob(const QString& jobText);
 
     Listener& listener_;
     TrafficIndicator& traffic_;
     RequestServices svc_;
     bool addinScala_ = false;
     bool batchOpen_ = false;
+    // The reply being made is for a job stored in the open batch.
+    bool replyAwaitsCommit_ = false;
     // Ends the turn's batch. A zero timer rather than a posted call: the loop
     // sees it without being woken through its event descriptor.
     QTimer flushTimer_;
@@ -75,6 +79,7 @@ private:
         int connection;
         quint64 serial; // of the client that asked
         QByteArray bytes;
+        bool awaitsCommit; // becomes the 1005 refusal when the commit fails
     };
     QList<PendingReply> pending_;
 };

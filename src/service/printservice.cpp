@@ -293,7 +293,14 @@ void PrintService::jobTimerTick(int k)
             // A check still under way in the driver would answer for a job it
             // has not printed yet: the job waits for it.
             const qint32 j = obj->busy() ? 0 : store_.SrvNextJobId(p);
-            if (j >= 1 && jdb_.SrvSeekJob(j)) {
+            const bool found = j >= 1 && jdb_.SrvSeekJob(j);
+            if (j >= 1 && !found) {
+                // Deleted from tbJob by another program: no job is started, and
+                // its row leaves the list so the printer's next job can go.
+                LogWrite(QStringLiteral("JobTimer: job %1 is no longer in tbJob.  PId = %2").arg(j).arg(p));
+                store_.SrvRemoveJobRow(j);
+            }
+            if (found) {
                 const QString text = NullToStr(jdb_.jobRecordset()->field(QStringLiteral("Job")), QString());
                 const JobFields job(text);
                 if (job.printerId() == p) {

@@ -285,13 +285,15 @@ void TestJobStore::deleteJobsWhereFailures()
 void TestJobStore::failuresAreLogged()
 {
     {
-        // Another program holds the write lock: no batch begins, and the job that
-        // cannot be stored is the one line logged.
+        // Another program holds the write lock: the batch does not begin, it
+        // refuses its jobs without waiting again, and each refused job is the one
+        // line logged.
         Database other;
         other.open(mdb());
         other.begin();
         QVERIFY(!store->beginBatch());
         QVERIFY(!add(1, "locked"));
+        QVERIFY(!store->commitBatch());
         other.rollback();
     }
     QVERIFY(add(1, "a"));
