@@ -288,9 +288,8 @@ bool JobDatabase::SrvOpenDatabases()
             return false;
         }
 
-        // Each step either completes or logs its warning and skips the rest; false
-        // only when brixa.mdb is gone and the start must end.
-        const bool canOpen = [&] {
+        // Each step either completes or logs its warning and skips the rest.
+        [&] {
             try {
                 if (exists(backup))
                     removeFile(backup);
@@ -299,7 +298,7 @@ bool JobDatabase::SrvOpenDatabases()
                 syncFolder();
             } catch (const std::exception& e) {
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Backup database failed. Error: ") + errorText(e));
-                return true;
+                return;
             }
             crashPoint("backup");
 
@@ -307,7 +306,7 @@ bool JobDatabase::SrvOpenDatabases()
                 integrityCheck(mdb);
             } catch (const std::exception& e) {
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database failed. Error: ") + errorText(e));
-                return true;
+                return;
             }
             crashPoint("repair");
 
@@ -319,7 +318,7 @@ bool JobDatabase::SrvOpenDatabases()
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Compact database Step 1 - Failed to delete "
                                         "brixa_compact.mdb. Error: ")
                          + errorText(e));
-                return true;
+                return;
             }
             crashPoint("compact1");
 
@@ -334,10 +333,12 @@ bool JobDatabase::SrvOpenDatabases()
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Compact database Step 2 - Failed to compact "
                                         "brixa.mdb to brixa_compact.mdb. Error: ")
                          + errorText(e));
-                return true;
+                return;
             }
             crashPoint("compact2");
 
+            // brixa.mdb stays until the compacted copy replaces it in one rename, so
+            // no moment of the start leaves the folder without a database that opens.
             try {
                 if (exists(mdb)) {
                     // Not while another program has it open, nor when it committed
@@ -347,20 +348,21 @@ bool JobDatabase::SrvOpenDatabases()
                     checkpoint(mdb);
                     if (fileStamp(mdb) != compacted)
                         throw errnoError(EBUSY);
+                    // Empty after the checkpoint; they must not meet the new file.
                     removeFile(mdb + QStringLiteral("-wal"));
                     removeFile(mdb + QStringLiteral("-shm"));
-                    removeFile(mdb);
                     syncFolder();
                 }
             } catch (const std::exception& e) {
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Compact database Step 3 - Failed to delete "
                                         "brixa.mdb. Error: ")
                          + errorText(e));
-                return true;
+                return;
             }
             crashPoint("compact3");
 
-            // Copied under another name and renamed, so brixa.mdb is never a partial file.
+            // Copied under another name and renamed over brixa.mdb: either the old
+            // or the compacted database is brixa.mdb at every instant.
             const QString restoring = HomePath(QStringLiteral("brixa_restore.tmp"));
             try {
                 removeFile(restoring);
@@ -370,15 +372,11 @@ bool JobDatabase::SrvOpenDatabases()
                 syncFolder();
             } catch (const std::exception& e) {
                 ::unlink(QFile::encodeName(restoring).constData());
-                const QString err = errorText(e);
+                // brixa.mdb is still the database as it was: the start goes on with it.
                 LogWrite(QStringLiteral("SrvOpenDatabases Compact database Step 4 - Failed to copy brixa_compact.mdb "
                                         "to brixa.mdb. Error: ")
-                         + err);
-                MsgBoxUnlessSilent(QStringLiteral("SrvOpenDatabases - Failed to restore the brixa database after "
-                                                  "repair and compact. Error: ")
-                                       + err + QLatin1Char('\n') + GetString(12137),
-                                   BoxIcon::None);
-                return false; // the start ends here
+                         + errorText(e));
+                return;
             }
             crashPoint("compact4");
 
@@ -392,12 +390,7 @@ bool JobDatabase::SrvOpenDatabases()
                          + errorText(e));
             }
             crashPoint("compact5");
-            return true;
         }();
-        if (!canOpen) {
-            SrvCloseDatabases();
-            return false;
-        }
 
         db_.open(mdb);
         return true;

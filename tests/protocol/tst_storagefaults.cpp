@@ -1,0 +1,186 @@
+// Storage faults while clients send print requests, against an in-process server
+// on a temporary installation: a job that cannot be stored is answered 1005 and
+// is neither in tbJob nor in the job list; once the fault is gone requests are
+// stored again without a restart. The faults are real: another connection holding
+// the write lock, brixa.mdb read-only (a read-only bind mount), the installation
+// on a tmpfs that is filled up.
+#include "database/jobstore.h"
+#include "database/recordset.h"
+#include "foundation/cp1252.h"
+#include "shell/server.h"
+#include "support/emulator.h"
+#include "support/installation.h"
+#include "support/mounts.h"
+
+#include <QFile>
+#include <QTcpSocket>
+#include <QTest>
+
+#include <algorithm>
+
+using namespace quill;
+using quill::test::Emulator;
+using quill::test::TestInstallation;
+
+namespace {
+
+const QByteArray Ok = "BRIXA\tOK\t";
+const QByteArray NotStored = ToCp1252(QStringLiteral(
+    "BRIXA\tERR\tBrixa - Printerserver:\rUtskriftjobbet kunde inte sparas. Kontakta systemansvarig!\r\r"
+    "Utskriftjobbet har INTE lagrats i utskriftskön.1005"));
+
+// A reply is whole when it is the plain OK or ends in its four-digit code.
+bool whole(const QByteArray& b)
+{
+    return b == Ok || (b.size() > 13 && std::all_of(b.end() - 4, b.end(), [](char c) { return c >= '0' && c <= '9'; }));
+}
+
+} // namespace
+
+class TestStorageFaults : public QObject {
+    Q_OBJECT
+    std::unique_ptr<TestInstallation> inst;
+    std::unique_ptr<Server> server;
+    QStringList mounts;
+    quint16 port = 0;
+    // Printer 1 answers its check only after a long while: stored jobs stay queued.
+    Emulator slowPrinter;
+    int sent = 0;
+
+    // `clients` connections each send `each` requests, one after the other's
+    // reply; every reply, in the order they came.
+    QList<QByteArray> send(int clients, int each)
+    {
+        std::vector<std::unique_ptr<QTcpSocket>> sockets;
+        std::vector<int> left(clients, each);
+        std::vector<QByteArray> buffers(clients);
+        QList<QByteArray> replies;
+        auto request = [&](int k) {
+            sockets[k]->write(QStringLiteral("BRIXA\t1.00\tP\t1\t1\t1\tWS%1\t0\t\t\t\tJob %2").arg(k).arg(++sent).toLatin1());
+            --left[k];
+        };
+        for (int k = 0; k < clients; ++k) {
+            sockets.push_back(std::make_unique<QTcpSocket>());
+            sockets[k]->connectToHost(QHostAddress::LocalHost, port);
+            if (!sockets[k]->waitForConnected(5000))
+                return {};
+            request(k);
+        }
+        (void)QTest::qWaitFor([&] {
+            for (int k = 0; k < clients; ++k) {
+                buffers[k] += sockets[k]->readAll();
+                if (!whole(buffers[k]))
+                    continue;
+                replies << std::exchange(buffers[k], {});
+                if (left[k] > 0)
+                    request(k);
+            }
+            return replies.size() == clients * each;
+        }, 60000);
+        return replies;
+    }
+
+    // Ids in tbJob, and whether the job list shows exactly those.
+    QString storedIds()
+    {
+        const QString onDisk = inst->scalar("SELECT group_concat(Id, ' ') FROM (SELECT Id FROM tbJob ORDER BY Id)").toString();
+        QStringList listed;
+        const JobListModel& list = server->jobs().jobList();
+        for (int r = 0; r < list.count(); ++r)
+            listed << QString::number(list.rowAt(r).id);
+        return listed.join(' ') == onDisk ? onDisk : "tbJob " + onDisk + " but listed " + listed.join(' ');
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(slowPrinter.startTcp(), qPrintable(slowPrinter.errorText()));
+        QCOMPARE(slowPrinter.command("delay 9000"), QStringLiteral("ok"));
+    }
+    void cleanup()
+    {
+        server.reset();
+        while (!mounts.isEmpty())
+            test::Unmount(mounts.takeLast());
+        inst.reset();
+    }
+    void faultAnswers1005_data();
+    void faultAnswers1005();
+};
+
+void TestStorageFaults::faultAnswers1005_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::newRow("write lock held by another connection") << "lock";
+    QTest::newRow("brixa.mdb read-only") << "read-only";
+    QTest::newRow("installation disk full") << "disk full";
+}
+
+void TestStorageFaults::faultAnswers1005()
+{
+    QFETCH(QString, fault);
+    inst = std::make_unique<TestInstallation>();
+    QVERIFY(inst->ok());
+    port = TestInstallation::freePort();
+    QVERIFY(inst->setServer(port, true));
+    QVERIFY(inst->addNetworkPrinter(1, "Skrivare 1", slowPrinter.port()));
+    inst->setUserSwitch("dwUseLog", 1);
+    const QString mdb = inst->file("brixa.mdb");
+    QString why;
+    if (fault == "disk full") {
+        if (!test::MountTmpfsOver(inst->path(), 8192, &why))
+            QSKIP(qPrintable("no tmpfs for the installation: " + why));
+        mounts << inst->path();
+    }
+    // A file that cannot be written when the server opens it: the start goes on
+    // with it as it is.
+    if (fault == "read-only") {
+        if (!test::BindReadOnly(mdb, &why))
+            QSKIP(qPrintable("cannot make brixa.mdb read-only: " + why));
+        mounts << mdb;
+    }
+    server = std::make_unique<Server>(Server::Options{});
+    QCOMPARE(server->startup(), Server::Started);
+    QVERIFY(server->serviceRunning());
+
+    const int before = fault == "read-only" ? 0 : 3;
+    if (before > 0)
+        QCOMPARE(send(1, before), QList<QByteArray>(before, Ok));
+    const QString storedBefore = storedIds();
+    QCOMPARE(storedBefore.split(' ', Qt::SkipEmptyParts).size(), before);
+
+    std::unique_ptr<Database> holder;
+    if (fault == "lock") {
+        holder = std::make_unique<Database>();
+        holder->open(mdb);
+        holder->begin();
+    } else if (fault == "disk full") {
+        QVERIFY(test::FillUp(inst->file("filler")) > 0);
+    }
+    const int clients = 4, each = 5;
+    const QList<QByteArray> replies = send(clients, each);
+    QCOMPARE(replies.size(), clients * each);
+    const int refused = int(replies.count(NotStored));
+    QCOMPARE(refused, clients * each);
+    QCOMPARE(storedIds(), storedBefore);
+    QVERIFY(inst->log().contains("SrvAddJob failed."));
+
+    // Gone again: the next requests are stored as usual.
+    if (fault == "lock") {
+        holder->rollback();
+        holder.reset();
+    } else if (fault == "disk full") {
+        QVERIFY(QFile::remove(inst->file("filler")));
+    } else {
+        QVERIFY(test::Unmount(mounts.takeLast()));
+    }
+    QCOMPARE(send(2, 2), QList<QByteArray>(4, Ok));
+    const QStringList after = storedIds().split(' ', Qt::SkipEmptyParts);
+    QCOMPARE(after.size(), before + 4);
+    qInfo("%s: %d requests sent during the fault, %d answered 1005, %d stored; %d stored after it",
+          qPrintable(fault), clients * each, refused, int(storedIds().split(' ', Qt::SkipEmptyParts).size()) - before - 4,
+          4);
+}
+
+QTEST_GUILESS_MAIN(TestStorageFaults)
+#include "tst_storagefaults.moc"
