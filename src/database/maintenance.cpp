@@ -8,11 +8,14 @@
 // -wal still holds data. Copies are fsync'd, and the folder with them, before the
 // next step relies on them.
 #include "database/jobdatabase.h"
+#include "database/salvage.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "foundation/texts.h"
 
+#include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSqlError>
@@ -261,6 +264,98 @@ void checkAccountFile(const QString& path)
     }
 }
 
+// Backups of earlier starts, oldest first by name, kept in backups/ beside brixa_backup.mdb.
+constexpr int BackupGenerations = 5;
+
+QString stampOf(const QString& path)
+{
+    return QFileInfo(path).lastModified().toString(QStringLiteral("yyyyMMdd-HHmmsszzz"));
+}
+
+// Moves the previous start's backup into backups/ under the time it was made.
+void keepGeneration(const QString& backup)
+{
+    const QString folder = HomePath(QStringLiteral("backups"));
+    if (!QDir().mkpath(folder))
+        throw errnoError(errno ? errno : EACCES);
+    QString name = folder + QStringLiteral("/brixa_backup-") + stampOf(backup);
+    QString target = name + QStringLiteral(".mdb");
+    for (int n = 2; exists(target); ++n)
+        target = name + QStringLiteral("_%1.mdb").arg(n);
+    if (::rename(QFile::encodeName(backup).constData(), QFile::encodeName(target).constData()) != 0)
+        throw errnoError(errno);
+    syncPath(folder, true);
+}
+
+// Only once the new backup is in place; a failure here costs nothing but room.
+void pruneGenerations()
+{
+    QDir folder(HomePath(QStringLiteral("backups")));
+    const QStringList kept = folder.entryList({QStringLiteral("brixa_backup-*.mdb")}, QDir::Files, QDir::Name);
+    for (qsizetype i = 0; i + BackupGenerations < kept.size(); ++i)
+        folder.remove(kept[i]);
+}
+
+// The backup is written under another name first: a start that cannot make
+// one leaves every earlier backup as it was.
+void makeBackup(const QString& mdb, const QString& backup)
+{
+    const QString fresh = HomePath(QStringLiteral("brixa_backup.tmp"));
+    removeFile(fresh);
+    checkpoint(mdb);
+    try {
+        copyFileDurable(mdb, fresh);
+        if (QFileInfo(backup).isFile())
+            keepGeneration(backup);
+        else
+            removeFile(backup);
+        if (::rename(QFile::encodeName(fresh).constData(), QFile::encodeName(backup).constData()) != 0)
+            throw errnoError(errno);
+        syncFolder();
+    } catch (...) {
+        ::unlink(QFile::encodeName(fresh).constData());
+        throw;
+    }
+    pruneGenerations();
+}
+
+// Rebuilds brixa.mdb from what can still be read of it; the damaged file stays
+// beside it under a dated name. Each table's count is logged.
+void repairDamaged(const QString& mdb, const Error& damage)
+{
+    if (openElsewhere(mdb))
+        throw errnoError(EBUSY);
+    checkpoint(mdb);
+    const QString rebuilt = HomePath(QStringLiteral("brixa_repair.tmp"));
+    removeFile(rebuilt);
+    const QList<SalvagedTable> tables = SalvageDatabase(mdb, rebuilt);
+    const QString aside = QStringLiteral("brixa_damaged-")
+        + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss")) + QStringLiteral(".mdb");
+    try {
+        syncPath(rebuilt, false);
+        removeFile(HomePath(aside));
+        if (::link(QFile::encodeName(mdb).constData(), QFile::encodeName(HomePath(aside)).constData()) != 0)
+            copyFileDurable(mdb, HomePath(aside));
+        removeFile(mdb + QStringLiteral("-wal"));
+        removeFile(mdb + QStringLiteral("-shm"));
+        if (::rename(QFile::encodeName(rebuilt).constData(), QFile::encodeName(mdb).constData()) != 0)
+            throw errnoError(errno);
+        syncFolder();
+    } catch (...) {
+        ::unlink(QFile::encodeName(rebuilt).constData());
+        throw;
+    }
+    LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database: ") + damage.text()
+             + QStringLiteral("; rebuilt from the rows that could be read, the damaged file kept as ") + aside);
+    for (const SalvagedTable& t : tables)
+        LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database: %1: %2 rows recovered, %3 lost%4")
+                     .arg(t.name)
+                     .arg(t.recovered)
+                     .arg(t.lost)
+                     .arg(t.tailUnreadable ? QStringLiteral(" and the rows after the last one recovered")
+                                           : QString()));
+}
+
 } // namespace
 
 void SetMaintenanceStepHook(MaintenanceStepHook hook)
@@ -291,11 +386,7 @@ bool JobDatabase::SrvOpenDatabases()
         // Each step either completes or logs its warning and skips the rest.
         [&] {
             try {
-                if (exists(backup))
-                    removeFile(backup);
-                checkpoint(mdb);
-                copyFileDurable(mdb, backup);
-                syncFolder();
+                makeBackup(mdb, backup);
             } catch (const std::exception& e) {
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Backup database failed. Error: ") + errorText(e));
                 return;
@@ -303,7 +394,11 @@ bool JobDatabase::SrvOpenDatabases()
             crashPoint("backup");
 
             try {
-                integrityCheck(mdb);
+                try {
+                    integrityCheck(mdb);
+                } catch (const Error& damage) {
+                    repairDamaged(mdb, damage);
+                }
             } catch (const std::exception& e) {
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database failed. Error: ") + errorText(e));
                 return;

@@ -16,6 +16,7 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QSqlQuery>
 #include <QTest>
 
 #include <cerrno>
@@ -89,6 +90,37 @@ bool corruptIndex(const QString& mdb)
                          "WHERE name = 'ixCaption'"});
 }
 
+// Overwrites `pages` pages from the middle of the file on: the rows on them no
+// longer read, the rest of the table does.
+bool damagePages(const QString& mdb, int pages)
+{
+    const int pageSize = WithConnection(mdb, [](QSqlDatabase& db) {
+        QSqlQuery q(db);
+        return q.exec("PRAGMA page_size") && q.next() ? q.value(0).toInt() : 0;
+    });
+    QFile f(mdb);
+    if (pageSize <= 0 || !f.open(QIODevice::ReadWrite))
+        return false;
+    const qint64 count = f.size() / pageSize;
+    return f.seek((count / 2) * pageSize) && f.write(QByteArray(pages * pageSize, char(0xA5))) == pages * pageSize;
+}
+
+// Ids whose row still reads on its own, looked up one by one.
+QList<int> readableIds(const QString& mdb, int count)
+{
+    return WithConnection(mdb, [&](QSqlDatabase& db) {
+        QList<int> ids;
+        QSqlQuery q(db);
+        for (int id = 1; id <= count; ++id) {
+            q.prepare("SELECT Job FROM tbJob WHERE Id = ?");
+            q.addBindValue(id);
+            if (q.exec() && q.next())
+                ids << id;
+        }
+        return ids;
+    });
+}
+
 // What a file of the installation is now: absent, folder, kept (the bytes of
 // `before`), "<n> jobs" (a database) or other.
 QString state(const QString& path, const QByteArray& before = {})
@@ -115,6 +147,9 @@ private slots:
     void crashAfterEveryStep_data();
     void crashAfterEveryStep();
     void openElsewhereIsNotReplaced();
+    void damagedPagesAreSalvaged_data();
+    void damagedPagesAreSalvaged();
+    void backupGenerations();
 };
 
 void TestMaintenance::outcomes_data()
@@ -136,25 +171,21 @@ void TestMaintenance::outcomes_data()
     QTest::newRow("database missing")
         << QStringList{"-brixa.mdb"} << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mdb."}
         << box(BoxIcon::Exclamation, GetString(12031) + checkInstallation) << "absent, absent, absent";
-    QTest::newRow("backup fails: folder in the way")
-        << QStringList{"brixa_backup.mdb/"} << true
+    // The new backup is made beside the old one, which stays when that fails.
+    QTest::newRow("backup fails: folder in the way, old backup kept")
+        << QStringList{"brixa_backup.mdb=stale", "brixa_backup.tmp/"} << true
         << QStringList{"Warning SrvOpenDatabases Backup database failed." + isDir} << QStringList()
-        << "kept, folder, absent";
-    QTest::newRow("repair fails: damaged index")
-        << QStringList{"damaged index"} << true
-        << QStringList{"Warning SrvOpenDatabases Repair database failed. Error: 11 database disk image is malformed"}
-        << QStringList() << "kept, 10 jobs, absent";
+        << "kept, other, absent";
     QTest::newRow("step 1 fails: folder in the way")
         << QStringList{"brixa_compact.mdb/"} << true
         << QStringList{"Warning SrvOpenDatabases Compact database Step 1 - Failed to delete brixa_compact.mdb." + isDir}
         << QStringList() << "kept, 10 jobs, folder";
-    // Step 4, the copy back after brixa.mdb was deleted, is the one step that ends the start.
+    // The compacted copy replaces brixa.mdb in one rename: when that fails the
+    // database is as it was, and the start goes on with it.
     QTest::newRow("step 4 fails: folder in the way")
-        << QStringList{"brixa_restore.tmp/"} << false
+        << QStringList{"brixa_restore.tmp/"} << true
         << QStringList{"SrvOpenDatabases Compact database Step 4 - Failed to copy brixa_compact.mdb to brixa.mdb." + isDir}
-        << box(BoxIcon::None, "SrvOpenDatabases - Failed to restore the brixa database after repair and compact." + isDir
-                                  + "\n" + GetString(12137))
-        << "absent, 10 jobs, 10 jobs";
+        << QStringList() << "kept, 10 jobs, 10 jobs";
     QTest::newRow("database is not a database")
         << QStringList{"brixa.mdb=" + QString(8192, 'q')} << false
         << QStringList{"Warning SrvOpenDatabases Repair database failed. Error: 26 file is not a database",
@@ -231,16 +262,9 @@ void TestMaintenance::crashAfterEveryStep()
     // The backup is complete before any crash point.
     QCOMPARE(IntegrityCheck(home.file("brixa_backup.mdb")), "ok");
     QCOMPARE(JobRows(home.file("brixa_backup.mdb")).size(), jobs);
-    if (step == "compact3") {
-        // brixa.mdb is gone and the next start says so; the compacted copy is whole,
-        // and restoring it by hand gives the complete database back.
-        QVERIFY(!home.has("brixa.mdb"));
-        QCOMPARE(JobRows(home.file("brixa_compact.mdb")).size(), jobs);
-        RecordingSink sink;
-        QCOMPARE(startAndList(), QStringList{"not opened"});
-        QVERIFY(home.logMessages().contains("SrvOpenDatabases failed. Can't find file brixa.mdb."));
-        QVERIFY(QFile::copy(home.file("brixa_compact.mdb"), home.file("brixa.mdb")));
-    }
+    // Whatever the step, brixa.mdb is there, whole, before the next start touches it.
+    QCOMPARE(IntegrityCheck(home.file("brixa.mdb")), "ok");
+    QCOMPARE(JobRows(home.file("brixa.mdb")).size(), jobs);
     QCOMPARE(startAndList(), expectedRows(jobs));
     QCOMPARE(IntegrityCheck(home.file("brixa.mdb")), "ok");
     QVERIFY(!home.has("brixa_compact.mdb") && !home.has("brixa_restore.tmp"));
@@ -269,6 +293,74 @@ void TestMaintenance::openElsewhereIsNotReplaced()
     QVERIFY(other.waitForFinished(20000));
     QCOMPARE(other.exitCode(), 0);
     QCOMPARE(JobRows(home.file("brixa.mdb")).size(), 11);
+}
+
+
+void TestMaintenance::damagedPagesAreSalvaged_data()
+{
+    QTest::addColumn<QString>("damage");
+    QTest::addColumn<int>("jobs");
+    QTest::newRow("index entries that do not match") << "index" << 50;
+    QTest::newRow("pages of the job table overwritten") << "pages" << 2000;
+}
+
+// The rebuilt database holds every job that can still be read; the backup of the
+// start before, taken while the database was good, is still on disk.
+void TestMaintenance::damagedPagesAreSalvaged()
+{
+    QFETCH(QString, damage);
+    QFETCH(int, jobs);
+    DbHome home;
+    QVERIFY(home.ok());
+    // Longer texts: the table spans many pages.
+    auto text = [](int i) { return job(i) + ' ' + QString(80, QChar('a' + i % 26)); };
+    QStringList inserts;
+    for (int i = 1; i <= jobs; ++i)
+        inserts << QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (%1, 1, '%2')").arg(i).arg(text(i));
+    QVERIFY(ExecSql(home.file("brixa.mdb"), inserts));
+    QCOMPARE(startAndList().size(), jobs); // a good start: its backup is good
+    const QString mdb = home.file("brixa.mdb");
+    QVERIFY(damage == "index" ? corruptIndex(mdb) : damagePages(mdb, 3));
+    QVERIFY(IntegrityCheck(mdb) != "ok");
+    const QList<int> readable = readableIds(mdb, jobs);
+    if (damage == "pages")
+        QVERIFY2(readable.size() > jobs / 2 && readable.size() < jobs, qPrintable(QString::number(readable.size())));
+    else
+        QCOMPARE(readable.size(), jobs);
+
+    const QStringList listed = startAndList();
+    QStringList want;
+    for (int id : readable)
+        want << QStringLiteral("%1 %2").arg(id).arg(GetToken(text(id), TAB, 12));
+    QCOMPARE(listed, want);
+    QCOMPARE(IntegrityCheck(mdb), "ok");
+    const QStringList log = home.logMessages();
+    QVERIFY2(log.contains(QStringLiteral("Warning SrvOpenDatabases Repair database: tbJob: %1 rows recovered, %2 lost")
+                              .arg(readable.size()).arg(jobs - readable.size())),
+             qPrintable(log.join('\n')));
+    QCOMPARE(log.filter("Repair database failed"), QStringList());
+    QCOMPARE(QDir(home.path()).entryList({"brixa_damaged-*.mdb"}).size(), 1);
+    // The backup of the good start moved aside, whole.
+    const QStringList generations = QDir(home.file("backups")).entryList({"brixa_backup-*.mdb"});
+    QCOMPARE(generations.size(), 1);
+    const QString good = home.file("backups/" + generations.first());
+    QCOMPARE(IntegrityCheck(good), "ok");
+    QCOMPARE(JobRows(good).size(), jobs);
+}
+
+void TestMaintenance::backupGenerations()
+{
+    DbHome home;
+    QVERIFY(home.ok());
+    QVERIFY(storeJobs(home.path(), 3));
+    for (int start = 1; start <= 7; ++start) {
+        QCOMPARE(startAndList().size(), 3);
+        QVERIFY(storeJobs(home.path(), 0));
+    }
+    // Seven starts: this one's backup and five of the six before it.
+    QCOMPARE(JobRows(home.file("brixa_backup.mdb")).size(), 3);
+    QCOMPARE(QDir(home.file("backups")).entryList({"brixa_backup-*.mdb"}).size(), 5);
+    QVERIFY(!home.has("brixa_backup.tmp"));
 }
 
 int main(int argc, char** argv)
