@@ -19,12 +19,28 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace quill {
 
 namespace {
 bool switchOn(Hive hive, const QString& key, const QString& name)
 {
     return NullToLong(RegGetValue(hive, key, name), 0) > 0;
+}
+// Why nothing can be created in the folder, or empty when it can.
+QString whyNotWritable(const QString& folder)
+{
+    const QByteArray probe = QFile::encodeName(folder + QStringLiteral("/.quillbase-write-%1").arg(::getpid()));
+    const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return QString::fromLocal8Bit(std::strerror(errno));
+    ::close(fd);
+    ::unlink(probe.constData());
+    return {};
 }
 QString activated(bool on)
 {
@@ -108,6 +124,17 @@ Server::StartResult Server::startup()
     try {
         readRegistrySettings();
 
+        // Without a writable folder the lock file cannot be made either, which
+        // would read as another copy running.
+        if (const QString why = whyNotWritable(HomeDir()); !why.isEmpty()) {
+            const QString text = GetString(12143, QDir::toNativeSeparators(HomeDir()) + QLatin1Char('|') + why);
+            LogWrite(QStringLiteral("Startup failed. ") + text);
+            // Shown even in silent mode: the log may be in that very folder.
+            MsgBox(text, BoxIcon::Critical);
+            starting_ = false;
+            shutDown_ = true;
+            return HomeNotWritable;
+        }
         instanceLock_ = std::make_unique<QLockFile>(HomePath(QStringLiteral("quillbase.lock")));
         instanceLock_->setStaleLockTime(0);
         if (!instanceLock_->tryLock(0)) {

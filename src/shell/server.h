@@ -23,7 +23,7 @@ public:
         int statusIntervalMs = 60000;
         bool headless = true;
     };
-    enum StartResult { Started, OtherInstance, NoDatabase, StartupFailed };
+    enum StartResult { Started, OtherInstance, NoDatabase, StartupFailed, HomeNotWritable };
 
     explicit Server(Options options, QObject* parent = nullptr);
     ~Server() override;

@@ -4,6 +4,7 @@
 // (A SIGTERM shutdown is covered by the end-to-end test.)
 #include "support/dbfixture.h"
 #include "support/installation.h"
+#include "support/mounts.h"
 
 #include <QFile>
 #include <QProcess>
@@ -75,6 +76,7 @@ private slots:
     void killKeepsEveryAnsweredJobInOrder();
     void secondCopyChangesNothing_data();
     void secondCopyChangesNothing();
+    void unwritableFolder();
 };
 
 void TestDurability::killKeepsEveryAnsweredJobInOrder_data()
@@ -173,6 +175,25 @@ void TestDurability::secondCopyChangesNothing()
     QCOMPARE(first->state(), QProcess::Running);
     QCOMPARE(inst->log().count("\r\n"), linesBefore);
     QCOMPARE(fileBytes(mdb), before);
+}
+
+// Not "already started" and exit 0: the folder and the reason, and a failure exit.
+void TestDurability::unwritableFolder()
+{
+    QString why;
+    if (!quill::test::BindReadOnly(inst->path(), &why))
+        QSKIP(qPrintable("cannot make the installation folder read-only: " + why));
+    QProcess server;
+    server.start(QUILL_BIN_DIR "/quillbase", {"--headless", "--home", inst->path()});
+    const bool finished = server.waitForFinished(20000);
+    quill::test::Unmount(inst->path());
+    QVERIFY(finished);
+    QCOMPARE(server.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(server.exitCode(), 1);
+    const QString err = QString::fromUtf8(server.readAllStandardError());
+    QVERIFY2(err.contains("Installationsmappen " + inst->path() + " kan inte skrivas: Read-only file system"),
+             qPrintable(err));
+    QVERIFY(!err.contains("redan startad"));
 }
 
 QTEST_GUILESS_MAIN(TestDurability)

@@ -9,8 +9,11 @@
 #include "support/installation.h"
 
 #include <QNetworkInterface>
+#include <QRegularExpression>
 #include <QTcpSocket>
 #include <QTest>
+
+#include <sys/socket.h>
 
 using namespace quill;
 using quill::test::Emulator;
@@ -120,6 +123,8 @@ private slots:
     void configure();
     void addinFraming();
     void connectionLimit();
+    void oddClients_data();
+    void oddClients();
 };
 
 void TestRequests::replyCodes_data()
@@ -292,6 +297,70 @@ void TestRequests::connectionLimit()
     auto next = connectClient();
     QVERIFY(next);
     QCOMPARE(exchange(*next, print("1", "1"), expected(0)), expected(0));
+}
+
+void TestRequests::oddClients_data()
+{
+    QTest::addColumn<QString>("client");
+    QTest::newRow("stops sending after its request") << "half-close";
+    QTest::newRow("closes while 32 others connect") << "entry reuse";
+    QTest::newRow("sends a 50 MB junk stream") << "junk";
+}
+
+void TestRequests::oddClients()
+{
+    QFETCH(QString, client);
+    if (client == "half-close") {
+        // Its reply waits for the commit, by which time the server has seen it stop sending.
+        for (int round = 0; round < 10; ++round) {
+            auto c = connectClient();
+            QVERIFY(c);
+            c->write(print("1", "1"));
+            QVERIFY(c->waitForBytesWritten(5000));
+            QCOMPARE(::shutdown(int(c->socketDescriptor()), SHUT_WR), 0);
+            QCOMPARE(awaitReply(*c, expected(0)), expected(0));
+        }
+        QCOMPARE(jobCount(), 10);
+        QCOMPARE(server->jobs().jobList().count(), 10);
+    } else if (client == "entry reuse") {
+        for (int round = 0; round < 5; ++round) {
+            auto leaving = connectClient();
+            QVERIFY(leaving);
+            QTRY_COMPARE_WITH_TIMEOUT(server->listener().connectionCount(), 1, 5000);
+            leaving->abort();
+            std::vector<std::unique_ptr<QTcpSocket>> others;
+            for (int i = 0; i < Listener::MaxConnections; ++i) {
+                others.push_back(std::make_unique<QTcpSocket>());
+                others.back()->connectToHost(QHostAddress::LocalHost, port);
+            }
+            for (auto& o : others)
+                QVERIFY(o->waitForConnected(5000));
+            // Every one of them is served.
+            for (auto& o : others)
+                o->write("BRIXA\t1.00\tX");
+            for (auto& o : others)
+                QCOMPARE(awaitReply(*o, expected(9003)), expected(9003));
+            others.clear();
+            QTRY_COMPARE_WITH_TIMEOUT(server->listener().connectionCount(), 0, 5000);
+        }
+    } else {
+        auto c = connectClient();
+        QVERIFY(c);
+        const qint64 logBefore = inst->log().size();
+        const QByteArray junk(1 << 20, 'j');
+        for (int i = 0; i < 50; ++i)
+            c->write(junk);
+        QVERIFY(QTest::qWaitFor([&] { return c->bytesToWrite() == 0; }, 60000));
+        QTest::qWait(500);
+        // The connection still serves, and the log grew by entries of at most 64 KiB each.
+        QCOMPARE(exchange(*c, print("1", "1"), expected(0)), expected(0));
+        const QString log = inst->log();
+        const int entries = int(log.count(" Network traffic\r\n"));
+        const qint64 grown = log.size() - logBefore;
+        QVERIFY2(grown <= entries * (64 * 1024 + 200), qPrintable(QStringLiteral("%1 bytes in %2 entries").arg(grown).arg(entries)));
+        QVERIFY(grown < 50 << 20);
+        QVERIFY(log.contains(QRegularExpression(" of \\d+ bytes logged\\]")));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestRequests)
