@@ -158,52 +158,6 @@ void copyFileDurable(const QString& src, const QString& dst)
     }
 }
 
-// A plain connection for the maintenance steps: no pragmas, nothing changed on open.
-class FileConnection {
-public:
-    explicit FileConnection(const QString& path)
-    {
-        static int counter = 0;
-        name_ = QStringLiteral("quillmaint-%1").arg(++counter);
-        db_ = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name_);
-        db_.setDatabaseName(path);
-        db_.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=2000"));
-        if (!db_.open()) {
-            Error e = SqlError(db_.lastError());
-            release();
-            throw e;
-        }
-    }
-    ~FileConnection() { release(); }
-
-    QStringList rows(const QString& sql)
-    {
-        QSqlQuery q(db_);
-        q.setForwardOnly(true);
-        if (!q.exec(sql))
-            throw SqlError(q.lastError());
-        QStringList out;
-        while (q.next()) {
-            QStringList cols;
-            for (int i = 0; i < q.record().count(); ++i)
-                cols << q.value(i).toString();
-            out << cols.join(QLatin1Char('|'));
-        }
-        return out;
-    }
-
-private:
-    void release()
-    {
-        if (db_.isOpen())
-            db_.close();
-        db_ = QSqlDatabase();
-        QSqlDatabase::removeDatabase(name_);
-    }
-    QSqlDatabase db_;
-    QString name_;
-};
-
 // Brings every committed page of a WAL database into its main file. Afterwards
 // the main file alone is the whole database, or this throws.
 void checkpoint(const QString& path)

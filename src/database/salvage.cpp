@@ -22,41 +22,6 @@ QString quoteIdent(const QString& name)
     return QLatin1Char('"') + q + QLatin1Char('"');
 }
 
-class Connection {
-public:
-    explicit Connection(const QString& path)
-    {
-        static int counter = 0;
-        name_ = QStringLiteral("quillsalvage-%1").arg(++counter);
-        db_ = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name_);
-        db_.setDatabaseName(path);
-        if (!db_.open()) {
-            const Error e = SqlError(db_.lastError());
-            release();
-            throw e;
-        }
-    }
-    ~Connection() { release(); }
-    QSqlDatabase& db() { return db_; }
-    void exec(const QString& sql)
-    {
-        QSqlQuery q(db_);
-        if (!q.exec(sql))
-            throw SqlError(q.lastError());
-    }
-
-private:
-    void release()
-    {
-        if (db_.isOpen())
-            db_.close();
-        db_ = QSqlDatabase();
-        QSqlDatabase::removeDatabase(name_);
-    }
-    QSqlDatabase db_;
-    QString name_;
-};
-
 enum class Probe { Error, End, Found };
 
 // The first rowid at or above `from`, if the way there can be read.
@@ -189,11 +154,58 @@ SalvagedTable copyTable(QSqlDatabase& from, QSqlDatabase& to, const QString& tab
 
 } // namespace
 
+FileConnection::FileConnection(const QString& path)
+{
+    static int counter = 0;
+    name_ = QStringLiteral("quillmaint-%1").arg(++counter);
+    db_ = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name_);
+    db_.setDatabaseName(path);
+    db_.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(LockWaitMs));
+    if (!db_.open()) {
+        const Error e = SqlError(db_.lastError());
+        release();
+        throw e;
+    }
+}
+
+FileConnection::~FileConnection() { release(); }
+
+void FileConnection::release()
+{
+    if (db_.isOpen())
+        db_.close();
+    db_ = QSqlDatabase();
+    QSqlDatabase::removeDatabase(name_);
+}
+
+void FileConnection::exec(const QString& sql)
+{
+    QSqlQuery q(db_);
+    if (!q.exec(sql))
+        throw SqlError(q.lastError());
+}
+
+QStringList FileConnection::rows(const QString& sql)
+{
+    QSqlQuery q(db_);
+    q.setForwardOnly(true);
+    if (!q.exec(sql))
+        throw SqlError(q.lastError());
+    QStringList out;
+    while (q.next()) {
+        QStringList cols;
+        for (int i = 0; i < q.record().count(); ++i)
+            cols << q.value(i).toString();
+        out << cols.join(QLatin1Char('|'));
+    }
+    return out;
+}
+
 QList<SalvagedTable> SalvageDatabase(const QString& damaged, const QString& target)
 {
     QList<SalvagedTable> report;
     try {
-        Connection from(damaged);
+        FileConnection from(damaged);
         struct Item {
             QString type, name, sql;
         };
@@ -208,7 +220,7 @@ QList<SalvagedTable> SalvageDatabase(const QString& damaged, const QString& targ
             if (q.lastError().isValid())
                 throw SqlError(q.lastError());
         }
-        Connection to(target);
+        FileConnection to(target);
         to.exec(QStringLiteral("PRAGMA journal_mode=WAL"));
         to.exec(QStringLiteral("BEGIN"));
         for (const Item& item : std::as_const(schema))

@@ -1,9 +1,31 @@
 #pragma once
 // Rebuilding a damaged SQLite file from what can still be read.
 #include <QList>
+#include <QSqlDatabase>
 #include <QString>
+#include <QStringList>
 
 namespace quill {
+
+// A plain connection to one file for the start-up maintenance: no pragmas,
+// nothing changed on open. Throws quill::Error.
+class FileConnection {
+public:
+    explicit FileConnection(const QString& path);
+    ~FileConnection();
+    FileConnection(const FileConnection&) = delete;
+    FileConnection& operator=(const FileConnection&) = delete;
+
+    QSqlDatabase& db() { return db_; }
+    void exec(const QString& sql);
+    // Each row's columns joined by "|".
+    QStringList rows(const QString& sql);
+
+private:
+    void release();
+    QSqlDatabase db_;
+    QString name_;
+};
 
 struct SalvagedTable {
     QString name;
