@@ -127,7 +127,7 @@ Server::StartResult Server::startup()
         // Without a writable folder the lock file cannot be made either, which
         // would read as another copy running.
         if (const QString why = whyNotWritable(HomeDir()); !why.isEmpty()) {
-            const QString text = GetString(12143, QDir::toNativeSeparators(HomeDir()) + QLatin1Char('|') + why);
+            const QString text = GetString(12144, QDir::toNativeSeparators(HomeDir()) + QLatin1Char('|') + why);
             LogWrite(QStringLiteral("Startup failed. ") + text);
             // Shown even in silent mode: the log may be in that very folder.
             MsgBox(text, BoxIcon::Critical);
