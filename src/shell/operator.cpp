@@ -345,17 +345,23 @@ Operator::Outcome Operator::openSettings()
     return Outcome::Done;
 }
 
+bool Operator::validPort(const QString& port)
+{
+    bool ok = false;
+    const qint32 n = port.trimmed().toInt(&ok);
+    return ok && n >= 1 && n <= 65535;
+}
+
 Operator::Outcome Operator::saveSettings(const ServerSettings& settings, PortChange* portChange)
 {
     invalidField_ = Field::None;
     if (portChange)
         *portChange = PortChange::Unchanged;
-    bool ok = false;
-    const qint32 port = settings.port.trimmed().toInt(&ok);
-    if (!ok || port < 1 || port > 65535) {
+    if (!validPort(settings.port)) {
         MsgBox(GetString(12143), BoxIcon::Information);
         return refused(Field::ServerPort);
     }
+    const qint32 port = settings.port.trimmed().toInt();
 
     JobDatabase& db = server_.database();
     db.SrvMainSaveSettings(settings.autoStartService ? 1 : 0, settings.startMinimized ? 1 : 0);

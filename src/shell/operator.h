@@ -120,6 +120,8 @@ public:
     // (box 12001.. on success, 12006 on failure). Invalid (nothing saved) when
     // the port is not a number 1..65535.
     Outcome saveSettings(const ServerSettings& settings, PortChange* portChange = nullptr);
+    // The port as typed is one saveSettings takes: a number 1..65535.
+    static bool validPort(const QString& port);
 
     // --- quitting ---------------------------------------------------------------
     // May the program end now: refused while starting (12020) or while a

@@ -14,6 +14,8 @@
 #include "protocol/traffic.h"
 #include "service/printservice.h"
 #include "foundation/texts.h"
+#include "shell/control.h"
+#include "shell/operator.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -73,6 +75,8 @@ Server::Server(Options options, QObject* parent)
     handler_ = std::make_unique<RequestHandler>(*listener_, *traffic_, std::move(services));
     listener_->onData = [this](const QString& text, int i) { handler_->SrvHandleRequest(text, i); };
     connect(service_.get(), &PrintService::serviceStateChanged, this, &Server::serviceStateChanged);
+    commands_ = std::make_unique<Operator>(*this);
+    control_ = std::make_unique<ControlServer>(*this, *commands_);
 }
 
 Server::~Server()
@@ -191,6 +195,8 @@ Server::StartResult Server::startup()
             LogWrite(QStringLiteral("Could not initialize TCP-port."));
             MsgBoxUnlessSilent(GetString(12014), BoxIcon::Exclamation);
         }
+        // The operator's commands from a shell, with or without a window.
+        control_->open();
 
         // Timers and listener come last: nothing fires before the slots exist.
         service_->enableStatusTimer();
@@ -256,6 +262,7 @@ void Server::shutdown()
     try {
         // As the service button stops it: a run under way is dropped with the
         // drivers below, and its job stays queued for the next start.
+        control_->close();
         stopService();
         handler_->flush();
         listener_->close();

@@ -7,9 +7,11 @@
 
 namespace quill {
 
+class ControlServer;
 class JobDatabase;
 class JobStore;
 class Listener;
+class Operator;
 class PrintService;
 class RequestHandler;
 class TrafficIndicator;
@@ -54,6 +56,11 @@ public:
     RequestHandler& requests() { return *handler_; }
     // Driver objects, job timers, status polling and the printer list.
     PrintService& printService() { return *service_; }
+    // The operator's commands: one surface, shared by the window and the
+    // control socket, so a printer dialog open in one is seen by the other.
+    Operator& commands() { return *commands_; }
+    // The control socket (quillbase.sock), open from start-up to shutdown.
+    ControlServer& control() { return *control_; }
 
 signals:
     void startupFinished();
@@ -86,6 +93,8 @@ private:
     std::unique_ptr<TrafficIndicator> traffic_;
     std::unique_ptr<Listener> listener_;
     std::unique_ptr<RequestHandler> handler_;
+    std::unique_ptr<Operator> commands_;
+    std::unique_ptr<ControlServer> control_;
 };
 
 } // namespace quill

@@ -1,0 +1,559 @@
+// quillbase-ctl: the operator's commands on a running Quillbase server, through
+// its control socket (quillbase.sock in the installation folder). The server
+// runs each command through the same code as its window and sends back the
+// outcome, the texts of its boxes and the data to show; this program only
+// parses the command line and prints.
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocalSocket>
+#include <QTextStream>
+
+#include <cstdio>
+#include <functional>
+
+namespace {
+
+enum Exit { Success = 0, Refused = 1, Usage = 2, NoServer = 3 };
+
+QTextStream out(stdout);
+QTextStream err(stderr);
+
+struct Option {
+    const char* name;
+    const char* value; // nullptr for a flag
+    const char* help;
+    const char* key;   // the request's argument
+    enum Kind { Text, Number, Switch, Flag } kind;
+};
+
+const QList<Option> printerOptions{
+    {"name", "TEXT", "printer name", "name", Option::Text},
+    {"type", "NAME|ID", "printer type (as listed in the database)", "type", Option::Text},
+    {"connection", "serial|network", "how it is attached (add: network when --address is given)", "connection",
+     Option::Text},
+    {"com", "1..4", "serial port (COM1..COM4)", "com", Option::Text},
+    {"rate", "9600|57600", "serial rate", "rate", Option::Text},
+    {"address", "ADDR", "network box address", "address", Option::Text},
+    {"net-port", "PORT", "network box port (the box's default is 23)", "netPort", Option::Text},
+    {"connect-only", "on|off", "the network box is set up already: configure over the network", "connectOnly",
+     Option::Switch},
+    {"darkness", "1..10", "print darkness", "darkness", Option::Text},
+    {"speed", "1..8", "print speed", "speed", Option::Text},
+    {"passive", "on|off", "registered but not used", "passive", Option::Switch},
+    {"cutter", "on|off", "a cutter is fitted", "cutter", Option::Switch},
+    {"feed", "N", "dispensing feed after a label, 1/10 mm", "feed", Option::Text},
+    {"reverse-feed", "N", "back-feed before a label, 1/10 mm", "reverseFeed", Option::Text},
+};
+
+const QList<Option> settingsOptions{
+    {"port", "N", "TCP port of the print requests", "port", Option::Text},
+    {"auto-start-service", "on|off", "start the print service with the server", "autoStartService", Option::Switch},
+    {"start-minimized", "on|off", "the window starts minimised", "startMinimized", Option::Switch},
+    {"silent", "on|off", "silent mode: error boxes are only logged", "silent", Option::Switch},
+    {"log", "on|off", "event log", "log", Option::Switch},
+    {"traffic-log", "on|off", "traffic log of the received requests", "trafficLog", Option::Switch},
+    {"quit-question", "on|off", "the window asks before quitting", "quitQuestion", Option::Switch},
+};
+
+struct Command {
+    QString name;      // "printer edit"
+    QString request;   // "printer-edit"
+    QString synopsis;  // after the name
+    QString summary;
+    QList<Option> options;
+    int minArgs = 0, maxArgs = 0; // positional arguments after the name (-1: any number)
+    bool idArg = false;           // the first argument is a printer id
+    bool device = false;          // a device operation: the answer may take long
+};
+
+const QList<Command>& commands()
+{
+    static const QList<Command> list{
+        {"status", "status", "", "Service state, listener, every printer with its status and queue length.", {}},
+        {"jobs", "jobs", "[--printer N]", "The queue in print order.",
+         {{"printer", "N", "only the jobs of printer N", "printer", Option::Number}}},
+        {"delete", "delete", "ID... | --all",
+         "Delete queued jobs (only while the print service is stopped). Every id is checked before any is deleted.",
+         {{"all", nullptr, "delete every queued job", "all", Option::Flag}}, 0, -1},
+        {"start", "start", "", "Start the print service.", {}},
+        {"stop", "stop", "", "Stop the print service.", {}},
+        {"refresh", "refresh", "[--full]", "Check every printer now.",
+         {{"full", nullptr, "reconfigure the serial printers first", "full", Option::Flag}}},
+        {"printer add", "printer-add", "[OPTIONS]",
+         "Register a printer in the lowest free slot (1..5); it is checked at once.", printerOptions},
+        {"printer edit", "printer-edit", "ID [OPTIONS]",
+         "Change printer ID; options not given keep their stored values. It is checked at once.", printerOptions, 1,
+         1, true},
+        {"printer remove", "printer-remove", "ID", "Remove printer ID (its queued jobs stay).", {}, 1, 1, true},
+        {"printer configure", "printer-configure", "ID",
+         "Send printer ID its stored configuration (connection, darkness, speed, feeds).", {}, 1, 1, true, true},
+        {"printer test", "printer-test", "ID", "Print a test label on printer ID.", {}, 1, 1, true, true},
+        {"printer clear", "printer-clear", "ID", "Clear the memory of printer ID.", {}, 1, 1, true, true},
+        {"printer calibrate", "printer-calibrate", "ID", "Calibrate printer ID.", {}, 1, 1, true, true},
+        {"settings", "settings", "", "Show the TCP port and the switches.", {}},
+        {"settings set", "settings-set", "OPTIONS",
+         "Change the port and switches. A running print service is stopped first, as the settings dialog does; "
+         "start it again with 'start'.",
+         settingsOptions},
+    };
+    return list;
+}
+
+QString commonHelp()
+{
+    return QStringLiteral("Common options:\n"
+                          "  --home DIR   installation folder of the server (default: this program's folder)\n"
+                          "  --json       print the server's answer as one JSON object\n"
+                          "  --help       this help\n");
+}
+
+QString usage(const Command& c)
+{
+    QString t = QStringLiteral("Usage: quillbase-ctl [--home DIR] [--json] %1 %2\n\n%3\n")
+                    .arg(c.name, c.synopsis, c.summary);
+    if (!c.options.isEmpty()) {
+        t += QStringLiteral("\nOptions:\n");
+        for (const Option& o : c.options) {
+            const QString left = QStringLiteral("--%1%2").arg(QLatin1String(o.name),
+                                                             o.value ? QStringLiteral(" ") + QLatin1String(o.value)
+                                                                     : QString());
+            t += QStringLiteral("  %1  %2\n").arg(left, -30).arg(QLatin1String(o.help));
+        }
+    }
+    return t + QLatin1Char('\n') + commonHelp();
+}
+
+QString mainUsage()
+{
+    QString t = QStringLiteral("Usage: quillbase-ctl [--home DIR] [--json] COMMAND [ARGUMENTS]\n\n"
+                               "The operator's commands on a running Quillbase server, through its control socket\n"
+                               "(quillbase.sock in the installation folder).\n\nCommands:\n");
+    for (const Command& c : commands())
+        t += QStringLiteral("  %1  %2\n").arg(c.name + QLatin1Char(' ') + c.synopsis, -36).arg(c.summary.section(QLatin1Char('.'), 0, 0));
+    return t + QStringLiteral("\n'quillbase-ctl COMMAND --help' describes a command.\n\n") + commonHelp()
+        + QStringLiteral("\nExit status: 0 done, 1 the server refused (the reason on stderr), 2 bad usage,\n"
+                         "3 no server runs in that folder.\n");
+}
+
+int usageError(const QString& message, const Command* c = nullptr)
+{
+    err << "quillbase-ctl: " << message << Qt::endl;
+    err << (c ? QStringLiteral("Try 'quillbase-ctl %1 --help'.").arg(c->name)
+              : QStringLiteral("Try 'quillbase-ctl --help'."))
+        << Qt::endl;
+    return Usage;
+}
+
+// ------------------------------------------------------------------ printing
+
+QString duration(qint64 s)
+{
+    if (s < 60)
+        return QStringLiteral("%1s").arg(s);
+    if (s < 3600)
+        return QStringLiteral("%1m %2s").arg(s / 60).arg(s % 60, 2, 10, QLatin1Char('0'));
+    if (s < 86400)
+        return QStringLiteral("%1h %2m").arg(s / 3600).arg((s % 3600) / 60, 2, 10, QLatin1Char('0'));
+    return QStringLiteral("%1d %2h").arg(s / 86400).arg((s % 86400) / 3600);
+}
+
+void table(const QStringList& headers, const QList<QStringList>& rows)
+{
+    QList<int> width;
+    for (const QString& h : headers)
+        width << int(h.size());
+    for (const QStringList& r : rows)
+        for (int i = 0; i < r.size(); ++i)
+            width[i] = qMax(width[i], int(r[i].size()));
+    const auto line = [&](const QStringList& cells) {
+        QString l;
+        for (int i = 0; i < cells.size(); ++i)
+            l += i + 1 < cells.size() ? cells[i].leftJustified(width[i] + 2) : cells[i];
+        out << l << '\n';
+    };
+    line(headers);
+    for (const QStringList& r : rows)
+        line(r);
+}
+
+QString onOff(bool on)
+{
+    return on ? QStringLiteral("on") : QStringLiteral("off");
+}
+
+QString statusCell(const QJsonObject& p)
+{
+    const QString word = p[QLatin1String("statusWord")].toString();
+    const QString text = p[QLatin1String("statusText")].toString();
+    return text.isEmpty() || text == word ? word : word.isEmpty() ? text : word + QStringLiteral(": ") + text;
+}
+
+void printPrinters(const QJsonArray& printers)
+{
+    QList<QStringList> rows;
+    for (const QJsonValue& v : printers) {
+        const QJsonObject p = v.toObject();
+        rows << QStringList{QString::number(p[QLatin1String("id")].toInt()), p[QLatin1String("name")].toString(),
+                            p[QLatin1String("connection")].toString() + (p[QLatin1String("passive")].toBool()
+                                                                             ? QStringLiteral(" (passive)")
+                                                                             : QString()),
+                            statusCell(p), duration(p[QLatin1String("seconds")].toInteger()),
+                            QString::number(p[QLatin1String("queued")].toInt())};
+    }
+    table({"ID", "PRINTER", "CONNECTION", "STATUS", "FOR", "QUEUED"}, rows);
+}
+
+void printStatus(const QJsonObject& r)
+{
+    const QJsonObject service = r[QLatin1String("service")].toObject();
+    const QJsonObject l = r[QLatin1String("listener")].toObject();
+    out << "Print service: " << service[QLatin1String("text")].toString()
+        << (service[QLatin1String("running")].toBool() ? " (running)" : " (stopped)") << '\n';
+    if (l[QLatin1String("listening")].toBool())
+        out << "Listener:      " << l[QLatin1String("address")].toString() << " port "
+            << l[QLatin1String("port")].toInt() << ", " << l[QLatin1String("connections")].toInt() << " of "
+            << l[QLatin1String("maxConnections")].toInt() << " connections in use\n";
+    else
+        out << "Listener:      not listening (port " << l[QLatin1String("port")].toInt()
+            << " could not be opened; change it with 'settings set --port N')\n";
+    out << "Jobs queued:   " << r[QLatin1String("queued")].toInt() << "\n\n";
+    const QJsonArray printers = r[QLatin1String("printers")].toArray();
+    if (printers.isEmpty())
+        out << "No printers. Add one with 'quillbase-ctl printer add'.\n";
+    else
+        printPrinters(printers);
+}
+
+void printJobs(const QJsonObject& r)
+{
+    QList<QStringList> rows;
+    for (const QJsonValue& v : r[QLatin1String("jobs")].toArray()) {
+        const QJsonObject j = v.toObject();
+        rows << QStringList{QString::number(j[QLatin1String("id")].toInt()), j[QLatin1String("copies")].toString(),
+                            QStringLiteral("%1 %2").arg(j[QLatin1String("printerId")].toInt()).arg(j[QLatin1String("printer")].toString()),
+                            j[QLatin1String("sender")].toString(), j[QLatin1String("caption")].toString()};
+    }
+    if (rows.isEmpty())
+        out << "No jobs queued.\n";
+    else
+        table({"ID", "COPIES", "PRINTER", "SENDER", "CAPTION"}, rows);
+}
+
+void printSettings(const QJsonObject& r)
+{
+    const QJsonObject s = r[QLatin1String("settings")].toObject();
+    const QJsonObject labels = r[QLatin1String("labels")].toObject();
+    QList<QStringList> rows;
+    rows << QStringList{"--port", s[QLatin1String("port")].toString(), labels[QLatin1String("port")].toString()};
+    for (const Option& o : settingsOptions) {
+        if (QLatin1String(o.key) == QLatin1String("port"))
+            continue;
+        rows << QStringList{QStringLiteral("--") + QLatin1String(o.name), onOff(s[QLatin1String(o.key)].toBool()),
+                            labels[QLatin1String(o.key)].toString()};
+    }
+    rows << QStringList{"(start at logon)", onOff(s[QLatin1String("autoStartAtLogon")].toBool()),
+                        labels[QLatin1String("autoStartAtLogon")].toString()};
+    table({"SETTING", "VALUE", "SHOWN AS"}, rows);
+}
+
+// The option a refused field belongs to.
+QString optionOf(const QString& field)
+{
+    static const QHash<QString, QString> operatorFields{{"PrinterName", "--name"},
+                                                        {"NetAddress", "--address"},
+                                                        {"NetPort", "--net-port"},
+                                                        {"ServerPort", "--port"}};
+    if (operatorFields.contains(field))
+        return operatorFields.value(field);
+    for (const Option& o : printerOptions)
+        if (QLatin1String(o.key) == field)
+            return QStringLiteral("--") + QLatin1String(o.name);
+    return field;
+}
+
+QString reasonText(const QJsonObject& r, const QStringList& args)
+{
+    const QString reason = r[QLatin1String("reason")].toString();
+    const QString id = args.value(0);
+    if (reason == QLatin1String("starting"))
+        return QStringLiteral("the server is still starting; try again in a moment");
+    if (reason == QLatin1String("busy"))
+        return QStringLiteral("a printer operation (configure, test...) is under way; try again when it is over");
+    if (reason == QLatin1String("dialog-open"))
+        return QStringLiteral("a printer dialog is open in the server's window; close it first");
+    if (reason == QLatin1String("service-running"))
+        return QStringLiteral("jobs can only be deleted while the print service is stopped ('quillbase-ctl stop')");
+    if (reason == QLatin1String("no-listener"))
+        return QStringLiteral("the print service cannot start while the server has no TCP listener "
+                              "(see 'quillbase-ctl status'; change the port with 'settings set --port N')");
+    if (reason == QLatin1String("unknown-job")) {
+        QStringList ids;
+        for (const QJsonValue& v : r[QLatin1String("ids")].toArray())
+            ids << QString::number(v.toInt());
+        return ids.isEmpty() ? QStringLiteral("no job ids given")
+                             : QStringLiteral("no queued job with id %1; nothing was deleted").arg(ids.join(", "));
+    }
+    if (reason == QLatin1String("printer-range"))
+        return QStringLiteral("printer id %1 is outside 1..5").arg(id);
+    if (reason == QLatin1String("no-printer"))
+        return QStringLiteral("there is no printer %1").arg(id);
+    if (reason == QLatin1String("printer-working"))
+        return QStringLiteral("printer %1 is printing or being checked; try again shortly").arg(id);
+    if (reason == QLatin1String("printers-full"))
+        return QStringLiteral("all five printer slots are in use");
+    if (reason == QLatin1String("bad-value")) {
+        QStringList allowed;
+        for (const QJsonValue& v : r[QLatin1String("allowed")].toArray())
+            allowed << v.toString();
+        return QStringLiteral("%1: '%2' is not %3; nothing was changed")
+            .arg(optionOf(r[QLatin1String("field")].toString()), r[QLatin1String("value")].toString(),
+                 allowed.isEmpty() ? QStringLiteral("a number of digits only")
+                                   : QStringLiteral("one of: ") + allowed.join(QStringLiteral(", ")));
+    }
+    if (reason == QLatin1String("invalid"))
+        return QStringLiteral("%1 was not accepted; nothing was changed").arg(optionOf(r[QLatin1String("field")].toString()));
+    if (reason == QLatin1String("rebind-failed"))
+        return QStringLiteral("the new port could not be opened: the server has no TCP listener until a port "
+                              "change works or it restarts (the stored port is unchanged)");
+    if (reason == QLatin1String("no-device-support"))
+        return QStringLiteral("this printer type has no device support");
+    if (reason == QLatin1String("failed"))
+        return QStringLiteral("the command failed; the server's event log has the details");
+    if (reason == QLatin1String("bad-request"))
+        return QStringLiteral("the server did not understand the request (is it another version?)");
+    return QStringLiteral("refused (%1)").arg(reason);
+}
+
+void printMessages(const QJsonObject& r, QTextStream& to)
+{
+    for (const QJsonValue& v : r[QLatin1String("messages")].toArray()) {
+        QString text = v.toObject()[QLatin1String("text")].toString();
+        text.replace(QLatin1String("\r\n"), QLatin1String("\n")).replace(QLatin1Char('\r'), QLatin1Char('\n'));
+        to << text.trimmed() << Qt::endl;
+    }
+}
+
+void printResult(const Command& c, const QJsonObject& r, const QStringList& args)
+{
+    const bool nothing = r[QLatin1String("outcome")].toString() == QLatin1String("NothingToDo");
+    const QString req = c.request;
+    if (req == QLatin1String("status"))
+        printStatus(r);
+    else if (req == QLatin1String("jobs"))
+        printJobs(r);
+    else if (req == QLatin1String("settings") || req == QLatin1String("settings-set")) {
+        if (req == QLatin1String("settings-set") && !r[QLatin1String("serviceRunning")].toBool())
+            out << "Settings saved; the print service is stopped.\n";
+        else if (req == QLatin1String("settings-set"))
+            out << "Settings saved.\n";
+        if (req == QLatin1String("settings"))
+            printSettings(r);
+    } else if (req == QLatin1String("start") || req == QLatin1String("stop")) {
+        out << "Print service: " << r[QLatin1String("service")].toObject()[QLatin1String("text")].toString()
+            << (nothing ? QStringLiteral(" (no change)") : QString()) << '\n';
+    } else if (req == QLatin1String("delete")) {
+        if (nothing)
+            out << "The queue is empty.\n";
+        else if (r.contains(QLatin1String("deleted"))) {
+            QStringList ids;
+            for (const QJsonValue& v : r[QLatin1String("deleted")].toArray())
+                ids << QString::number(v.toInt());
+            out << "Deleted job " << ids.join(", ") << ".\n";
+        } else
+            out << "Deleted every job.\n";
+    } else if (req == QLatin1String("refresh")) {
+        out << "Status check started; 'quillbase-ctl status' shows the results.\n";
+    } else if (req == QLatin1String("printer-remove")) {
+        out << "Printer " << r[QLatin1String("removed")].toInt() << " removed.\n";
+    } else if (r.contains(QLatin1String("printer"))) {
+        const QJsonObject p = r[QLatin1String("printer")].toObject();
+        if (req == QLatin1String("printer-add") || req == QLatin1String("printer-edit"))
+            out << "Printer " << p[QLatin1String("id")].toInt() << " saved.\n";
+        else
+            out << "Done.\n";
+        printPrinters({p});
+    }
+    Q_UNUSED(args);
+}
+
+// ------------------------------------------------------------------ request
+
+QString defaultHome()
+{
+    return QCoreApplication::applicationDirPath();
+}
+
+int send(const QString& home, const Command& c, const QJsonObject& args, bool json, const QStringList& positional)
+{
+    const QString path = QDir(home).filePath(QStringLiteral("quillbase.sock"));
+    QLocalSocket socket;
+    socket.connectToServer(path);
+    if (!socket.waitForConnected(5000)) {
+        if (socket.error() == QLocalSocket::SocketAccessError) {
+            err << "quillbase-ctl: not allowed to connect to " << path
+                << " (only the server's user and group may)" << Qt::endl;
+            return Refused;
+        }
+        err << "quillbase-ctl: no Quillbase server runs in " << QDir::toNativeSeparators(home) << " ("
+            << (QFileInfo::exists(path) ? socket.errorString() : QStringLiteral("no quillbase.sock there")) << ")"
+            << Qt::endl;
+        return NoServer;
+    }
+    const QJsonObject request{{QStringLiteral("command"), c.request}, {QStringLiteral("args"), args}};
+    socket.write(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n');
+    // A device operation talks to the printer with its own bounded waits.
+    const int limitMs = c.device ? 300000 : 120000;
+    QElapsedTimer waited;
+    waited.start();
+    while (!socket.canReadLine() && socket.state() == QLocalSocket::ConnectedState && waited.elapsed() < limitMs)
+        socket.waitForReadyRead(int(qMin<qint64>(1000, limitMs - waited.elapsed())));
+    if (!socket.canReadLine()) {
+        err << "quillbase-ctl: the server did not answer" << Qt::endl;
+        return Refused;
+    }
+    QJsonParseError parseError;
+    const QJsonObject reply = QJsonDocument::fromJson(socket.readLine(), &parseError).object();
+    if (parseError.error != QJsonParseError::NoError) {
+        err << "quillbase-ctl: unreadable answer from the server: " << parseError.errorString() << Qt::endl;
+        return Refused;
+    }
+    const bool ok = reply[QLatin1String("ok")].toBool();
+    if (json) {
+        out << QJsonDocument(reply).toJson(QJsonDocument::Compact) << Qt::endl;
+    } else {
+        // The server's boxes first, as they came; on success to stdout.
+        printMessages(reply, ok ? out : err);
+        if (ok)
+            printResult(c, reply, positional);
+    }
+    out.flush();
+    if (!ok) {
+        err << "quillbase-ctl: " << reasonText(reply, positional) << Qt::endl;
+        return reply[QLatin1String("reason")].toString() == QLatin1String("bad-request") ? Usage : Refused;
+    }
+    return Success;
+}
+
+int run(const QStringList& arguments)
+{
+    // The command is the first word that is not a common option.
+    QStringList words;
+    bool help = false;
+    for (int i = 1; i < arguments.size(); ++i) {
+        const QString a = arguments[i];
+        if (a == QLatin1String("--home")) {
+            ++i;
+        } else if (a == QLatin1String("--help") || a == QLatin1String("-h")) {
+            help = true;
+        } else if (!a.startsWith(QLatin1Char('-'))) {
+            words << a;
+            if (words.size() == 2)
+                break;
+        }
+    }
+    const Command* command = nullptr;
+    for (const Command& c : commands()) {
+        const QStringList name = c.name.split(QLatin1Char(' '));
+        if (words.mid(0, name.size()) == name && (!command || name.size() > command->name.count(QLatin1Char(' ')) + 1))
+            command = &c;
+    }
+    if (!command) {
+        if (words.isEmpty() && help) {
+            out << mainUsage();
+            return Success;
+        }
+        if (words.isEmpty())
+            return usageError(QStringLiteral("no command given"));
+        return usageError(QStringLiteral("unknown command '%1'").arg(words.join(QLatin1Char(' '))));
+    }
+
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    parser.addOption({QStringLiteral("home"), QString(), QStringLiteral("DIR")});
+    parser.addOption({QStringLiteral("json"), QString()});
+    parser.addOption({{QStringLiteral("help"), QStringLiteral("h")}, QString()});
+    for (const Option& o : command->options)
+        parser.addOption(o.value ? QCommandLineOption(QLatin1String(o.name), QString(), QLatin1String(o.value))
+                                 : QCommandLineOption(QLatin1String(o.name), QString()));
+    if (!parser.parse(arguments))
+        return usageError(parser.errorText(), command);
+    if (parser.isSet(QStringLiteral("help"))) {
+        out << usage(*command);
+        return Success;
+    }
+    QStringList positional = parser.positionalArguments().mid(command->name.count(QLatin1Char(' ')) + 1);
+    if (positional.size() < command->minArgs)
+        return usageError(QStringLiteral("missing argument"), command);
+    if (command->maxArgs >= 0 && positional.size() > command->maxArgs)
+        return usageError(QStringLiteral("unexpected argument '%1'").arg(positional.value(command->maxArgs)), command);
+
+    QJsonObject args;
+    bool ok = true;
+    if (command->idArg) {
+        const int id = positional[0].toInt(&ok);
+        if (!ok)
+            return usageError(QStringLiteral("printer id '%1' is not a number").arg(positional[0]), command);
+        args[QStringLiteral("id")] = id;
+    }
+    if (command->request == QLatin1String("delete")) {
+        const bool all = parser.isSet(QStringLiteral("all"));
+        if (all == !positional.isEmpty())
+            return usageError(QStringLiteral("give job ids or --all"), command);
+        QJsonArray ids;
+        for (const QString& p : positional) {
+            const int id = p.toInt(&ok);
+            if (!ok)
+                return usageError(QStringLiteral("job id '%1' is not a number").arg(p), command);
+            ids.append(id);
+        }
+        args[QStringLiteral("ids")] = ids;
+    }
+    for (const Option& o : command->options) {
+        const QString name = QLatin1String(o.name);
+        if (!parser.isSet(name))
+            continue;
+        const QString v = o.value ? parser.value(name) : QString();
+        switch (o.kind) {
+        case Option::Flag:
+            args[QLatin1String(o.key)] = true;
+            break;
+        case Option::Number: {
+            const int n = v.toInt(&ok);
+            if (!ok)
+                return usageError(QStringLiteral("--%1: '%2' is not a number").arg(name, v), command);
+            args[QLatin1String(o.key)] = n;
+            break;
+        }
+        case Option::Switch:
+            if (v != QLatin1String("on") && v != QLatin1String("off"))
+                return usageError(QStringLiteral("--%1 takes on or off, not '%2'").arg(name, v), command);
+            args[QLatin1String(o.key)] = v == QLatin1String("on");
+            break;
+        case Option::Text:
+            if (name == QLatin1String("connection") && v != QLatin1String("serial") && v != QLatin1String("network"))
+                return usageError(QStringLiteral("--connection takes serial or network, not '%1'").arg(v), command);
+            args[QLatin1String(o.key)] = v;
+            break;
+        }
+    }
+    if (command->request == QLatin1String("settings-set") && args.isEmpty())
+        return usageError(QStringLiteral("no setting given"), command);
+
+    const QString home = parser.isSet(QStringLiteral("home")) ? parser.value(QStringLiteral("home")) : defaultHome();
+    return send(home, *command, args, parser.isSet(QStringLiteral("json")), positional);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("quillbase-ctl"));
+    return run(QCoreApplication::arguments());
+}

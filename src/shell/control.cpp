@@ -1,0 +1,670 @@
+#include "shell/control.h"
+#include "database/jobstore.h"
+#include "database/lists.h"
+#include "database/slots.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/paths.h"
+#include "foundation/texts.h"
+#include "protocol/listener.h"
+#include "service/printerlistmodel.h"
+#include "shell/operator.h"
+#include "shell/server.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QMetaEnum>
+#include <QRegularExpression>
+#include <QTimer>
+
+namespace quill {
+
+using Outcome = Operator::Outcome;
+
+// Answers every question as the operator who typed the command would (Yes, OK)
+// and keeps each box's text for the reply. The sink in use before comes back
+// when this one ends.
+class CommandSink final : public MessageSink {
+public:
+    CommandSink() : previous_(&Messages()) { SetMessageSink(this); }
+    ~CommandSink() override
+    {
+        if (&Messages() == this)
+            SetMessageSink(previous_);
+    }
+    CommandSink(const CommandSink&) = delete;
+    CommandSink& operator=(const CommandSink&) = delete;
+
+    BoxAnswer show(const Box& box) override
+    {
+        static const char* const icons[] = {"none", "information", "exclamation", "critical", "question"};
+        messages.append(QJsonObject{{QStringLiteral("icon"), QLatin1String(icons[int(box.icon)])},
+                                    {QStringLiteral("text"), box.text}});
+        switch (box.buttons) {
+        case BoxButtons::YesNo: return BoxAnswer::Yes;
+        case BoxButtons::OkCancel:
+        case BoxButtons::Ok: return BoxAnswer::Ok;
+        }
+        return BoxAnswer::Ok;
+    }
+
+    QJsonArray messages;
+
+private:
+    MessageSink* previous_;
+};
+
+struct ControlServer::Reply {
+    bool ok = true;
+    QString outcome = QStringLiteral("Done");
+    QString reason; // set on refusals: a key the client words
+    QJsonObject data;
+};
+
+namespace {
+
+template <typename E>
+QString enumKey(E value)
+{
+    return QString::fromLatin1(QMetaEnum::fromType<E>().valueToKey(int(value)));
+}
+
+QJsonArray jsonTexts(const ValueList& list)
+{
+    QJsonArray a;
+    for (const auto& e : list.entries)
+        a.append(e.text);
+    return a;
+}
+
+qint32 argId(const QJsonObject& args)
+{
+    return args.value(QStringLiteral("id")).toInt(-1);
+}
+
+} // namespace
+
+namespace {
+// A command's outcome as a reply; `reason` words anything but Done/NothingToDo.
+ControlServer::Reply outcomeReply(Outcome o, const QString& reason = {})
+{
+    ControlServer::Reply r;
+    r.outcome = enumKey(o);
+    r.ok = o == Outcome::Done || o == Outcome::NothingToDo;
+    if (!r.ok)
+        r.reason = o == Outcome::Busy ? QStringLiteral("busy") : reason.isEmpty() ? r.outcome.toLower() : reason;
+    return r;
+}
+} // namespace
+
+ControlServer::ControlServer(Server& server, Operator& commands, QObject* parent)
+    : QObject(parent), server_(server), commands_(commands)
+{
+    connect(&commands_, &Operator::deviceOperationFinished, this,
+            [this](Operator::DeviceOperation, Outcome outcome, const PrinterSettings&) {
+                deviceOperationFinished(int(outcome));
+            });
+}
+
+ControlServer::~ControlServer()
+{
+    close();
+}
+
+QString ControlServer::socketPath()
+{
+    return HomePath(QStringLiteral("quillbase.sock"));
+}
+
+bool ControlServer::open()
+{
+    close();
+    listener_ = std::make_unique<QLocalServer>();
+    // Qt binds in a private folder, sets the mode and renames the socket into
+    // place, so it is never reachable with wider permissions.
+    listener_->setSocketOptions(QLocalServer::UserAccessOption | QLocalServer::GroupAccessOption);
+    // Start-up holds the single-instance lock: a socket file left here is stale.
+    QLocalServer::removeServer(socketPath());
+    if (!listener_->listen(socketPath())) {
+        LogWrite(QStringLiteral("Could not open the control socket ") + socketPath() + QStringLiteral(": ")
+                 + listener_->errorString());
+        listener_.reset();
+        return false;
+    }
+    connect(listener_.get(), &QLocalServer::newConnection, this, &ControlServer::onNewConnection);
+    return true;
+}
+
+void ControlServer::close()
+{
+    if (listener_)
+        listener_->close(); // removes the socket file
+    listener_.reset();
+}
+
+bool ControlServer::isOpen() const
+{
+    return listener_ && listener_->isListening();
+}
+
+void ControlServer::onNewConnection()
+{
+    while (QLocalSocket* client = listener_->nextPendingConnection()) {
+        connect(client, &QLocalSocket::disconnected, client, &QObject::deleteLater);
+        connect(client, &QLocalSocket::readyRead, this, [this, client] { onReadyRead(client); });
+        if (client->bytesAvailable() > 0)
+            onReadyRead(client);
+    }
+}
+
+void ControlServer::onReadyRead(QLocalSocket* client)
+{
+    if (!client->canReadLine()) {
+        // One request is a short line; anything longer is not a client of ours.
+        if (client->bytesAvailable() > 1 << 20)
+            client->abort();
+        return;
+    }
+    if (!waiting_.contains(client))
+        waiting_.append(client);
+    runNext();
+}
+
+void ControlServer::runNext()
+{
+    while (!running_ && !waiting_.isEmpty()) {
+        QPointer<QLocalSocket> client = waiting_.takeFirst();
+        if (!client || !client->canReadLine())
+            continue;
+        disconnect(client, &QLocalSocket::readyRead, this, nullptr); // one request per connection
+        const QJsonObject request = QJsonDocument::fromJson(client->readLine()).object();
+        running_ = true;
+        Reply reply;
+        const bool answered = run(client, request, reply);
+        running_ = false;
+        if (answered)
+            finish(client, reply);
+    }
+}
+
+void ControlServer::finish(QLocalSocket* client, Reply reply)
+{
+    if (!client)
+        return;
+    QJsonObject body = reply.data;
+    body[QStringLiteral("ok")] = reply.ok;
+    body[QStringLiteral("outcome")] = reply.outcome;
+    if (!reply.reason.isEmpty())
+        body[QStringLiteral("reason")] = reply.reason;
+    if (!body.contains(QStringLiteral("messages")))
+        body[QStringLiteral("messages")] = QJsonArray();
+    client->write(QJsonDocument(body).toJson(QJsonDocument::Compact) + '\n');
+    client->disconnectFromServer();
+}
+
+bool ControlServer::run(QLocalSocket* client, const QJsonObject& request, Reply& reply)
+{
+    const QString command = request.value(QStringLiteral("command")).toString();
+    const QJsonObject args = request.value(QStringLiteral("args")).toObject();
+    if (server_.starting() || server_.shutDown()) {
+        reply = outcomeReply(Outcome::Refused, QStringLiteral("starting"));
+        return true;
+    }
+    auto sink = std::make_unique<CommandSink>();
+    bool answered = true;
+    if (command == QLatin1String("status"))
+        reply = status();
+    else if (command == QLatin1String("jobs"))
+        reply = jobs(args);
+    else if (command == QLatin1String("delete"))
+        reply = deleteJobs(args);
+    else if (command == QLatin1String("start") || command == QLatin1String("stop"))
+        reply = service(command == QLatin1String("start"));
+    else if (command == QLatin1String("refresh"))
+        reply = refresh(args.value(QStringLiteral("full")).toBool());
+    else if (command == QLatin1String("printer-add") || command == QLatin1String("printer-edit"))
+        reply = savePrinter(args, command == QLatin1String("printer-add"));
+    else if (command == QLatin1String("printer-remove"))
+        reply = removePrinter(args);
+    else if (command.startsWith(QLatin1String("printer-")))
+        answered = startDeviceOperation(client, command.mid(8), args, reply);
+    else if (command == QLatin1String("settings"))
+        reply = settings();
+    else if (command == QLatin1String("settings-set"))
+        reply = setSettings(args);
+    else
+        reply = outcomeReply(Outcome::Refused, QStringLiteral("bad-request"));
+    if (!answered) {
+        // The device operation's boxes come later; its sink stays in place until then.
+        deviceSink_ = std::move(sink);
+        return false;
+    }
+    reply.data[QStringLiteral("messages")] = sink->messages;
+    return true;
+}
+
+// ------------------------------------------------------------------ status and jobs
+
+QJsonObject ControlServer::printerJson(qint32 id) const
+{
+    const PrinterSlot& s = server_.printers().at(id);
+    qint32 queued = 0;
+    const JobListModel& list = server_.jobs().jobList();
+    for (int r = 0; r < list.count(); ++r)
+        queued += list.rowAt(r).printerId == id ? 1 : 0;
+    return QJsonObject{
+        {QStringLiteral("id"), id},
+        {QStringLiteral("name"), s.name.trimmed()},
+        {QStringLiteral("display"), s.displayText.trimmed()},
+        {QStringLiteral("type"), s.printerTypeId},
+        {QStringLiteral("connection"), s.connectionString.trimmed()},
+        {QStringLiteral("serial"), s.connectionType == 1},
+        {QStringLiteral("passive"), s.passive},
+        {QStringLiteral("status"), s.status},
+        {QStringLiteral("statusWord"), StatusWord(s.status)},
+        {QStringLiteral("statusText"), s.statusText.trimmed()},
+        {QStringLiteral("since"), s.statusTime.toString(Qt::ISODate)},
+        {QStringLiteral("seconds"), s.statusTime.isValid() ? qint64(s.statusTime.secsTo(QDateTime::currentDateTime())) : 0},
+        {QStringLiteral("queued"), queued},
+    };
+}
+
+ControlServer::Reply ControlServer::status()
+{
+    Reply r;
+    const bool running = commands_.serviceRunning();
+    r.data[QStringLiteral("service")] = QJsonObject{
+        {QStringLiteral("running"), running},
+        {QStringLiteral("available"), commands_.serviceAvailable()},
+        {QStringLiteral("text"), GetString(running ? 12084 : 12085)},
+    };
+    Listener& l = server_.listener();
+    r.data[QStringLiteral("listener")] = QJsonObject{
+        {QStringLiteral("listening"), l.isListening()},
+        {QStringLiteral("address"), l.isListening() ? l.reachableAddress().toString() : QString()},
+        {QStringLiteral("port"), l.isListening() ? int(l.localPort()) : commands_.serverSettings().port.toInt()},
+        {QStringLiteral("connections"), l.connectionCount()},
+        {QStringLiteral("maxConnections"), Listener::MaxConnections},
+    };
+    QJsonArray printers;
+    for (qint32 id = 1; id < PrinterSlots::UpperBound; ++id)
+        if (server_.printers().SrvPrinterExists(id))
+            printers.append(printerJson(id));
+    r.data[QStringLiteral("printers")] = printers;
+    r.data[QStringLiteral("queued")] = server_.jobs().jobList().count();
+    return r;
+}
+
+ControlServer::Reply ControlServer::jobs(const QJsonObject& args)
+{
+    Reply r;
+    const qint32 only = args.value(QStringLiteral("printer")).toInt(0);
+    QJsonArray rows;
+    const JobListModel& list = server_.jobs().jobList();
+    for (int i = 0; i < list.count(); ++i) {
+        const JobRow& j = list.rowAt(i);
+        if (only > 0 && j.printerId != only)
+            continue;
+        rows.append(QJsonObject{
+            {QStringLiteral("id"), j.id},
+            {QStringLiteral("copies"), j.copies},
+            {QStringLiteral("printerId"), j.printerId},
+            {QStringLiteral("printer"), j.printerName},
+            {QStringLiteral("sender"), j.senderText},
+            {QStringLiteral("workstation"), j.workstation},
+            {QStringLiteral("user"), j.user},
+            // The row text is the id, a blank and the caption.
+            {QStringLiteral("caption"), j.text.section(QLatin1Char(' '), 1)},
+        });
+    }
+    r.data[QStringLiteral("jobs")] = rows;
+    return r;
+}
+
+ControlServer::Reply ControlServer::deleteJobs(const QJsonObject& args)
+{
+    if (args.value(QStringLiteral("all")).toBool()) {
+        Reply r = outcomeReply(commands_.deleteAllJobs(), QStringLiteral("service-running"));
+        r.data[QStringLiteral("queued")] = server_.jobs().jobList().count();
+        return r;
+    }
+    QList<qint32> ids;
+    for (const QJsonValue& v : args.value(QStringLiteral("ids")).toArray())
+        ids << v.toInt(-1);
+    // Every id is checked before the first is deleted, so a typo deletes nothing.
+    if (!commands_.serviceRunning()) {
+        QJsonArray unknown;
+        for (qint32 id : ids)
+            if (server_.jobs().jobList().findJob(id) < 0)
+                unknown.append(id);
+        if (!unknown.isEmpty() || ids.isEmpty()) {
+            Reply r = outcomeReply(Outcome::Invalid, QStringLiteral("unknown-job"));
+            r.data[QStringLiteral("ids")] = unknown;
+            return r;
+        }
+    }
+    QJsonArray deleted;
+    for (qint32 id : ids) {
+        const Outcome o = commands_.deleteJob(id);
+        if (o != Outcome::Done) {
+            Reply r = outcomeReply(o == Outcome::NothingToDo ? Outcome::Invalid : o,
+                                   o == Outcome::Refused ? QStringLiteral("service-running") : QStringLiteral("unknown-job"));
+            r.data[QStringLiteral("ids")] = QJsonArray{id};
+            r.data[QStringLiteral("deleted")] = deleted;
+            return r;
+        }
+        deleted.append(id);
+    }
+    Reply r;
+    r.data[QStringLiteral("deleted")] = deleted;
+    return r;
+}
+
+ControlServer::Reply ControlServer::service(bool start)
+{
+    Reply r = outcomeReply(start ? commands_.startService() : commands_.stopService(), QStringLiteral("no-listener"));
+    if (r.outcome == QLatin1String("Failed"))
+        r.reason = QStringLiteral("failed");
+    const bool running = commands_.serviceRunning();
+    r.data[QStringLiteral("service")] = QJsonObject{{QStringLiteral("running"), running},
+                                                    {QStringLiteral("text"), GetString(running ? 12084 : 12085)}};
+    return r;
+}
+
+ControlServer::Reply ControlServer::refresh(bool full)
+{
+    return outcomeReply(full ? commands_.fullRefresh() : commands_.refresh());
+}
+
+// ------------------------------------------------------------------ printers
+
+QString ControlServer::printerRefusal(qint32 id) const
+{
+    const PrinterSlots& printers = server_.printers();
+    if (!printers.valid(id))
+        return QStringLiteral("printer-range");
+    if (!printers.SrvPrinterExists(id))
+        return QStringLiteral("no-printer");
+    const qint32 status = printers.at(id).status;
+    if (status == StatusWorking || status == StatusChecking)
+        return QStringLiteral("printer-working");
+    return QStringLiteral("refused");
+}
+
+namespace {
+
+// Sets a drop-down field to the entry the operator named: its text, ignoring
+// case, or one of the spellings `also` gives for an entry's item data.
+bool pick(const ValueList& list, const QString& value, std::optional<qint32>& field,
+          const std::function<QStringList(const ValueList::Entry&)>& also = {})
+{
+    const QString v = value.trimmed();
+    for (const auto& e : list.entries) {
+        QStringList names{e.text};
+        if (also)
+            names += also(e);
+        for (const QString& n : names) {
+            if (n.compare(v, Qt::CaseInsensitive) == 0) {
+                field = e.itemData;
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+bool digitsOnly(const QString& value)
+{
+    static const QRegularExpression digits(QStringLiteral("^[0-9]{1,9}$"));
+    return digits.match(value).hasMatch();
+}
+
+} // namespace
+
+ControlServer::Reply ControlServer::savePrinter(const QJsonObject& args, bool isNew)
+{
+    if (commands_.printerDialogOpen())
+        return outcomeReply(Outcome::Refused, QStringLiteral("dialog-open"));
+    const qint32 id = argId(args);
+    PrinterSettings dialog;
+    const Outcome opened = isNew ? commands_.openNewPrinter(&dialog) : commands_.openEditPrinter(id, &dialog);
+    if (opened != Outcome::Done)
+        return outcomeReply(opened, isNew ? QStringLiteral("printers-full") : printerRefusal(id));
+
+    // The fields given, as the dialog's controls would take them.
+    QString badField;
+    QJsonArray allowed;
+    const auto list = [&](const char* key, const ValueList& values, std::optional<qint32>& field,
+                          const std::function<QStringList(const ValueList::Entry&)>& also = {}) {
+        const QString k = QLatin1String(key);
+        if (!badField.isEmpty() || !args.contains(k))
+            return;
+        if (!pick(values, args.value(k).toString(), field, also)) {
+            badField = k;
+            allowed = jsonTexts(values);
+        }
+    };
+    const auto flag = [&](const char* key, bool& field) {
+        if (args.contains(QLatin1String(key)))
+            field = args.value(QLatin1String(key)).toBool();
+    };
+    const auto text = [&](const char* key, QString& field) {
+        if (args.contains(QLatin1String(key)))
+            field = args.value(QLatin1String(key)).toString();
+    };
+
+    ValueList types, ports, rates, strobe, speed;
+    SrvPrinterFillPrinterType(server_.database(), types);
+    SrvFillCOMPort(ports);
+    SrvFillCOMRate(rates);
+    SrvFillStrobe(strobe);
+    SrvFillSpeed(speed);
+    text("name", dialog.name);
+    list("type", types, dialog.printerTypeId,
+         [](const ValueList::Entry& e) { return QStringList{QString::number(e.itemData)}; });
+    if (args.contains(QStringLiteral("connection")))
+        dialog.serial = args.value(QStringLiteral("connection")).toString() == QLatin1String("serial");
+    else if (isNew && args.contains(QStringLiteral("address")))
+        dialog.serial = false; // an address names a network printer
+    list("com", ports, dialog.comPort, [](const ValueList::Entry& e) {
+        return QStringList{QString::number(e.itemData), QStringLiteral("COM%1").arg(e.itemData)};
+    });
+    list("rate", rates, dialog.comRate);
+    text("address", dialog.netAddress);
+    text("netPort", dialog.netPort);
+    flag("connectOnly", dialog.netConnectOnly);
+    list("darkness", strobe, dialog.strobe);
+    list("speed", speed, dialog.speed);
+    flag("passive", dialog.passive);
+
+    // Cutter and feeds travel in the advanced-settings text, as from the advanced dialog.
+    AdvancedSettings advanced = ParseAdvancedSettings(dialog.advancedSettings);
+    bool cutter = advanced.cutterInstalled >= 1;
+    flag("cutter", cutter);
+    // Tenths of a millimetre: the advanced dialog's boxes take digits only.
+    const auto feed = [&](const char* key, qint32& field) {
+        const QString k = QLatin1String(key);
+        if (!badField.isEmpty() || !args.contains(k))
+            return;
+        if (digitsOnly(args.value(k).toString()))
+            field = args.value(k).toString().toInt();
+        else
+            badField = k;
+    };
+    feed("feed", advanced.dispensingFeed);
+    feed("reverseFeed", advanced.reverseFeed);
+    if (badField.isEmpty() && (args.contains(QStringLiteral("cutter")) || args.contains(QStringLiteral("feed"))
+                               || args.contains(QStringLiteral("reverseFeed"))))
+        dialog.advancedSettings = AdvancedSettingsText(cutter ? 1 : 0, advanced.dispensingFeed, advanced.reverseFeed);
+
+    if (!badField.isEmpty()) {
+        commands_.cancelPrinter();
+        Reply r = outcomeReply(Outcome::Invalid, QStringLiteral("bad-value"));
+        r.data[QStringLiteral("field")] = badField;
+        r.data[QStringLiteral("value")] = args.value(badField).toVariant().toString();
+        r.data[QStringLiteral("allowed")] = allowed;
+        return r;
+    }
+
+    qint32 saved = -1;
+    const Outcome o = commands_.savePrinter(dialog, &saved);
+    if (o != Outcome::Done) {
+        commands_.cancelPrinter(); // an Invalid save leaves the dialog open
+        Reply r = outcomeReply(o);
+        if (o == Outcome::Invalid)
+            r.data[QStringLiteral("field")] = enumKey(commands_.invalidField());
+        return r;
+    }
+    Reply r;
+    r.data[QStringLiteral("printer")] = printerJson(saved);
+    return r;
+}
+
+ControlServer::Reply ControlServer::removePrinter(const QJsonObject& args)
+{
+    const qint32 id = argId(args);
+    const Outcome o = commands_.deletePrinter(id);
+    QString reason = printerRefusal(id);
+    if (o == Outcome::Refused && reason == QLatin1String("refused"))
+        reason = QStringLiteral("dialog-open");
+    Reply r = outcomeReply(o, reason);
+    if (o == Outcome::Done)
+        r.data[QStringLiteral("removed")] = id;
+    return r;
+}
+
+bool ControlServer::startDeviceOperation(QLocalSocket* client, const QString& name, const QJsonObject& args,
+                                         Reply& reply)
+{
+    static const QHash<QString, Operator::DeviceOperation> operations{
+        {QStringLiteral("configure"), Operator::DeviceOperation::Configure},
+        {QStringLiteral("test"), Operator::DeviceOperation::TestPrint},
+        {QStringLiteral("clear"), Operator::DeviceOperation::ClearMemory},
+        {QStringLiteral("calibrate"), Operator::DeviceOperation::Calibrate},
+    };
+    if (!operations.contains(name)) {
+        reply = outcomeReply(Outcome::Refused, QStringLiteral("bad-request"));
+        return true;
+    }
+    if (commands_.deviceOperationRunning()) {
+        reply = outcomeReply(Outcome::Busy);
+        return true;
+    }
+    if (commands_.printerDialogOpen()) {
+        reply = outcomeReply(Outcome::Refused, QStringLiteral("dialog-open"));
+        return true;
+    }
+    // The stored printer's values, as its dialog would show them; its status
+    // shows Configuring until the operation is over.
+    const qint32 id = argId(args);
+    PrinterSettings dialog;
+    const Outcome opened = commands_.openEditPrinter(id, &dialog);
+    if (opened != Outcome::Done) {
+        reply = outcomeReply(opened, printerRefusal(id));
+        return true;
+    }
+    const Outcome started = commands_.startDeviceOperation(operations.value(name), dialog);
+    if (started != Outcome::Done) {
+        commands_.cancelPrinter();
+        reply = outcomeReply(started);
+        return true;
+    }
+    deviceClient_ = client;
+    deviceOperationPending_ = true;
+    return false;
+}
+
+void ControlServer::deviceOperationFinished(int outcome)
+{
+    // Only the operation this socket started; the window's are its own.
+    if (!deviceOperationPending_)
+        return;
+    deviceOperationPending_ = false;
+    const qint32 id = commands_.editingPrinter();
+    commands_.cancelPrinter(); // the printer gets its status back
+    Reply r = outcomeReply(Outcome(outcome), Outcome(outcome) == Outcome::Refused ? QStringLiteral("no-device-support")
+                                                                                : QString());
+    if (server_.printers().SrvPrinterExists(id))
+        r.data[QStringLiteral("printer")] = printerJson(id);
+    r.data[QStringLiteral("messages")] = deviceSink_ ? deviceSink_->messages : QJsonArray();
+    deviceSink_.reset();
+    finish(deviceClient_, r);
+    deviceClient_.clear();
+}
+
+// ------------------------------------------------------------------ settings
+
+namespace {
+
+QJsonObject settingsJson(const Operator::ServerSettings& s)
+{
+    return QJsonObject{
+        {QStringLiteral("port"), s.port},
+        {QStringLiteral("autoStartAtLogon"), s.autoStartAtLogon},
+        {QStringLiteral("autoStartService"), s.autoStartService},
+        {QStringLiteral("startMinimized"), s.startMinimized},
+        {QStringLiteral("silent"), s.silentMode},
+        {QStringLiteral("log"), s.useLog},
+        {QStringLiteral("trafficLog"), s.useTrafficLog},
+        {QStringLiteral("quitQuestion"), s.quitQuestion},
+    };
+}
+
+} // namespace
+
+ControlServer::Reply ControlServer::settings()
+{
+    Reply r;
+    r.data[QStringLiteral("settings")] = settingsJson(commands_.serverSettings());
+    // The settings dialog's captions, in its order.
+    r.data[QStringLiteral("labels")] = QJsonObject{
+        {QStringLiteral("port"), GetString(12111)},
+        {QStringLiteral("autoStartAtLogon"), GetString(12106)},
+        {QStringLiteral("autoStartService"), GetString(12107)},
+        {QStringLiteral("startMinimized"), GetString(12108)},
+        {QStringLiteral("silent"), GetString(12136)},
+        {QStringLiteral("log"), GetString(12109)},
+        {QStringLiteral("trafficLog"), GetString(12135)},
+        {QStringLiteral("quitQuestion"), GetString(12110)},
+    };
+    return r;
+}
+
+ControlServer::Reply ControlServer::setSettings(const QJsonObject& args)
+{
+    Operator::ServerSettings s = commands_.serverSettings();
+    if (args.contains(QStringLiteral("port")))
+        s.port = args.value(QStringLiteral("port")).toString();
+    const auto flag = [&](const char* key, bool& field) {
+        if (args.contains(QLatin1String(key)))
+            field = args.value(QLatin1String(key)).toBool();
+    };
+    flag("autoStartService", s.autoStartService);
+    flag("startMinimized", s.startMinimized);
+    flag("silent", s.silentMode);
+    flag("log", s.useLog);
+    flag("trafficLog", s.useTrafficLog);
+    flag("quitQuestion", s.quitQuestion);
+
+    // A port the save would refuse changes nothing, not even the service: the
+    // save says why before the dialog's stop question is reached.
+    if (Operator::validPort(s.port)) {
+        const Outcome opened = commands_.openSettings();
+        if (opened != Outcome::Done)
+            return outcomeReply(opened);
+    }
+    Operator::PortChange change = Operator::PortChange::Unchanged;
+    const Outcome o = commands_.saveSettings(s, &change);
+    Reply r = outcomeReply(o, o == Outcome::Failed ? QStringLiteral("rebind-failed") : QString());
+    if (o == Outcome::Invalid)
+        r.data[QStringLiteral("field")] = enumKey(commands_.invalidField());
+    r.data[QStringLiteral("portChange")] = enumKey(change);
+    r.data[QStringLiteral("settings")] = settingsJson(commands_.serverSettings());
+    r.data[QStringLiteral("serviceRunning")] = commands_.serviceRunning();
+    return r;
+}
+
+} // namespace quill
