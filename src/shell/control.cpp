@@ -335,16 +335,14 @@ ControlServer::Reply ControlServer::deleteJobs(const QJsonObject& args)
     for (const QJsonValue& v : args.value(QStringLiteral("ids")).toArray())
         ids << v.toInt(-1);
     // Every id is checked before the first is deleted, so a typo deletes nothing.
-    if (!commands_.serviceRunning()) {
-        QJsonArray unknown;
-        for (qint32 id : ids)
-            if (server_.jobs().jobList().findJob(id) < 0)
-                unknown.append(id);
-        if (!unknown.isEmpty() || ids.isEmpty()) {
-            Reply r = outcomeReply(Outcome::Invalid, QStringLiteral("unknown-job"));
-            r.data[QStringLiteral("ids")] = unknown;
-            return r;
-        }
+    QJsonArray unknown;
+    for (qint32 id : ids)
+        if (server_.jobs().jobList().findJob(id) < 0)
+            unknown.append(id);
+    if (!unknown.isEmpty() || ids.isEmpty()) {
+        Reply r = outcomeReply(Outcome::Invalid, QStringLiteral("unknown-job"));
+        r.data[QStringLiteral("ids")] = unknown;
+        return r;
     }
     QJsonArray deleted;
     for (qint32 id : ids) {

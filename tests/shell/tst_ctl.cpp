@@ -1,0 +1,478 @@
+// quillbase-ctl against the headless server as its own process, with printer 1
+// "Kassa" on an emulated network box and printer 2 "Bar" on an emulated serial
+// line: each command's effect in the database, the queue and on the printers,
+// the --json answers, the refusals with their exit codes, and who may connect.
+#include "foundation/cp1252.h"
+#include "foundation/settings.h"
+#include "foundation/texts.h"
+#include "support/dbfixture.h"
+#include "support/installation.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+
+#include <unistd.h>
+
+using quill::GetString;
+using quill::dbtest::JobText;
+using quill::test::PrinterSite;
+using quill::test::TestInstallation;
+
+namespace {
+
+struct Run {
+    int code = -1;
+    QString out, err;
+    QJsonObject json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
+};
+
+const QString Ctl = QStringLiteral(QUILL_BIN_DIR "/quillbase-ctl");
+
+} // namespace
+
+class TstCtl : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<PrinterSite> inst_;
+    std::unique_ptr<QProcess> server_;
+    quint16 port_ = 0;
+
+    QString socketPath() const { return inst_->file("quillbase.sock"); }
+
+    bool startServer()
+    {
+        const int startsBefore = inst_->log().count("Quillbase succesfully started");
+        server_ = std::make_unique<QProcess>();
+        server_->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        server_->start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--headless", "--home", inst_->path()});
+        return server_->waitForStarted(10000)
+            && QTest::qWaitFor([&] { return inst_->log().count("Quillbase succesfully started") > startsBefore; },
+                               20000);
+    }
+    bool stopServer()
+    {
+        if (!server_)
+            return true;
+        server_->terminate();
+        const bool ended = server_->waitForFinished(10000);
+        if (!ended)
+            server_->kill();
+        server_.reset();
+        return ended;
+    }
+
+    // quillbase-ctl --home <installation> args..., run to its end.
+    static Run ctlIn(const QString& home, const QStringList& args, const QStringList& runAs = {})
+    {
+        QProcess p;
+        const QStringList ctlArgs = QStringList{"--home", home} + args;
+        if (runAs.isEmpty())
+            p.start(Ctl, ctlArgs);
+        else
+            p.start(runAs.first(), runAs.mid(1) + QStringList{Ctl} + ctlArgs);
+        Run r;
+        if (!p.waitForFinished(120000)) {
+            p.kill();
+            p.waitForFinished(5000);
+            return r;
+        }
+        r.code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+        r.out = QString::fromUtf8(p.readAllStandardOutput());
+        r.err = QString::fromUtf8(p.readAllStandardError());
+        return r;
+    }
+    Run ctl(const QStringList& args) { return ctlIn(inst_->path(), args); }
+
+    QJsonObject status()
+    {
+        const Run r = ctl({"--json", "status"});
+        return r.code == 0 ? r.json() : QJsonObject();
+    }
+    QJsonObject printer(int id)
+    {
+        for (const QJsonValue& v : status()["printers"].toArray())
+            if (v.toObject()["id"].toInt() == id)
+                return v.toObject();
+        return {};
+    }
+    QString printerRow(int id)
+    {
+        return inst_->scalar(QStringLiteral("SELECT Name || '|' || PrinterTypeId || '|' || ConnectionUsed || '|' || "
+                                            "Connection1 || '|' || IFNULL(Connection2, '-') || '|' || NetConnectOnly "
+                                            "|| '|' || Strobe || '|' || Speed || '|' || Passive || '|' || "
+                                            "CutterInstalled || '|' || DispensingFeed || '|' || ReverseFeed FROM "
+                                            "tbPrinter WHERE Id = %1")
+                                 .arg(id))
+            .toString();
+    }
+    // Everything a refused command must leave as it was.
+    QString snapshot()
+    {
+        QStringList s;
+        for (int id = 1; id <= 5; ++id)
+            s << printerRow(id);
+        s << inst_->scalar("SELECT port || '|' || AutoStartService FROM tbServer").toString();
+        s << quill::dbtest::JobRows(inst_->file("brixa.mdb"));
+        return s.join('\n');
+    }
+    void queueJobs()
+    {
+        // Queued before the start: the service is off, so they wait in order.
+        const QStringList captions{"Ett", "Två", "Tre"};
+        for (int i = 0; i < 3; ++i)
+            QVERIFY(inst_->sql("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, ?, ?)",
+                               {i + 1, i == 1 ? 2 : 1, JobText(i == 1 ? 2 : 1, 1, "1", "KASSA1", "Anna", captions[i])}));
+    }
+
+private slots:
+    void init()
+    {
+        const QByteArray test = QTest::currentTestFunction();
+        if (test == "help")
+            return;
+        // The refusals change nothing (each row checks), so they share one server.
+        if (test == "refusals" && server_)
+            return;
+        stopServer();
+        inst_ = std::make_unique<PrinterSite>();
+        QVERIFY2(inst_->start(), qPrintable(inst_->errorText()));
+        port_ = TestInstallation::freePort();
+        QVERIFY(inst_->setServer(port_, false));
+        inst_->setUserSwitch("dwUseLog", 1);
+        if (test == "serviceAndJobs")
+            queueJobs();
+        QVERIFY(startServer());
+    }
+    void cleanup()
+    {
+        if (QByteArray(QTest::currentTestFunction()) == "refusals")
+            return;
+        stopServer();
+        inst_.reset();
+    }
+    void cleanupTestCase()
+    {
+        stopServer();
+        inst_.reset();
+    }
+
+    void statusAndSocket()
+    {
+        // Only the server's user and group may connect.
+        const QFileInfo socket(socketPath());
+        QVERIFY(socket.exists());
+        const auto perms = socket.permissions();
+        QVERIFY(perms.testFlags(QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::WriteGroup));
+        QVERIFY(!(perms & (QFile::ReadOther | QFile::WriteOther | QFile::ExeOther)));
+
+        const QJsonObject s = status();
+        QCOMPARE(s["ok"].toBool(), true);
+        QCOMPARE(s["service"].toObject()["running"].toBool(), false);
+        QCOMPARE(s["service"].toObject()["text"].toString(), GetString(12085));
+        QCOMPARE(s["listener"].toObject()["listening"].toBool(), true);
+        QCOMPARE(s["listener"].toObject()["port"].toInt(), int(port_));
+        QCOMPARE(s["listener"].toObject()["maxConnections"].toInt(), 32);
+        const QJsonArray printers = s["printers"].toArray();
+        QCOMPARE(printers.size(), 2);
+        QCOMPARE(printers[0].toObject()["name"].toString(), QString("Kassa"));
+        QCOMPARE(printers[0].toObject()["connection"].toString(), QString("127.0.0.1#%1").arg(inst_->net.port()));
+        QCOMPARE(printers[1].toObject()["connection"].toString(), QString("COM2:#9600"));
+        QTRY_COMPARE_WITH_TIMEOUT(printer(2)["statusWord"].toString(), GetString(12079), 10000);
+        QVERIFY(printer(1)["seconds"].toInteger() >= 0);
+
+        // A client connection shows in the listener's count.
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, port_);
+        QVERIFY(client.waitForConnected(5000));
+        QTRY_COMPARE_WITH_TIMEOUT(status()["listener"].toObject()["connections"].toInt(), 1, 10000);
+
+        const Run table = ctl({"status"});
+        QCOMPARE(table.code, 0);
+        QVERIFY2(table.out.contains(GetString(12085)) && table.out.contains("Kassa") && table.out.contains("COM2:#9600"),
+                 qPrintable(table.out));
+
+        // Shutdown removes the socket; then there is no server to talk to.
+        QVERIFY(stopServer());
+        QVERIFY(!QFileInfo::exists(socketPath()));
+        QCOMPARE(ctl({"status"}).code, 3);
+    }
+
+    void staleSocketReplaced()
+    {
+        // A server killed outright leaves its socket; the next start replaces it.
+        server_->kill();
+        server_->waitForFinished(10000);
+        server_.reset();
+        QVERIFY(QFileInfo::exists(socketPath()));
+        QCOMPARE(ctl({"status"}).code, 3);
+        QVERIFY(startServer());
+        QCOMPARE(ctl({"status"}).code, 0);
+    }
+
+    void serviceAndJobs()
+    {
+        Run r = ctl({"--json", "jobs"});
+        QCOMPARE(r.code, 0);
+        const QJsonArray jobs = r.json()["jobs"].toArray();
+        QCOMPARE(jobs.size(), 3);
+        QCOMPARE(jobs[1].toObject()["caption"].toString(), QString("Två"));
+        QCOMPARE(jobs[1].toObject()["printer"].toString(), QString("Bar"));
+        QCOMPARE(jobs[1].toObject()["sender"].toString(), GetString(12055, "Anna|KASSA1"));
+        r = ctl({"--json", "jobs", "--printer", "1"});
+        QCOMPARE(r.json()["jobs"].toArray().size(), 2);
+        QCOMPARE(printer(1)["queued"].toInt(), 2);
+
+        // Deleting asks the window's question, answered by the command; the row goes.
+        r = ctl({"delete", "3"});
+        QCOMPARE(r.code, 0);
+        QVERIFY2(r.out.contains(GetString(12041, "3 Tre")), qPrintable(r.out));
+        QCOMPARE(quill::dbtest::JobRows(inst_->file("brixa.mdb")).size(), 2);
+
+        // Started, the rest print and leave the queue.
+        r = ctl({"--json", "start"});
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.json()["service"].toObject()["running"].toBool(), true);
+        QCOMPARE(ctl({"start"}).code, 0); // already running: nothing to do
+        QTRY_COMPARE_WITH_TIMEOUT(quill::test::PrintedLabels(inst_->netOut.path()), QStringList{"Ett 1/1 t1"}, 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(quill::test::PrintedLabels(inst_->serOut.path()), QStringList{"Två 1/1 t1"}, 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(status()["queued"].toInt(), 0, 10000);
+
+        // A job stays queued behind a printer in error; deleting needs the service stopped.
+        QCOMPARE(inst_->net.command("paper out"), QString("ok"));
+        QCOMPARE(ctl({"refresh"}).code, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(printer(1)["status"].toInt(), 4, 15000);
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, port_);
+        QVERIFY(client.waitForConnected(5000));
+        client.write(quill::ToCp1252(JobText(1, 1, "1", "KASSA1", "Anna", "Fyra")));
+        QTRY_COMPARE_WITH_TIMEOUT(status()["queued"].toInt(), 1, 10000);
+        r = ctl({"delete", "--all"});
+        QCOMPARE(r.code, 1);
+        QVERIFY2(r.err.contains("stopped"), qPrintable(r.err));
+        QCOMPARE(status()["queued"].toInt(), 1);
+
+        QCOMPARE(ctl({"stop"}).code, 0);
+        QCOMPARE(status()["service"].toObject()["running"].toBool(), false);
+        r = ctl({"delete", "--all"});
+        QCOMPARE(r.code, 0);
+        QVERIFY(r.out.contains(GetString(12042)));
+        QCOMPARE(quill::dbtest::JobRows(inst_->file("brixa.mdb")), QStringList());
+        QCOMPARE(ctl({"delete", "--all"}).code, 0); // an empty queue
+    }
+
+    void refusals_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("err");
+        QTest::newRow("printer id outside 1..5") << QStringList{"printer", "edit", "6", "--name", "X"} << 1
+                                                 << "outside 1..5";
+        QTest::newRow("no such printer") << QStringList{"printer", "remove", "4"} << 1 << "no printer 4";
+        QTest::newRow("darkness outside its list") << QStringList{"printer", "edit", "1", "--darkness", "11"} << 1
+                                                   << "--darkness: '11' is not one of: 1, 2";
+        QTest::newRow("rate outside its list") << QStringList{"printer", "add", "--name", "Ny", "--rate", "19200"}
+                                               << 1 << "one of: 9600, 57600";
+        QTest::newRow("unknown printer type") << QStringList{"printer", "edit", "2", "--type", "99"} << 1 << "--type";
+        QTest::newRow("feed not digits") << QStringList{"printer", "edit", "2", "--feed", "6x"} << 1 << "--feed";
+        QTest::newRow("blank name") << QStringList{"printer", "edit", "2", "--name", "  "} << 1 << GetString(12025);
+        QTest::newRow("network printer without a port")
+            << QStringList{"printer", "add", "--name", "Ny", "--address", "127.0.0.1"} << 1 << GetString(12027);
+        QTest::newRow("port not a number") << QStringList{"settings", "set", "--port", "20a1"} << 1
+                                           << GetString(12143);
+        QTest::newRow("unknown job") << QStringList{"delete", "77"} << 1 << "no queued job with id 77";
+        QTest::newRow("job id not a number") << QStringList{"delete", "x"} << 2 << "not a number";
+        QTest::newRow("switch not on/off") << QStringList{"settings", "set", "--silent", "yes"} << 2 << "on or off";
+        QTest::newRow("unknown option") << QStringList{"printer", "add", "--colour", "red"} << 2 << "colour";
+        QTest::newRow("unknown command") << QStringList{"reboot"} << 2 << "unknown command";
+        QTest::newRow("no command") << QStringList{} << 2 << "no command";
+    }
+    void refusals()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(int, code);
+        QFETCH(QString, err);
+        QCOMPARE(ctl({"start"}).code, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(printer(1)["status"].toInt(), 1, 10000);
+        const QString before = snapshot();
+        const Run r = ctl(args);
+        QCOMPARE(r.code, code);
+        QVERIFY2(r.err.contains(err), qPrintable(r.err));
+        QCOMPARE(snapshot(), before);
+        // Nothing was left half-done: the service runs, the printers are back.
+        const QJsonObject s = status();
+        QCOMPARE(s["service"].toObject()["running"].toBool(), true);
+        QCOMPARE(printer(1)["status"].toInt(), 1);
+        QCOMPARE(s["printers"].toArray().size(), 2);
+    }
+
+    void printersAddEditRemove()
+    {
+        // A network printer on the box: slot 3, checked at once.
+        Run r = ctl({"--json", "printer", "add", "--name", "Shop", "--address", " 127.0.0.1 ", "--net-port",
+                     QString::number(inst_->net.port()), "--darkness", "7", "--speed", "8"});
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.json()["printer"].toObject()["id"].toInt(), 3);
+        QCOMPARE(r.json()["printer"].toObject()["statusWord"].toString(), GetString(12079));
+        QCOMPARE(printerRow(3), QString("Shop|1|2|COM1:#9600|127.0.0.1#%1|0|6|7|0|0|60|0").arg(inst_->net.port()));
+        QCOMPARE(printer(3)["display"].toString(), QString("3 Shop på 127.0.0.1"));
+
+        // Edited: only the fields given change; it moves to the serial line.
+        r = ctl({"printer", "edit", "3", "--connection", "serial", "--com", "COM2", "--cutter", "on", "--feed", "80",
+                 "--passive", "on"});
+        QCOMPARE(r.code, 0);
+        QCOMPARE(printerRow(3), QString("Shop|1|1|COM2:#9600|127.0.0.1#%1|0|6|7|1|1|80|0").arg(inst_->net.port()));
+        QCOMPARE(printer(3)["statusWord"].toString(), GetString(12083));
+
+        // Two more fill the slots; a sixth is refused with the window's box.
+        for (const char* name : {"Fyra", "Fem"})
+            QCOMPARE(ctl({"printer", "add", "--name", name, "--passive", "on"}).code, 0);
+        const QString before = snapshot();
+        r = ctl({"printer", "add", "--name", "Sex"});
+        QCOMPARE(r.code, 1);
+        QVERIFY2(r.err.contains(GetString(12028)), qPrintable(r.err));
+        QCOMPARE(snapshot(), before);
+
+        // Removed: the row and the slot go, the id is free for the next one.
+        r = ctl({"printer", "remove", "3"});
+        QCOMPARE(r.code, 0);
+        QVERIFY(r.out.contains(GetString(12040, "3 Shop på COM2:")));
+        QCOMPARE(inst_->scalar("SELECT COUNT(*) FROM tbPrinter WHERE Id = 3").toInt(), 0);
+        QVERIFY(printer(3).isEmpty());
+        r = ctl({"--json", "printer", "add", "--name", "Ny", "--passive", "on"});
+        QCOMPARE(r.json()["printer"].toObject()["id"].toInt(), 3);
+    }
+
+    void deviceOperations_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<int>("printer");
+        QTest::addColumn<QString>("call"); // what the emulated printer is asked
+        QTest::newRow("test print, network") << QStringList{"test", "1"} << 1 << "print 1 i";
+        QTest::newRow("clear, serial") << QStringList{"clear", "2"} << 2 << "init a";
+        QTest::newRow("calibrate, serial") << QStringList{"calibrate", "2"} << 2 << "service 44";
+        QTest::newRow("configure, serial") << QStringList{"configure", "2"} << 2 << "setparam 46 ";
+    }
+    void deviceOperations()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(int, printer);
+        QFETCH(QString, call);
+        quill::test::Emulator& emu = printer == 1 ? inst_->net : inst_->ser;
+        QTRY_COMPARE_WITH_TIMEOUT(this->printer(printer)["status"].toInt(), 1, 10000);
+        const auto calls = [&] { return int(emu.log().filter(QRegularExpression("^" + QRegularExpression::escape(call))).size()); };
+        const int before = calls();
+        const Run r = ctl(QStringList{"--json", "printer"} + args);
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.json()["outcome"].toString(), QString("Done"));
+        QTRY_COMPARE_WITH_TIMEOUT(calls(), before + 1, 10000);
+        // The printer's status is back from Configuring.
+        QCOMPARE(this->printer(printer)["status"].toInt(), 1);
+
+        // An unreachable printer: the window's box is the reason.
+        QCOMPARE(emu.command("silent on"), QString("ok"));
+        const Run failed = ctl(QStringList{"printer"} + args);
+        QCOMPARE(failed.code, 1);
+        QVERIFY2(failed.err.contains(GetString(12038)) || failed.err.contains("failed"), qPrintable(failed.err));
+        QCOMPARE(emu.command("silent off"), QString("ok"));
+    }
+
+    void settingsSet()
+    {
+        QCOMPARE(ctl({"start"}).code, 0);
+        Run r = ctl({"settings", "set", "--auto-start-service", "on", "--silent", "on", "--traffic-log", "on",
+                     "--quit-question", "on"});
+        QCOMPARE(r.code, 0);
+        // The dialog's stop question, answered; the service is stopped.
+        QVERIFY2(r.out.contains(GetString(12016)), qPrintable(r.out));
+        QCOMPARE(status()["service"].toObject()["running"].toBool(), false);
+        QCOMPARE(inst_->scalar("SELECT AutoStartService FROM tbServer").toInt(), 1);
+        const QJsonObject s = ctl({"--json", "settings"}).json()["settings"].toObject();
+        QCOMPARE(s["silent"].toBool(), true);
+        QCOMPARE(s["trafficLog"].toBool(), true);
+        QCOMPARE(s["quitQuestion"].toBool(), true);
+        QCOMPARE(s["log"].toBool(), true); // not given: unchanged
+        QCOMPARE(s["startMinimized"].toBool(), false);
+        QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwSilentMode").toInt(), 1);
+
+        // A new port: rebound, told, stored, and print requests reach it.
+        const quint16 fresh = TestInstallation::freePort();
+        r = ctl({"--json", "settings", "set", "--port", QString::number(fresh)});
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.json()["portChange"].toString(), QString("Rebound"));
+        QVERIFY(r.json()["messages"].toArray()[0].toObject()["text"].toString().startsWith(GetString(12001)));
+        QCOMPARE(inst_->scalar("SELECT port FROM tbServer").toInt(), int(fresh));
+        QCOMPARE(status()["listener"].toObject()["port"].toInt(), int(fresh));
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, fresh);
+        QVERIFY(client.waitForConnected(5000));
+
+        // A port taken by another program: 12006, the stored port stays.
+        QTcpServer taken;
+        QVERIFY(taken.listen(QHostAddress::Any, 0));
+        r = ctl({"settings", "set", "--port", QString::number(taken.serverPort())});
+        QCOMPARE(r.code, 1);
+        QVERIFY(r.err.contains(GetString(12006)));
+        QCOMPARE(inst_->scalar("SELECT port FROM tbServer").toInt(), int(fresh));
+        QCOMPARE(status()["listener"].toObject()["listening"].toBool(), false);
+        r = ctl({"start"});
+        QCOMPARE(r.code, 1);
+        QVERIFY(r.err.contains("no TCP listener"));
+    }
+
+    void otherUserRefused()
+    {
+        if (::geteuid() != 0)
+            QSKIP("needs root to run the client as another user");
+        const QString runuser = QStandardPaths::findExecutable("runuser");
+        if (runuser.isEmpty())
+            QSKIP("runuser is not installed");
+        const QStringList asNobody{runuser, "-u", "nobody", "--"};
+        if (ctlIn(inst_->path(), {"--help"}, asNobody).code != 0)
+            QSKIP("the user nobody cannot run quillbase-ctl from the build folder");
+        // The folder is open to everyone, so only the socket's own mode stands in the way.
+        QVERIFY(QFile::setPermissions(inst_->path(), QFile::permissions(inst_->path()) | QFile::ExeOther
+                                                         | QFile::ReadOther | QFile::ExeGroup | QFile::ReadGroup));
+        Run r = ctlIn(inst_->path(), {"status"}, asNobody);
+        QCOMPARE(r.code, 1);
+        QVERIFY2(r.err.contains("not allowed"), qPrintable(r.err));
+        // The same client gets through once the socket lets others in: the
+        // refusal above was the socket's mode and nothing else.
+        const auto mode = QFile::permissions(socketPath());
+        QVERIFY(QFile::setPermissions(socketPath(), mode | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther));
+        r = ctlIn(inst_->path(), {"status"}, asNobody);
+        QVERIFY(QFile::setPermissions(socketPath(), mode));
+        QCOMPARE(r.code, 0);
+    }
+
+    void help_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("main") << QStringList{"--help"} << "printer configure";
+        QTest::newRow("printer add") << QStringList{"printer", "add", "--help"} << "--reverse-feed";
+        QTest::newRow("settings set") << QStringList{"settings", "set", "--help"} << "--quit-question";
+        QTest::newRow("delete") << QStringList{"delete", "--help"} << "--all";
+    }
+    void help()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QString, text);
+        // No server is needed for help.
+        const Run r = ctlIn(QDir::tempPath(), args);
+        QCOMPARE(r.code, 0);
+        QVERIFY2(r.out.contains(text), qPrintable(r.out));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstCtl)
+#include "tst_ctl.moc"
