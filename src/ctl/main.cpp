@@ -108,7 +108,8 @@ const QList<Command>& commands()
 QString commonHelp()
 {
     return QStringLiteral("Common options:\n"
-                          "  --home DIR   installation folder of the server (default: this program's folder)\n"
+                          "  --home DIR   installation folder of the server (default: this program's folder,\n"
+                          "               or /var/lib/quillbase for the installed service)\n"
                           "  --json       print the server's answer as one JSON object\n"
                           "  --help       this help\n");
 }
@@ -384,9 +385,15 @@ void printResult(const Command& c, const QJsonObject& r, const QStringList& args
 
 // ------------------------------------------------------------------ request
 
+// The server's default is its own folder; an installed server (the package's
+// service) keeps its installation in /var/lib/quillbase instead.
 QString defaultHome()
 {
-    return QCoreApplication::applicationDirPath();
+    const QString own = QCoreApplication::applicationDirPath();
+    const QString service = QStringLiteral("/var/lib/quillbase");
+    if (!QFileInfo::exists(own + QStringLiteral("/brixa.mdb")) && QFileInfo::exists(service + QStringLiteral("/brixa.mdb")))
+        return service;
+    return own;
 }
 
 int send(const QString& home, const Command& c, const QJsonObject& args, bool json, const QStringList& positional)

@@ -91,6 +91,7 @@ QString NextSteps(const QString& dir)
 {
     const QString home = QDir(dir).absolutePath();
     const QString exe = QCoreApplication::applicationFilePath();
+    const QString ctl = QCoreApplication::applicationDirPath() + QStringLiteral("/quillbase-ctl");
     const bool logging = NullToLong(RegGetValue(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwUseLog")), 0) > 0;
     QString t;
     QTextStream out(&t);
@@ -99,13 +100,14 @@ QString NextSteps(const QString& dir)
         << "tAllowedClients), " << SettingsFile(HKEY_CURRENT_USER) << " (this user: log switches)\n"
         << "Event logging is " << (logging ? "on" : "off") << " (dwUseLog in the user settings).\n"
         << "Next:\n"
-        << "  1. Add a printer, e.g. printer 1 on a network box at 192.168.10.40 port 9100:\n"
-        << "     sqlite3 " << home << "/brixa.mdb \"INSERT INTO tbPrinter (Id, Name, PrinterTypeId, "
-        << "ConnectionUsed, Connection2) VALUES (1, 'Reception', 1, 2, '192.168.10.40#9100')\"\n"
-        << "     (serial: ConnectionUsed 1, Connection1 'COM1:#9600'; COM1 maps to a device in the machine "
-        << "settings, [Ports] COM1=/dev/ttyUSB0)\n"
-        << "  2. Start the server: " << exe << " --headless --home " << home << "\n"
+        << "  1. Start the server: " << exe << " --headless --home " << home << "\n"
         << "     or, installed as a service: sudo systemctl start quillbase\n"
+        << "  2. Add a printer, e.g. on a network box at 192.168.10.40 port 9100, and start the print service:\n"
+        << "     " << ctl << " --home " << home
+        << " printer add --name Reception --address 192.168.10.40 --net-port 9100\n"
+        << "     " << ctl << " --home " << home << " start\n"
+        << "     (serial: --connection serial --com 1 --rate 9600; COM1 maps to a device in the machine "
+        << "settings, [Ports] COM1=/dev/ttyUSB0; quillbase-ctl --help lists every command)\n"
         << "  3. Send a print request: docs/protocol.md has the fields and a worked example.\n";
     return t;
 }

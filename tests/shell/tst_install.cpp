@@ -52,7 +52,7 @@ void checkInit(const QString& exe, const QString& scratch)
     const Run r = run(exe, {"--init", "--home", home}, scratch);
     QVERIFY2(r.code == 0, qPrintable(r.out + r.err));
     QVERIFY2(r.out.contains("Installation: " + home), qPrintable(r.out));
-    QVERIFY(r.out.contains("sqlite3 " + home + "/brixa.mdb \"INSERT INTO tbPrinter"));
+    QVERIFY2(r.out.contains("quillbase-ctl --home " + home + " printer add --name"), qPrintable(r.out));
     QVERIFY(r.out.contains("--headless --home " + home));
     for (const char* f : {"brixa.mdb", "brixa.mda", "0.lbl", "1.lbl", "lang/BrixaLangUK.Language"})
         QVERIFY2(QFile::exists(home + "/" + f), f);
