@@ -85,6 +85,13 @@ qint32 argId(const QJsonObject& args)
     return args.value(QStringLiteral("id")).toInt(-1);
 }
 
+// A switch the request names takes its value; one it leaves out stays.
+void takeFlag(const QJsonObject& args, const char* key, bool& field)
+{
+    if (args.contains(QLatin1String(key)))
+        field = args.value(QLatin1String(key)).toBool();
+}
+
 } // namespace
 
 namespace {
@@ -445,10 +452,7 @@ ControlServer::Reply ControlServer::savePrinter(const QJsonObject& args, bool is
             allowed = jsonTexts(values);
         }
     };
-    const auto flag = [&](const char* key, bool& field) {
-        if (args.contains(QLatin1String(key)))
-            field = args.value(QLatin1String(key)).toBool();
-    };
+    const auto flag = [&](const char* key, bool& field) { takeFlag(args, key, field); };
     const auto text = [&](const char* key, QString& field) {
         if (args.contains(QLatin1String(key)))
             field = args.value(QLatin1String(key)).toString();
@@ -636,10 +640,7 @@ ControlServer::Reply ControlServer::setSettings(const QJsonObject& args)
     Operator::ServerSettings s = commands_.serverSettings();
     if (args.contains(QStringLiteral("port")))
         s.port = args.value(QStringLiteral("port")).toString();
-    const auto flag = [&](const char* key, bool& field) {
-        if (args.contains(QLatin1String(key)))
-            field = args.value(QLatin1String(key)).toBool();
-    };
+    const auto flag = [&](const char* key, bool& field) { takeFlag(args, key, field); };
     flag("autoStartService", s.autoStartService);
     flag("startMinimized", s.startMinimized);
     flag("silent", s.silentMode);
