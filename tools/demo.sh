@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # make run: a demo installation in demo/ with two emulated MP104C printers
 # (1 Reception on a network box, 2 Proshop on a serial line through a pty),
-# served by the headless server. Ctrl-C stops everything.
-#   tools/demo.sh [BUILD_DIR]     DEMO_PORT=20001 sets the server's TCP port
+# served by the server with its window when a display is there, headless
+# otherwise. Ctrl-C (or the window's Exit) stops everything.
+#   tools/demo.sh [BUILD_DIR]     DEMO_PORT=20001 sets the server's TCP port,
+#                                 DEMO_HEADLESS=1 runs without the window
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 bin=$(cd "${1:-build}" && pwd)/bin
@@ -86,7 +88,11 @@ tail -n 0 -F "$log" 2>/dev/null &
 pids+=($!)
 # The log file below has the traffic entries too; the server's own stderr copy
 # of the event lines goes to run/server.err.
-"$bin/quillbase" --headless --home "$demo" --status-interval 10000 2> "$demo/run/server.err" &
+mode=(--headless)
+if [ "${DEMO_HEADLESS:-0}" != 1 ] && [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
+  mode=()
+fi
+"$bin/quillbase" "${mode[@]}" --home "$demo" --status-interval 10000 2> "$demo/run/server.err" &
 server=$!
 for _ in $(seq 100); do listening "$port" && break; kill -0 "$server" 2>/dev/null || break; sleep 0.1; done
 listening "$port" || fail "the server did not start listening on port $port: $(cat "$demo/run/server.err")"
@@ -105,4 +111,5 @@ The reply is "BRIXA<TAB>OK<TAB>"; the printed label appears as PNG + JSON in
 
 Ctrl-C stops the server and both printers. Event log follows:
 EOF
+if [ ${#mode[@]} -eq 0 ]; then say "(The server's window is open: File - Exit there ends the demo too.)"; fi
 wait "$server"

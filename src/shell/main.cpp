@@ -1,6 +1,9 @@
 #include "foundation/eventlog.h"
 #include "foundation/paths.h"
+#include "gui/mainwindow.h"
+#include "gui/messagebox.h"
 #include "shell/installation.h"
+#include "shell/operator.h"
 #include "shell/server.h"
 #include "shell/systemdnotify.h"
 
@@ -9,13 +12,10 @@
 #include <QDir>
 #include <QSocketNotifier>
 #include <QTextStream>
-
-#ifdef QUILL_HAVE_GUI
-#include "shell/gui/gui.h"
 #include <QApplication>
-#endif
 
 #include <csignal>
+#include <cstdlib>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -50,6 +50,32 @@ void installSignalHandlers(quill::Server& server)
     sigaction(SIGINT, &sa, nullptr);
 }
 
+QtMessageHandler qtHandler = nullptr;
+
+// While the window system is opened: Qt ends the process when none can be
+// reached, so say what to do instead and end without a core dump. Its own
+// warnings about it are left out, the line below says it all.
+void onQtMessage(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    if (type == QtFatalMsg) {
+        QTextStream(stderr) << "quillbase: cannot open the window (no usable display); "
+                               "run with --headless to serve without a window."
+                            << Qt::endl;
+        std::_Exit(3);
+    }
+    if (type == QtWarningMsg || type == QtCriticalMsg)
+        return;
+    qtHandler(type, context, text);
+}
+
+// A display the window could be shown on: a platform chosen by hand, or a
+// window system named in the environment.
+bool displayAvailable()
+{
+    return !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") || !qEnvironmentVariableIsEmpty("DISPLAY") ||
+           !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -60,13 +86,23 @@ int main(int argc, char** argv)
         if (a == "--headless" || a == "--init" || a == "--version" || a == "-v" || a == "--help" || a == "-h")
             headless = true;
     }
-#ifdef QUILL_HAVE_GUI
-    std::unique_ptr<QCoreApplication> app(headless ? new QCoreApplication(argc, argv)
-                                                   : new QApplication(argc, argv));
-#else
-    headless = true;
-    auto app = std::make_unique<QCoreApplication>(argc, argv);
-#endif
+    if (!headless && !displayAvailable()) {
+        QTextStream(stderr) << "quillbase: no display to open the window on (DISPLAY is not set); "
+                               "run with --headless to serve without a window."
+                            << Qt::endl;
+        return 3;
+    }
+    std::unique_ptr<QCoreApplication> app;
+    if (headless) {
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    } else {
+        qtHandler = qInstallMessageHandler(onQtMessage);
+        app = std::make_unique<QApplication>(argc, argv);
+        qInstallMessageHandler(qtHandler);
+        // The window hides into the notification area; boxes shown while it
+        // is hidden must not end the program when they close.
+        QApplication::setQuitOnLastWindowClosed(false);
+    }
     QCoreApplication::setApplicationName(QStringLiteral("Quillbase"));
     QCoreApplication::setApplicationVersion(QStringLiteral(QUILL_VERSION));
 
@@ -114,13 +150,21 @@ int main(int argc, char** argv)
     quill::Server server(options);
     quill::SystemdNotifier notifier(server);
     installSignalHandlers(server);
-#ifdef QUILL_HAVE_GUI
-    std::unique_ptr<quill::Gui> gui;
-    if (!headless)
-        gui = std::make_unique<quill::Gui>(server);
-#endif
-    const int start = server.startup();
+    auto exitCode = [](quill::Server::StartResult r) { return r == quill::Server::OtherInstance ? 0 : 1; };
+    if (headless) {
+        const quill::Server::StartResult start = server.startup();
+        if (start != quill::Server::Started)
+            return exitCode(start);
+        return app->exec();
+    }
+    // The window exists before the start-up runs, so the boxes of the start-up
+    // are the window's.
+    quill::WidgetMessageSink sink;
+    quill::Operator op(server);
+    quill::MainWindow window(server, op);
+    QObject::connect(&window, &quill::MainWindow::finished, app.get(), [] { QCoreApplication::exit(0); });
+    const quill::Server::StartResult start = window.start();
     if (start != quill::Server::Started)
-        return start == quill::Server::OtherInstance ? 0 : 1;
+        return exitCode(start);
     return app->exec();
 }

@@ -1,0 +1,595 @@
+#include "gui/mainwindow.h"
+#include "database/jobdatabase.h"
+#include "database/jobstore.h"
+#include "foundation/eventlog.h"
+#include "foundation/messages.h"
+#include "foundation/texts.h"
+#include "gui/aboutbox.h"
+#include "gui/captions.h"
+#include "gui/pictures.h"
+#include "gui/trayicon.h"
+#include "service/printerlistmodel.h"
+#include "service/printservice.h"
+#include "shell/operator.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCloseEvent>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QIdentityProxyModel>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QMenuBar>
+#include <QPushButton>
+#include <QShortcut>
+#include <QSplitter>
+#include <QStatusBar>
+#include <QTimer>
+#include <QTreeView>
+#include <QVBoxLayout>
+
+namespace quill {
+
+// The printer list as the view shows it: the printer-type picture in the
+// first column, the status picture in the second, passive rows in grey.
+class PrinterListPresenter : public QIdentityProxyModel {
+public:
+    using QIdentityProxyModel::QIdentityProxyModel;
+
+    QVariant data(const QModelIndex& index, int role) const override
+    {
+        if (role == Qt::DecorationRole) {
+            if (index.column() == PrinterListModel::ColPrinter)
+                return PrinterTypePicture(QIdentityProxyModel::data(index, PrinterListModel::PrinterTypeRole).toString());
+            if (index.column() == PrinterListModel::ColStatus)
+                return StatusPicture(QIdentityProxyModel::data(index, PrinterListModel::StatusWordRole).toString());
+        }
+        if (role == Qt::ForegroundRole && QIdentityProxyModel::data(index, PrinterListModel::PassiveRole).toBool())
+            return QApplication::palette().brush(QPalette::Disabled, QPalette::Text);
+        return QIdentityProxyModel::data(index, role);
+    }
+};
+
+namespace {
+
+constexpr int PictureSize = 16;
+
+// Pointer and wait text of a lengthy command; this window has no wait-text
+// bar, so a wait shows as the busy pointer alone.
+class BusyPointer {
+public:
+    BusyPointer() { QApplication::setOverrideCursor(Qt::WaitCursor); }
+    ~BusyPointer() { QApplication::restoreOverrideCursor(); }
+};
+
+QTreeView* makeList(const QString& name, QWidget* parent)
+{
+    auto* view = new QTreeView(parent);
+    view->setObjectName(name);
+    view->setRootIsDecorated(false);
+    view->setUniformRowHeights(true);
+    view->setItemsExpandable(false);
+    view->setAllColumnsShowFocus(true);
+    view->setSelectionBehavior(QAbstractItemView::SelectRows);
+    view->setSelectionMode(QAbstractItemView::SingleSelection);
+    view->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    view->setIconSize(QSize(PictureSize, PictureSize));
+    view->header()->setStretchLastSection(false);
+    view->header()->setSectionsMovable(false);
+    return view;
+}
+
+QWidget* makePanel(const QString& name, QLabel** picture, QLabel** text, QWidget* parent)
+{
+    auto* panel = new QWidget(parent);
+    panel->setObjectName(name);
+    auto* layout = new QHBoxLayout(panel);
+    layout->setContentsMargins(4, 0, 4, 0);
+    layout->setSpacing(4);
+    *picture = new QLabel(panel);
+    (*picture)->setObjectName(name + QStringLiteral("Picture"));
+    (*picture)->setFixedSize(PictureSize, PictureSize);
+    layout->addWidget(*picture);
+    if (text) {
+        *text = new QLabel(panel);
+        (*text)->setObjectName(name + QStringLiteral("Text"));
+        layout->addWidget(*text, 1);
+    } else {
+        layout->addStretch(1);
+    }
+    return panel;
+}
+
+} // namespace
+
+MainWindow::MainWindow(Server& server, Operator& op, QWidget* parent)
+    : QMainWindow(parent), server_(server), op_(op)
+{
+    setObjectName(QStringLiteral("frmSrvMain"));
+    // Captions in their marker form until the window loads (start()).
+    setWindowTitle(QStringLiteral("##9003#Brixa - Printerserver"));
+    setWindowIcon(ServerPicture());
+    resize(700, 480);
+    buildUi();
+    buildMenus();
+    connectCore();
+}
+
+MainWindow::~MainWindow() = default;
+
+void MainWindow::buildUi()
+{
+    auto* central = new QWidget(this);
+    central->setObjectName(QStringLiteral("picMain"));
+    auto* layout = new QVBoxLayout(central);
+    layout->setContentsMargins(6, 6, 6, 6);
+
+    lvwPrinter_ = makeList(QStringLiteral("lvwPrinter"), central);
+    lvwJob_ = makeList(QStringLiteral("lvwJob"), central);
+    lvwPrinter_->installEventFilter(this);
+    lvwJob_->installEventFilter(this);
+    connect(lvwPrinter_, &QTreeView::doubleClicked, this, [this](const QModelIndex&) { editSelectedPrinter(); });
+
+    auto* splitter = new QSplitter(Qt::Vertical, central);
+    splitter->setObjectName(QStringLiteral("splLists"));
+    splitter->setChildrenCollapsible(false);
+    splitter->addWidget(lvwPrinter_);
+    splitter->addWidget(lvwJob_);
+    splitter->setStretchFactor(0, 2);
+    splitter->setStretchFactor(1, 3);
+    layout->addWidget(splitter, 1);
+
+    cmdService_ = new QPushButton(QStringLiteral("#£12103#Starta tjänst"), central);
+    cmdService_->setObjectName(QStringLiteral("cmdService"));
+    cmdService_->setEnabled(false); // until the listener is open
+    cmdDeleteJob_ = new QPushButton(QStringLiteral("#£12101#Radera jobb"), central);
+    cmdDeleteJob_->setObjectName(QStringLiteral("cmdDeleteJob"));
+    cmdDeleteAllJob_ = new QPushButton(QStringLiteral("#£12102#Radera ALLA jobb"), central);
+    cmdDeleteAllJob_->setObjectName(QStringLiteral("cmdDeleteAllJob"));
+    for (QPushButton* b : {cmdService_, cmdDeleteJob_, cmdDeleteAllJob_})
+        b->setAutoDefault(false);
+    connect(cmdService_, &QPushButton::clicked, this, &MainWindow::toggleService);
+    connect(cmdDeleteJob_, &QPushButton::clicked, this, &MainWindow::deleteSelectedJob);
+    connect(cmdDeleteAllJob_, &QPushButton::clicked, this, &MainWindow::deleteAllJobs);
+
+    auto* buttons = new QHBoxLayout;
+    buttons->addWidget(cmdDeleteJob_);
+    buttons->addWidget(cmdDeleteAllJob_);
+    buttons->addStretch(1);
+    buttons->addWidget(cmdService_);
+    layout->addLayout(buttons);
+    setCentralWidget(central);
+
+    // Status bar: server and computer, service state, traffic; the silent-mode
+    // mark beside them while silent mode is on.
+    auto* bar = new QStatusBar(this);
+    bar->setObjectName(QStringLiteral("panSB"));
+    bar->setSizeGripEnabled(true);
+    bar->addWidget(makePanel(QStringLiteral("panSBServer"), &panServerPicture_, &panServer_, bar), 7);
+    bar->addWidget(makePanel(QStringLiteral("panSBStatus"), &panServicePicture_, &panService_, bar), 2);
+    bar->addWidget(makePanel(QStringLiteral("panSBTraffic"), &panTraffic_, nullptr, bar), 1);
+    panSilent_ = new QLabel(bar);
+    panSilent_->setObjectName(QStringLiteral("panSBSilent"));
+    panSilent_->setVisible(false);
+    bar->addPermanentWidget(panSilent_);
+    setStatusBar(bar);
+    panServerPicture_->setPixmap(ServerPicture().pixmap(PictureSize, PictureSize));
+
+    auto* escape = new QShortcut(QKeySequence(Qt::Key_Escape), this);
+    escape->setObjectName(QStringLiteral("keyEscape"));
+    escape->setContext(Qt::WindowShortcut);
+    connect(escape, &QShortcut::activated, this, &MainWindow::requestExit);
+}
+
+void MainWindow::buildMenus()
+{
+    auto action = [this](QMenu* menu, const char* name, const QString& caption, auto slot) {
+        QAction* a = menu->addAction(caption);
+        a->setObjectName(QLatin1String(name));
+        connect(a, &QAction::triggered, this, slot);
+        return a;
+    };
+    auto menu = [](QWidget* parent, const char* name, const QString& caption) {
+        auto* m = new QMenu(caption, parent);
+        m->setObjectName(QLatin1String(name));
+        return m;
+    };
+
+    QMenu* mnuFile = menu(this, "mnuFile", QStringLiteral("#£12086#&Arkiv"));
+    action(mnuFile, "mnuExit", QStringLiteral("#£12087#&Avsluta"), &MainWindow::requestExit);
+
+    QMenu* mnuFunction = menu(this, "mnuFunction", QStringLiteral("#£12088#&Funktioner"));
+    QMenu* mnuPrinter = menu(mnuFunction, "mnuPrinter", QStringLiteral("#£12089#&Skrivare"));
+    action(mnuPrinter, "mnuPrinterNew", QStringLiteral("#£12090#&Ny"), &MainWindow::newPrinter);
+    action(mnuPrinter, "mnuPrinterEdit", QStringLiteral("#£12091#&Ändra"), &MainWindow::editSelectedPrinter);
+    action(mnuPrinter, "mnuPrinterDelete", QStringLiteral("#£12092#&Ta Bort"), &MainWindow::deleteSelectedPrinter);
+    mnuPrinter->addSeparator();
+    action(mnuPrinter, "mnuPrinterUpdateAll", QStringLiteral("#£12093#&Uppdatera"), [this] { refresh(false); });
+    action(mnuPrinter, "mnuPrinterUpdateAllFull", QStringLiteral("#£12094#&Fullständig uppdatering"),
+           [this] { refresh(true); });
+    mnuFunction->addMenu(mnuPrinter);
+    mnuFunction->addSeparator();
+    QMenu* mnuAddin = menu(mnuFunction, "mnuAddin", QStringLiteral("#£12133#&Add-Ins"));
+    // The add-in entry has no action of its own.
+    action(mnuAddin, "mnuAddinScala", QStringLiteral("#£12134#&Scala"), [] {});
+    mnuFunction->addMenu(mnuAddin);
+    mnuFunction->addSeparator();
+    action(mnuFunction, "mnuSettings", QStringLiteral("#£12095#&Inställningar"), &MainWindow::openSettings);
+
+    QMenu* mnuHelp = menu(this, "mnuHelp", QStringLiteral("#£12096#&Hjälp"));
+    action(mnuHelp, "mnuAbout", QStringLiteral("#£12097#&Om Brixa..."), &MainWindow::openAbout);
+
+    menuBar()->setObjectName(QStringLiteral("mnuBar"));
+    menuBar()->addMenu(mnuFile);
+    menuBar()->addMenu(mnuFunction);
+    menuBar()->addMenu(mnuHelp);
+
+    // The notification-area menu: a menu of this window, used as a pop-up.
+    mnuSTPopupSys_ = menu(this, "mnuSTPopupSys", QStringLiteral("&SysTray"));
+    action(mnuSTPopupSys_, "mnuSTPopupRestore", QStringLiteral("#£12098#&Återställ"), &MainWindow::restoreFromTray);
+    action(mnuSTPopupSys_, "mnuSTPopupExit", QStringLiteral("#£12099#&Avsluta"), &MainWindow::requestExit);
+    mnuSTPopupSys_->addSeparator();
+    mnuSTPopupService_ =
+        action(mnuSTPopupSys_, "mnuSTPopupService", QStringLiteral("#£12100#&Starta tjänst"), &MainWindow::toggleService);
+    mnuSTPopupService_->setEnabled(false);
+
+    tray_ = new TrayIcon(this, mnuSTPopupSys_, this);
+    connect(tray_, &TrayIcon::restoreRequested, this, [this] { lvwPrinter_->setFocus(); });
+}
+
+void MainWindow::connectCore()
+{
+    connect(&op_, &Operator::serviceStateChanged, this, &MainWindow::showServiceState);
+    connect(&op_, &Operator::serviceAvailableChanged, this, &MainWindow::showServiceAvailable);
+    connect(&op_, &Operator::busyChanged, this, &MainWindow::setBusy);
+    connect(&op_, &Operator::silentModeChanged, this, &MainWindow::showSilentMode);
+    connect(&op_, &Operator::printerSelected, this, [this](qint32 id) {
+        if (!started_)
+            return;
+        const int row = server_.printService().printerList().rowOf(id);
+        if (row >= 0)
+            lvwPrinter_->setCurrentIndex(printerPresenter_->index(row, 0));
+    });
+    // The desktop session ends (log-out, shut-down): quit without asking.
+    connect(qApp, &QGuiApplication::commitDataRequest, this, [this] { endSession(); });
+}
+
+Server::StartResult MainWindow::start()
+{
+    Server::StartResult result;
+    {
+        BusyPointer busy;
+        result = server_.startup();
+    }
+    if (result != Server::Started)
+        return result;
+
+    // The texts of the configured language are known from here on.
+    LocaliseCaptions(this);
+
+    printerPresenter_ = new PrinterListPresenter(this);
+    PrinterListModel& printers = server_.printService().printerList();
+    printerPresenter_->setSourceModel(&printers);
+    lvwPrinter_->setModel(printerPresenter_);
+    lvwJob_->setModel(&server_.jobs().jobList());
+    if (printers.rowCount() > 0)
+        lvwPrinter_->setCurrentIndex(printerPresenter_->index(0, 0));
+    if (server_.jobs().jobList().count() > 0)
+        selectJobRow(0);
+
+    panServer_->setText(GetString(9003) + QLatin1Char(' ') + ComputerName());
+    panServer_->setToolTip(panServer_->text());
+    connect(&server_.traffic(), &TrafficIndicator::changed, this, &MainWindow::showTraffic);
+    showTraffic(server_.traffic().state());
+    showSilentMode(SilentMode());
+    showServiceAvailable(op_.serviceAvailable());
+    showServiceState(op_.serviceRunning());
+    started_ = true;
+
+    const bool minimised = server_.database().startMinimized() != 0;
+    if (TrayIcon::available()) {
+        tray_->STInit();
+        showServiceState(op_.serviceRunning());
+        // Minimised with a notification area means hidden in it.
+        if (!minimised)
+            show();
+    } else {
+        if (!loggedNoTray_)
+            LogWrite(QStringLiteral("No notification area on this desktop: the window minimises to the taskbar."));
+        loggedNoTray_ = true;
+        if (minimised)
+            showMinimized();
+        else
+            show();
+    }
+    return result;
+}
+
+void MainWindow::showEvent(QShowEvent* event)
+{
+    QMainWindow::showEvent(event);
+    if (!columnsSet_ && started_) {
+        // Widths by the rule once the lists have their first real width.
+        QTimer::singleShot(0, this, [this] {
+            if (!columnsSet_)
+                applyColumnWidths();
+        });
+    }
+}
+
+void MainWindow::applyColumnWidths()
+{
+    columnsSet_ = true;
+    // Fractions of the list's width; the small deductions leave room for the
+    // vertical scroll bar's border so no horizontal one appears.
+    const int wp = lvwPrinter_->viewport()->width();
+    lvwPrinter_->setColumnWidth(0, qRound(wp * 7.0f / 10));
+    lvwPrinter_->setColumnWidth(1, qMax(40, qRound(wp * 3.0f / 10) - 6));
+    const int wj = lvwJob_->viewport()->width();
+    lvwJob_->setColumnWidth(0, qRound(wj * 3.0f / 10));
+    lvwJob_->setColumnWidth(1, qRound(wj * 1.0f / 10));
+    lvwJob_->setColumnWidth(2, qRound(wj * 3.0f / 10));
+    lvwJob_->setColumnWidth(3, qMax(40, qRound(wj * 3.0f / 10) - 21));
+}
+
+// --- what the core tells ----------------------------------------------------
+
+void MainWindow::showServiceState(bool running)
+{
+    const QString caption = GetString(running ? 12054 : 12053);
+    cmdService_->setText(caption);
+    mnuSTPopupService_->setText(caption);
+    const QString state = GetString(running ? 12084 : 12085);
+    panService_->setText(state);
+    panServicePicture_->setPixmap(ServicePicture(running).pixmap(PictureSize, PictureSize));
+    panServicePicture_->setProperty("started", running);
+    tray_->showService(running);
+    cmdDeleteJob_->setEnabled(!running);
+    cmdDeleteAllJob_->setEnabled(!running);
+}
+
+void MainWindow::showServiceAvailable(bool available)
+{
+    cmdService_->setEnabled(available);
+    mnuSTPopupService_->setEnabled(available);
+}
+
+void MainWindow::showTraffic(TrafficIndicator::State state)
+{
+    panTraffic_->setPixmap(TrafficPicture(state).pixmap(PictureSize, PictureSize));
+    panTraffic_->setToolTip(TrafficIndicator::textOf(state));
+    panTraffic_->setProperty("trafficState", int(state));
+}
+
+void MainWindow::showSilentMode(bool on)
+{
+    panSilent_->setText(GetString(12141));
+    panSilent_->setVisible(on);
+}
+
+void MainWindow::setBusy(bool busy)
+{
+    if (busy) {
+        ++busyDepth_;
+        QApplication::setOverrideCursor(Qt::WaitCursor);
+    } else if (busyDepth_ > 0) {
+        --busyDepth_;
+        QApplication::restoreOverrideCursor();
+    }
+}
+
+// --- commands -----------------------------------------------------------------
+
+void MainWindow::toggleService()
+{
+    BoxOwnerScope owner(this);
+    cmdService_->setEnabled(false);
+    op_.toggleService();
+    showServiceState(op_.serviceRunning());
+    showServiceAvailable(op_.serviceAvailable());
+}
+
+int MainWindow::selectedJobRow() const
+{
+    const QModelIndex current = lvwJob_->currentIndex();
+    if (current.isValid())
+        return current.row();
+    // A list with rows always has a selected one, the first by default.
+    return lvwJob_->model() && lvwJob_->model()->rowCount() > 0 ? 0 : -1;
+}
+
+void MainWindow::selectJobRow(int row)
+{
+    QAbstractItemModel* model = lvwJob_->model();
+    if (!model || row < 0 || row >= model->rowCount()) {
+        lvwJob_->clearSelection();
+        lvwJob_->setCurrentIndex({});
+        return;
+    }
+    lvwJob_->setCurrentIndex(model->index(row, 0));
+}
+
+void MainWindow::deleteSelectedJob()
+{
+    if (!started_ || !cmdDeleteJob_->isEnabled())
+        return;
+    const int row = selectedJobRow();
+    if (row < 0)
+        return;
+    const qint32 jobId = lvwJob_->model()->index(row, 0).data(JobListModel::JobIdRole).toInt();
+    BoxOwnerScope owner(this);
+    if (op_.deleteJob(jobId) == Operator::Outcome::Done)
+        selectJobRow(qMin(row, lvwJob_->model()->rowCount() - 1));
+}
+
+void MainWindow::deleteAllJobs()
+{
+    if (!started_ || !cmdDeleteAllJob_->isEnabled())
+        return;
+    BoxOwnerScope owner(this);
+    op_.deleteAllJobs();
+}
+
+qint32 MainWindow::selectedPrinter() const
+{
+    const QModelIndex current = lvwPrinter_->currentIndex();
+    return current.isValid() ? current.data(PrinterListModel::PrinterIdRole).toInt() : -1;
+}
+
+void MainWindow::newPrinter()
+{
+    if (!started_)
+        return;
+    BoxOwnerScope owner(this);
+    PrinterSettings dialog;
+    if (op_.openNewPrinter(&dialog) == Operator::Outcome::Done) {
+        // The printer dialog is not there yet: the edit ends at once.
+        op_.cancelPrinter();
+    }
+}
+
+void MainWindow::editSelectedPrinter()
+{
+    const qint32 id = selectedPrinter();
+    if (!started_ || id < 1)
+        return;
+    BoxOwnerScope owner(this);
+    PrinterSettings dialog;
+    if (op_.openEditPrinter(id, &dialog) == Operator::Outcome::Done) {
+        // The printer dialog is not there yet: the edit ends at once and the
+        // printer gets its previous status back.
+        op_.cancelPrinter();
+    }
+}
+
+void MainWindow::deleteSelectedPrinter()
+{
+    const qint32 id = selectedPrinter();
+    if (!started_ || id < 1)
+        return;
+    BoxOwnerScope owner(this);
+    op_.deletePrinter(id);
+}
+
+void MainWindow::refresh(bool full)
+{
+    if (!started_)
+        return;
+    BusyPointer busy;
+    BoxOwnerScope owner(this);
+    if (full)
+        op_.fullRefresh();
+    else
+        op_.refresh();
+}
+
+void MainWindow::openSettings()
+{
+    if (!started_)
+        return;
+    BoxOwnerScope owner(this);
+    // The settings dialog is not there yet; the core's question before it
+    // (stopping a running service) is asked all the same.
+    op_.openSettings();
+    showServiceState(op_.serviceRunning());
+}
+
+void MainWindow::openAbout()
+{
+    if (!about_) {
+        about_ = new AboutBox(this);
+        about_->setAttribute(Qt::WA_DeleteOnClose);
+    }
+    about_->show();
+    about_->raise();
+    about_->activateWindow();
+}
+
+void MainWindow::restoreFromTray()
+{
+    tray_->STRestore();
+}
+
+// --- closing ----------------------------------------------------------------------
+
+void MainWindow::requestExit()
+{
+    if (closing_)
+        return;
+    BoxOwnerScope owner(this);
+    if (op_.CanQuit(false))
+        shutdown();
+}
+
+void MainWindow::endSession()
+{
+    if (closing_)
+        return;
+    if (op_.CanQuit(true))
+        shutdown();
+}
+
+void MainWindow::shutdown()
+{
+    closing_ = true;
+    tray_->STEnd();
+    server_.shutdown();
+    close();
+    emit finished();
+}
+
+void MainWindow::closeEvent(QCloseEvent* event)
+{
+    if (closing_) {
+        event->accept();
+        return;
+    }
+    // The title bar's close: into the notification area, the server keeps
+    // running. Without one, minimise, so the window can be got back.
+    event->ignore();
+    if (tray_->visible() && TrayIcon::available())
+        hide();
+    else
+        showMinimized();
+}
+
+void MainWindow::changeEvent(QEvent* event)
+{
+    QMainWindow::changeEvent(event);
+    if (event->type() == QEvent::WindowStateChange && isMinimized() && tray_->visible() && TrayIcon::available()) {
+        // Minimised means hidden in the notification area; hide once the
+        // state change is over.
+        QTimer::singleShot(0, this, [this] {
+            if (isMinimized())
+                hide();
+        });
+    } else if (event->type() == QEvent::ActivationChange && isActiveWindow() && lvwPrinter_->isVisible() &&
+               lvwPrinter_->isEnabled()) {
+        lvwPrinter_->setFocus();
+    }
+}
+
+bool MainWindow::eventFilter(QObject* watched, QEvent* event)
+{
+    if (event->type() == QEvent::KeyPress) {
+        auto* key = static_cast<QKeyEvent*>(event);
+        const bool plain = (key->modifiers() & (Qt::ShiftModifier | Qt::ControlModifier | Qt::AltModifier)) == 0;
+        if (watched == lvwJob_ && key->key() == Qt::Key_Delete && plain) {
+            if (cmdDeleteJob_->isEnabled())
+                deleteSelectedJob();
+            return true;
+        }
+        if (watched == lvwPrinter_ && key->key() == Qt::Key_Delete && plain) {
+            deleteSelectedPrinter();
+            return true;
+        }
+        if (watched == lvwPrinter_ && (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter)) {
+            editSelectedPrinter();
+            return true;
+        }
+    }
+    return QMainWindow::eventFilter(watched, event);
+}
+
+} // namespace quill

@@ -1,0 +1,116 @@
+#pragma once
+// The main window frmSrvMain: the printer and job lists, the status bar, the
+// service and delete buttons, the menus and the notification-area icon. It
+// presents the core's models and hands every command to Operator; the server
+// logic, its questions and its refusals are the core's.
+//
+//   Server server(options);
+//   Operator op(server);
+//   MainWindow window(server, op);
+//   if (window.start() != Server::Started) return 1;  // runs the server's start-up
+//   QObject::connect(&window, &MainWindow::finished, &app, &QApplication::quit);
+#include "protocol/traffic.h"
+#include "shell/server.h"
+
+#include <QMainWindow>
+#include <QPointer>
+
+class QAction;
+class QLabel;
+class QMenu;
+class QPushButton;
+class QTreeView;
+
+namespace quill {
+
+class AboutBox;
+class Operator;
+class PrinterListPresenter;
+class TrayIcon;
+
+class MainWindow : public QMainWindow {
+    Q_OBJECT
+public:
+    MainWindow(Server& server, Operator& op, QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    // The server's start-up with this window: busy pointer while it runs, then
+    // the lists, the status bar, the captions and the notification-area icon;
+    // the window is shown (or minimised when the server says so).
+    Server::StartResult start();
+
+    // The exit commands (menu, notification-area menu, Escape): ends the
+    // program when the core allows it.
+    void requestExit();
+    // The desktop session ends: always quits, without asking.
+    void endSession();
+
+    TrayIcon* trayIcon() const { return tray_; }
+    // The widths of the list columns by the start-up rule, from the lists' widths now.
+    void applyColumnWidths();
+
+signals:
+    // The server has shut down; the program ends.
+    void finished();
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+    void changeEvent(QEvent* event) override;
+    void showEvent(QShowEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    void buildUi();
+    void buildMenus();
+    void connectCore();
+    void shutdown();
+
+    void showServiceState(bool running);
+    void showServiceAvailable(bool available);
+    void showTraffic(TrafficIndicator::State state);
+    void showSilentMode(bool on);
+    void setBusy(bool busy);
+
+    // Commands
+    void toggleService();
+    void deleteSelectedJob();
+    void deleteAllJobs();
+    void newPrinter();
+    void editSelectedPrinter();
+    void deleteSelectedPrinter();
+    void refresh(bool full);
+    void openSettings();
+    void openAbout();
+    void restoreFromTray();
+
+    qint32 selectedPrinter() const;
+    int selectedJobRow() const;
+    void selectJobRow(int row);
+
+    Server& server_;
+    Operator& op_;
+    bool started_ = false;
+    bool closing_ = false;
+    bool columnsSet_ = false;
+    int busyDepth_ = 0;
+    bool loggedNoTray_ = false;
+
+    QTreeView* lvwPrinter_ = nullptr;
+    QTreeView* lvwJob_ = nullptr;
+    PrinterListPresenter* printerPresenter_ = nullptr;
+    QPushButton* cmdService_ = nullptr;
+    QPushButton* cmdDeleteJob_ = nullptr;
+    QPushButton* cmdDeleteAllJob_ = nullptr;
+    QLabel* panServer_ = nullptr;
+    QLabel* panServerPicture_ = nullptr;
+    QLabel* panService_ = nullptr;
+    QLabel* panServicePicture_ = nullptr;
+    QLabel* panTraffic_ = nullptr;
+    QLabel* panSilent_ = nullptr;
+    QMenu* mnuSTPopupSys_ = nullptr;
+    QAction* mnuSTPopupService_ = nullptr;
+    TrayIcon* tray_ = nullptr;
+    QPointer<AboutBox> about_;
+};
+
+} // namespace quill

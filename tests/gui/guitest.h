@@ -1,0 +1,150 @@
+#pragma once
+// Helpers for the window tests: answering message boxes as they come up (the
+// real QMessageBox of the window's sink, found as the active modal widget),
+// the whole server with its window over a throw-away installation, and
+// screenshots into build/screenshots/.
+#include "foundation/messages.h"
+#include "foundation/texts.h"
+#include "gui/mainwindow.h"
+#include "gui/messagebox.h"
+#include "shell/operator.h"
+#include "shell/server.h"
+#include "support/installation.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QDir>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTest>
+#include <QTimer>
+#include <QWidget>
+
+#include <deque>
+#include <functional>
+#include <memory>
+
+namespace quill::test {
+
+// Presses the queued buttons in the boxes that come up, one box each, and
+// remembers their texts. A box beyond the queue is answered with its escape
+// (negative) button and noted as unexpected.
+class BoxAnswerer : public QObject {
+public:
+    BoxAnswerer()
+    {
+        timer_.setInterval(20);
+        connect(&timer_, &QTimer::timeout, this, &BoxAnswerer::poll);
+        timer_.start();
+    }
+    void answer(std::initializer_list<QMessageBox::StandardButton> buttons)
+    {
+        for (auto b : buttons)
+            queue_.push_back(b);
+    }
+    QStringList texts;
+    QList<QMessageBox::Icon> icons;
+    QStringList titles;
+    QList<QWidget*> parents;
+    int unexpected = 0;
+    // Called with each box before it is answered (screenshots).
+    std::function<void(QMessageBox*)> onBox;
+
+private:
+    void poll()
+    {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (!box || !box->isVisible() || box == last_)
+            return;
+        last_ = box;
+        texts << box->text();
+        icons << box->icon();
+        titles << box->windowTitle();
+        parents << box->parentWidget();
+        if (onBox)
+            onBox(box);
+        QAbstractButton* button = nullptr;
+        if (!queue_.empty()) {
+            button = box->button(queue_.front());
+            queue_.pop_front();
+        } else {
+            ++unexpected;
+            button = box->escapeButton();
+            if (!button)
+                button = box->defaultButton();
+        }
+        if (button)
+            button->click();
+        else
+            box->reject();
+    }
+    QTimer timer_;
+    std::deque<QMessageBox::StandardButton> queue_;
+    QMessageBox* last_ = nullptr;
+};
+
+inline QString ScreenshotDir()
+{
+    const QString dir = QStringLiteral(QUILL_BIN_DIR "/../screenshots");
+    QDir().mkpath(dir);
+    return QDir(dir).absolutePath();
+}
+
+inline bool Screenshot(QWidget* w, const QString& name)
+{
+    return w->grab().save(ScreenshotDir() + QLatin1Char('/') + name + QStringLiteral(".png"));
+}
+
+// The server, its command surface and its window over one installation.
+// Language, silent mode and the printers are arranged before start().
+struct WindowSite {
+    WindowSite()
+    {
+        ResetLanguage();
+        SetSilentMode(false);
+    }
+    ~WindowSite()
+    {
+        window.reset();
+        op.reset();
+        if (server)
+            server->shutdown();
+        server.reset();
+    }
+
+    // Printer 1 on an emulated network box, printer 2 on an emulated serial line.
+    bool startEmulators() { return site.start(); }
+
+    // The server, the command surface and the window, not started yet.
+    void build(int statusIntervalMs = 600000)
+    {
+        Server::Options options;
+        options.statusIntervalMs = statusIntervalMs;
+        options.headless = false;
+        server = std::make_unique<Server>(options);
+        op = std::make_unique<Operator>(*server);
+        window = std::make_unique<MainWindow>(*server, *op);
+        QObject::connect(window.get(), &MainWindow::finished, [this] { ++finished; });
+    }
+    Server::StartResult start()
+    {
+        if (!window)
+            build();
+        return window->start();
+    }
+
+    template <typename T = QWidget>
+    T* find(const char* name) const
+    {
+        return window->findChild<T*>(QLatin1String(name));
+    }
+
+    PrinterSite site;
+    WidgetMessageSink sink;
+    std::unique_ptr<Server> server;
+    std::unique_ptr<Operator> op;
+    std::unique_ptr<MainWindow> window;
+    int finished = 0;
+};
+
+} // namespace quill::test

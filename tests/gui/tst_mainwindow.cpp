@@ -1,0 +1,661 @@
+// The operator's window over the whole server (offscreen): the widgets are
+// found by their names and driven as the operator would, boxes are answered as
+// they come up, printers are emulated where their answers matter.
+#include "database/jobstore.h"
+#include "foundation/cp1252.h"
+#include "foundation/texts.h"
+#include "gui/guitest.h"
+#include "gui/pictures.h"
+#include "gui/trayicon.h"
+#include "service/printerlistmodel.h"
+#include "service/printservice.h"
+#include "support/dbfixture.h"
+
+#include <QAction>
+#include <QHeaderView>
+#include <QLabel>
+#include <QMenu>
+#include <QPainter>
+#include <QProcess>
+#include <QPushButton>
+#include <QStatusBar>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTreeView>
+
+#include <algorithm>
+
+using quill::GetString;
+using quill::Operator;
+using quill::Server;
+using quill::dbtest::JobText;
+using quill::test::BoxAnswerer;
+using quill::test::Screenshot;
+using quill::test::TestInstallation;
+using quill::test::WindowSite;
+using Btn = QMessageBox::StandardButton;
+
+Q_DECLARE_METATYPE(QMessageBox::StandardButton)
+
+class TstMainWindow : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<WindowSite> s_;
+    quint16 port_ = 0;
+
+    quill::test::PrinterSite& inst() { return s_->site; }
+    quill::MainWindow& win() { return *s_->window; }
+    template <typename T = QWidget>
+    T* find(const char* name) { return s_->find<T>(name); }
+    QAction* action(const char* name) { return find<QAction>(name); }
+    QString text(const char* label) { return find<QLabel>(label)->text(); }
+    const quill::PrinterSlot& slot(int n) { return s_->server->printers().at(n); }
+    quill::PrinterListModel& printerList() { return s_->server->printService().printerList(); }
+    quill::JobListModel& jobList() { return s_->server->jobs().jobList(); }
+
+    QStringList jobCaptions()
+    {
+        QStringList out;
+        for (int r = 0; r < jobList().count(); ++r)
+            out << jobList().rowAt(r).text.section(QLatin1Char(' '), 1);
+        return out;
+    }
+    int storedJobs() { return inst().scalar("SELECT COUNT(*) FROM tbJob").toInt(); }
+
+    // Jobs queued before the start, for a printer that never prints them.
+    void queueJobs(const QStringList& captions, int printer = 4)
+    {
+        for (const QString& c : captions)
+            QVERIFY(inst().sql("INSERT INTO tbJob (PrinterId, Job) VALUES (?, ?)",
+                               {printer, JobText(printer, 1, "2", "KASSA1", "Anna", c)}));
+    }
+    // Printers without an emulator: 3 and 5 answer nothing (Error), 4 is passive.
+    void addQuietPrinters(bool withFive = true)
+    {
+        QVERIFY(inst().addNetworkPrinter(3, "Entré", TestInstallation::freePort()));
+        QVERIFY(inst().addNetworkPrinter(4, "Lager", TestInstallation::freePort(), true));
+        if (withFive)
+            QVERIFY(inst().addNetworkPrinter(5, "Shop", TestInstallation::freePort()));
+    }
+    void useEnglish()
+    {
+        inst().setMachineValue(QString(), "tLanguage", "UK", false);
+        inst().setMachineValue(QString(), "dwCountryNo", 44, true);
+    }
+    bool startWindow()
+    {
+        if (s_->start() != Server::Started)
+            return false;
+        return QTest::qWaitForWindowExposed(&win()) || win().isMinimized();
+    }
+    // Waits until the start-up's status pass has its answers.
+    bool settled()
+    {
+        return QTest::qWaitFor(
+            [&] {
+                for (int n = 1; n <= 5; ++n)
+                    if (s_->server->printers().SrvPrinterExists(n) && slot(n).status == quill::StatusChecking)
+                        return false;
+                return true;
+            },
+            20000);
+    }
+    void checkServiceShown(bool running)
+    {
+        QCOMPARE(find<QPushButton>("cmdService")->text(), GetString(running ? 12054 : 12053));
+        QCOMPARE(action("mnuSTPopupService")->text(), GetString(running ? 12054 : 12053));
+        QCOMPARE(text("panSBStatusText"), GetString(running ? 12084 : 12085));
+        QCOMPARE(find<QLabel>("panSBStatusPicture")->property("started").toBool(), running);
+        QCOMPARE(win().trayIcon()->toolTip(), GetString(running ? 12058 : 12057, GetString(9003)));
+        QCOMPARE(win().trayIcon()->showsStarted(), running);
+        QCOMPARE(find<QPushButton>("cmdDeleteJob")->isEnabled(), !running);
+        QCOMPARE(find<QPushButton>("cmdDeleteAllJob")->isEnabled(), !running);
+        QCOMPARE(s_->op->serviceRunning(), running);
+    }
+    void selectJob(int row)
+    {
+        auto* view = find<QTreeView>("lvwJob");
+        view->setCurrentIndex(view->model()->index(row, 0));
+    }
+    int selectedJob()
+    {
+        const QModelIndex i = find<QTreeView>("lvwJob")->currentIndex();
+        return i.isValid() ? i.row() : -1;
+    }
+    void selectPrinter(int id)
+    {
+        auto* view = find<QTreeView>("lvwPrinter");
+        view->setCurrentIndex(view->model()->index(printerList().rowOf(id), 0));
+    }
+
+private slots:
+    void init()
+    {
+        s_ = std::make_unique<WindowSite>();
+        QVERIFY(inst().ok());
+        port_ = TestInstallation::freePort();
+        QVERIFY(inst().setServer(port_, false));
+        inst().setUserSwitch("dwUseLog", 1);
+    }
+
+    void cleanup() { s_.reset(); }
+
+    // Every element the service state drives, from the start-up's state on.
+    void serviceToggle_data()
+    {
+        QTest::addColumn<bool>("autoStart");
+        QTest::newRow("stopped at start") << false;
+        QTest::newRow("auto-started") << true;
+    }
+    void serviceToggle()
+    {
+        QFETCH(bool, autoStart);
+        QVERIFY(inst().setServer(port_, autoStart));
+        QVERIFY(startWindow());
+        QVERIFY(find<QPushButton>("cmdService")->isEnabled());
+        checkServiceShown(autoStart);
+
+        QTest::mouseClick(find<QPushButton>("cmdService"), Qt::LeftButton);
+        checkServiceShown(!autoStart);
+        action("mnuSTPopupService")->trigger();
+        checkServiceShown(autoStart);
+    }
+
+    // Without a listener the service cannot be started from the window.
+    void serviceButtonWithoutListener()
+    {
+        QTcpServer squatter;
+        QVERIFY(squatter.listen(QHostAddress::Any, 0));
+        QVERIFY(inst().setServer(squatter.serverPort(), true));
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
+        QVERIFY(startWindow());
+        QCOMPARE(boxes.texts, QStringList{GetString(12014)});
+        QVERIFY(!find<QPushButton>("cmdService")->isEnabled());
+        QVERIFY(!action("mnuSTPopupService")->isEnabled());
+        checkServiceShown(false);
+    }
+
+    void deleteJobs_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<int>("jobs");
+        QTest::addColumn<int>("select");
+        QTest::addColumn<bool>("running");
+        QTest::addColumn<Btn>("answer");
+        QTest::addColumn<QStringList>("boxes");
+        QTest::addColumn<QStringList>("remaining");
+        QTest::addColumn<int>("selected");
+        const QString q2 = "Vill du radera utskriftsjobbet '2 B' ?";
+        const QString all = "Vill du radera ALLA jobb?";
+        const QStringList abc{"A", "B", "C"};
+        QTest::newRow("button, yes") << "button" << 3 << 1 << false << Btn::Yes << QStringList{q2} << QStringList{"A", "C"} << 1;
+        QTest::newRow("button, no") << "button" << 3 << 1 << false << Btn::No << QStringList{q2} << abc << 1;
+        QTest::newRow("button, last row") << "button" << 3 << 2 << false << Btn::Yes
+                                          << QStringList{"Vill du radera utskriftsjobbet '3 C' ?"} << QStringList{"A", "B"} << 1;
+        QTest::newRow("button, only job") << "button" << 1 << 0 << false << Btn::Yes
+                                          << QStringList{"Vill du radera utskriftsjobbet '1 A' ?"} << QStringList{} << -1;
+        QTest::newRow("delete key, yes") << "key" << 3 << 1 << false << Btn::Yes << QStringList{q2} << QStringList{"A", "C"} << 1;
+        QTest::newRow("delete key, service running") << "key" << 3 << 1 << true << Btn::Yes << QStringList{} << abc << 1;
+        QTest::newRow("shift+delete") << "shift key" << 3 << 1 << false << Btn::Yes << QStringList{} << abc << 1;
+        QTest::newRow("all, yes") << "all" << 3 << 1 << false << Btn::Yes << QStringList{all} << QStringList{} << -1;
+        QTest::newRow("all, no") << "all" << 3 << 1 << false << Btn::No << QStringList{all} << abc << 1;
+    }
+    void deleteJobs()
+    {
+        QFETCH(QString, command);
+        QFETCH(int, jobs);
+        QFETCH(int, select);
+        QFETCH(bool, running);
+        QFETCH(Btn, answer);
+        QFETCH(QStringList, boxes);
+        QFETCH(QStringList, remaining);
+        QFETCH(int, selected);
+        addQuietPrinters(false);
+        queueJobs(QStringList{"A", "B", "C"}.mid(0, jobs));
+        QVERIFY(startWindow());
+        QCOMPARE(jobCaptions().size(), jobs);
+        if (running)
+            QTest::mouseClick(find<QPushButton>("cmdService"), Qt::LeftButton);
+        selectJob(select);
+
+        BoxAnswerer answers;
+        answers.answer({answer});
+        auto* view = find<QTreeView>("lvwJob");
+        if (command == "button")
+            QTest::mouseClick(find<QPushButton>("cmdDeleteJob"), Qt::LeftButton);
+        else if (command == "all")
+            QTest::mouseClick(find<QPushButton>("cmdDeleteAllJob"), Qt::LeftButton);
+        else
+            QTest::keyClick(view, Qt::Key_Delete, command == "key" ? Qt::NoModifier : Qt::ShiftModifier);
+
+        QCOMPARE(answers.texts, boxes);
+        QCOMPARE(answers.unexpected, 0);
+        if (!boxes.isEmpty()) {
+            QCOMPARE(answers.icons.first(), QMessageBox::Question);
+            QCOMPARE(answers.titles.first(), GetString(9003));
+            QCOMPARE(answers.parents.first(), &win());
+        }
+        QCOMPARE(jobCaptions(), remaining);
+        QCOMPARE(storedJobs(), remaining.size());
+        QCOMPARE(selectedJob(), selected);
+    }
+
+    // Editing asks the core; a printer that prints or is being checked stays as
+    // it is, any other goes to Configuring (and, with no dialog yet, back).
+    void editPrinter_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("trigger");
+        QTest::addColumn<bool>("opens");
+        QTest::newRow("working, menu") << int(quill::StatusWorking) << "menu" << false;
+        QTest::newRow("checking, enter") << int(quill::StatusChecking) << "enter" << false;
+        QTest::newRow("working, double-click") << int(quill::StatusWorking) << "double-click" << false;
+        QTest::newRow("error, menu") << int(quill::StatusError) << "menu" << true;
+        QTest::newRow("ready, enter") << int(quill::StatusReady) << "enter" << true;
+        QTest::newRow("ready, double-click") << int(quill::StatusReady) << "double-click" << true;
+    }
+    void editPrinter()
+    {
+        QFETCH(int, status);
+        QFETCH(QString, trigger);
+        QFETCH(bool, opens);
+        addQuietPrinters(false);
+        QVERIFY(startWindow());
+        QVERIFY(settled());
+        s_->server->printers().SrvSetPrinterStatus(3, status, "x");
+        selectPrinter(3);
+
+        QList<int> seen;
+        connect(&printerList(), &QAbstractItemModel::dataChanged, this, [&] { seen << slot(3).status; });
+        BoxAnswerer boxes;
+        auto* view = find<QTreeView>("lvwPrinter");
+        if (trigger == "menu") {
+            action("mnuPrinterEdit")->trigger();
+        } else if (trigger == "enter") {
+            QTest::keyClick(view, Qt::Key_Return);
+        } else {
+            const QRect r = view->visualRect(view->currentIndex());
+            QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, r.center());
+            QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, r.center());
+        }
+        QCOMPARE(boxes.texts, QStringList{});
+        QCOMPARE(seen.contains(quill::StatusConfiguring), opens);
+        QCOMPARE(slot(3).status, status);
+        QVERIFY(!s_->op->printerDialogOpen());
+    }
+
+    void newPrinter_data()
+    {
+        QTest::addColumn<bool>("five");
+        QTest::addColumn<QStringList>("boxes");
+        QTest::newRow("four printers") << false << QStringList{};
+        QTest::newRow("five printers") << true << QStringList{"Inga fler skrivare kan läggas till!"};
+    }
+    void newPrinter()
+    {
+        QFETCH(bool, five);
+        QFETCH(QStringList, boxes);
+        QVERIFY(inst().addNetworkPrinter(1, "Kassa", TestInstallation::freePort(), true));
+        QVERIFY(inst().addNetworkPrinter(2, "Bar", TestInstallation::freePort(), true));
+        addQuietPrinters(five);
+        QVERIFY(startWindow());
+        BoxAnswerer answers;
+        answers.answer({Btn::Ok});
+        action("mnuPrinterNew")->trigger();
+        QCOMPARE(answers.texts, boxes);
+        QVERIFY(!s_->op->printerDialogOpen());
+        QCOMPARE(printerList().rowCount(), five ? 5 : 4);
+    }
+
+    // Refresh asks every printer at once; the full one reconfigures the serial
+    // printer first. The busy pointer shows while they run.
+    void refresh_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::newRow("refresh") << "mnuPrinterUpdateAll";
+        QTest::newRow("full refresh") << "mnuPrinterUpdateAllFull";
+    }
+    void refresh()
+    {
+        QFETCH(QString, command);
+        QVERIFY2(inst().start(), qPrintable(inst().errorText()));
+        QVERIFY(startWindow());
+        QVERIFY(settled());
+        QCOMPARE(slot(1).status, int(quill::StatusReady));
+        QCOMPARE(slot(2).status, int(quill::StatusReady));
+        s_->server->printers().SrvSetPrinterStatus(1, quill::StatusError, "Papper slut");
+        auto opens = [&] {
+            const QStringList log = inst().ser.log();
+            return int(std::count_if(log.cbegin(), log.cend(), [](const QString& c) { return c.startsWith("open"); }));
+        };
+        const int serialOpens = opens();
+
+        QList<int> cursors;
+        connect(&printerList(), &QAbstractItemModel::dataChanged, this, [&] {
+            cursors << (QApplication::overrideCursor() ? int(QApplication::overrideCursor()->shape()) : -1);
+        });
+        action(command.toLatin1())->trigger();
+        QVERIFY(!cursors.isEmpty());
+        QCOMPARE(cursors.first(), int(Qt::WaitCursor));
+        QCOMPARE(QApplication::overrideCursor(), nullptr);
+        QTRY_COMPARE_WITH_TIMEOUT(slot(1).status, int(quill::StatusReady), 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(slot(2).status, int(quill::StatusReady), 20000);
+        const int opensAfter = opens();
+        // A refresh checks the serial printer once; a full one configures it first.
+        QVERIFY(opensAfter > serialOpens);
+        if (command.endsWith("Full"))
+            QVERIFY(opensAfter >= serialOpens + 2);
+    }
+
+    // Closing from the title bar keeps the server running (no notification
+    // area offscreen: the window is minimised instead of hidden).
+    void titleBarClose()
+    {
+        QVERIFY(startWindow());
+        BoxAnswerer boxes;
+        QVERIFY(!win().close());
+        QCOMPARE(s_->finished, 0);
+        QTRY_VERIFY(win().isMinimized());
+        QCOMPARE(boxes.texts, QStringList{});
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, port_);
+        QVERIFY(client.waitForConnected(5000));
+    }
+
+    void exitRefused_data()
+    {
+        QTest::addColumn<QString>("when");
+        QTest::addColumn<QString>("box");
+        QTest::newRow("printer working") << "working"
+                                         << "Kan ej avsluta. En eller flera skrivare arbetar!\n"
+                                            "Vänta tills skrivarna är klara vilket kan ta upp till 3 minuter.";
+        QTest::newRow("while starting") << "starting" << "Kan ej avsluta. Printerservern startas!";
+    }
+    void exitRefused()
+    {
+        QFETCH(QString, when);
+        QFETCH(QString, box);
+        addQuietPrinters(false);
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
+        if (when == "starting") {
+            // The exit command arrives while the start-up still loads the printers.
+            auto once = std::make_shared<bool>(false);
+            s_->build();
+            connect(&s_->server->printers(), &quill::PrinterSlots::statusChanged, this, [this, once] {
+                if (!*once && s_->server->starting()) {
+                    *once = true;
+                    win().requestExit();
+                }
+            });
+            QCOMPARE(s_->start(), Server::Started);
+            QVERIFY(*once);
+        } else {
+            QVERIFY(startWindow());
+            QVERIFY(settled());
+            s_->server->printers().SrvSetPrinterStatus(3, quill::StatusWorking, GetString(12077));
+            action("mnuExit")->trigger();
+        }
+        QCOMPARE(boxes.texts, QStringList{box});
+        QCOMPARE(boxes.icons.first(), QMessageBox::Information);
+        QCOMPARE(s_->finished, 0);
+        QVERIFY(!inst().log().contains("Quillbase terminated."));
+    }
+
+    // The exit commands ask the quit question when it is on; the session's end
+    // never asks and is never refused.
+    void exitCommands_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<bool>("question");
+        QTest::addColumn<Btn>("answer");
+        QTest::addColumn<int>("finished");
+        const QString ask = "Vill du avsluta Brixa - Printerserver?";
+        QTest::newRow("menu, question, OK") << "mnuExit" << true << Btn::Ok << 1;
+        QTest::newRow("menu, question, Cancel") << "mnuExit" << true << Btn::Cancel << 0;
+        QTest::newRow("menu, no question") << "mnuExit" << false << Btn::NoButton << 1;
+        QTest::newRow("tray menu, question, OK") << "mnuSTPopupExit" << true << Btn::Ok << 1;
+        QTest::newRow("escape, question, Cancel") << "escape" << true << Btn::Cancel << 0;
+        QTest::newRow("escape, no question") << "escape" << false << Btn::NoButton << 1;
+        QTest::newRow("session ends, printer working") << "session" << true << Btn::NoButton << 1;
+    }
+    void exitCommands()
+    {
+        QFETCH(QString, command);
+        QFETCH(bool, question);
+        QFETCH(Btn, answer);
+        QFETCH(int, finished);
+        inst().setUserSwitch("dwQuitQuestion", question ? 1 : 0);
+        addQuietPrinters(false);
+        QVERIFY(startWindow());
+        BoxAnswerer boxes;
+        if (answer != Btn::NoButton)
+            boxes.answer({answer});
+        if (command == "escape") {
+            win().activateWindow();
+            QVERIFY(QTest::qWaitForWindowActive(&win()));
+            QTest::keyClick(&win(), Qt::Key_Escape);
+        } else if (command == "session") {
+            QVERIFY(settled());
+            s_->server->printers().SrvSetPrinterStatus(3, quill::StatusWorking, GetString(12077));
+            win().endSession();
+        } else {
+            action(command.toLatin1())->trigger();
+        }
+        const QStringList expected =
+            answer != Btn::NoButton ? QStringList{"Vill du avsluta Brixa - Printerserver?"} : QStringList{};
+        QCOMPARE(boxes.texts, expected);
+        QCOMPARE(boxes.unexpected, 0);
+        QCOMPARE(s_->finished, finished);
+        QCOMPARE(inst().log().contains("Quillbase terminated."), finished == 1);
+        if (finished == 0) {
+            QVERIFY(win().isVisible());
+            QTcpSocket client;
+            client.connectToHost(QHostAddress::LocalHost, port_);
+            QVERIFY(client.waitForConnected(5000));
+        }
+    }
+
+    void startMinimised_data()
+    {
+        QTest::addColumn<bool>("minimised");
+        QTest::newRow("normal") << false;
+        QTest::newRow("minimised") << true;
+    }
+    void startMinimised()
+    {
+        QFETCH(bool, minimised);
+        QVERIFY(inst().sql("UPDATE tbServer SET StartMinimized = ?", {minimised ? 1 : 0}));
+        QCOMPARE(s_->start(), Server::Started);
+        // No notification area offscreen: minimised stays on the taskbar.
+        QVERIFY(!quill::TrayIcon::available());
+        QTRY_COMPARE(win().isMinimized(), minimised);
+        QVERIFY(win().isVisible());
+    }
+
+    // A real client's request lights the traffic panel; a second later it is dark again.
+    void trafficPanel_data()
+    {
+        QTest::addColumn<QByteArray>("request");
+        QTest::addColumn<int>("state");
+        QTest::newRow("print request") << quill::ToCp1252(JobText(3, 1, "1", "KASSA1", "Anna", "Greenfee"))
+                                       << int(quill::TrafficIndicator::ReceivingJob);
+        QTest::newRow("other request") << QByteArray("HELLO") << int(quill::TrafficIndicator::OtherTraffic);
+    }
+    void trafficPanel()
+    {
+        QFETCH(QByteArray, request);
+        QFETCH(int, state);
+        QVERIFY(inst().setServer(port_, true));
+        addQuietPrinters(false);
+        QVERIFY(startWindow());
+        QVERIFY(settled());
+        auto* panel = find<QLabel>("panSBTrafficPicture");
+        QCOMPARE(panel->property("trafficState").toInt(), int(quill::TrafficIndicator::NoTraffic));
+        QCOMPARE(panel->toolTip(), GetString(12140));
+
+        QList<int> shown;
+        connect(&s_->server->traffic(), &quill::TrafficIndicator::changed, this,
+                [&] { shown << panel->property("trafficState").toInt(); });
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, port_);
+        QVERIFY(client.waitForConnected(5000));
+        client.write(request);
+        QTRY_VERIFY_WITH_TIMEOUT(shown.contains(state), 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(panel->property("trafficState").toInt(), int(quill::TrafficIndicator::NoTraffic), 5000);
+        QCOMPARE(panel->toolTip(), GetString(12140));
+    }
+
+    // Captions, headers and status texts in Swedish and with the UK language
+    // file in English; screenshots of both, service stopped and started, with
+    // printers in every status and jobs queued.
+    void captions_data()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("sv") << "sv"
+                            << QStringList{" Brixa - Printerserver", "Radera ALLA jobb", "&Arkiv",
+                                           "&Fullständig uppdatering", "&Återställ", "Arbetsstation", "Stoppad", "Klar"};
+        QTest::newRow("en") << "en"
+                            << QStringList{" Brixa - Print Server", "Delete ALL jobs", "&File", "&Full refresh",
+                                           "&Restore", "Workstation", "Stopped", "Ready"};
+    }
+    void captions()
+    {
+        QFETCH(QString, language);
+        QFETCH(QStringList, expected);
+        if (language == "en")
+            useEnglish();
+        QVERIFY2(inst().start(), qPrintable(inst().errorText()));
+        addQuietPrinters(true);
+        queueJobs({"Greenfee 18 hål", "Scorekort", "Bagtag"}, 4);
+        queueJobs({"Greenfee 9 hål"}, 3);
+        QVERIFY(startWindow());
+        QVERIFY(settled());
+
+        const QStringList shown{win().windowTitle(),
+                                find<QPushButton>("cmdDeleteAllJob")->text(),
+                                find<QMenu>("mnuFile")->title(),
+                                action("mnuPrinterUpdateAllFull")->text(),
+                                action("mnuSTPopupRestore")->text(),
+                                find<QTreeView>("lvwJob")->model()->headerData(3, Qt::Horizontal).toString(),
+                                text("panSBStatusText"),
+                                printerList().index(printerList().rowOf(1), 1).data().toString()};
+        QCOMPARE(shown, expected);
+        // No caption is left in its marker form.
+        for (QAction* a : win().findChildren<QAction*>())
+            QVERIFY2(!a->text().startsWith("#"), qPrintable(a->objectName() + ": " + a->text()));
+        for (QAbstractButton* b : win().findChildren<QAbstractButton*>())
+            QVERIFY2(!b->text().startsWith("#"), qPrintable(b->objectName() + ": " + b->text()));
+        QVERIFY(text("panSBServerText").startsWith(GetString(9003) + ' '));
+        QVERIFY(text("panSBServerText").size() > GetString(9003).size() + 1);
+
+        // Column widths by the start-up rule, and the operator may change them.
+        auto* printers = find<QTreeView>("lvwPrinter");
+        QTRY_VERIFY(qAbs(printers->columnWidth(0) - printers->viewport()->width() * 7 / 10) <= 1);
+        printers->header()->resizeSection(0, 120);
+        QCOMPARE(printers->columnWidth(0), 120);
+        QTRY_VERIFY(qAbs(printers->columnWidth(0) - 120) <= 0);
+        win().applyColumnWidths();
+
+        // Every status in the list: 1 and 2 answer (Ready), 3 and 5 do not
+        // (Error), 4 is passive; 5 is shown Checking for the picture.
+        s_->server->printers().SrvSetPrinterStatus(5, quill::StatusChecking, GetString(12050));
+        QVERIFY(Screenshot(&win(), "mainwindow-" + language + "-stopped"));
+        QTest::mouseClick(find<QPushButton>("cmdService"), Qt::LeftButton);
+        s_->server->printers().SrvSetPrinterStatus(2, quill::StatusWorking, GetString(12077));
+        s_->server->printers().SrvSetPrinterStatus(5, quill::StatusConfiguring, GetString(12074));
+        QCOMPARE(text("panSBStatusText"), language == "en" ? "Started" : "Startad");
+        QVERIFY(Screenshot(&win(), "mainwindow-" + language + "-started"));
+        auto* popup = find<QMenu>("mnuSTPopupSys");
+        popup->popup(win().mapToGlobal(QPoint(40, 40)));
+        QVERIFY(QTest::qWaitForWindowExposed(popup));
+        QVERIFY(Screenshot(popup, "traymenu-" + language));
+        popup->close();
+    }
+
+    void silentModeMark_data()
+    {
+        QTest::addColumn<bool>("silent");
+        QTest::newRow("off") << false;
+        QTest::newRow("on") << true;
+    }
+    void silentModeMark()
+    {
+        QFETCH(bool, silent);
+        inst().setUserSwitch("dwSilentMode", silent ? 1 : 0);
+        QVERIFY(startWindow());
+        QCOMPARE(find<QLabel>("panSBSilent")->isVisible(), silent);
+        QCOMPARE(text("panSBSilent"), GetString(12141));
+    }
+
+    // Every picture the window looks up exists, at 16 px and at twice that;
+    // the sheet is for looking at them.
+    void pictures()
+    {
+        QList<QIcon> icons;
+        for (int code : {0, 1, 2, 3, 4, 5})
+            icons << quill::StatusPicture(quill::StatusWord(code));
+        QVERIFY(quill::StatusPicture("no such word").isNull());
+        for (int t = 1; t <= 9; ++t)
+            icons << quill::PrinterTypePicture("PType" + QString::number(t));
+        icons << quill::ServicePicture(true) << quill::ServicePicture(false) << quill::TrayPicture(true)
+              << quill::TrayPicture(false) << quill::ServerPicture();
+        for (auto st : {quill::TrafficIndicator::NoTraffic, quill::TrafficIndicator::OtherTraffic,
+                        quill::TrafficIndicator::ReceivingJob})
+            icons << quill::TrafficPicture(st);
+        QImage sheet(icons.size() * 52 + 8, 60, QImage::Format_ARGB32);
+        sheet.fill(Qt::white);
+        QPainter p(&sheet);
+        for (int i = 0; i < icons.size(); ++i) {
+            const QPixmap small = icons[i].pixmap(16, 16);
+            const QPixmap big = icons[i].pixmap(32, 32);
+            QVERIFY2(!small.isNull() && !big.isNull(), qPrintable(QString::number(i)));
+            QCOMPARE(small.size(), QSize(16, 16));
+            p.drawPixmap(8 + i * 52, 4, small);
+            p.drawPixmap(8 + i * 52, 24, big);
+        }
+        p.end();
+        QVERIFY(sheet.save(quill::test::ScreenshotDir() + "/pictures.png"));
+        // Each printer type looks different from the others.
+        QSet<QByteArray> types;
+        for (int t = 1; t <= 9; ++t) {
+            const QImage img = quill::PrinterTypePicture("PType" + QString::number(t)).pixmap(16, 16).toImage();
+            types << QByteArray(reinterpret_cast<const char*>(img.constBits()), img.sizeInBytes());
+        }
+        QCOMPARE(types.size(), 9);
+    }
+
+    // Without a display (and without --headless) one line that names
+    // --headless, and an ordinary non-zero exit.
+    void noDisplay_data()
+    {
+        QTest::addColumn<QString>("display");
+        QTest::newRow("no DISPLAY") << QString();
+        QTest::newRow("DISPLAY without a server") << ":57913";
+    }
+    void noDisplay()
+    {
+        QFETCH(QString, display);
+        QProcess p;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove("QT_QPA_PLATFORM");
+        env.remove("WAYLAND_DISPLAY");
+        env.remove("DISPLAY");
+        if (!display.isEmpty())
+            env.insert("DISPLAY", display);
+        p.setProcessEnvironment(env);
+        p.start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--home", inst().path()});
+        QVERIFY(p.waitForFinished(20000));
+        QCOMPARE(p.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(p.exitCode(), 3);
+        const QStringList lines = QString::fromUtf8(p.readAllStandardError()).split('\n', Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 1);
+        QVERIFY2(lines.first().contains("--headless"), qPrintable(lines.first()));
+        QVERIFY(!inst().log().contains("Quillbase succesfully started"));
+    }
+};
+
+QTEST_MAIN(TstMainWindow)
+#include "tst_mainwindow.moc"
