@@ -7,12 +7,12 @@
 #include "shell/server.h"
 #include "shell/systemdnotify.h"
 
+#include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
 #include <QSocketNotifier>
 #include <QTextStream>
-#include <QApplication>
 
 #include <csignal>
 #include <cstdlib>

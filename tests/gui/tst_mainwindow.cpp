@@ -308,6 +308,63 @@ private slots:
         QCOMPARE(printerList().rowCount(), five ? 5 : 4);
     }
 
+    void deletePrinter_data()
+    {
+        QTest::addColumn<QString>("trigger");
+        QTest::addColumn<Btn>("answer");
+        QTest::addColumn<QList<int>>("remaining");
+        QTest::newRow("delete key, yes") << "key" << Btn::Yes << QList<int>{4};
+        QTest::newRow("delete key, no") << "key" << Btn::No << QList<int>{3, 4};
+        QTest::newRow("menu, yes") << "menu" << Btn::Yes << QList<int>{4};
+    }
+    void deletePrinter()
+    {
+        QFETCH(QString, trigger);
+        QFETCH(Btn, answer);
+        QFETCH(QList<int>, remaining);
+        addQuietPrinters(false);
+        QVERIFY(startWindow());
+        QVERIFY(settled());
+        selectPrinter(3);
+        BoxAnswerer boxes;
+        boxes.answer({answer});
+        if (trigger == "key")
+            QTest::keyClick(find<QTreeView>("lvwPrinter"), Qt::Key_Delete);
+        else
+            action("mnuPrinterDelete")->trigger();
+        QCOMPARE(boxes.texts, QStringList{"Vill du ta bort skrivaren '3 Entré på 127.0.0.1' ?"});
+        QList<int> rows;
+        for (int r = 0; r < printerList().rowCount(); ++r)
+            rows << printerList().printerAt(r);
+        QCOMPARE(rows, remaining);
+        QCOMPARE(inst().scalar("SELECT COUNT(*) FROM tbPrinter").toInt(), remaining.size());
+    }
+
+    // The settings command stops a running service first, when the operator agrees.
+    void settingsStopsService_data()
+    {
+        QTest::addColumn<bool>("running");
+        QTest::addColumn<Btn>("answer");
+        QTest::addColumn<bool>("runningAfter");
+        QTest::newRow("running, yes") << true << Btn::Yes << false;
+        QTest::newRow("running, no") << true << Btn::No << true;
+        QTest::newRow("stopped") << false << Btn::NoButton << false;
+    }
+    void settingsStopsService()
+    {
+        QFETCH(bool, running);
+        QFETCH(Btn, answer);
+        QFETCH(bool, runningAfter);
+        QVERIFY(inst().setServer(port_, running));
+        QVERIFY(startWindow());
+        BoxAnswerer boxes;
+        if (answer != Btn::NoButton)
+            boxes.answer({answer});
+        action("mnuSettings")->trigger();
+        QCOMPARE(boxes.texts, running ? QStringList{GetString(12016) + '\n' + GetString(12017)} : QStringList{});
+        checkServiceShown(runningAfter);
+    }
+
     // Refresh asks every printer at once; the full one reconfigures the serial
     // printer first. The busy pointer shows while they run.
     void refresh_data()
@@ -472,6 +529,7 @@ private slots:
         QVERIFY(!quill::TrayIcon::available());
         QTRY_COMPARE(win().isMinimized(), minimised);
         QVERIFY(win().isVisible());
+        QCOMPARE(inst().log().count("No notification area"), 1);
     }
 
     // A real client's request lights the traffic panel; a second later it is dark again.
@@ -588,6 +646,45 @@ private slots:
         QVERIFY(startWindow());
         QCOMPARE(find<QLabel>("panSBSilent")->isVisible(), silent);
         QCOMPARE(text("panSBSilent"), GetString(12141));
+    }
+
+    void trayToolTip_data()
+    {
+        QTest::addColumn<QString>("tip");
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("empty: the window's caption") << "" << " Brixa - Printerserver";
+        QTest::newRow("short") << "Brixa - Printerserver - Startad" << "Brixa - Printerserver - Startad";
+        QTest::newRow("cut to the field") << QString(70, 'x') << QString(63, 'x');
+    }
+    void trayToolTip()
+    {
+        QFETCH(QString, tip);
+        QFETCH(QString, shown);
+        QVERIFY(startWindow());
+        win().trayIcon()->STSetToolTip(tip);
+        QCOMPARE(win().trayIcon()->toolTip(), shown);
+    }
+
+    // The program with its window (offscreen): SIGTERM runs the ordinary shutdown.
+    void windowedProcess()
+    {
+        QProcess p;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        p.setProcessEnvironment(env);
+        p.setProcessChannelMode(QProcess::ForwardedChannels);
+        p.start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--home", inst().path()});
+        QVERIFY(p.waitForStarted(10000));
+        QTRY_VERIFY_WITH_TIMEOUT(inst().log().contains("Quillbase succesfully started"), 20000);
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, port_);
+        QVERIFY(client.waitForConnected(5000));
+        client.abort();
+        p.terminate();
+        QVERIFY(p.waitForFinished(10000));
+        QCOMPARE(p.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(p.exitCode(), 0);
+        QVERIFY(inst().log().contains("Quillbase terminated."));
     }
 
     // Every picture the window looks up exists, at 16 px and at twice that;
