@@ -288,9 +288,10 @@ Server::StartResult MainWindow::start()
     started_ = true;
 
     const bool minimised = server_.database().startMinimized() != 0;
+    // Shown even without a notification area: one that comes up later shows it.
+    tray_->STInit();
+    showServiceState(op_.serviceRunning());
     if (TrayIcon::available()) {
-        tray_->STInit();
-        showServiceState(op_.serviceRunning());
         // Minimised with a notification area means hidden in it.
         if (!minimised)
             show();
