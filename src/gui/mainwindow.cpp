@@ -116,7 +116,12 @@ MainWindow::MainWindow(Server& server, Operator& op, QWidget* parent)
     connectCore();
 }
 
-MainWindow::~MainWindow() = default;
+MainWindow::~MainWindow()
+{
+    // The exit path leaves the pointer busy until the end; the end is here.
+    while (busyDepth_ > 0)
+        setBusy(false);
+}
 
 void MainWindow::buildUi()
 {
@@ -251,6 +256,12 @@ void MainWindow::connectCore()
         if (row >= 0)
             lvwPrinter_->setCurrentIndex(printerPresenter_->index(row, 0));
     });
+    // The window appears once the listener step of the start-up is done; the
+    // printer checks and the service start follow with the window up.
+    connect(&server_, &Server::listenerChanged, this, [this] {
+        if (server_.starting() && !started_)
+            present();
+    });
     // The desktop session ends (log-out, shut-down): quit without asking.
     connect(qApp, &QGuiApplication::commitDataRequest, this, [this] { endSession(); });
 }
@@ -264,7 +275,16 @@ Server::StartResult MainWindow::start()
     }
     if (result != Server::Started)
         return result;
+    if (!started_)
+        present();
+    // What the last steps of the start-up changed (the automatic service start).
+    showServiceAvailable(op_.serviceAvailable());
+    showServiceState(op_.serviceRunning());
+    return result;
+}
 
+void MainWindow::present()
+{
     // The texts of the configured language are known from here on.
     LocaliseCaptions(this);
 
@@ -284,7 +304,6 @@ Server::StartResult MainWindow::start()
     showTraffic(server_.traffic().state());
     showSilentMode(SilentMode());
     showServiceAvailable(op_.serviceAvailable());
-    showServiceState(op_.serviceRunning());
     started_ = true;
 
     const bool minimised = server_.database().startMinimized() != 0;
@@ -304,7 +323,8 @@ Server::StartResult MainWindow::start()
         else
             show();
     }
-    return result;
+    // Painted now: the rest of the start-up (printer checks) may take a while.
+    QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
 }
 
 void MainWindow::showEvent(QShowEvent* event)

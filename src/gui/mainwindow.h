@@ -34,9 +34,10 @@ public:
     MainWindow(Server& server, Operator& op, QWidget* parent = nullptr);
     ~MainWindow() override;
 
-    // The server's start-up with this window: busy pointer while it runs, then
-    // the lists, the status bar, the captions and the notification-area icon;
-    // the window is shown (or minimised when the server says so).
+    // The server's start-up with this window: busy pointer while it runs; once
+    // the listener step is done the window gets its captions, lists, status bar
+    // and notification-area icon and is shown (or minimised when the server
+    // says so) while the printer checks and the service start finish.
     Server::StartResult start();
 
     // The exit commands (menu, notification-area menu, Escape): ends the
@@ -63,6 +64,8 @@ private:
     void buildUi();
     void buildMenus();
     void connectCore();
+    // The window loaded: captions, lists, status bar, icon; shown.
+    void present();
     void shutdown();
 
     void showServiceState(bool running);

@@ -514,6 +514,31 @@ private slots:
         }
     }
 
+    // The window is up, in its language and with the busy pointer, while the
+    // start-up's status pass asks the printers.
+    void shownWhileStarting()
+    {
+        addQuietPrinters(false);
+        s_->build();
+        bool seen = false, visible = false;
+        QString title;
+        int cursor = -1;
+        connect(&s_->server->printers(), &quill::PrinterSlots::statusChanged, this, [&](qint32 n) {
+            if (seen || !s_->server->starting() || slot(n).status != quill::StatusChecking)
+                return;
+            seen = true;
+            visible = win().isVisible();
+            title = win().windowTitle();
+            cursor = QApplication::overrideCursor() ? int(QApplication::overrideCursor()->shape()) : -1;
+        });
+        QCOMPARE(s_->start(), Server::Started);
+        QVERIFY(seen);
+        QVERIFY(visible);
+        QCOMPARE(title, " Brixa - Printerserver");
+        QCOMPARE(cursor, int(Qt::WaitCursor));
+        QCOMPARE(QApplication::overrideCursor(), nullptr);
+    }
+
     void startMinimised_data()
     {
         QTest::addColumn<bool>("minimised");
