@@ -1,9 +1,12 @@
 #include "gui/messagebox.h"
+#include "foundation/texts.h"
 
 #include <QApplication>
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
+
+#include <utility>
 
 namespace quill {
 
@@ -68,6 +71,12 @@ QMessageBox* WidgetMessageSink::build(const Box& box)
         mb->setStandardButtons(QMessageBox::Ok | QMessageBox::Cancel);
         break;
     }
+    // The buttons in the language of the texts, not the desktop's.
+    const std::pair<QMessageBox::StandardButton, qint32> captions[] = {
+        {QMessageBox::Ok, 12112}, {QMessageBox::Cancel, 12113}, {QMessageBox::Yes, 12144}, {QMessageBox::No, 12145}};
+    for (const auto& [button, id] : captions)
+        if (QAbstractButton* b = mb->button(button))
+            b->setText(GetString(id));
     if (QAbstractButton* def = mb->button(buttonOf(box.defaultAnswer)))
         mb->setDefaultButton(qobject_cast<QPushButton*>(def));
     // Escape answers the question's negative button.

@@ -46,6 +46,8 @@ public:
     QList<QMessageBox::Icon> icons;
     QStringList titles;
     QList<QWidget*> parents;
+    // The captions of each box's buttons, in their order on screen.
+    QList<QStringList> buttons;
     int unexpected = 0;
     // Called with each box before it is answered (screenshots).
     std::function<void(QMessageBox*)> onBox;
@@ -61,6 +63,11 @@ private:
         icons << box->icon();
         titles << box->windowTitle();
         parents << box->parentWidget();
+        QStringList captions;
+        for (QAbstractButton* b : box->findChildren<QAbstractButton*>())
+            if (box->buttonRole(b) != QMessageBox::InvalidRole)
+                captions << b->text();
+        buttons << captions;
         if (onBox)
             onBox(box);
         QAbstractButton* button = nullptr;

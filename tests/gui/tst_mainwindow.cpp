@@ -642,6 +642,18 @@ private slots:
         QTRY_VERIFY(qAbs(printers->columnWidth(0) - 120) <= 0);
         win().applyColumnWidths();
 
+        // A question in the same language, buttons included.
+        BoxAnswerer question;
+        question.answer({Btn::No});
+        question.onBox = [&](QMessageBox* box) { Screenshot(box, "question-" + language); };
+        QTest::mouseClick(find<QPushButton>("cmdDeleteAllJob"), Qt::LeftButton);
+        QCOMPARE(question.texts, QStringList{GetString(12042)});
+        QCOMPARE(question.titles.first(), GetString(9003));
+        QStringList buttons = question.buttons.first();
+        buttons.sort();
+        QCOMPARE(buttons, (language == "en" ? QStringList{"&No", "&Yes"} : QStringList{"&Ja", "&Nej"}));
+        QCOMPARE(jobList().count(), 4);
+
         // Every status in the list: 1 and 2 answer (Ready), 3 and 5 do not
         // (Error), 4 is passive; 5 is shown Checking for the picture.
         s_->server->printers().SrvSetPrinterStatus(5, quill::StatusChecking, GetString(12050));
