@@ -12,6 +12,7 @@
 #include "support/dbfixture.h"
 
 #include <QAction>
+#include <QDialog>
 #include <QHeaderView>
 #include <QLabel>
 #include <QMenu>
@@ -668,6 +669,14 @@ private slots:
         QVERIFY(QTest::qWaitForWindowExposed(popup));
         QVERIFY(Screenshot(popup, "traymenu-" + language));
         popup->close();
+
+        action("mnuAbout")->trigger();
+        auto* about = find<QDialog>("frmAbout");
+        QVERIFY(about);
+        QVERIFY(QTest::qWaitForWindowExposed(about));
+        QCOMPARE(about->windowTitle(), language == "en" ? " About Brixa - Print Server" : " Om Brixa - Printerserver");
+        QVERIFY(Screenshot(about, "aboutbox-from-window-" + language));
+        about->close();
     }
 
     void silentModeMark_data()
