@@ -597,20 +597,23 @@ private slots:
     void captions_data()
     {
         QTest::addColumn<QString>("language");
+        QTest::addColumn<bool>("silent");
         QTest::addColumn<QStringList>("expected");
-        QTest::newRow("sv") << "sv"
+        QTest::newRow("sv") << "sv" << false
                             << QStringList{" Brixa - Printerserver", "Radera ALLA jobb", "&Arkiv",
                                            "&Fullständig uppdatering", "&Återställ", "Arbetsstation", "Stoppad", "Klar"};
-        QTest::newRow("en") << "en"
+        QTest::newRow("en, silent mode") << "en" << true
                             << QStringList{" Brixa - Print Server", "Delete ALL jobs", "&File", "&Full refresh",
                                            "&Restore", "Workstation", "Stopped", "Ready"};
     }
     void captions()
     {
         QFETCH(QString, language);
+        QFETCH(bool, silent);
         QFETCH(QStringList, expected);
         if (language == "en")
             useEnglish();
+        inst().setUserSwitch("dwSilentMode", silent ? 1 : 0);
         QVERIFY2(inst().start(), qPrintable(inst().errorText()));
         addQuietPrinters(true);
         queueJobs({"Greenfee 18 hål", "Scorekort", "Bagtag"}, 4);
@@ -627,6 +630,8 @@ private slots:
                                 text("panSBStatusText"),
                                 printerList().index(printerList().rowOf(1), 1).data().toString()};
         QCOMPARE(shown, expected);
+        QCOMPARE(find<QLabel>("panSBSilent")->isVisible(), silent);
+        QCOMPARE(text("panSBSilent"), language == "en" ? "Silent mode" : "Tyst läge");
         // No caption is left in its marker form.
         for (QAction* a : win().findChildren<QAction*>())
             QVERIFY2(!a->text().startsWith("#"), qPrintable(a->objectName() + ": " + a->text()));
@@ -677,60 +682,6 @@ private slots:
         QCOMPARE(about->windowTitle(), language == "en" ? " About Brixa - Print Server" : " Om Brixa - Printerserver");
         QVERIFY(Screenshot(about, "aboutbox-from-window-" + language));
         about->close();
-    }
-
-    void silentModeMark_data()
-    {
-        QTest::addColumn<bool>("silent");
-        QTest::newRow("off") << false;
-        QTest::newRow("on") << true;
-    }
-    void silentModeMark()
-    {
-        QFETCH(bool, silent);
-        inst().setUserSwitch("dwSilentMode", silent ? 1 : 0);
-        QVERIFY(startWindow());
-        QCOMPARE(find<QLabel>("panSBSilent")->isVisible(), silent);
-        QCOMPARE(text("panSBSilent"), GetString(12141));
-    }
-
-    void trayToolTip_data()
-    {
-        QTest::addColumn<QString>("tip");
-        QTest::addColumn<QString>("shown");
-        QTest::newRow("empty: the window's caption") << "" << " Brixa - Printerserver";
-        QTest::newRow("short") << "Brixa - Printerserver - Startad" << "Brixa - Printerserver - Startad";
-        QTest::newRow("cut to the field") << QString(70, 'x') << QString(63, 'x');
-    }
-    void trayToolTip()
-    {
-        QFETCH(QString, tip);
-        QFETCH(QString, shown);
-        QVERIFY(startWindow());
-        win().trayIcon()->STSetToolTip(tip);
-        QCOMPARE(win().trayIcon()->toolTip(), shown);
-    }
-
-    // The program with its window (offscreen): SIGTERM runs the ordinary shutdown.
-    void windowedProcess()
-    {
-        QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "offscreen");
-        p.setProcessEnvironment(env);
-        p.setProcessChannelMode(QProcess::ForwardedChannels);
-        p.start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--home", inst().path()});
-        QVERIFY(p.waitForStarted(10000));
-        QTRY_VERIFY_WITH_TIMEOUT(inst().log().contains("Quillbase succesfully started"), 20000);
-        QTcpSocket client;
-        client.connectToHost(QHostAddress::LocalHost, port_);
-        QVERIFY(client.waitForConnected(5000));
-        client.abort();
-        p.terminate();
-        QVERIFY(p.waitForFinished(10000));
-        QCOMPARE(p.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(p.exitCode(), 0);
-        QVERIFY(inst().log().contains("Quillbase terminated."));
     }
 
     // Every picture the window looks up exists, at 16 px and at twice that;
