@@ -73,7 +73,7 @@ QMessageBox* WidgetMessageSink::build(const Box& box)
     }
     // The buttons in the language of the texts, not the desktop's.
     const std::pair<QMessageBox::StandardButton, qint32> captions[] = {
-        {QMessageBox::Ok, 12112}, {QMessageBox::Cancel, 12113}, {QMessageBox::Yes, 12144}, {QMessageBox::No, 12145}};
+        {QMessageBox::Ok, 12112}, {QMessageBox::Cancel, 12113}, {QMessageBox::Yes, 12145}, {QMessageBox::No, 12146}};
     for (const auto& [button, id] : captions)
         if (QAbstractButton* b = mb->button(button))
             b->setText(GetString(id));
