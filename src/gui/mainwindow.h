@@ -5,8 +5,7 @@
 // logic, its questions and its refusals are the core's.
 //
 //   Server server(options);
-//   Operator op(server);
-//   MainWindow window(server, op);
+//   MainWindow window(server, server.commands());
 //   if (window.start() != Server::Started) return 1;  // runs the server's start-up
 //   QObject::connect(&window, &MainWindow::finished, &app, &QApplication::quit);
 #include "protocol/traffic.h"

@@ -113,7 +113,7 @@ struct WindowSite {
     ~WindowSite()
     {
         window.reset();
-        op.reset();
+        op = nullptr;
         if (server)
             server->shutdown();
         server.reset();
@@ -129,7 +129,7 @@ struct WindowSite {
         options.statusIntervalMs = statusIntervalMs;
         options.headless = false;
         server = std::make_unique<Server>(options);
-        op = std::make_unique<Operator>(*server);
+        op = &server->commands();
         window = std::make_unique<MainWindow>(*server, *op);
         QObject::connect(window.get(), &MainWindow::finished, [this] { ++finished; });
     }
@@ -149,7 +149,7 @@ struct WindowSite {
     PrinterSite site;
     WidgetMessageSink sink;
     std::unique_ptr<Server> server;
-    std::unique_ptr<Operator> op;
+    Operator* op = nullptr; // the server's own, shared with the control socket
     std::unique_ptr<MainWindow> window;
     int finished = 0;
 };
