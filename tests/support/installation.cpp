@@ -6,6 +6,7 @@
 #include "support/dbfixture.h"
 
 #include <QFile>
+#include <QRandomGenerator>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QTcpServer>
@@ -94,8 +95,17 @@ bool PrinterSite::start()
 
 quint16 TestInstallation::freePort()
 {
+    // Below the kernel's ephemeral range (32768 and up here): a port handed out
+    // by bind(0) and released can be taken by any test's outgoing connection
+    // before the server under test binds it.
+    for (int attempt = 0; attempt < 500; ++attempt) {
+        const auto port = quint16(QRandomGenerator::global()->bounded(20000, 32000));
+        QTcpServer s;
+        if (s.listen(QHostAddress::Any, port))
+            return port;
+    }
     QTcpServer s;
-    s.listen(QHostAddress::LocalHost, 0);
+    s.listen(QHostAddress::Any, 0);
     return s.serverPort();
 }
 

@@ -43,7 +43,7 @@ public:
     // ("Quillmotor": the driver's).
     QString log(const QString& program = QStringLiteral("Quillbase")) const;
 
-    // A free loopback TCP port (bound and released).
+    // A TCP port free on every address, below the ephemeral range (bound and released).
     static quint16 freePort();
 
 private:
