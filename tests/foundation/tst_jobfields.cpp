@@ -114,14 +114,6 @@ private slots:
         QTEST(c.hasHash, "hasHash");
         QTEST(c.comPort(), "comPort");
     }
-
-    void connectionStringsBuilt()
-    {
-        QCOMPARE(ConnectionString::serial(3, 57600), QString("COM3:#57600"));
-        QCOMPARE(ConnectionString::network(" 10.0.0.5 ", " 23"), QString("10.0.0.5#23"));
-        const ConnectionString back = ConnectionString::parse(ConnectionString::serial(1, 9600));
-        QCOMPARE(back.device + "|" + back.rateOrPort, QString("COM1:|9600"));
-    }
 };
 
 QTEST_GUILESS_MAIN(TestJobFields)
