@@ -158,10 +158,7 @@ void TestStorageFaults::faultAnswers1005()
         QVERIFY(test::FillUp(inst->file("filler")) > 0);
     }
     const int clients = 4, each = 5;
-    const QList<QByteArray> replies = send(clients, each);
-    QCOMPARE(replies.size(), clients * each);
-    const int refused = int(replies.count(NotStored));
-    QCOMPARE(refused, clients * each);
+    QCOMPARE(send(clients, each), QList<QByteArray>(clients * each, NotStored));
     QCOMPARE(storedIds(), storedBefore);
     QVERIFY(inst->log().contains("SrvAddJob failed."));
 
@@ -175,11 +172,7 @@ void TestStorageFaults::faultAnswers1005()
         QVERIFY(test::Unmount(mounts.takeLast()));
     }
     QCOMPARE(send(2, 2), QList<QByteArray>(4, Ok));
-    const QStringList after = storedIds().split(' ', Qt::SkipEmptyParts);
-    QCOMPARE(after.size(), before + 4);
-    qInfo("%s: %d requests sent during the fault, %d answered 1005, %d stored; %d stored after it",
-          qPrintable(fault), clients * each, refused, int(storedIds().split(' ', Qt::SkipEmptyParts).size()) - before - 4,
-          4);
+    QCOMPARE(storedIds().split(' ', Qt::SkipEmptyParts).size(), before + 4);
 }
 
 QTEST_GUILESS_MAIN(TestStorageFaults)
