@@ -172,6 +172,7 @@ void TestDurability::secondCopyChangesNothing()
     QCOMPARE(second.exitCode(), exitCode);
     const QString err = QString::fromUtf8(second.readAllStandardError());
     QVERIFY2(err.contains(message.replace("<home>", inst->path())), qPrintable(err));
+    QVERIFY(!second.readAllStandardOutput().contains("Next:"));
     QCOMPARE(first->state(), QProcess::Running);
     QCOMPARE(inst->log().count("\r\n"), linesBefore);
     QCOMPARE(fileBytes(mdb), before);

@@ -90,11 +90,6 @@ private slots:
         QCOMPARE(r.code, 0);
         QVERIFY2(r.out.contains(said), qPrintable(r.out));
         QVERIFY(readFile(scratch.filePath("user/Norvu/Brixa.conf")).contains("dwUseLog=" + useLog));
-        // A second --init leaves the installation alone and says why.
-        const Run again = run(QUILL_BIN_DIR "/quillbase", {"--init", "--home", scratch.filePath("inst")}, scratch.path());
-        QCOMPARE(again.code, 1);
-        QVERIFY(again.err.contains("already exists"));
-        QVERIFY(!again.out.contains("Next:"));
     }
 
     // cmake --install: binaries, shipped files, and a unit systemd accepts.
