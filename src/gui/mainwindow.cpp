@@ -7,6 +7,8 @@
 #include "gui/aboutbox.h"
 #include "gui/captions.h"
 #include "gui/pictures.h"
+#include "gui/printerdialog.h"
+#include "gui/settingsdialog.h"
 #include "gui/trayicon.h"
 #include "service/printerlistmodel.h"
 #include "service/printservice.h"
@@ -121,6 +123,7 @@ MainWindow::~MainWindow()
     // The exit path leaves the pointer busy until the end; the end is here.
     while (busyDepth_ > 0)
         setBusy(false);
+    delete dialog_;
 }
 
 void MainWindow::buildUi()
@@ -464,10 +467,8 @@ void MainWindow::newPrinter()
         return;
     BoxOwnerScope owner(this);
     PrinterSettings dialog;
-    if (op_.openNewPrinter(&dialog) == Operator::Outcome::Done) {
-        // The printer dialog is not there yet: the edit ends at once.
-        op_.cancelPrinter();
-    }
+    if (op_.openNewPrinter(&dialog) == Operator::Outcome::Done)
+        openDialog(new PrinterDialog(server_, op_, dialog, PrinterSettings::ModeNew, this));
 }
 
 void MainWindow::editSelectedPrinter()
@@ -477,11 +478,8 @@ void MainWindow::editSelectedPrinter()
         return;
     BoxOwnerScope owner(this);
     PrinterSettings dialog;
-    if (op_.openEditPrinter(id, &dialog) == Operator::Outcome::Done) {
-        // The printer dialog is not there yet: the edit ends at once and the
-        // printer gets its previous status back.
-        op_.cancelPrinter();
-    }
+    if (op_.openEditPrinter(id, &dialog) == Operator::Outcome::Done)
+        openDialog(new PrinterDialog(server_, op_, dialog, PrinterSettings::ModeEdit, this));
 }
 
 void MainWindow::deleteSelectedPrinter()
@@ -510,10 +508,18 @@ void MainWindow::openSettings()
     if (!started_)
         return;
     BoxOwnerScope owner(this);
-    // The settings dialog is not there yet; the core's question before it
-    // (stopping a running service) is asked all the same.
-    op_.openSettings();
+    const Operator::Outcome outcome = op_.openSettings();
     showServiceState(op_.serviceRunning());
+    if (outcome == Operator::Outcome::Done)
+        openDialog(new SettingsDialog(op_, this));
+}
+
+void MainWindow::openDialog(QDialog* dialog)
+{
+    dialog_ = dialog;
+    dialog->show();
+    dialog->raise();
+    dialog->activateWindow();
 }
 
 void MainWindow::openAbout()

@@ -15,6 +15,7 @@
 #include <QPointer>
 
 class QAction;
+class QDialog;
 class QLabel;
 class QMenu;
 class QPushButton;
@@ -83,6 +84,7 @@ private:
     void refresh(bool full);
     void openSettings();
     void openAbout();
+    void openDialog(QDialog* dialog);
     void restoreFromTray();
 
     qint32 selectedPrinter() const;
@@ -113,6 +115,8 @@ private:
     QAction* mnuSTPopupService_ = nullptr;
     TrayIcon* tray_ = nullptr;
     QPointer<AboutBox> about_;
+    // The printer or settings dialog while one is open (top-level, ours to end).
+    QPointer<QDialog> dialog_;
 };
 
 } // namespace quill

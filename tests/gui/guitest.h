@@ -90,6 +90,16 @@ private:
     QMessageBox* last_ = nullptr;
 };
 
+// An open top-level window (a dialog) by its object name.
+template <typename T = QWidget>
+T* TopLevel(const char* name)
+{
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (w->objectName() == QLatin1String(name) && w->isVisible())
+            return qobject_cast<T*>(w);
+    return nullptr;
+}
+
 inline QString ScreenshotDir()
 {
     const QString dir = QStringLiteral(QUILL_BIN_DIR "/../screenshots");

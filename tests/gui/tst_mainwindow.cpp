@@ -243,7 +243,7 @@ private slots:
     }
 
     // Editing asks the core; a printer that prints or is being checked stays as
-    // it is, any other goes to Configuring (and, with no dialog yet, back).
+    // it is, any other goes to Configuring while the dialog is open.
     void editPrinter_data()
     {
         QTest::addColumn<int>("status");
@@ -282,8 +282,14 @@ private slots:
         }
         QCOMPARE(boxes.texts, QStringList{});
         QCOMPARE(seen.contains(quill::StatusConfiguring), opens);
+        auto* dialog = quill::test::TopLevel("frmSrvPrinter");
+        QCOMPARE(dialog != nullptr, opens);
+        QCOMPARE(win().isEnabled(), !opens);
+        if (dialog)
+            dialog->findChild<QPushButton*>("cmdCancel")->click();
         QCOMPARE(slot(3).status, status);
         QVERIFY(!s_->op->printerDialogOpen());
+        QTRY_VERIFY(win().isEnabled());
     }
 
     void newPrinter_data()
@@ -305,7 +311,8 @@ private slots:
         answers.answer({Btn::Ok});
         action("mnuPrinterNew")->trigger();
         QCOMPARE(answers.texts, boxes);
-        QVERIFY(!s_->op->printerDialogOpen());
+        QCOMPARE(s_->op->printerDialogOpen(), !five);
+        QCOMPARE(quill::test::TopLevel("frmSrvPrinter") != nullptr, !five);
         QCOMPARE(printerList().rowCount(), five ? 5 : 4);
     }
 
@@ -363,6 +370,12 @@ private slots:
             boxes.answer({answer});
         action("mnuSettings")->trigger();
         QCOMPARE(boxes.texts, running ? QStringList{GetString(12016) + '\n' + GetString(12017)} : QStringList{});
+        // The dialog opens once the service is stopped; its Cancel changes nothing.
+        auto* dialog = quill::test::TopLevel("frmSrvAdj");
+        QCOMPARE(dialog != nullptr, !runningAfter);
+        if (dialog)
+            dialog->findChild<QPushButton*>("cmdCancel")->click();
+        QTRY_VERIFY(win().isEnabled());
         checkServiceShown(runningAfter);
     }
 

@@ -1,0 +1,408 @@
+// The printer dialog, its advanced dialog and the settings dialog over the
+// whole server: opened from the window's commands, driven by object name,
+// against emulated printers (1 a network box, 2 a serial line).
+#include "foundation/settings.h"
+#include "foundation/texts.h"
+#include "gui/guitest.h"
+#include "gui/printerdialog.h"
+#include "database/slots.h"
+#include "protocol/listener.h"
+#include "service/printerlistmodel.h"
+#include "service/printservice.h"
+
+#include <QAction>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QRadioButton>
+#include <QSignalSpy>
+#include <QTreeView>
+
+using quill::GetString;
+using quill::test::BoxAnswerer;
+using quill::test::Screenshot;
+using quill::test::TestInstallation;
+using quill::test::TopLevel;
+using quill::test::WindowSite;
+using Btn = QMessageBox::StandardButton;
+
+class TstDialogs : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<WindowSite> s_;
+
+    quill::test::PrinterSite& inst() { return s_->site; }
+    const quill::PrinterSlot& slot(int n) { return s_->server->printers().at(n); }
+    QVariant column(int printer, const QString& name)
+    {
+        return inst().scalar(QStringLiteral("SELECT %1 FROM tbPrinter WHERE Id = %2").arg(name).arg(printer));
+    }
+
+    bool startWindow()
+    {
+        if (s_->start() != quill::Server::Started || !QTest::qWaitForWindowExposed(s_->window.get()))
+            return false;
+        return QTest::qWaitFor(
+            [&] {
+                for (int n = 1; n <= 5; ++n)
+                    if (s_->server->printers().SrvPrinterExists(n) && slot(n).status == quill::StatusChecking)
+                        return false;
+                return true;
+            },
+            20000);
+    }
+    void useEnglish()
+    {
+        inst().setMachineValue(QString(), "tLanguage", "UK", false);
+        inst().setMachineValue(QString(), "dwCountryNo", 44, true);
+    }
+    quill::PrinterDialog* openPrinter(int id)
+    {
+        if (id > 0) {
+            auto* view = s_->find<QTreeView>("lvwPrinter");
+            view->setCurrentIndex(view->model()->index(s_->server->printService().printerList().rowOf(id), 0));
+            s_->find<QAction>("mnuPrinterEdit")->trigger();
+        } else {
+            s_->find<QAction>("mnuPrinterNew")->trigger();
+        }
+        return TopLevel<quill::PrinterDialog>("frmSrvPrinter");
+    }
+    template <typename T = QWidget>
+    static T* in(QWidget* dialog, const char* name)
+    {
+        return dialog->findChild<T*>(QLatin1String(name));
+    }
+    static void click(QWidget* dialog, const char* name) { in<QAbstractButton>(dialog, name)->click(); }
+
+private slots:
+    void init()
+    {
+        s_ = std::make_unique<WindowSite>();
+        QVERIFY(inst().ok());
+        QVERIFY2(s_->startEmulators(), qPrintable(inst().errorText()));
+        QVERIFY(inst().setServer(TestInstallation::freePort(), false));
+    }
+    void cleanup() { s_.reset(); }
+
+    // Lists, connection rules, the port label's double click and the key
+    // filters of a new printer's dialog; screenshots in both languages.
+    void newPrinterDialog_data()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::newRow("Swedish") << "se";
+        QTest::newRow("English") << "uk";
+    }
+    void newPrinterDialog()
+    {
+        QFETCH(QString, language);
+        if (language == "uk")
+            useEnglish();
+        QVERIFY(startWindow());
+        auto* d = openPrinter(-1);
+        QVERIFY(d);
+        QVERIFY(!s_->window->isEnabled());
+        QVERIFY(d->windowTitle().endsWith(GetString(12132) + ' ' + GetString(12076)));
+        QCOMPARE(in<QAbstractButton>(d, "cmdOK")->text(), GetString(12129));
+        QCOMPARE(in<QAbstractButton>(d, "cmdAdvanced")->text(), GetString(12147));
+
+        auto* types = in<QComboBox>(d, "cboPrinterType");
+        QCOMPARE(types->count(), inst().scalar("SELECT COUNT(*) FROM tbPrinterType").toInt());
+        QCOMPARE(types->currentData().toInt(), 1);
+        QVERIFY(!in<QLabel>(d, "picPrinterType")->pixmap().isNull());
+        auto* ports = in<QComboBox>(d, "cboCOMPort");
+        QCOMPARE(ports->itemText(0), "COM1:");
+        QCOMPARE(ports->itemText(3), "COM4:");
+        QCOMPARE(in<QComboBox>(d, "cboCOMRate")->currentData().toInt(), 9600);
+        QCOMPARE(in<QComboBox>(d, "cboAdjStrobe")->currentIndex(), 4);
+        QCOMPARE(in<QComboBox>(d, "cboAdjSpeed")->currentIndex(), 2);
+
+        auto* ip = in<QLineEdit>(d, "txtNetIP");
+        auto* port = in<QLineEdit>(d, "txtNetPort");
+        auto* portLabel = in<QLabel>(d, "lblNetPort");
+        QVERIFY(!ip->isEnabled() && !port->isEnabled() && !in<QWidget>(d, "chkNetConnectOnly")->isEnabled());
+        QVERIFY(Screenshot(d, "printerdialog-serial-" + language));
+
+        click(d, "optConnection_1");
+        QVERIFY(ip->isEnabled() && portLabel->isEnabled() && !port->isEnabled());
+        QVERIFY(ports->isEnabled());
+        QTest::mouseDClick(portLabel, Qt::LeftButton);
+        QVERIFY(port->isEnabled());
+        QTest::keyClicks(ip, " 12a7.0,.0.1x");
+        QCOMPARE(ip->text(), "127.0.0.1");
+        QTest::keyClicks(port, "2.3b");
+        QTest::keyClick(port, Qt::Key_Backspace);
+        QTest::keyClicks(port, "4");
+        QCOMPARE(port->text(), "24");
+        QVERIFY(Screenshot(d, "printerdialog-network-" + language));
+        click(d, "optConnection_0");
+        QVERIFY(!port->isEnabled() && !ip->isEnabled());
+
+        // Focus selects the whole text.
+        d->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(d));
+        auto* name = in<QLineEdit>(d, "txtPrinterName");
+        name->setText("Disk");
+        name->setFocus();
+        QTRY_COMPARE(name->selectedText(), "Disk");
+
+        click(d, "cmdCancel");
+        QTRY_VERIFY(s_->window->isEnabled());
+        QVERIFY(!s_->op->printerDialogOpen());
+        QCOMPARE(inst().scalar("SELECT COUNT(*) FROM tbPrinter").toInt(), 2);
+    }
+
+    // A serial printer on COM3 at 57600 is stored as such and comes back in edit.
+    void newSerialPrinter()
+    {
+        quill::test::Emulator com3;
+        QVERIFY2(com3.startPty(57600), qPrintable(com3.errorText()));
+        com3.mapComPort(3);
+        QVERIFY(startWindow());
+        auto* d = openPrinter(-1);
+        QVERIFY(d);
+        in<QLineEdit>(d, "txtPrinterName")->setText("Disk");
+        auto* ports = in<QComboBox>(d, "cboCOMPort");
+        ports->setCurrentIndex(ports->findData(3));
+        auto* rates = in<QComboBox>(d, "cboCOMRate");
+        rates->setCurrentIndex(rates->findData(57600));
+        BoxAnswerer boxes;
+        click(d, "cmdOK");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+        QCOMPARE(boxes.texts, QStringList{});
+        QCOMPARE(column(3, "Connection1").toString(), "COM3:#57600");
+        QCOMPARE(column(3, "Name").toString(), "Disk");
+        QTRY_VERIFY_WITH_TIMEOUT(slot(3).status != quill::StatusChecking, 20000);
+
+        d = openPrinter(3);
+        QVERIFY(d);
+        QVERIFY(d->windowTitle().endsWith(GetString(12075)));
+        QCOMPARE(in<QLineEdit>(d, "txtPrinterName")->text(), "Disk");
+        QVERIFY(in<QRadioButton>(d, "optConnection_0")->isChecked());
+        QCOMPARE(in<QComboBox>(d, "cboCOMPort")->currentText(), "COM3:");
+        QCOMPARE(in<QComboBox>(d, "cboCOMRate")->currentText(), "57600");
+        click(d, "cmdCancel");
+    }
+
+    // OK's three refusals keep the dialog open with the field in focus; the
+    // empty port gets 23, and a second OK saves with it.
+    void validation_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<int>("text");
+        QTest::addColumn<QString>("field");
+        QTest::newRow("blank name") << "   " << "" << 12025 << "txtPrinterName";
+        QTest::newRow("no address") << "Disk" << "  " << 12026 << "txtNetIP";
+        QTest::newRow("no port") << "Disk" << "127.0.0.1" << 12027 << "txtNetPort";
+    }
+    void validation()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, address);
+        QFETCH(int, text);
+        QFETCH(QString, field);
+        QVERIFY(startWindow());
+        auto* d = openPrinter(-1);
+        QVERIFY(d);
+        d->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(d));
+        in<QLineEdit>(d, "txtPrinterName")->setText(name);
+        click(d, "optConnection_1");
+        in<QLineEdit>(d, "txtNetIP")->setText(address);
+        QTest::mouseDClick(in<QLabel>(d, "lblNetPort"), Qt::LeftButton);
+        // Passive: the save's check asks no device.
+        in<QCheckBox>(d, "chkPassive")->setChecked(true);
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
+        click(d, "cmdOK");
+        QTRY_COMPARE(boxes.texts, QStringList{GetString(text)});
+        QCOMPARE(TopLevel("frmSrvPrinter"), d);
+        QTRY_COMPARE(d->focusWidget(), in<QWidget>(d, qPrintable(field)));
+        QCOMPARE(inst().scalar("SELECT COUNT(*) FROM tbPrinter").toInt(), 2);
+        if (text != 12027) {
+            click(d, "cmdCancel");
+            return;
+        }
+        QCOMPARE(in<QLineEdit>(d, "txtNetPort")->text(), "23");
+        click(d, "cmdOK");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+        QCOMPARE(column(3, "Connection2").toString(), "127.0.0.1#23");
+        QCOMPARE(slot(3).status, quill::StatusPassive);
+    }
+
+    // Cancel, Escape and the close box give the edited printer its status back.
+    void cancelRestoresStatus_data()
+    {
+        QTest::addColumn<QString>("way");
+        QTest::newRow("Cancel") << "cancel";
+        QTest::newRow("Escape") << "escape";
+        QTest::newRow("close box") << "close";
+    }
+    void cancelRestoresStatus()
+    {
+        QFETCH(QString, way);
+        QVERIFY(startWindow());
+        QCOMPARE(slot(2).status, quill::StatusReady);
+        auto* d = openPrinter(2);
+        QVERIFY(d);
+        QCOMPARE(slot(2).status, quill::StatusConfiguring);
+        in<QLineEdit>(d, "txtPrinterName")->setText("Changed");
+        if (way == "cancel")
+            click(d, "cmdCancel");
+        else if (way == "escape")
+            QTest::keyClick(in<QWidget>(d, "txtPrinterName"), Qt::Key_Escape);
+        else
+            d->close();
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+        QCOMPARE(slot(2).status, quill::StatusReady);
+        QCOMPARE(column(2, "Name").toString(), "Bar");
+        QVERIFY(s_->window->isEnabled());
+    }
+
+    // Test print on the serial printer: buttons off and the busy pointer while
+    // it runs, a label on the emulator after.
+    void testPrint()
+    {
+        QVERIFY(startWindow());
+        auto* d = openPrinter(2);
+        QVERIFY(d);
+        const int before = QDir(inst().serOut.path()).entryList({"*.png"}).size();
+        QSignalSpy finished(s_->op, &quill::Operator::deviceOperationFinished);
+        click(d, "cmdTestPrint");
+        QVERIFY(!in<QWidget>(d, "cmdOK")->isEnabled());
+        QVERIFY(!in<QWidget>(d, "cmdCancel")->isEnabled());
+        QVERIFY(QApplication::overrideCursor());
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 30000);
+        QCOMPARE(finished.first().at(1).value<quill::Operator::Outcome>(), quill::Operator::Outcome::Done);
+        QVERIFY(in<QWidget>(d, "cmdOK")->isEnabled());
+        QVERIFY(!QApplication::overrideCursor());
+        QTRY_VERIFY_WITH_TIMEOUT(QDir(inst().serOut.path()).entryList({"*.png"}).size() > before, 10000);
+        click(d, "cmdCancel");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+    }
+
+    // The advanced dialog writes its text back on OK only; empty feeds are 60 and 0.
+    void advanced_data()
+    {
+        QTest::addColumn<QString>("feed");
+        QTest::addColumn<QString>("reverse");
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("empty feeds") << "" << "" << true << "1;60;0";
+        QTest::newRow("typed") << "12x5" << "3" << true << "1;125;3";
+        QTest::newRow("cancel") << "" << "" << false << "1;40;7";
+    }
+    void advanced()
+    {
+        QFETCH(QString, feed);
+        QFETCH(QString, reverse);
+        QFETCH(bool, ok);
+        QFETCH(QString, expected);
+        QVERIFY(inst().sql("UPDATE tbPrinter SET CutterInstalled = 1, DispensingFeed = 40, ReverseFeed = 7 "
+                           "WHERE Id = 2"));
+        QVERIFY(startWindow());
+        auto* d = openPrinter(2);
+        QVERIFY(d);
+        click(d, "cmdAdvanced");
+        auto* a = TopLevel("frmSrvPrinterAdvanced");
+        QVERIFY(a);
+        QVERIFY(!d->isEnabled());
+        QCOMPARE(in<QComboBox>(a, "cboCutterInstalled")->currentData().toInt(), 1);
+        QCOMPARE(in<QLineEdit>(a, "txtDispensingFeed")->text(), "40");
+        QCOMPARE(in<QLineEdit>(a, "txtReverseFeed")->text(), "7");
+        if (QTest::currentDataTag() == QLatin1String("empty feeds"))
+            QVERIFY(Screenshot(a, "printer-advanced"));
+        for (const char* box : {"txtDispensingFeed", "txtReverseFeed"})
+            in<QLineEdit>(a, box)->clear();
+        QTest::keyClicks(in<QWidget>(a, "txtDispensingFeed"), feed);
+        QTest::keyClicks(in<QWidget>(a, "txtReverseFeed"), reverse);
+        click(a, ok ? "cmdOK" : "cmdCancel");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinterAdvanced"));
+        QVERIFY(d->isEnabled());
+        QCOMPARE(d->values().advancedSettings, expected);
+
+        click(d, "cmdOK");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+        const QStringList stored{column(2, "CutterInstalled").toString(), column(2, "DispensingFeed").toString(),
+                                 column(2, "ReverseFeed").toString()};
+        QCOMPARE(stored.join(';'), expected);
+    }
+
+    // Settings: an unchanged port touches nothing, the switches are saved and
+    // the silent-mode mark follows, letters never reach the port field.
+    void settings_data()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::newRow("Swedish") << "se";
+        QTest::newRow("English") << "uk";
+    }
+    void settings()
+    {
+        QFETCH(QString, language);
+        if (language == "uk")
+            useEnglish();
+        QVERIFY(startWindow());
+        const quint16 port = s_->server->listener().localPort();
+        s_->find<QAction>("mnuSettings")->trigger();
+        auto* d = TopLevel("frmSrvAdj");
+        QVERIFY(d);
+        QVERIFY(!s_->window->isEnabled());
+        QCOMPARE(d->windowTitle(), GetString(12104) + " - " + GetString(9003));
+        auto* field = in<QLineEdit>(d, "txtServerPort");
+        QCOMPARE(field->text(), QString::number(port));
+        QVERIFY(!in<QWidget>(d, "chkAutoStart")->isEnabled());
+        QVERIFY(Screenshot(d, "settings-" + language));
+
+        field->clear();
+        QTest::keyClicks(field, "1x2a3");
+        QTest::keyClick(field, Qt::Key_Backspace);
+        QCOMPARE(field->text(), "12");
+        field->setText(QString::number(port));
+
+        in<QCheckBox>(d, "chkSilentMode")->setChecked(true);
+        in<QCheckBox>(d, "chkAutoStartService")->setChecked(true);
+        in<QCheckBox>(d, "chkUseLog")->setChecked(false);
+        BoxAnswerer boxes;
+        click(d, "cmdOK");
+        QTRY_VERIFY(!TopLevel("frmSrvAdj"));
+        QVERIFY(s_->window->isEnabled());
+        QCOMPARE(boxes.texts, QStringList{});
+        QCOMPARE(s_->server->listener().localPort(), port);
+        QVERIFY(s_->server->listener().isListening());
+        QCOMPARE(inst().scalar("SELECT AutoStartService FROM tbServer").toInt(), 1);
+        QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwSilentMode").toInt(), 1);
+        QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwUseLog").toInt(), 0);
+        QVERIFY(s_->find<QLabel>("panSBSilent")->isVisible());
+    }
+
+    // An empty or out-of-range port keeps the dialog open with the core's
+    // message and saves nothing.
+    void settingsInvalidPort_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::newRow("empty") << "";
+        QTest::newRow("too large") << "70000";
+    }
+    void settingsInvalidPort()
+    {
+        QFETCH(QString, typed);
+        QVERIFY(startWindow());
+        s_->find<QAction>("mnuSettings")->trigger();
+        auto* d = TopLevel("frmSrvAdj");
+        QVERIFY(d);
+        in<QLineEdit>(d, "txtServerPort")->setText(typed);
+        in<QCheckBox>(d, "chkAutoStartService")->setChecked(true);
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
+        click(d, "cmdOK");
+        QTRY_COMPARE(boxes.texts, QStringList{GetString(12143)});
+        QCOMPARE(TopLevel("frmSrvAdj"), d);
+        QCOMPARE(inst().scalar("SELECT AutoStartService FROM tbServer").toInt(), 0);
+        click(d, "cmdCancel");
+        QTRY_VERIFY(s_->window->isEnabled());
+    }
+};
+
+QTEST_MAIN(TstDialogs)
+#include "tst_dialogs.moc"
