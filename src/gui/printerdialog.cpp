@@ -179,6 +179,7 @@ void PrinterDialog::buildUi()
     txtNetPort_ = new QLineEdit(fraConnection_);
     txtNetPort_->setObjectName(QStringLiteral("txtNetPort"));
     txtNetPort_->setMaxLength(5);
+    txtNetPort_->setFixedWidth(txtNetPort_->fontMetrics().horizontalAdvance(QStringLiteral("0000000")) + 12);
     FilterKeys(txtNetPort_, QString::fromLatin1(NumberKeys));
     chkNetConnectOnly_ = new QCheckBox(QStringLiteral("#£12121#Endast anslutning"), fraConnection_);
     chkNetConnectOnly_->setObjectName(QStringLiteral("chkNetConnectOnly"));
@@ -195,7 +196,7 @@ void PrinterDialog::buildUi()
     conn->addWidget(lblNetIP_, 1, 3);
     conn->addWidget(txtNetIP_, 1, 4);
     conn->addWidget(lblNetPort_, 2, 3);
-    conn->addWidget(txtNetPort_, 2, 4);
+    conn->addWidget(txtNetPort_, 2, 4, Qt::AlignLeft);
     conn->addWidget(chkNetConnectOnly_, 3, 3, 1, 2);
     conn->setColumnMinimumWidth(2, 16);
     conn->setColumnStretch(4, 1);

@@ -282,6 +282,44 @@ private slots:
         QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
     }
 
+    // Clear and calibrate reach the serial printer; a printer that does not
+    // answer says so in a box.
+    void deviceButtons_data()
+    {
+        QTest::addColumn<QString>("button");
+        QTest::addColumn<bool>("reachable");
+        QTest::newRow("clear memory") << "cmdClearMem" << true;
+        QTest::newRow("calibrate") << "cmdCalibrate" << true;
+        QTest::newRow("test print, no contact") << "cmdTestPrint" << false;
+    }
+    void deviceButtons()
+    {
+        QFETCH(QString, button);
+        QFETCH(bool, reachable);
+        QVERIFY(startWindow());
+        auto* d = openPrinter(2);
+        QVERIFY(d);
+        if (!reachable) {
+            click(d, "optConnection_1");
+            in<QLineEdit>(d, "txtNetIP")->setText("127.0.0.1");
+            in<QLineEdit>(d, "txtNetPort")->setText(QString::number(TestInstallation::freePort()));
+        }
+        const int calls = inst().ser.log().size();
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
+        QSignalSpy finished(s_->op, &quill::Operator::deviceOperationFinished);
+        click(d, qPrintable(button));
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 60000);
+        QCOMPARE(boxes.texts.size(), reachable ? 0 : 1);
+        if (reachable)
+            QVERIFY(inst().ser.log().size() > calls);
+        else
+            QCOMPARE(boxes.texts.first().trimmed(), GetString(12024) + " Ingen kontakt");
+        click(d, "cmdCancel");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+        QCOMPARE(slot(2).status, quill::StatusReady);
+    }
+
     // The advanced dialog writes its text back on OK only; empty feeds are 60 and 0.
     void advanced_data()
     {
