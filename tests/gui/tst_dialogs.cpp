@@ -320,6 +320,30 @@ private slots:
         QCOMPARE(slot(2).status, quill::StatusReady);
     }
 
+    // A connect-only configure that cannot reach the box says so and keeps
+    // the loaded address; the save stores the new address without its blanks.
+    void configureNetworkBoxFails()
+    {
+        QVERIFY(startWindow());
+        auto* d = openPrinter(1);
+        QVERIFY(d);
+        QVERIFY(in<QRadioButton>(d, "optConnection_1")->isChecked());
+        in<QLineEdit>(d, "txtNetIP")->setText(" 127.0.0.2 ");
+        in<QCheckBox>(d, "chkNetConnectOnly")->setChecked(true);
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
+        QSignalSpy finished(s_->op, &quill::Operator::deviceOperationFinished);
+        click(d, "cmdConfig");
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 60000);
+        QCOMPARE(finished.first().at(1).value<quill::Operator::Outcome>(), quill::Operator::Outcome::Failed);
+        QCOMPARE(boxes.texts, QStringList{GetString(12034) + '\r' + GetString(12035)});
+        QCOMPARE(d->values().loadedAddress, "127.0.0.1");
+        click(d, "cmdOK");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+        QCOMPARE(column(1, "Connection2").toString(), QString("127.0.0.2#%1").arg(inst().net.port()));
+        QCOMPARE(column(1, "NetConnectOnly").toInt(), 1);
+    }
+
     // The advanced dialog writes its text back on OK only; empty feeds are 60 and 0.
     void advanced_data()
     {
