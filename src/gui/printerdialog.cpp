@@ -100,6 +100,16 @@ void FilterKeys(QLineEdit* box, const QString& pattern)
     box->installEventFilter(new KeyFilter(box, pattern));
 }
 
+void ReturnToOwner(QPointer<QWidget>& owner)
+{
+    if (!owner)
+        return;
+    owner->setEnabled(true);
+    owner->raise();
+    owner->activateWindow();
+    owner = nullptr;
+}
+
 // ------------------------------------------------------------------ printer dialog
 
 PrinterDialog::PrinterDialog(Server& server, Operator& op, const PrinterSettings& values, int mode, QWidget* owner)
@@ -131,12 +141,7 @@ PrinterDialog::~PrinterDialog()
 
 void PrinterDialog::releaseOwner()
 {
-    if (!owner_)
-        return;
-    owner_->setEnabled(true);
-    owner_->raise();
-    owner_->activateWindow();
-    owner_ = nullptr;
+    ReturnToOwner(owner_);
 }
 
 void PrinterDialog::buildUi()

@@ -107,5 +107,7 @@ private:
 
 // The key filter and select-all-on-focus of a number or address box.
 void FilterKeys(QLineEdit* box, const QString& pattern);
+// The window a dialog disabled, enabled and in front again (once).
+void ReturnToOwner(QPointer<QWidget>& owner);
 
 } // namespace quill

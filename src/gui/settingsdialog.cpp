@@ -102,12 +102,7 @@ SettingsDialog::~SettingsDialog()
 
 void SettingsDialog::releaseOwner()
 {
-    if (!owner_)
-        return;
-    owner_->setEnabled(true);
-    owner_->raise();
-    owner_->activateWindow();
-    owner_ = nullptr;
+    ReturnToOwner(owner_);
 }
 
 void SettingsDialog::ok()

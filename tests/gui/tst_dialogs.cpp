@@ -17,6 +17,8 @@
 #include <QLineEdit>
 #include <QRadioButton>
 #include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTreeView>
 
 using quill::GetString;
@@ -436,6 +438,49 @@ private slots:
         QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwSilentMode").toInt(), 1);
         QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwUseLog").toInt(), 0);
         QVERIFY(s_->find<QLabel>("panSBSilent")->isVisible());
+    }
+
+    // A new free port rebinds at once; a busy one says so, disables the
+    // service button and leaves the stored port.
+    void settingsNewPort_data()
+    {
+        QTest::addColumn<bool>("busy");
+        QTest::newRow("free port") << false;
+        QTest::newRow("busy port") << true;
+    }
+    void settingsNewPort()
+    {
+        QFETCH(bool, busy);
+        QVERIFY(startWindow());
+        const quint16 oldPort = s_->server->listener().localPort();
+        QTcpServer occupant;
+        quint16 newPort = TestInstallation::freePort();
+        if (busy) {
+            QVERIFY(occupant.listen(QHostAddress::Any, 0));
+            newPort = occupant.serverPort();
+        }
+        s_->find<QAction>("mnuSettings")->trigger();
+        auto* d = TopLevel("frmSrvAdj");
+        QVERIFY(d);
+        in<QLineEdit>(d, "txtServerPort")->setText(QString::number(newPort));
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
+        click(d, "cmdOK");
+        QTRY_VERIFY(!TopLevel("frmSrvAdj"));
+        QCOMPARE(boxes.texts.size(), 1);
+        QCOMPARE(boxes.texts.first(), busy ? GetString(12006) : GetString(12001) + "\n\n" + GetString(12002) + "\n\n"
+                                                               + GetString(12003) + "\n    " + GetString(12004)
+                                                               + "\n\n" + GetString(12005));
+        QCOMPARE(inst().scalar("SELECT Port FROM tbServer").toInt(), busy ? oldPort : newPort);
+        QCOMPARE(s_->find<QWidget>("cmdService")->isEnabled(), !busy);
+        if (busy)
+            return;
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, newPort);
+        QVERIFY(client.waitForConnected(5000));
+        QTcpSocket old;
+        old.connectToHost(QHostAddress::LocalHost, oldPort);
+        QVERIFY(!old.waitForConnected(5000));
     }
 
     // An empty or out-of-range port keeps the dialog open with the core's
