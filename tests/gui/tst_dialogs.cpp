@@ -346,6 +346,40 @@ private slots:
         QCOMPARE(column(1, "NetConnectOnly").toInt(), 1);
     }
 
+    // A box whose loaded address does not answer is configured through the
+    // serial port after the question: Yes takes the new address, No keeps it.
+    void configureThroughSerial_data()
+    {
+        QTest::addColumn<Btn>("answer");
+        QTest::addColumn<QString>("loaded");
+        QTest::newRow("yes") << Btn::Yes << "127.0.0.3";
+        QTest::newRow("no") << Btn::No << "127.0.0.1";
+    }
+    void configureThroughSerial()
+    {
+        QFETCH(Btn, answer);
+        QFETCH(QString, loaded);
+        quill::test::Emulator box;
+        QVERIFY2(box.startBoth(9600), qPrintable(box.errorText()));
+        box.mapComPort(4);
+        QVERIFY(startWindow());
+        auto* d = openPrinter(1);
+        QVERIFY(d);
+        in<QLineEdit>(d, "txtNetIP")->setText("127.0.0.3");
+        auto* ports = in<QComboBox>(d, "cboCOMPort");
+        ports->setCurrentIndex(ports->findData(4));
+        BoxAnswerer boxes;
+        boxes.answer({answer, Btn::Ok});
+        QSignalSpy finished(s_->op, &quill::Operator::deviceOperationFinished);
+        click(d, "cmdConfig");
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 60000);
+        QCOMPARE(boxes.texts.value(0), GetString(12036) + '\r' + GetString(12037) + "\r\r" + GetString(12017));
+        QCOMPARE(boxes.texts.size(), answer == Btn::Yes ? 1 : 2);
+        QCOMPARE(d->values().loadedAddress, loaded);
+        click(d, "cmdCancel");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+    }
+
     // The advanced dialog writes its text back on OK only; empty feeds are 60 and 0.
     void advanced_data()
     {
