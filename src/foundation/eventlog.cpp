@@ -5,6 +5,9 @@
 #include <QDir>
 #include <QFile>
 
+#include <atomic>
+#include <mutex>
+
 #include <unistd.h>
 
 namespace quill {
@@ -12,15 +15,21 @@ namespace quill {
 namespace {
 struct LogState {
     QString fileName;
-    bool useLog = false;
-    bool useTraffic = false;
-    bool toStderr = false;
+    std::atomic<bool> useLog{false};
+    std::atomic<bool> useTraffic{false};
+    std::atomic<bool> toStderr{false};
     QDate fixedToday;
 };
 LogState& state()
 {
     static LogState s;
     return s;
+}
+// Device operations log from their worker thread.
+std::mutex& stateMutex()
+{
+    static std::mutex m;
+    return m;
 }
 QDate today()
 {
@@ -57,11 +66,17 @@ bool AppendLogLine(const QString& path, const QString& text)
 
 void LogInit(const QString& baseName)
 {
-    state().fileName = WeeklyLogName(baseName, today());
+    const QString name = WeeklyLogName(baseName, today());
+    std::lock_guard lock(stateMutex());
+    state().fileName = name;
 }
 
-QString LogFileName() { return state().fileName; }
-QString LogFilePath() { return HomePath(state().fileName); }
+QString LogFileName()
+{
+    std::lock_guard lock(stateMutex());
+    return state().fileName;
+}
+QString LogFilePath() { return HomePath(LogFileName()); }
 
 void SetUseLog(bool on) { state().useLog = on; }
 void SetUseTrafficLog(bool on) { state().useTraffic = on; }
@@ -87,7 +102,7 @@ void WriteStderrLine(const QString& text)
 
 void LogWrite(const QString& message)
 {
-    if (!state().useLog || state().fileName.isEmpty())
+    if (!state().useLog || LogFileName().isEmpty())
         return;
     WriteStderrLine(message);
     AppendLogLine(LogFilePath(), LogEntryHeader(QDateTime::currentDateTime()) + QLatin1Char(' ') + message);
@@ -95,7 +110,7 @@ void LogWrite(const QString& message)
 
 void LogTraffic(const QString& trafficText)
 {
-    if (!state().useTraffic || state().fileName.isEmpty())
+    if (!state().useTraffic || LogFileName().isEmpty())
         return;
     // A junk stream must not fill the log: the start of it is enough to see what it was.
     constexpr qsizetype MaxTrafficEntry = 64 * 1024;

@@ -2,7 +2,9 @@
 #include "foundation/eventlog.h"
 #include "foundation/texts.h"
 
+#include <QCoreApplication>
 #include <QTextStream>
+#include <QThread>
 
 namespace quill {
 
@@ -32,6 +34,11 @@ QObject* owner = nullptr;
 MessageSink& Messages() { return *current; }
 void SetMessageSink(MessageSink* sink) { current = sink ? sink : &defaultSink; }
 
+QObject* CurrentBoxOwner()
+{
+    return owner;
+}
+
 BoxOwnerScope::BoxOwnerScope(QObject* o) : previous_(owner)
 {
     owner = o;
@@ -42,15 +49,30 @@ BoxOwnerScope::~BoxOwnerScope()
     owner = previous_;
 }
 
+namespace {
+BoxAnswer showBox(const Box& box)
+{
+    // Boxes belong to the event-loop thread; work on another thread hands
+    // its questions over (a box raised there would meet a window from the
+    // wrong thread). Should one slip through, it is logged and gets its default.
+    const QCoreApplication* app = QCoreApplication::instance();
+    if (app && QThread::currentThread() != app->thread()) {
+        LogWrite(QStringLiteral("Message box off the main thread, not shown: ") + box.text);
+        return box.defaultAnswer;
+    }
+    return current->show(box);
+}
+} // namespace
+
 BoxAnswer MsgBox(const QString& text, BoxIcon icon, BoxButtons buttons)
 {
     const BoxAnswer first = buttons == BoxButtons::YesNo ? BoxAnswer::Yes : BoxAnswer::Ok;
-    return current->show(Box{GetString(9003), text, icon, buttons, first, owner});
+    return showBox(Box{GetString(9003), text, icon, buttons, first, owner});
 }
 
 BoxAnswer AskNoDefault(const QString& text)
 {
-    return current->show(Box{GetString(9003), text, BoxIcon::Question, BoxButtons::YesNo, BoxAnswer::No, owner});
+    return showBox(Box{GetString(9003), text, BoxIcon::Question, BoxButtons::YesNo, BoxAnswer::No, owner});
 }
 
 void SetSilentMode(bool on) { silent = on; }

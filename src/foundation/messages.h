@@ -27,6 +27,9 @@ public:
     virtual BoxAnswer show(const Box& box) = 0;
 };
 
+// The owner boxes raised now would get.
+QObject* CurrentBoxOwner();
+
 // The window that boxes raised within this scope belong to (the dialog whose
 // button ran the command); scopes nest.
 class BoxOwnerScope {

@@ -417,6 +417,8 @@ void PrinterDialog::startDevice(Operator::DeviceOperation operation)
 {
     if (deviceRunning_)
         return;
+    // Its boxes, whenever they come, belong to this dialog.
+    BoxOwnerScope owner(this);
     if (op_.startDeviceOperation(operation, values()) == Operator::Outcome::Done)
         setDeviceRunning(true);
 }

@@ -10,16 +10,21 @@
 #include <QSerialPort>
 #include <QTcpSocket>
 
+#include <atomic>
 #include <map>
 #include <memory>
+#include <mutex>
 
 namespace quill {
 
 namespace {
 
 constexpr int MaxOpenDevices = 64;
-int g_timeoutMs = 3000;
-quint32 g_nextId = 1;
+// Longest single wait while watching for a cancel.
+constexpr int WaitSliceMs = 50;
+std::atomic<int> g_timeoutMs{3000};
+std::atomic<quint32> g_nextId{1};
+std::atomic<bool> g_cancelled{false};
 
 struct CloseLink {
     void operator()(QIODevice* io) const
@@ -29,28 +34,40 @@ struct CloseLink {
     }
 };
 
+// A session belongs to the thread that opened it (its transport does);
+// its mutex keeps a handle shared by mistake from mixing two calls' frames.
 struct Session {
+    std::mutex use;
     std::unique_ptr<QIODevice, CloseLink> io;
     LinkDecoder decoder;
     QString identity;
 };
+using SessionPtr = std::shared_ptr<Session>;
 
-std::map<int, Session>& sessions()
+std::mutex& tableMutex()
 {
-    static std::map<int, Session> table;
+    static std::mutex m;
+    return m;
+}
+
+std::map<int, SessionPtr>& sessions()
+{
+    static std::map<int, SessionPtr> table;
     return table;
 }
 
-Session* find(int handle)
+SessionPtr find(int handle)
 {
+    std::lock_guard lock(tableMutex());
     auto it = sessions().find(handle);
-    return it == sessions().end() ? nullptr : &it->second;
+    return it == sessions().end() ? nullptr : it->second;
 }
 
 quint32 takeId()
 {
-    const quint32 id = g_nextId;
-    g_nextId = g_nextId >= 0x7fffffffU ? 1 : g_nextId + 1;
+    quint32 id = g_nextId.load();
+    while (!g_nextId.compare_exchange_weak(id, id >= 0x7fffffffU ? 1 : id + 1)) {
+    }
     return id;
 }
 
@@ -69,7 +86,9 @@ bool linkLost(QIODevice* io)
 // late answers to earlier timed-out calls and are skipped.
 int call(Session& s, const QString& verb, const QStringList& args, QStringList* values = nullptr)
 {
-    QDeadlineTimer deadline(g_timeoutMs);
+    QDeadlineTimer deadline(g_timeoutMs.load());
+    if (g_cancelled)
+        return link::ErrComm;
     QIODevice* io = s.io.get();
     if (linkLost(io))
         return link::ErrComm;
@@ -78,7 +97,7 @@ int call(Session& s, const QString& verb, const QStringList& args, QStringList* 
     if (io->write(frame) != frame.size())
         return link::ErrComm;
     while (io->bytesToWrite() > 0) {
-        if (deadline.hasExpired() || !io->waitForBytesWritten(int(deadline.remainingTime())))
+        if (deadline.hasExpired() || g_cancelled || !io->waitForBytesWritten(int(deadline.remainingTime())))
             return link::ErrComm;
     }
     for (;;) {
@@ -92,9 +111,9 @@ int call(Session& s, const QString& verb, const QStringList& args, QStringList* 
                 return f.result;
             }
         }
-        if (deadline.hasExpired() || linkLost(io))
+        if (deadline.hasExpired() || g_cancelled || linkLost(io))
             break;
-        if (!io->waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())))) {
+        if (!io->waitForReadyRead(int(qBound(qint64(1), deadline.remainingTime(), qint64(WaitSliceMs))))) {
             if (linkLost(io))
                 break;
             // Only a timeout is left to clear: a lost line must stay visible.
@@ -108,11 +127,13 @@ int call(Session& s, const QString& verb, const QStringList& args, QStringList* 
 
 int withSession(int handle, const QString& verb, const QStringList& args, QStringList* values = nullptr)
 {
-    Session* s = find(handle);
+    const SessionPtr s = find(handle);
     if (!s)
         return link::ErrGeneral;
+    std::lock_guard lock(s->use);
     return call(*s, verb, args, values);
 }
+
 
 int valueAt(const QStringList& values, int i)
 {
@@ -131,21 +152,31 @@ int Printer_Open(const QString& device, const QString& settings, const QString& 
     LineSettings line;
     if (address.kind == LinkAddress::Serial && !ParseLineSettings(settings, &line))
         return link::ErrGeneral;
-    if (sessions().size() >= MaxOpenDevices)
-        return link::ErrGeneral;
-
-    Session s;
-    s.io.reset(OpenTransport(address, line, nullptr));
-    if (!s.io)
+    {
+        std::lock_guard lock(tableMutex());
+        if (sessions().size() >= MaxOpenDevices)
+            return link::ErrGeneral;
+    }
+    if (g_cancelled)
         return link::ErrComm;
-    if (!WaitTransportConnected(s.io.get(), g_timeoutMs))
+
+    auto s = std::make_shared<Session>();
+    s->io.reset(OpenTransport(address, line, nullptr));
+    if (!s->io)
+        return link::ErrComm;
+    // A socket's connect cannot be waited on in slices (a timed-out wait
+    // drops it), so a cancel takes effect after the connect at the latest.
+    if (!WaitTransportConnected(s->io.get(), g_timeoutMs.load()))
         return link::ErrComm;
     QStringList values;
-    const int r = call(s, link::Open, {settings.trimmed(), mode}, &values);
+    const int r = call(*s, link::Open, {settings.trimmed(), mode}, &values);
     if (r < 1)
         return r;
-    s.identity = values.value(0);
+    s->identity = values.value(0);
 
+    std::lock_guard lock(tableMutex());
+    if (sessions().size() >= MaxOpenDevices)
+        return link::ErrGeneral;
     int handle = 1;
     while (sessions().count(handle))
         ++handle;
@@ -155,18 +186,24 @@ int Printer_Open(const QString& device, const QString& settings, const QString& 
 
 int Printer_Close(int handle)
 {
-    auto it = sessions().find(handle);
-    if (it == sessions().end())
-        return link::ErrGeneral;
-    QIODevice* io = it->second.io.get();
+    SessionPtr s;
+    {
+        std::lock_guard lock(tableMutex());
+        auto it = sessions().find(handle);
+        if (it == sessions().end())
+            return link::ErrGeneral;
+        s = std::move(it->second);
+        sessions().erase(it);
+    }
+    std::lock_guard lock(s->use);
+    QIODevice* io = s->io.get();
     if (!linkLost(io)) {
         io->write(EncodeRequest(takeId(), link::Close));
         if (io->bytesToWrite() > 0)
-            io->waitForBytesWritten(qMin(g_timeoutMs, 500));
+            io->waitForBytesWritten(qMin(g_timeoutMs.load(), 500));
     }
     if (auto* socket = qobject_cast<QTcpSocket*>(io))
         socket->disconnectFromHost();
-    sessions().erase(it);
     return link::Ok;
 }
 
@@ -177,9 +214,10 @@ int Printer_GetStatus(int handle, int what)
 
 int Printer_SetParameter(int handle, int parameter, int value)
 {
-    Session* s = find(handle);
+    const SessionPtr s = find(handle);
     if (!s)
         return link::ErrGeneral;
+    std::lock_guard lock(s->use);
     const int r = call(*s, link::SetParam, {QString::number(parameter), QString::number(value)});
     if (r >= 1 && parameter == link::ParamBaudRate)
         SetTransportBaudRate(s->io.get(), value);
@@ -236,7 +274,7 @@ int Printer_Init(int handle, const QString& mode)
 
 int Printer_SendLayout(int handle, const QString& path)
 {
-    Session* s = find(handle);
+    const SessionPtr s = find(handle);
     if (!s)
         return link::ErrGeneral;
     QFile f(path);
@@ -249,6 +287,7 @@ int Printer_SendLayout(int handle, const QString& path)
     // Escaping can make the frame longer than the file.
     if (EncodeRequest(0x7fffffff, link::Layout, args).size() > link::MaxFrameBytes)
         return link::ErrMemory;
+    std::lock_guard lock(s->use);
     return call(*s, link::Layout, args);
 }
 
@@ -264,13 +303,21 @@ int Printer_PrintLabel(int handle, int copies, const QString& mode)
 
 QString Printer_Identity(int handle)
 {
-    Session* s = find(handle);
-    return s ? s->identity : QString();
+    const SessionPtr s = find(handle);
+    if (!s)
+        return QString();
+    std::lock_guard lock(s->use);
+    return s->identity;
 }
 
 void Printer_SetTimeout(int ms)
 {
     g_timeoutMs = qMax(1, ms);
+}
+
+void Printer_CancelWaits(bool on)
+{
+    g_cancelled = on;
 }
 
 int Printer_Timeout()

@@ -6,7 +6,8 @@
 // in time gives link::ErrComm (-2).
 //
 // Handles are small positive integers into a table of open devices; an open
-// that fails returns a code below 1. Results follow the device library's
+// that fails returns a code below 1. Calls may come from any thread; a handle
+// is used by the thread that opened it (its transport lives there). Results follow the device library's
 // conventions: 1 or more success, negative = device error code (-1..-8,
 // link.h); -7 from Printer_SendLayout and -6 from Printer_PrintLabel mean
 // "accepted".
@@ -54,5 +55,8 @@ QString Printer_Identity(int handle);
 // Upper bound of every call's wait (connection and answer), default 3000 ms.
 void Printer_SetTimeout(int ms);
 int Printer_Timeout();
+// While on, every wait ends at once with -2 and no open succeeds: lets a
+// shutdown stop an operation that waits on a silent printer.
+void Printer_CancelWaits(bool on);
 
 } // namespace quill

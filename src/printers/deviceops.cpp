@@ -7,6 +7,7 @@
 #include "foundation/strutil.h"
 #include "printers/comapi.h"
 #include "printers/link.h"
+#include "printers/linkgate.h"
 #include "printers/printerrecord.h"
 #include "database/slots.h"
 #include "foundation/texts.h"
@@ -246,8 +247,15 @@ bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig
     return false;
 }
 
+bool AskConfigureThroughSerial()
+{
+    const QString question = GetString(12036) + QLatin1Char('\r') + GetString(12037) + QStringLiteral("\r\r")
+        + GetString(12017);
+    return MsgBox(question, BoxIcon::Question, BoxButtons::YesNo) == BoxAnswer::Yes;
+}
+
 bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, bool connectOnly, const QString& port,
-                    const QString& rate, const DeviceConfig& config)
+                    const QString& rate, const DeviceConfig& config, const std::function<bool()>& askUseSerial)
 {
     Device dev;
     try {
@@ -264,9 +272,7 @@ bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, boo
             }
             if (status < 0) {
                 dev.close();
-                const QString question = GetString(12036) + QLatin1Char('\r') + GetString(12037)
-                    + QStringLiteral("\r\r") + GetString(12017);
-                if (MsgBox(question, BoxIcon::Question, BoxButtons::YesNo) != BoxAnswer::Yes)
+                if (!(askUseSerial ? askUseSerial() : AskConfigureThroughSerial()))
                     return false;
                 dev.open(QStringLiteral("COM") + port + QLatin1Char(':'), LineSettings(rate));
                 status = dev.status();
@@ -429,12 +435,12 @@ void DialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* s
     }
 }
 
-bool SrvMPConfig(PrinterSettings& dialog)
+ConfigResult ConfigureDevice(PrinterSettings& dialog, const std::function<bool()>& askUseSerial)
 {
     try {
         const qint32 type = dialog.printerTypeId.value_or(1);
         if (!IsConfigurableType(type))
-            return false;
+            return ConfigResult::NotConfigurable;
         const DeviceAdjustment adj = ConvertAdjustment(type, dialog.strobe.value_or(4), dialog.speed.value_or(2));
         const AdvancedSettings advanced = ParseAdvancedSettings(dialog.advancedSettings);
         DeviceConfig config;
@@ -445,29 +451,67 @@ bool SrvMPConfig(PrinterSettings& dialog)
         const QString port = QString::number(dialog.comPort.value_or(1));
         const QString rate = QString::number(dialog.comRate.value_or(9600));
 
-        if (dialog.serial) {
-            if (SrvMPConfigCOM(port, rate, config))
-                return true;
-            MsgBoxUnlessSilent(GetString(12032), BoxIcon::Information);
-            return false;
-        }
+        if (dialog.serial)
+            return SrvMPConfigCOM(port, rate, config) ? ConfigResult::Configured : ConfigResult::SerialFailed;
 
         const QString address = dialog.netAddress.trimmed();
-        if (address.isEmpty()) {
-            // Answers the operator's own click, so it shows in silent mode too.
-            MsgBox(GetString(12033), BoxIcon::Information);
-            return false;
-        }
-        if (SrvMPConfigNET(address, dialog.loadedAddress.trimmed(), dialog.netConnectOnly, port, rate, config)) {
+        if (address.isEmpty())
+            return ConfigResult::NoAddress;
+        if (SrvMPConfigNET(address, dialog.loadedAddress.trimmed(), dialog.netConnectOnly, port, rate, config,
+                           askUseSerial)) {
             dialog.loadedAddress = address;
-            return true;
+            return ConfigResult::Configured;
         }
-        MsgBoxUnlessSilent(GetString(12034) + QLatin1Char('\r') + GetString(12035), BoxIcon::Exclamation);
-        return false;
+        return ConfigResult::NetworkFailed;
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMPConfig failed. Error: ") + errorText(e));
-        return false;
+        return ConfigResult::Trapped;
     }
+}
+
+void ReportConfigResult(ConfigResult result)
+{
+    switch (result) {
+    case ConfigResult::SerialFailed:
+        MsgBoxUnlessSilent(GetString(12032), BoxIcon::Information);
+        break;
+    case ConfigResult::NoAddress:
+        // Answers the operator's own click, so it shows in silent mode too.
+        MsgBox(GetString(12033), BoxIcon::Information);
+        break;
+    case ConfigResult::NetworkFailed:
+        MsgBoxUnlessSilent(GetString(12034) + QLatin1Char('\r') + GetString(12035), BoxIcon::Exclamation);
+        break;
+    case ConfigResult::Configured:
+    case ConfigResult::NotConfigurable:
+    case ConfigResult::Trapped:
+        break;
+    }
+}
+
+bool SrvMPConfig(PrinterSettings& dialog)
+{
+    const ConfigResult result = ConfigureDevice(dialog);
+    ReportConfigResult(result);
+    return result == ConfigResult::Configured;
+}
+
+QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure)
+{
+    const QString com = QStringLiteral("COM") + QString::number(dialog.comPort.value_or(1)) + QLatin1Char(':');
+    if (!configure) {
+        QString deviceName, settings;
+        DialogDevice(dialog, &deviceName, &settings);
+        return {LinkKey(deviceName)};
+    }
+    if (dialog.serial)
+        return {LinkKey(com)};
+    // The box at its loaded address, and the serial line a box without a
+    // known address is configured through.
+    QStringList keys{LinkKey(com)};
+    if (!dialog.loadedAddress.trimmed().isEmpty())
+        keys << LinkKey(NetBox + dialog.loadedAddress.trimmed());
+    return keys;
 }
 
 void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot)

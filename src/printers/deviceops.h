@@ -5,6 +5,9 @@
 // saved. Each operation opens the device, runs a fixed call sequence, stops at
 // the first call that fails and closes the device before it returns.
 #include <QString>
+#include <QStringList>
+
+#include <functional>
 
 namespace quill {
 
@@ -33,16 +36,26 @@ struct DeviceConfig {
     qint32 reverseFeed = 0;
 };
 
-// Configure button of the printer dialog: converts, configures, and tells the
-// operator when it failed. A successful network configuration replaces the
-// dialog's loaded address by the new one. Returns whether the printer was
-// configured (false also for a type without configuration support).
+// Configure button of the printer dialog, without its boxes: converts and
+// configures. A successful network configuration replaces the dialog's loaded
+// address by the new one. askUseSerial answers the question whether to go
+// through the serial port when the box cannot be reached (empty: the question
+// box). Safe on a worker thread when askUseSerial does not show a box there.
+enum class ConfigResult { Configured, NotConfigurable, SerialFailed, NoAddress, NetworkFailed, Trapped };
+ConfigResult ConfigureDevice(PrinterSettings& dialog, const std::function<bool()>& askUseSerial = {});
+// The box that tells the operator how a configuration went (none on success).
+void ReportConfigResult(ConfigResult result);
+// Both of the above; true when the printer was configured.
 bool SrvMPConfig(PrinterSettings& dialog);
+// The question 12036/12037/12017; true for Yes.
+bool AskConfigureThroughSerial();
+// The connections (LinkKey) an operation on the dialog's values may use.
+QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure);
 
 // port: "1".."4"; rate: "9600" or "57600".
 bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig& config);
 bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, bool connectOnly, const QString& port,
-                    const QString& rate, const DeviceConfig& config);
+                    const QString& rate, const DeviceConfig& config, const std::function<bool()>& askUseSerial = {});
 // deviceName: "COM1:"; re-sends the line speed to a serial printer.
 bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate);
 // Every slot in use, not passive and serial, through SrvMPConfigCOM2.

@@ -6,6 +6,7 @@
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
 #include "printers/link.h"
+#include "printers/linkgate.h"
 #include "printers/linktransport.h"
 #include "foundation/texts.h"
 
@@ -153,6 +154,17 @@ void MP104C::startNext()
         finish(ResultErr(GetString(12038)));
         return;
     }
+    // A device operation has the line: this run waits for it, untimed (the
+    // operation's own calls are bounded).
+    const QString key = LinkKey(address);
+    if (!LinkGate::instance().tryTake(key)) {
+        queue_.push_front(std::move(*current_));
+        current_.reset();
+        connect(&LinkGate::instance(), &LinkGate::released, this, &MP104C::startNext,
+                Qt::ConnectionType(Qt::QueuedConnection | Qt::SingleShotConnection));
+        return;
+    }
+    linkKey_ = key;
     QString error;
     io_ = OpenTransport(address, line, this, &error);
     if (!io_) {
@@ -313,6 +325,8 @@ void MP104C::onTimeout()
 
 void MP104C::closeTransport()
 {
+    if (!linkKey_.isEmpty())
+        LinkGate::instance().give(std::exchange(linkKey_, QString()));
     if (!io_)
         return;
     QIODevice* io = io_;

@@ -121,6 +121,7 @@ private:
     std::deque<Work> queue_;
     std::optional<Work> current_;
     QIODevice* io_ = nullptr;
+    QString linkKey_; // the connection this run holds in the link gate
     LinkDecoder* decoder_ = nullptr;
     bool connected_ = false;
     quint32 nextId_ = 1;

@@ -8,12 +8,20 @@
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
 #include "foundation/texts.h"
+#include "printers/comapi.h"
 #include "printers/deviceops.h"
+#include "printers/linkgate.h"
 #include "protocol/listener.h"
 #include "service/printservice.h"
 #include "shell/server.h"
 
+#include <QPointer>
+#include <QThread>
 #include <QTimer>
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
 
 namespace quill {
 
@@ -36,7 +44,10 @@ Operator::Operator(Server& server, QObject* parent) : QObject(parent), server_(s
     connect(&server_, &Server::listenerChanged, this, &Operator::serviceAvailableChanged);
 }
 
-Operator::~Operator() = default;
+Operator::~Operator()
+{
+    stopDeviceOperation();
+}
 
 Operator::Outcome Operator::refused(Field field)
 {
@@ -246,45 +257,145 @@ Operator::Outcome Operator::deletePrinter(qint32 printerId)
 
 // ------------------------------------------------------------------ device operations
 
+// The device work of one operation: filled on the worker thread, read on
+// the event-loop thread once the worker has ended.
+struct Operator::DeviceRun {
+    DeviceOperation operation = DeviceOperation::TestPrint;
+    PrinterSettings values;
+    QStringList links;
+    QPointer<QObject> boxOwner;
+    ConfigResult config = ConfigResult::Trapped;
+    QString result; // test print, clear, calibrate: "OK" TAB, or "ERR" TAB reason
+    bool cancelled = false;
+
+    // The question a configuration may ask half-way, answered on the
+    // event-loop thread; a shutdown answers No.
+    std::mutex mutex;
+    std::condition_variable answered;
+    std::optional<bool> answer;
+    bool stopping = false;
+};
+
 Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog)
 {
     if (deviceBusy_)
         return Outcome::Busy;
+    auto run = std::make_shared<DeviceRun>();
+    run->operation = operation;
+    run->values = dialog;
+    run->boxOwner = CurrentBoxOwner();
+    const bool configure = operation == DeviceOperation::Configure;
+    if (!configure && !IsConfigurableType(dialog.printerTypeId.value_or(1))) {
+        // Nothing to send: the answer comes as a run's would, later.
+        deviceBusy_ = true;
+        QTimer::singleShot(0, this, [this, run] {
+            deviceBusy_ = false;
+            emit deviceOperationFinished(run->operation, Outcome::Refused, run->values);
+        });
+        return Outcome::Done;
+    }
+    run->links = DialogLinkKeys(dialog, configure);
+
     deviceBusy_ = true;
-    // The result always arrives later, as a running operation's would.
-    QTimer::singleShot(0, this, [this, operation, dialog] {
-        PrinterSettings values = dialog;
-        const Outcome outcome = runDeviceOperation(operation, values);
-        deviceBusy_ = false;
-        emit deviceOperationFinished(operation, outcome, values);
-    });
+    deviceRun_ = run;
+    emit busyChanged(true);
+    // Only the device calls leave this thread; boxes, statuses and the list
+    // stay here.
+    deviceThread_ = QThread::create([this, run] { runDeviceWork(*run); });
+    deviceThread_->setObjectName(QStringLiteral("device operation"));
+    connect(deviceThread_, &QThread::finished, this, [this, run] { finishDeviceOperation(run); });
+    deviceThread_->start();
     return Outcome::Done;
 }
 
-Operator::Outcome Operator::runDeviceOperation(DeviceOperation operation, PrinterSettings& dialog)
+void Operator::runDeviceWork(DeviceRun& run)
 {
-    Busy busy(*this);
-    if (operation == DeviceOperation::Configure)
-        return SrvMPConfig(dialog) ? Outcome::Done : Outcome::Failed;
-
-    if (!IsConfigurableType(dialog.printerTypeId.value_or(1)))
-        return Outcome::Refused;
+    // The print driver waits while the operation has the connections.
+    const LinkGate::Hold hold(LinkGate::instance(), run.links);
+    if (hold.cancelled()) {
+        run.cancelled = true;
+        return;
+    }
+    PrinterSettings& v = run.values;
+    if (run.operation == DeviceOperation::Configure) {
+        run.config = ConfigureDevice(v, [this, &run] { return askOnEventLoop(run); });
+        return;
+    }
     QString deviceName, settings;
-    DialogDevice(dialog, &deviceName, &settings);
-    QString result;
-    switch (operation) {
+    DialogDevice(v, &deviceName, &settings);
+    switch (run.operation) {
     case DeviceOperation::TestPrint:
-        result = SrvMPTestPrint(deviceName, settings);
+        run.result = SrvMPTestPrint(deviceName, settings);
         break;
     case DeviceOperation::ClearMemory:
-        result = SrvMPClear(deviceName, settings);
+        run.result = SrvMPClear(deviceName, settings);
         break;
     case DeviceOperation::Calibrate:
-        result = SrvMPCal(deviceName, settings);
+        run.result = SrvMPCal(deviceName, settings);
         break;
     case DeviceOperation::Configure:
         break;
     }
+}
+
+bool Operator::askOnEventLoop(DeviceRun& run)
+{
+    QMetaObject::invokeMethod(
+        this,
+        [this, &run] {
+            bool yes = false;
+            {
+                const BoxOwnerScope owner(run.boxOwner);
+                yes = AskConfigureThroughSerial();
+            }
+            std::lock_guard lock(run.mutex);
+            run.answer = yes;
+            run.answered.notify_all();
+        },
+        Qt::QueuedConnection);
+    std::unique_lock lock(run.mutex);
+    run.answered.wait(lock, [&run] { return run.answer.has_value() || run.stopping; });
+    return run.answer.value_or(false);
+}
+
+void Operator::finishDeviceOperation(const std::shared_ptr<DeviceRun>& run)
+{
+    if (deviceThread_) {
+        deviceThread_->wait();
+        deviceThread_->deleteLater();
+        deviceThread_ = nullptr;
+    }
+    deviceRun_.reset();
+    Outcome outcome = Outcome::Failed;
+    {
+        const BoxOwnerScope owner(run->boxOwner);
+        if (run->cancelled)
+            outcome = Outcome::Failed;
+        else if (run->operation == DeviceOperation::Configure)
+            outcome = configureOutcome(run->config);
+        else
+            outcome = deviceResultOutcome(run->result);
+    }
+    deviceBusy_ = false;
+    emit busyChanged(false);
+    emit deviceOperationFinished(run->operation, outcome, run->values);
+}
+
+Operator::Outcome Operator::configureOutcome(ConfigResult result)
+{
+    ReportConfigResult(result);
+    switch (result) {
+    case ConfigResult::Configured:
+        return Outcome::Done;
+    case ConfigResult::NotConfigurable:
+        return Outcome::Refused;
+    default:
+        return Outcome::Failed;
+    }
+}
+
+Operator::Outcome Operator::deviceResultOutcome(const QString& result)
+{
     const QString outcome = GetToken(result, TAB, 1);
     if (outcome == QLatin1String("OK"))
         return Outcome::Done;
@@ -294,6 +405,26 @@ Operator::Outcome Operator::runDeviceOperation(DeviceOperation operation, Printe
     else
         MsgBox(text, BoxIcon::Information);
     return Outcome::Failed;
+}
+
+void Operator::stopDeviceOperation()
+{
+    if (!deviceThread_)
+        return;
+    if (deviceRun_) {
+        std::lock_guard lock(deviceRun_->mutex);
+        deviceRun_->stopping = true;
+        deviceRun_->answered.notify_all();
+    }
+    // Every wait of the device library and the gate ends at once.
+    Printer_CancelWaits(true);
+    LinkGate::instance().cancelAll(true);
+    deviceThread_->wait();
+    Printer_CancelWaits(false);
+    LinkGate::instance().cancelAll(false);
+    delete deviceThread_;
+    deviceThread_ = nullptr;
+    deviceRun_.reset();
 }
 
 // ------------------------------------------------------------------ printer status

@@ -12,10 +12,15 @@
 //   if (op.CanQuit(false)) ...                 // exit commands
 //
 // Nothing here blocks on a window: questions are answered by the sink in use.
+#include "printers/deviceops.h"
 #include "printers/printerrecord.h"
 
 #include <QObject>
 #include <QString>
+
+#include <memory>
+
+class QThread;
 
 namespace quill {
 
@@ -142,7 +147,14 @@ signals:
 
 private:
     class Busy;
-    Outcome runDeviceOperation(DeviceOperation operation, PrinterSettings& dialog);
+    struct DeviceRun;
+    void runDeviceWork(DeviceRun& run);          // on the worker thread
+    bool askOnEventLoop(DeviceRun& run);         // from the worker; waits for the answer
+    void finishDeviceOperation(const std::shared_ptr<DeviceRun>& run);
+    Outcome configureOutcome(ConfigResult result);
+    Outcome deviceResultOutcome(const QString& result);
+    // Ends a running operation at once (its waits cancelled), for shutdown.
+    void stopDeviceOperation();
     Outcome refused(Field field);
 
     Server& server_;
@@ -151,6 +163,8 @@ private:
     int mode_ = PrinterSettings::ModeNew;
     bool dialogOpen_ = false;
     bool deviceBusy_ = false;
+    QThread* deviceThread_ = nullptr;
+    std::shared_ptr<DeviceRun> deviceRun_;
     Field invalidField_ = Field::None;
 };
 
