@@ -11,10 +11,15 @@
 #include "service/printservice.h"
 #include "shell/operator.h"
 #include "shell/server.h"
+#include "printers/comapi.h"
 #include "support/dbfixture.h"
 #include "support/installation.h"
 
 #include <QAbstractItemModelTester>
+#include <QElapsedTimer>
+#include <QRegularExpression>
+#include <QScopeGuard>
+#include <QThread>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -284,6 +289,111 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 2, 20000);
         QCOMPARE(finished[1][1].value<Outcome>(), Outcome::Failed);
         QCOMPARE(sink_.texts().value(0), GetString(12024) + " " + GetString(12038) + "\r");
+        QCOMPARE(op_->cancelPrinter(), Outcome::Done);
+    }
+
+    // A configure waiting on a printer that does not answer leaves the
+    // server answering its clients; the question it asks half-way comes up
+    // on the event-loop thread.
+    void clientsAnsweredWhileAConfigureWaits()
+    {
+        QCOMPARE(op_->startService(), Outcome::Done);
+        PrinterSettings dialog;
+        QCOMPARE(op_->openEditPrinter(1, &dialog), Outcome::Done);
+        // The box's own port, where its known address is tried first.
+        RegSetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwNetBoxPort"), REG_DWORD, inst_->net.port());
+        QCOMPARE(inst_->net.command("silent on"), QStringLiteral("ok"));
+        const qsizetype opens = inst_->net.log().count("open");
+        answer(BoxAnswer::No);
+        bool askedOnMainThread = false;
+        sink_.whileShown = [&](const Box&) { askedOnMainThread = QThread::currentThread() == qApp->thread(); };
+        QSignalSpy finished(op_.get(), &Operator::deviceOperationFinished);
+        const int jobs = jobsInTable();
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::Configure, dialog), Outcome::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(inst_->net.log().count("open"), opens + 1, 10000);
+
+        int answeredDuring = 0;
+        for (int i = 0; i < 3; ++i) {
+            QTcpSocket c;
+            c.connectToHost(QHostAddress::LocalHost, port_);
+            QVERIFY(c.waitForConnected(5000));
+            c.write("BRIXA\t1.00\tP\t1\t1\t1\tKASSA1\t0\t\t\tuser1\twhile configuring\t\t\r\n");
+            QByteArray reply;
+            QTRY_VERIFY_WITH_TIMEOUT((reply += c.readAll()).startsWith("BRIXA\tOK\t") || !op_->deviceOperationRunning(),
+                                     10000);
+            if (op_->deviceOperationRunning() && reply.startsWith("BRIXA\tOK\t"))
+                ++answeredDuring;
+        }
+        QCOMPARE(answeredDuring, 3);
+        QCOMPARE(jobsInTable(), jobs + 3);
+
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 30000);
+        QCOMPARE(finished[0][1].value<Outcome>(), Outcome::Failed);
+        QCOMPARE(sink_.texts(), (QStringList{GetString(12036) + "\r" + GetString(12037) + "\r\r" + GetString(12017),
+                                             GetString(12034) + "\r" + GetString(12035)}));
+        QVERIFY(askedOnMainThread);
+        QCOMPARE(inst_->net.command("silent off"), QStringLiteral("ok"));
+        QCOMPARE(op_->cancelPrinter(), Outcome::Done);
+    }
+
+    // The print driver's check of a printer waits while a test print holds
+    // the same box: the box sees one whole session, then the other.
+    void driverWaitsForTheConnection()
+    {
+        PrinterSettings dialog;
+        QCOMPARE(op_->openNewPrinter(&dialog), Outcome::Done);
+        dialog.serial = false;
+        const QString box = slot(1).connectionString.trimmed();
+        dialog.netAddress = box.section('#', 0, 0);
+        dialog.netPort = box.section('#', 1);
+        QCOMPARE(inst_->net.command("delay 300"), QStringLiteral("ok"));
+        QCOMPARE(inst_->net.command("clear-log"), QStringLiteral("ok"));
+        QSignalSpy finished(op_.get(), &Operator::deviceOperationFinished);
+        QSignalSpy checked(&srv_->printService(), &PrintService::checkFinished);
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::TestPrint, dialog), Outcome::Done);
+        QTRY_VERIFY_WITH_TIMEOUT(inst_->net.log().contains("open"), 10000);
+        srv_->printService().statusPass();
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 30000);
+        QCOMPARE(finished[0][1].value<Outcome>(), Outcome::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(checked.size(), 1, 30000);
+        QCOMPARE(checked[0][1].toBool(), true);
+
+        const QStringList log = inst_->net.settledLog();
+        QCOMPARE(log.count("open"), 2);
+        const qsizetype firstClose = log.indexOf("close");
+        QVERIFY2(firstClose > 0 && log.lastIndexOf("open") > firstClose, qPrintable(log.join(", ")));
+        QVERIFY(log.indexOf("print 1 i") < firstClose);
+        QCOMPARE(inst_->net.command("delay 0"), QStringLiteral("ok"));
+        QCOMPARE(op_->cancelPrinter(), Outcome::Done);
+    }
+
+    // Shutting down while an operation waits on a silent printer ends its
+    // waits at once: with a minute per answer, the wait would otherwise last
+    // minutes, and no box comes after the window is gone.
+    void shutdownEndsAWaitingOperation()
+    {
+        PrinterSettings dialog;
+        QCOMPARE(op_->openEditPrinter(2, &dialog), Outcome::Done);
+        QCOMPARE(inst_->ser.command("silent on"), QStringLiteral("ok"));
+        Printer_SetTimeout(60000);
+        const auto restore = qScopeGuard([] { Printer_SetTimeout(3000); });
+        const qsizetype opens = inst_->ser.log().filter(QRegularExpression("^open")).size();
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::Configure, dialog), Outcome::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(inst_->ser.log().filter(QRegularExpression("^open")).size(), opens + 1, 10000);
+        sink_.boxes.clear();
+        QElapsedTimer clock;
+        clock.start();
+        op_.reset();
+        QVERIFY2(clock.elapsed() < 30000, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(sink_.boxes.isEmpty());
+        QCOMPARE(inst_->ser.command("silent off"), QStringLiteral("ok"));
+        // A later operation is not cancelled.
+        op_ = std::make_unique<Operator>(*srv_);
+        QCOMPARE(op_->openEditPrinter(2, &dialog), Outcome::Done);
+        QSignalSpy finished(op_.get(), &Operator::deviceOperationFinished);
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::Calibrate, dialog), Outcome::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 30000);
+        QCOMPARE(finished[0][1].value<Outcome>(), Outcome::Done);
         QCOMPARE(op_->cancelPrinter(), Outcome::Done);
     }
 
