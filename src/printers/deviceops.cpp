@@ -13,6 +13,7 @@
 #include "foundation/texts.h"
 
 #include <QCoreApplication>
+#include <QThread>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -198,9 +199,13 @@ QString resultErrorText(const QString& error)
     return ResultErr(QStringLiteral("Error: ") + error);
 }
 
+// Lets the window repaint between steps run on the event-loop thread; a
+// worker thread has nothing to process.
 void yieldToEvents()
 {
-    QCoreApplication::processEvents();
+    const QCoreApplication* app = QCoreApplication::instance();
+    if (app && QThread::currentThread() == app->thread())
+        QCoreApplication::processEvents();
 }
 
 } // namespace
@@ -315,8 +320,9 @@ bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate)
     return false;
 }
 
-void ReConfigCOMPrinters(PrinterSlots& printerSlots)
+QList<SerialLine> SerialLinesToReconfigure(const PrinterSlots& printerSlots)
 {
+    QList<SerialLine> lines;
     for (qint32 n = 1; n < PrinterSlots::UpperBound; ++n) {
         if (!printerSlots.SrvPrinterExists(n) || printerSlots.SrvPrinterIsPassive(n))
             continue;
@@ -324,8 +330,20 @@ void ReConfigCOMPrinters(PrinterSlots& printerSlots)
         if (s.connectionType != 1)
             continue;
         const auto c = ConnectionString::parse(s.connectionString);
-        SrvMPConfigCOM2(c.device.trimmed(), c.rateOrPort.trimmed());
+        lines.append({c.device.trimmed(), c.rateOrPort.trimmed()});
     }
+    return lines;
+}
+
+void ReConfigCOMLines(const QList<SerialLine>& lines)
+{
+    for (const SerialLine& line : lines)
+        SrvMPConfigCOM2(line.deviceName, line.rate);
+}
+
+void ReConfigCOMPrinters(PrinterSlots& printerSlots)
+{
+    ReConfigCOMLines(SerialLinesToReconfigure(printerSlots));
 }
 
 QString TestPrintTitle()
@@ -395,6 +413,16 @@ QString SrvMPCal(const QString& deviceName, const QString& settings)
         LogWrite(QStringLiteral("SrvMPCal failed. Error: ") + errorText(e));
         return resultErrorText(errorText(e));
     }
+}
+
+QString SlotLinkKey(const PrinterSlot& slot)
+{
+    const QString connection = slot.connectionString.trimmed();
+    if (slot.connectionType == 1)
+        return LinkKey(ConnectionString::parse(connection).device);
+    if (slot.connectionType == 2)
+        return LinkKey(NetBox + connection);
+    return {};
 }
 
 QString SrvMPCheck(const PrinterSlot& slot)
@@ -516,22 +544,36 @@ QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure)
 
 void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot)
 {
-    qint32 printerId = slot;
-    try {
-        printerId = printerSlots.at(slot).printerId;
-        printerSlots.SrvSetPrinterStatus(slot, StatusChecking, GetString(12080));
-        yieldToEvents();
+    if (!StartAfterConfigCheck(printerSlots, slot))
+        return;
+    yieldToEvents();
+    FinishAfterConfigCheck(printerSlots, slot, SrvMPCheck(printerSlots.at(slot)));
+    yieldToEvents();
+}
 
-        const QString result = SrvMPCheck(printerSlots.at(slot));
+bool StartAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot)
+{
+    try {
+        printerSlots.SrvSetPrinterStatus(slot, StatusChecking, GetString(12080));
+        return true;
+    } catch (const std::exception& e) {
+        LogWrite(QStringLiteral("SrvInitPrinterAfterConfig failed. PId = ") + QString::number(slot)
+                 + QStringLiteral(" Error: ") + errorText(e));
+        return false;
+    }
+}
+
+void FinishAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot, const QString& result)
+{
+    try {
         const QString outcome = GetToken(result, TAB, 1);
         const QString reason = GetToken(result, TAB, 2);
         if (outcome == QLatin1String("OK"))
             printerSlots.SrvSetPrinterStatus(slot, StatusReady, GetString(12079));
         else
             printerSlots.SrvSetPrinterStatus(slot, StatusError, reason);
-        yieldToEvents();
     } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvInitPrinterAfterConfig failed. PId = ") + QString::number(printerId)
+        LogWrite(QStringLiteral("SrvInitPrinterAfterConfig failed. PId = ") + QString::number(slot)
                  + QStringLiteral(" Error: ") + errorText(e));
     }
 }

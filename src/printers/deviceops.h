@@ -5,6 +5,7 @@
 // saved. Each operation opens the device, runs a fixed call sequence, stops at
 // the first call that fails and closes the device before it returns.
 #include <QString>
+#include <QList>
 #include <QStringList>
 
 #include <functional>
@@ -49,6 +50,8 @@ void ReportConfigResult(ConfigResult result);
 bool SrvMPConfig(PrinterSettings& dialog);
 // The question 12036/12037/12017; true for Yes.
 bool AskConfigureThroughSerial();
+// The connection (LinkKey) of a stored printer, as SrvMPCheck opens it.
+QString SlotLinkKey(const PrinterSlot& slot);
 // The connections (LinkKey) an operation on the dialog's values may use.
 QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure);
 
@@ -58,7 +61,14 @@ bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, boo
                     const QString& rate, const DeviceConfig& config, const std::function<bool()>& askUseSerial = {});
 // deviceName: "COM1:"; re-sends the line speed to a serial printer.
 bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate);
-// Every slot in use, not passive and serial, through SrvMPConfigCOM2.
+// Every slot in use, not passive and serial, through SrvMPConfigCOM2. The
+// lines are read on the event-loop thread; the calls may run on any thread.
+struct SerialLine {
+    QString deviceName; // "COM2:"
+    QString rate;
+};
+QList<SerialLine> SerialLinesToReconfigure(const PrinterSlots& printerSlots);
+void ReConfigCOMLines(const QList<SerialLine>& lines);
 void ReConfigCOMPrinters(PrinterSlots& printerSlots);
 
 // Result texts "OK" TAB, or "ERR" TAB reason.
@@ -79,6 +89,10 @@ QString TestLayoutPath();
 // After a printer was saved: a device check decides Ready or Error (the slot
 // shows Checking meanwhile); a passive printer just becomes Passive.
 void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot);
+// The same in two halves around a SrvMPCheck made elsewhere (a worker thread):
+// Checking first (false when the slot cannot take it), then the check's result.
+bool StartAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot);
+void FinishAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot, const QString& result);
 void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot);
 
 } // namespace quill

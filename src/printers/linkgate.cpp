@@ -56,6 +56,18 @@ void LinkGate::give(const QString& key)
     announceRelease();
 }
 
+bool LinkGate::tryTakeAll(const QStringList& keys)
+{
+    std::lock_guard lock(mutex_);
+    for (const QString& k : keys)
+        if (holders_.contains(k))
+            return false;
+    for (const QString& k : keys)
+        if (!k.isEmpty())
+            holders_.insert(k, 1);
+    return true;
+}
+
 bool LinkGate::held(const QString& key) const
 {
     std::lock_guard lock(mutex_);
@@ -77,12 +89,16 @@ void LinkGate::announceRelease()
     QMetaObject::invokeMethod(this, &LinkGate::released, Qt::QueuedConnection);
 }
 
-LinkGate::Hold::Hold(LinkGate& gate, const QStringList& keys) : gate_(gate)
+LinkGate::Hold::Hold(LinkGate& gate, const QStringList& keys, Mode mode) : gate_(gate)
 {
     QStringList wanted;
     for (const QString& k : keys)
         if (!k.isEmpty() && !wanted.contains(k))
             wanted << k;
+    if (mode == Adopt) {
+        keys_ = wanted;
+        return;
+    }
     std::unique_lock lock(gate_.mutex_);
     gate_.freed_.wait(lock, [&] {
         if (gate_.cancelled_)

@@ -35,11 +35,16 @@ public:
     void give(const QString& key);
     bool held(const QString& key) const;
 
+    // All of them or none, without waiting.
+    bool tryTakeAll(const QStringList& keys);
+
     // Holds every key for its lifetime; waits while any is held elsewhere,
-    // or until cancelAll() (then holds nothing; cancelled() tells).
+    // or until cancelAll() (then holds nothing; cancelled() tells). Adopting
+    // takes over keys already taken with tryTakeAll.
     class Hold {
     public:
-        Hold(LinkGate& gate, const QStringList& keys);
+        enum Mode { Wait, Adopt };
+        Hold(LinkGate& gate, const QStringList& keys, Mode mode = Wait);
         ~Hold();
         Hold(const Hold&) = delete;
         Hold& operator=(const Hold&) = delete;

@@ -194,7 +194,7 @@ qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, qint32 e
 }
 
 qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog, int mode,
-                          qint32 editPrinterId)
+                          qint32 editPrinterId, const std::function<void(qint32)>& check)
 {
     qint32 id = -1;
     try {
@@ -205,6 +205,8 @@ qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const 
             id = SrvPrinterUpdate(rs, printerSlots, editPrinterId, dialog);
         if (printerSlots.SrvPrinterIsPassive(id))
             SrvPassivePrinterAfterConfig(printerSlots, id);
+        else if (check)
+            check(id);
         else
             SrvInitPrinterAfterConfig(printerSlots, id);
         return id;

@@ -90,10 +90,11 @@ qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, qint32 e
                         const PrinterSettings& dialog);
 
 // The dialog's OK after validation: add (mode 1) or update printer
-// editPrinterId (mode 2), then the after-save check. Returns the printer's Id,
-// or -1 when saving failed (logged).
+// editPrinterId (mode 2), then the after-save check: `check` when given (it
+// starts the check elsewhere), else SrvInitPrinterAfterConfig here. Returns
+// the printer's Id, or -1 when saving failed (logged).
 qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog, int mode,
-                          qint32 editPrinterId);
+                          qint32 editPrinterId, const std::function<void(qint32)>& check = {});
 
 // Asks (No is the default), then deletes the printer and frees its slot.
 // rowText is the printer's row text. True when deleted.

@@ -114,6 +114,7 @@ ControlServer::ControlServer(Server& server, Operator& commands, QObject* parent
             [this](Operator::DeviceOperation, Outcome outcome, const PrinterSettings&) {
                 deviceOperationFinished(int(outcome));
             });
+    connect(&commands_, &Operator::printerChecked, this, &ControlServer::printerChecked);
 }
 
 ControlServer::~ControlServer()
@@ -232,8 +233,15 @@ bool ControlServer::run(QLocalSocket* client, const QJsonObject& request, Reply&
         reply = service(command == QLatin1String("start"));
     else if (command == QLatin1String("refresh"))
         reply = refresh(args.value(QStringLiteral("full")).toBool());
-    else if (command == QLatin1String("printer-add") || command == QLatin1String("printer-edit"))
+    else if (command == QLatin1String("printer-add") || command == QLatin1String("printer-edit")) {
         reply = savePrinter(args, command == QLatin1String("printer-add"));
+        // The check after the save runs off the event loop: the reply tells its result.
+        if (reply.ok && commands_.deviceOperationRunning()) {
+            checkPending_ = std::make_unique<Reply>(reply);
+            deviceClient_ = client;
+            answered = false;
+        }
+    }
     else if (command == QLatin1String("printer-remove"))
         reply = removePrinter(args);
     else if (command.startsWith(QLatin1String("printer-")))
@@ -589,6 +597,20 @@ void ControlServer::deviceOperationFinished(int outcome)
     commands_.cancelPrinter(); // the printer gets its status back
     Reply r = outcomeReply(Outcome(outcome), Outcome(outcome) == Outcome::Refused ? QStringLiteral("no-device-support")
                                                                                 : QString());
+    if (server_.printers().SrvPrinterExists(id))
+        r.data[QStringLiteral("printer")] = printerJson(id);
+    r.data[QStringLiteral("messages")] = deviceSink_ ? deviceSink_->messages : QJsonArray();
+    deviceSink_.reset();
+    finish(deviceClient_, r);
+    deviceClient_.clear();
+}
+
+void ControlServer::printerChecked(qint32 id)
+{
+    if (!checkPending_)
+        return;
+    Reply r = std::move(*checkPending_);
+    checkPending_.reset();
     if (server_.printers().SrvPrinterExists(id))
         r.data[QStringLiteral("printer")] = printerJson(id);
     r.data[QStringLiteral("messages")] = deviceSink_ ? deviceSink_->messages : QJsonArray();

@@ -80,6 +80,9 @@ private:
     QPointer<QLocalSocket> deviceClient_;
     std::unique_ptr<CommandSink> deviceSink_;
     bool deviceOperationPending_ = false;
+    // A saved printer's reply, waiting for its after-save check.
+    std::unique_ptr<Reply> checkPending_;
+    void printerChecked(qint32 id);
 };
 
 } // namespace quill

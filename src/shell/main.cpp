@@ -65,6 +65,10 @@ void onQtMessage(QtMsgType type, const QMessageLogContext& context, const QStrin
     }
     if (type == QtWarningMsg || type == QtCriticalMsg)
         return;
+    // The plugin loader's own note on a failed platform ("could not load ...
+    // even though it was found") comes as info.
+    if (type == QtInfoMsg && context.category && qstrncmp(context.category, "qt.qpa.", 7) == 0)
+        return;
     qtHandler(type, context, text);
 }
 

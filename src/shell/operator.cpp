@@ -19,6 +19,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include <functional>
+
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -212,7 +214,8 @@ Operator::Outcome Operator::savePrinter(PrinterSettings& dialog, qint32* printer
         dialogOpen_ = false;
         const qint32 edited = EditPrinterId;
         EditPrinterId = -1;
-        id = SrvMainPrinterSave(*server_.database().printerRecordset(), server_.printers(), dialog, mode_, edited);
+        id = SrvMainPrinterSave(*server_.database().printerRecordset(), server_.printers(), dialog, mode_, edited,
+                                [this](qint32 saved) { startAfterSaveCheck(saved); });
     }
     if (printerId)
         *printerId = id;
@@ -257,16 +260,18 @@ Operator::Outcome Operator::deletePrinter(qint32 printerId)
 
 // ------------------------------------------------------------------ device operations
 
-// The device work of one operation: filled on the worker thread, read on
-// the event-loop thread once the worker has ended.
-struct Operator::DeviceRun {
-    DeviceOperation operation = DeviceOperation::TestPrint;
-    PrinterSettings values;
-    QStringList links;
-    QPointer<QObject> boxOwner;
-    ConfigResult config = ConfigResult::Trapped;
-    QString result; // test print, clear, calibrate: "OK" TAB, or "ERR" TAB reason
+// Device work on the worker thread, and what follows it on the event loop.
+// Fields the work fills are read by `done` only after the worker has ended.
+struct Operator::DeviceJob {
+    QStringList links;                       // the connections it may use
+    QPointer<QObject> boxOwner;              // boxes it raises belong there
+    std::function<void(DeviceJob&)> work;    // worker thread: device calls only
+    std::function<void(DeviceJob&)> done;    // event loop: statuses, boxes, signals
     bool cancelled = false;
+
+    PrinterSettings values;
+    ConfigResult config = ConfigResult::Trapped;
+    QString result;
 
     // The question a configuration may ask half-way, answered on the
     // event-loop thread; a shutdown answers No.
@@ -276,109 +281,121 @@ struct Operator::DeviceRun {
     bool stopping = false;
 };
 
-Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog)
+void Operator::startDeviceJob(const std::shared_ptr<DeviceJob>& job)
 {
-    if (deviceBusy_)
-        return Outcome::Busy;
-    auto run = std::make_shared<DeviceRun>();
-    run->operation = operation;
-    run->values = dialog;
-    run->boxOwner = CurrentBoxOwner();
-    const bool configure = operation == DeviceOperation::Configure;
-    if (!configure && !IsConfigurableType(dialog.printerTypeId.value_or(1))) {
-        // Nothing to send: the answer comes as a run's would, later.
-        deviceBusy_ = true;
-        QTimer::singleShot(0, this, [this, run] {
-            deviceBusy_ = false;
-            emit deviceOperationFinished(run->operation, Outcome::Refused, run->values);
-        });
-        return Outcome::Done;
-    }
-    run->links = DialogLinkKeys(dialog, configure);
-
     deviceBusy_ = true;
-    deviceRun_ = run;
+    deviceJob_ = job;
     emit busyChanged(true);
-    // Only the device calls leave this thread; boxes, statuses and the list
-    // stay here.
-    deviceThread_ = QThread::create([this, run] { runDeviceWork(*run); });
+    // The print driver waits while the job has the connections; taken here
+    // when free, so a status pass started next already finds them held.
+    const auto mode = LinkGate::instance().tryTakeAll(job->links) ? LinkGate::Hold::Adopt : LinkGate::Hold::Wait;
+    deviceThread_ = QThread::create([job, mode] {
+        const LinkGate::Hold hold(LinkGate::instance(), job->links, mode);
+        if (hold.cancelled())
+            job->cancelled = true;
+        else
+            job->work(*job);
+    });
     deviceThread_->setObjectName(QStringLiteral("device operation"));
-    connect(deviceThread_, &QThread::finished, this, [this, run] { finishDeviceOperation(run); });
+    connect(deviceThread_, &QThread::finished, this, [this, job] { finishDeviceJob(job); });
     deviceThread_->start();
-    return Outcome::Done;
 }
 
-void Operator::runDeviceWork(DeviceRun& run)
-{
-    // The print driver waits while the operation has the connections.
-    const LinkGate::Hold hold(LinkGate::instance(), run.links);
-    if (hold.cancelled()) {
-        run.cancelled = true;
-        return;
-    }
-    PrinterSettings& v = run.values;
-    if (run.operation == DeviceOperation::Configure) {
-        run.config = ConfigureDevice(v, [this, &run] { return askOnEventLoop(run); });
-        return;
-    }
-    QString deviceName, settings;
-    DialogDevice(v, &deviceName, &settings);
-    switch (run.operation) {
-    case DeviceOperation::TestPrint:
-        run.result = SrvMPTestPrint(deviceName, settings);
-        break;
-    case DeviceOperation::ClearMemory:
-        run.result = SrvMPClear(deviceName, settings);
-        break;
-    case DeviceOperation::Calibrate:
-        run.result = SrvMPCal(deviceName, settings);
-        break;
-    case DeviceOperation::Configure:
-        break;
-    }
-}
-
-bool Operator::askOnEventLoop(DeviceRun& run)
-{
-    QMetaObject::invokeMethod(
-        this,
-        [this, &run] {
-            bool yes = false;
-            {
-                const BoxOwnerScope owner(run.boxOwner);
-                yes = AskConfigureThroughSerial();
-            }
-            std::lock_guard lock(run.mutex);
-            run.answer = yes;
-            run.answered.notify_all();
-        },
-        Qt::QueuedConnection);
-    std::unique_lock lock(run.mutex);
-    run.answered.wait(lock, [&run] { return run.answer.has_value() || run.stopping; });
-    return run.answer.value_or(false);
-}
-
-void Operator::finishDeviceOperation(const std::shared_ptr<DeviceRun>& run)
+void Operator::finishDeviceJob(const std::shared_ptr<DeviceJob>& job)
 {
     if (deviceThread_) {
         deviceThread_->wait();
         deviceThread_->deleteLater();
         deviceThread_ = nullptr;
     }
-    deviceRun_.reset();
-    Outcome outcome = Outcome::Failed;
-    {
-        const BoxOwnerScope owner(run->boxOwner);
-        if (run->cancelled)
-            outcome = Outcome::Failed;
-        else if (run->operation == DeviceOperation::Configure)
-            outcome = configureOutcome(run->config);
-        else
-            outcome = deviceResultOutcome(run->result);
-    }
+    deviceJob_.reset();
     deviceBusy_ = false;
+    {
+        const BoxOwnerScope owner(job->boxOwner);
+        job->done(*job);
+    }
     emit busyChanged(false);
-    emit deviceOperationFinished(run->operation, outcome, run->values);
+}
+
+Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog)
+{
+    if (deviceBusy_)
+        return Outcome::Busy;
+    const bool configure = operation == DeviceOperation::Configure;
+    if (!configure && !IsConfigurableType(dialog.printerTypeId.value_or(1))) {
+        // Nothing to send: the answer comes as a run's would, later.
+        deviceBusy_ = true;
+        QTimer::singleShot(0, this, [this, operation, dialog] {
+            deviceBusy_ = false;
+            emit deviceOperationFinished(operation, Outcome::Refused, dialog);
+        });
+        return Outcome::Done;
+    }
+    auto job = std::make_shared<DeviceJob>();
+    job->values = dialog;
+    job->boxOwner = CurrentBoxOwner();
+    job->links = DialogLinkKeys(dialog, configure);
+    job->work = [this, operation](DeviceJob& j) {
+        if (operation == DeviceOperation::Configure) {
+            j.config = ConfigureDevice(j.values, [this, &j] { return askOnEventLoop(j); });
+            return;
+        }
+        QString deviceName, settings;
+        DialogDevice(j.values, &deviceName, &settings);
+        if (operation == DeviceOperation::TestPrint)
+            j.result = SrvMPTestPrint(deviceName, settings);
+        else if (operation == DeviceOperation::ClearMemory)
+            j.result = SrvMPClear(deviceName, settings);
+        else
+            j.result = SrvMPCal(deviceName, settings);
+    };
+    job->done = [this, operation](DeviceJob& j) {
+        Outcome outcome = Outcome::Failed;
+        if (!j.cancelled)
+            outcome = operation == DeviceOperation::Configure ? configureOutcome(j.config)
+                                                              : deviceResultOutcome(j.result);
+        emit deviceOperationFinished(operation, outcome, j.values);
+    };
+    startDeviceJob(job);
+    return Outcome::Done;
+}
+
+bool Operator::askOnEventLoop(DeviceJob& job)
+{
+    QMetaObject::invokeMethod(
+        this,
+        [&job] {
+            bool yes = false;
+            {
+                const BoxOwnerScope owner(job.boxOwner);
+                yes = AskConfigureThroughSerial();
+            }
+            std::lock_guard lock(job.mutex);
+            job.answer = yes;
+            job.answered.notify_all();
+        },
+        Qt::QueuedConnection);
+    std::unique_lock lock(job.mutex);
+    job.answered.wait(lock, [&job] { return job.answer.has_value() || job.stopping; });
+    return job.answer.value_or(false);
+}
+
+void Operator::startAfterSaveCheck(qint32 printerId)
+{
+    PrinterSlots& printers = server_.printers();
+    if (!StartAfterConfigCheck(printers, printerId))
+        return;
+    auto job = std::make_shared<DeviceJob>();
+    const PrinterSlot slot = printers.at(printerId);
+    job->links = {SlotLinkKey(slot)};
+    job->work = [slot](DeviceJob& j) { j.result = SrvMPCheck(slot); };
+    job->done = [this, printerId](DeviceJob& j) {
+        // Deleting or editing waited for this (Busy), so the slot is the one checked.
+        if (!j.cancelled && server_.printers().SrvPrinterExists(printerId))
+            FinishAfterConfigCheck(server_.printers(), printerId, j.result);
+        emit printerChecked(printerId);
+    };
+    startDeviceJob(job);
 }
 
 Operator::Outcome Operator::configureOutcome(ConfigResult result)
@@ -411,10 +428,10 @@ void Operator::stopDeviceOperation()
 {
     if (!deviceThread_)
         return;
-    if (deviceRun_) {
-        std::lock_guard lock(deviceRun_->mutex);
-        deviceRun_->stopping = true;
-        deviceRun_->answered.notify_all();
+    if (deviceJob_) {
+        std::lock_guard lock(deviceJob_->mutex);
+        deviceJob_->stopping = true;
+        deviceJob_->answered.notify_all();
     }
     // Every wait of the device library and the gate ends at once.
     Printer_CancelWaits(true);
@@ -424,7 +441,7 @@ void Operator::stopDeviceOperation()
     LinkGate::instance().cancelAll(false);
     delete deviceThread_;
     deviceThread_ = nullptr;
-    deviceRun_.reset();
+    deviceJob_.reset();
 }
 
 // ------------------------------------------------------------------ printer status
@@ -442,10 +459,25 @@ Operator::Outcome Operator::fullRefresh()
 {
     if (deviceBusy_)
         return Outcome::Busy;
-    Busy busy(*this);
-    ReConfigCOMPrinters(server_.printers());
+    reconfigureSerialPrinters();
+    // Checks of the serial printers wait for their lines.
     server_.printService().statusPass();
     return Outcome::Done;
+}
+
+void Operator::reconfigureSerialPrinters()
+{
+    if (deviceBusy_)
+        return;
+    const QList<SerialLine> lines = SerialLinesToReconfigure(server_.printers());
+    if (lines.isEmpty())
+        return;
+    auto job = std::make_shared<DeviceJob>();
+    for (const SerialLine& line : lines)
+        job->links << LinkKey(line.deviceName);
+    job->work = [lines](DeviceJob&) { ReConfigCOMLines(lines); };
+    job->done = [](DeviceJob&) {};
+    startDeviceJob(job);
 }
 
 // ------------------------------------------------------------------ settings

@@ -91,8 +91,10 @@ public:
     qint32 editingPrinter() const;
     bool printerDialogOpen() const { return dialogOpen_; }
     // OK: validation (12025, 12026, 12027 which also puts "23" into the port),
-    // then save as new or over the edited printer, the after-save check, and the
-    // dialog is over. Invalid leaves it open. printerId gets the saved Id.
+    // then save as new or over the edited printer and the dialog is over.
+    // Invalid leaves it open. printerId gets the saved Id. The after-save
+    // check of an active printer runs like a device operation: the printer
+    // shows Checking until printerChecked.
     Outcome savePrinter(PrinterSettings& dialog, qint32* printerId = nullptr);
     // Cancel, Escape, close box: the edited printer gets its previous status back.
     Outcome cancelPrinter();
@@ -112,9 +114,13 @@ public:
 
     // --- printer status -------------------------------------------------------
     // Uppdatera: one status pass now. Fullständig uppdatering: serial printers
-    // reconfigured, then one pass.
+    // reconfigured on the worker thread, and one pass whose checks of those
+    // printers wait for their lines.
     Outcome refresh();
     Outcome fullRefresh();
+    // The serial printers' line speed sent again, on the worker thread
+    // (start-up); nothing when a device operation runs.
+    void reconfigureSerialPrinters();
 
     // --- settings -----------------------------------------------------------------
     ServerSettings serverSettings() const;
@@ -142,15 +148,19 @@ signals:
     void silentModeChanged(bool on);
     // The printer a command just saved or checked, for the list's selection.
     void printerSelected(qint32 printerId);
+    // The after-save check of a saved printer is over (its status tells how).
+    void printerChecked(qint32 printerId);
     void deviceOperationFinished(quill::Operator::DeviceOperation operation, quill::Operator::Outcome outcome,
                                  const quill::PrinterSettings& dialog);
 
 private:
     class Busy;
-    struct DeviceRun;
-    void runDeviceWork(DeviceRun& run);          // on the worker thread
-    bool askOnEventLoop(DeviceRun& run);         // from the worker; waits for the answer
-    void finishDeviceOperation(const std::shared_ptr<DeviceRun>& run);
+    struct DeviceJob;
+    // One job at a time (deviceBusy_); its work runs on a worker thread.
+    void startDeviceJob(const std::shared_ptr<DeviceJob>& job);
+    void finishDeviceJob(const std::shared_ptr<DeviceJob>& job);
+    bool askOnEventLoop(DeviceJob& job);         // from the worker; waits for the answer
+    void startAfterSaveCheck(qint32 printerId);
     Outcome configureOutcome(ConfigResult result);
     Outcome deviceResultOutcome(const QString& result);
     // Ends a running operation at once (its waits cancelled), for shutdown.
@@ -164,7 +174,7 @@ private:
     bool dialogOpen_ = false;
     bool deviceBusy_ = false;
     QThread* deviceThread_ = nullptr;
-    std::shared_ptr<DeviceRun> deviceRun_;
+    std::shared_ptr<DeviceJob> deviceJob_;
     Field invalidField_ = Field::None;
 };
 

@@ -200,7 +200,9 @@ Server::StartResult Server::startup()
 
         // Timers and listener come last: nothing fires before the slots exist.
         service_->enableStatusTimer();
-        ReConfigCOMPrinters(printers_);
+        // Serial printers get their line speed again off this thread; their
+        // first checks wait for it.
+        commands_->reconfigureSerialPrinters();
         service_->statusPass();
         if (listening && db_->autoStartService())
             startService();

@@ -246,11 +246,18 @@ private slots:
         dialog.netAddress = " 127.0.0.1 ";
         dialog.netPort = QString::number(inst_->net.port());
         QSignalSpy selected(op_.get(), &Operator::printerSelected);
+        QSignalSpy checked(op_.get(), &Operator::printerChecked);
         qint32 id = 0;
         QCOMPARE(op_->savePrinter(dialog, &id), Outcome::Done);
         QCOMPARE(id, 3);
         QCOMPARE(selected.value(0).value(0).toInt(), 3);
+        // Checked off the event loop: Checking until the printer has answered.
+        QCOMPARE(slot(3).status, qint32(StatusChecking));
+        QCOMPARE(op_->deletePrinter(3), Outcome::Busy);
+        QTRY_COMPARE_WITH_TIMEOUT(checked.size(), 1, 20000);
+        QCOMPARE(checked[0][0].toInt(), 3);
         QCOMPARE(slot(3).status, qint32(StatusReady));
+        QCOMPARE(slot(3).statusText.trimmed(), GetString(12079));
         QCOMPARE(srv_->printService().printerList().rowCount(), 3);
         QCOMPARE(inst_->scalar("SELECT Name FROM tbPrinter WHERE Id = 3").toString(), QString("Shop"));
 
