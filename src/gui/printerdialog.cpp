@@ -5,6 +5,7 @@
 #include "foundation/texts.h"
 #include "gui/captions.h"
 #include "gui/pictures.h"
+#include "printers/deviceops.h"
 #include "shell/server.h"
 
 #include <QApplication>
@@ -125,6 +126,7 @@ PrinterDialog::PrinterDialog(Server& server, Operator& op, const PrinterSettings
                    + GetString(mode == PrinterSettings::ModeNew ? 12076 : 12075));
     fillLists(server);
     setValues(values);
+    showDevice();
     connect(&op_, &Operator::deviceOperationFinished, this, &PrinterDialog::deviceFinished);
     connect(this, &QDialog::finished, this, &PrinterDialog::releaseOwner);
     if (owner_)
@@ -190,6 +192,11 @@ void PrinterDialog::buildUi()
     chkNetConnectOnly_->setObjectName(QStringLiteral("chkNetConnectOnly"));
     connect(optSerial_, &QRadioButton::clicked, this, &PrinterDialog::setConnectionState);
     connect(optNetwork_, &QRadioButton::clicked, this, &PrinterDialog::setConnectionState);
+    connect(optSerial_, &QRadioButton::toggled, this, &PrinterDialog::showDevice);
+    connect(cboCOMPort_, &QComboBox::currentIndexChanged, this, &PrinterDialog::showDevice);
+    connect(cboCOMRate_, &QComboBox::currentIndexChanged, this, &PrinterDialog::showDevice);
+    connect(txtNetIP_, &QLineEdit::textChanged, this, &PrinterDialog::showDevice);
+    connect(txtNetPort_, &QLineEdit::textChanged, this, &PrinterDialog::showDevice);
 
     auto* conn = new QGridLayout(fraConnection_);
     conn->addWidget(optSerial_, 0, 0, 1, 2);
@@ -229,8 +236,7 @@ void PrinterDialog::buildUi()
     // The device buttons on the left, the dialog's answer on the right.
     auto* panBoard = new QFrame(this);
     panBoard->setObjectName(QStringLiteral("panBoard"));
-    auto* board = new QHBoxLayout(panBoard);
-    board->setContentsMargins(0, 0, 0, 0);
+    auto* board = new QHBoxLayout;
     auto* cmdConfig = button("cmdConfig", "#£12130#Konfigurera", panBoard);
     auto* cmdTestPrint = button("cmdTestPrint", "#£12126#Testutskrift", panBoard);
     auto* cmdClearMem = button("cmdClearMem", "#£12127#Återställ minne", panBoard);
@@ -244,6 +250,21 @@ void PrinterDialog::buildUi()
     board->addSpacing(16);
     board->addWidget(cmdOK);
     board->addWidget(cmdCancel);
+    // Where the device buttons go with the values shown, saved or not.
+    auto* Label5 = label("Label5", " Port:", panBoard);
+    lblDevice_ = label("lblDevice", "", panBoard);
+    lblDevice_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // Room for the longest address, so the strip does not jump while typing.
+    lblDevice_->setMinimumWidth(lblDevice_->fontMetrics().horizontalAdvance(QStringLiteral("000.000.000.000#00000")));
+    auto* device = new QHBoxLayout;
+    device->setSpacing(4);
+    device->addWidget(Label5);
+    device->addWidget(lblDevice_);
+    device->addStretch(1);
+    auto* boardRows = new QVBoxLayout;
+    boardRows->setContentsMargins(0, 0, 0, 0);
+    boardRows->addLayout(device);
+    boardRows->addLayout(board);
     buttons_ = {cmdConfig, cmdTestPrint, cmdClearMem, cmdCalibrate, cmdOK, cmdCancel, cmdAdvanced};
     using Op = Operator::DeviceOperation;
     connect(cmdConfig, &QPushButton::clicked, this, [this] { startDevice(Op::Configure); });
@@ -258,6 +279,7 @@ void PrinterDialog::buildUi()
     layout->addWidget(fraConnection_);
     layout->addWidget(fraAdjustment);
     layout->addSpacing(6);
+    panBoard->setLayout(boardRows);
     layout->addWidget(panBoard);
     layout->setSizeConstraint(QLayout::SetFixedSize);
 
@@ -321,6 +343,15 @@ PrinterSettings PrinterDialog::values() const
     v.passive = chkPassive_->isChecked();
     v.advancedSettings = advancedSettings_;
     return v;
+}
+
+void PrinterDialog::showDevice()
+{
+    QString deviceName, settings;
+    DialogDevice(values(), &deviceName, &settings);
+    if (optSerial_->isChecked())
+        deviceName += QStringLiteral("  ") + settings.section(QLatin1Char(','), 0, 0);
+    lblDevice_->setText(deviceName);
 }
 
 void PrinterDialog::setConnectionState()
@@ -489,8 +520,7 @@ PrinterAdvancedDialog::PrinterAdvancedDialog(PrinterDialog& printerDialog)
 
     auto* panBoard = new QFrame(this);
     panBoard->setObjectName(QStringLiteral("panBoard"));
-    auto* board = new QHBoxLayout(panBoard);
-    board->setContentsMargins(0, 0, 0, 0);
+    auto* board = new QHBoxLayout;
     auto* cmdOK = button("cmdOK", "#£12112#OK", panBoard);
     cmdOK->setDefault(true);
     auto* cmdCancel = button("cmdCancel", "#£12113#Avbryt", panBoard);

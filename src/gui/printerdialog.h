@@ -53,6 +53,7 @@ private:
     void fillLists(Server& server);
     void setValues(const PrinterSettings& values);
     void setConnectionState();
+    void showDevice();
     void showTypePicture();
     void setDeviceRunning(bool running);
     void deviceFinished(Operator::DeviceOperation operation, Operator::Outcome outcome,
@@ -80,6 +81,7 @@ private:
     QLabel* lblNetIP_ = nullptr;
     QLineEdit* txtNetIP_ = nullptr;
     QLabel* lblNetPort_ = nullptr;
+    QLabel* lblDevice_ = nullptr;
     QLineEdit* txtNetPort_ = nullptr;
     QCheckBox* chkNetConnectOnly_ = nullptr;
     QComboBox* cboAdjStrobe_ = nullptr;

@@ -5,6 +5,7 @@
 #include "gui/printerdialog.h"
 
 #include <QCheckBox>
+#include <QFrame>
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -67,14 +68,18 @@ SettingsDialog::SettingsDialog(Operator& op, QWidget* owner) : QDialog(nullptr),
     cmdCancel->setAutoDefault(false);
     connect(cmdOK, &QPushButton::clicked, this, &SettingsDialog::ok);
     connect(cmdCancel, &QPushButton::clicked, this, &QDialog::reject);
-    auto* buttons = new QHBoxLayout;
+    // The bottom strip, as in the printer dialog.
+    auto* panBoard = new QFrame(this);
+    panBoard->setObjectName(QStringLiteral("panBoard"));
+    auto* buttons = new QHBoxLayout(panBoard);
+    buttons->setContentsMargins(0, 0, 0, 0);
     buttons->addStretch(1);
     buttons->addWidget(cmdOK);
     buttons->addWidget(cmdCancel);
 
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(frame);
-    layout->addLayout(buttons);
+    layout->addWidget(panBoard);
     layout->setSizeConstraint(QLayout::SetFixedSize);
 
     LocaliseCaptions(this);

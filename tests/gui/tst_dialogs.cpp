@@ -168,6 +168,14 @@ private slots:
         ports->setCurrentIndex(ports->findData(3));
         auto* rates = in<QComboBox>(d, "cboCOMRate");
         rates->setCurrentIndex(rates->findData(57600));
+        // The strip says where the device buttons would go.
+        QCOMPARE(in<QLabel>(d, "Label5")->text(), " Port:");
+        QCOMPARE(in<QLabel>(d, "lblDevice")->text(), "COM3:  57600");
+        in<QRadioButton>(d, "optConnection_1")->click();
+        in<QLineEdit>(d, "txtNetIP")->setText(" 10.1.2.3 ");
+        QCOMPARE(in<QLabel>(d, "lblDevice")->text(), "10.1.2.3#"); // no port yet
+        in<QRadioButton>(d, "optConnection_0")->click();
+        QCOMPARE(in<QLabel>(d, "lblDevice")->text(), "COM3:  57600");
         BoxAnswerer boxes;
         click(d, "cmdOK");
         QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
