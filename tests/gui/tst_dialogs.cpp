@@ -16,6 +16,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QRadioButton>
+#include <QJsonObject>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -328,6 +329,40 @@ private slots:
         click(d, "cmdCancel");
         QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
         QCOMPARE(slot(2).status, quill::StatusReady);
+    }
+
+    // Configure over the serial line of a printer still at 57600 with the
+    // dialog on 9600: reached at its old rate, switched over, then set up.
+    void configureSerialRateSwitch()
+    {
+        quill::test::Emulator com3;
+        QVERIFY2(com3.startPty(57600), qPrintable(com3.errorText()));
+        com3.mapComPort(3);
+        QVERIFY(startWindow());
+        auto* d = openPrinter(-1);
+        QVERIFY(d);
+        auto* ports = in<QComboBox>(d, "cboCOMPort");
+        ports->setCurrentIndex(ports->findData(3));
+        auto* rates = in<QComboBox>(d, "cboCOMRate");
+        rates->setCurrentIndex(rates->findData(9600));
+        in<QComboBox>(d, "cboAdjStrobe")->setCurrentIndex(9);
+        BoxAnswerer boxes;
+        QSignalSpy finished(s_->op, &quill::Operator::deviceOperationFinished);
+        click(d, "cmdConfig");
+        // The dialog waits with its buttons off; the window's server goes on.
+        QVERIFY(!in<QWidget>(d, "cmdTestPrint")->isEnabled());
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 60000);
+        QCOMPARE(finished.first().at(1).value<quill::Operator::Outcome>(), quill::Operator::Outcome::Done);
+        QCOMPARE(boxes.texts, QStringList{});
+        const QStringList log = com3.settledLog();
+        QVERIFY2(log.mid(0, 3) == (QStringList{"open 57600", "status 4", "setparam 30 9600"}), qPrintable(log.join(", ")));
+        const QJsonObject state = com3.state();
+        QCOMPARE(state["baud"].toInt(), 9600);
+        // Type 1 at the darkest step.
+        QCOMPARE(state["parameters"].toObject()["46"].toInt(), 250);
+        QVERIFY(in<QWidget>(d, "cmdTestPrint")->isEnabled());
+        click(d, "cmdCancel");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
     }
 
     // A connect-only configure that cannot reach the box says so and keeps
