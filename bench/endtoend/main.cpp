@@ -37,13 +37,17 @@
 #include <map>
 #include <memory>
 #include <vector>
+#include "../support/site.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int Printers = 5;
-const QString Bin = QStringLiteral(QUILL_BIN_DIR);
+using bench::Bin;
+using bench::die;
+using bench::Failure;
 
 qint64 nowNs()
 {
@@ -52,15 +56,6 @@ qint64 nowNs()
     return qint64(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
 
-// Thrown to main, so the destructors stop the child processes.
-struct Failure {
-    QString text;
-};
-
-[[noreturn]] void die(const QString& text)
-{
-    throw Failure{text};
-}
 
 // utime + stime of a process, in ms.
 double cpuMs(qint64 pid)
@@ -116,107 +111,20 @@ struct LabelWatch {
     }
 };
 
-class Bench {
+class Bench : public bench::Site {
 public:
-    QTemporaryDir tmp;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    std::vector<std::unique_ptr<QProcess>> emulators;
-    QProcess server;
+    Bench() : Site(Printers)
+    {
+        for (int i = 0; i < Printers; ++i)
+            watch[size_t(i)].dir = labelDir(i);
+    }
     std::array<LabelWatch, Printers> watch;
     std::map<QString, qint64> labels; // job tag -> label time
-    quint16 port = 0;
-
-    ~Bench()
-    {
-        if (server.state() != QProcess::NotRunning) {
-            server.terminate();
-            if (!server.waitForFinished(10000))
-                server.kill();
-        }
-        for (auto& e : emulators) {
-            e->kill();
-            e->waitForFinished(5000);
-        }
-    }
-
-    QString home() const { return tmp.filePath(QStringLiteral("home")); }
 
     void setUp()
     {
-        env.insert(QStringLiteral("XDG_CONFIG_DIRS"), tmp.filePath(QStringLiteral("machine")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), tmp.filePath(QStringLiteral("user")));
-        QProcess init;
-        init.setProcessEnvironment(env);
-        init.start(Bin + QStringLiteral("/quillbase"), {QStringLiteral("--init"), QStringLiteral("--home"), home()});
-        if (!init.waitForFinished(30000) || init.exitCode() != 0)
-            die(QStringLiteral("quillbase --init failed: ") + QString::fromUtf8(init.readAllStandardError()));
-
-        std::array<quint16, Printers> ports{};
-        for (int i = 0; i < Printers; ++i) {
-            watch[size_t(i)].dir = tmp.filePath(QStringLiteral("labels/%1").arg(i + 1));
-            auto e = std::make_unique<QProcess>();
-            e->start(Bin + QStringLiteral("/mp104c-emulator"),
-                     {QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"), QStringLiteral("--out"),
-                      watch[size_t(i)].dir, QStringLiteral("--name"), QStringLiteral("P%1").arg(i + 1)});
-            bool ready = false;
-            QElapsedTimer t;
-            t.start();
-            while (!ready && t.elapsed() < 10000 && e->waitForReadyRead(10000))
-                while (e->canReadLine()) {
-                    const QByteArray line = e->readLine().trimmed();
-                    if (line.startsWith("listening "))
-                        ports[size_t(i)] = quint16(line.mid(10).toUInt());
-                    ready = ready || line == "ready";
-                }
-            if (!ready)
-                die(QStringLiteral("emulator %1 did not start").arg(i + 1));
-            emulators.push_back(std::move(e));
-        }
-
-        QTcpServer probe;
-        probe.listen(QHostAddress::LocalHost, 0);
-        port = probe.serverPort();
-        probe.close();
-        {
-            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("setup"));
-            db.setDatabaseName(home() + QStringLiteral("/brixa.mdb"));
-            if (!db.open())
-                die(QStringLiteral("cannot open brixa.mdb"));
-            QSqlQuery q(db);
-            for (int i = 0; i < Printers; ++i) {
-                q.prepare(QStringLiteral(
-                    "INSERT INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection1, Connection2, "
-                    "NetConnectOnly, Strobe, Speed, Passive, CutterInstalled, DispensingFeed, ReverseFeed, "
-                    "CurrentTemplateId) VALUES (?, ?, 1, 2, 'COM1:#9600', ?, 1, 4, 2, 0, 0, 60, 0, 0)"));
-                q.addBindValue(i + 1);
-                q.addBindValue(QStringLiteral("P%1").arg(i + 1));
-                q.addBindValue(QStringLiteral("127.0.0.1#%1").arg(ports[size_t(i)]));
-                if (!q.exec())
-                    die(QStringLiteral("cannot add printer %1").arg(i + 1));
-            }
-            if (!q.exec(QStringLiteral("UPDATE tbServer SET port = %1, AutoStartService = 1").arg(port)))
-                die(QStringLiteral("cannot set tbServer"));
-            db.close();
-        }
-        QSqlDatabase::removeDatabase(QStringLiteral("setup"));
-
-        server.setProcessEnvironment(env);
-        server.setProcessChannelMode(QProcess::MergedChannels);
-        server.setStandardOutputFile(tmp.filePath(QStringLiteral("server.out")));
-        server.start(Bin + QStringLiteral("/quillbase"), {QStringLiteral("--headless"), QStringLiteral("--home"), home()});
-        if (!server.waitForStarted(10000))
-            die(QStringLiteral("the server did not start"));
-        QElapsedTimer t;
-        t.start();
-        for (;;) {
-            QTcpSocket s;
-            s.connectToHost(QHostAddress::LocalHost, port);
-            if (s.waitForConnected(1000))
-                break;
-            if (t.elapsed() > 20000 || server.state() == QProcess::NotRunning)
-                die(QStringLiteral("the server does not listen on port %1").arg(port));
-            QThread::msleep(50);
-        }
+        build();
+        startServer();
     }
 
     // One request on its own connection; returns the reply (empty on timeout).

@@ -26,6 +26,8 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include "../support/site.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -42,17 +44,9 @@ namespace {
 constexpr int Printers = 2;
 constexpr int PaceMs = 10;
 constexpr double PromptMs = 100;
-const QString Bin = QStringLiteral(QUILL_BIN_DIR);
-
-// Thrown to main, so the destructors stop the child processes.
-struct Failure {
-    QString text;
-};
-
-[[noreturn]] void die(const QString& text)
-{
-    throw Failure{text};
-}
+using bench::Bin;
+using bench::die;
+using bench::Failure;
 
 // Monotonic ms since the bench started.
 QElapsedTimer clock0;
@@ -79,111 +73,18 @@ bool wholeReply(const QByteArray& r)
     return std::all_of(r.end() - 4, r.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-class Bench {
+class Bench : public bench::Site {
 public:
-    QTemporaryDir tmp;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    std::vector<std::unique_ptr<QProcess>> emulators;
-    std::array<quint16, Printers> controlPorts{};
-    QProcess server;
-    quint16 port = 0;
+    Bench() : Site(Printers) {}
     int sentCount = 0;
-
-    ~Bench()
-    {
-        if (server.state() != QProcess::NotRunning) {
-            server.terminate();
-            if (!server.waitForFinished(10000))
-                server.kill();
-        }
-        for (auto& e : emulators) {
-            e->kill();
-            e->waitForFinished(5000);
-        }
-    }
-
-    QString home() const { return tmp.filePath(QStringLiteral("home")); }
 
     void setUp()
     {
-        if (!tmp.isValid())
-            die(QStringLiteral("no temporary folder"));
-        env.insert(QStringLiteral("XDG_CONFIG_DIRS"), tmp.filePath(QStringLiteral("machine")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), tmp.filePath(QStringLiteral("user")));
-        QProcess init;
-        init.setProcessEnvironment(env);
-        init.start(Bin + QStringLiteral("/quillbase"), {QStringLiteral("--init"), QStringLiteral("--home"), home()});
-        if (!init.waitForFinished(30000) || init.exitCode() != 0)
-            die(QStringLiteral("quillbase --init failed: ") + QString::fromUtf8(init.readAllStandardError()));
-
-        std::array<quint16, Printers> ports{};
-        for (int i = 0; i < Printers; ++i) {
-            auto e = std::make_unique<QProcess>();
-            e->start(Bin + QStringLiteral("/mp104c-emulator"),
-                     {QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"), QStringLiteral("--control"),
-                      QStringLiteral("127.0.0.1:0"), QStringLiteral("--out"),
-                      tmp.filePath(QStringLiteral("labels/%1").arg(i + 1)), QStringLiteral("--name"),
-                      QStringLiteral("P%1").arg(i + 1)});
-            bool ready = false;
-            QElapsedTimer t;
-            t.start();
-            while (!ready && t.elapsed() < 10000 && e->waitForReadyRead(10000))
-                while (e->canReadLine()) {
-                    const QByteArray line = e->readLine().trimmed();
-                    if (line.startsWith("listening "))
-                        ports[size_t(i)] = quint16(line.mid(10).toUInt());
-                    if (line.startsWith("control "))
-                        controlPorts[size_t(i)] = quint16(line.mid(8).toUInt());
-                    ready = ready || line == "ready";
-                }
-            if (!ready || !controlPorts[size_t(i)])
-                die(QStringLiteral("emulator %1 did not start").arg(i + 1));
-            emulators.push_back(std::move(e));
-        }
-
+        build();
         // A configure reaches a box at the machine's box port, not the printer's.
-        QSettings machine(tmp.filePath(QStringLiteral("machine/Norvu/Brixa.conf")), QSettings::IniFormat);
-        machine.setValue(QStringLiteral("Quillbase/dwNetBoxPort"),
-                         QStringLiteral("dword:%1").arg(ports[0], 8, 16, QLatin1Char('0')));
-        machine.setValue(QStringLiteral("Quillbase/tBindAddress"), QStringLiteral("127.0.0.1"));
-        machine.sync();
-        if (machine.status() != QSettings::NoError)
-            die(QStringLiteral("cannot write the machine settings"));
-
-        QTcpServer probe;
-        probe.listen(QHostAddress::LocalHost, 0);
-        port = probe.serverPort();
-        probe.close();
-        {
-            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("setup"));
-            db.setDatabaseName(home() + QStringLiteral("/brixa.mdb"));
-            if (!db.open())
-                die(QStringLiteral("cannot open brixa.mdb"));
-            QSqlQuery q(db);
-            for (int i = 0; i < Printers; ++i) {
-                // Connect-only boxes: a configure goes over the network, no serial question.
-                q.prepare(QStringLiteral(
-                    "INSERT INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection1, Connection2, "
-                    "NetConnectOnly, Strobe, Speed, Passive, CutterInstalled, DispensingFeed, ReverseFeed, "
-                    "CurrentTemplateId) VALUES (?, ?, 1, 2, 'COM1:#9600', ?, 1, 4, 2, 0, 0, 60, 0, 0)"));
-                q.addBindValue(i + 1);
-                q.addBindValue(QStringLiteral("P%1").arg(i + 1));
-                q.addBindValue(QStringLiteral("127.0.0.1#%1").arg(ports[size_t(i)]));
-                if (!q.exec())
-                    die(QStringLiteral("cannot add printer %1").arg(i + 1));
-            }
-            if (!q.exec(QStringLiteral("UPDATE tbServer SET port = %1, AutoStartService = 1").arg(port)))
-                die(QStringLiteral("cannot set tbServer"));
-            db.close();
-        }
-        QSqlDatabase::removeDatabase(QStringLiteral("setup"));
-
-        server.setProcessEnvironment(env);
-        server.setProcessChannelMode(QProcess::MergedChannels);
-        server.setStandardOutputFile(tmp.filePath(QStringLiteral("server.out")));
-        server.start(Bin + QStringLiteral("/quillbase"), {QStringLiteral("--headless"), QStringLiteral("--home"), home()});
-        if (!server.waitForStarted(10000))
-            die(QStringLiteral("the server did not start"));
+        setMachineValue(QStringLiteral("Quillbase/dwNetBoxPort"), int(boxPorts[0]));
+        setMachineValue(QStringLiteral("Quillbase/tBindAddress"), QStringLiteral("127.0.0.1"));
+        startServer();
         if (!waitReady(20000))
             die(QStringLiteral("the printers were not Ready within 20 s (server output: %1)")
                     .arg(tmp.filePath(QStringLiteral("server.out"))));
