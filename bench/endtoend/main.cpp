@@ -69,22 +69,8 @@ double cpuMs(qint64 pid)
     return double(w.value(11).toLongLong() + w.value(12).toLongLong()) * 1000.0 / double(sysconf(_SC_CLK_TCK));
 }
 
-struct Stats {
-    double p50 = 0, p99 = 0, max = 0;
-};
-
-Stats stats(std::vector<double> v)
-{
-    Stats s;
-    if (v.empty())
-        return s;
-    std::sort(v.begin(), v.end());
-    auto rank = [&](double p) { return v[std::min(v.size() - 1, size_t(std::ceil(p * double(v.size()))) - 1)]; };
-    s.p50 = rank(0.50);
-    s.p99 = rank(0.99);
-    s.max = v.back();
-    return s;
-}
+using bench::Stats;
+using bench::stats;
 
 // Watches one emulator's output folder: label-NNNNNN.json files in order.
 struct LabelWatch {

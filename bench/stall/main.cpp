@@ -220,22 +220,8 @@ private:
     std::unique_ptr<QThread> thread_;
 };
 
-struct Stats {
-    double median = 0, p99 = 0, max = 0;
-};
-
-Stats stats(std::vector<double> v)
-{
-    Stats s;
-    if (v.empty())
-        return s;
-    std::sort(v.begin(), v.end());
-    auto rank = [&](double p) { return v[std::min(v.size() - 1, size_t(std::ceil(p * double(v.size()))) - 1)]; };
-    s.median = rank(0.50);
-    s.p99 = rank(0.99);
-    s.max = v.back();
-    return s;
-}
+using bench::Stats;
+using bench::stats;
 
 void printRequests(const char* what, const std::vector<Request>& rs)
 {
@@ -253,7 +239,7 @@ void printRequests(const char* what, const std::vector<Request>& rs)
     }
     const Stats s = stats(reply);
     std::printf("  %-10s %4zu replies  median %7.2f ms  p99 %7.2f ms  max %7.2f ms  (connect max %.2f ms",
-                what, reply.size(), s.median, s.p99, s.max, connectMax);
+                what, reply.size(), s.p50, s.p99, s.max, connectMax);
     if (notPlain)
         std::printf(", %d not the plain OK", notPlain);
     if (unanswered)

@@ -15,6 +15,8 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include <algorithm>
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -30,6 +32,24 @@ struct Failure {
 [[noreturn]] inline void die(const QString& text)
 {
     throw Failure{text};
+}
+
+// Rank statistics of a sample (nearest rank).
+struct Stats {
+    double p50 = 0, p99 = 0, max = 0;
+};
+
+inline Stats stats(std::vector<double> v)
+{
+    Stats s;
+    if (v.empty())
+        return s;
+    std::sort(v.begin(), v.end());
+    auto rank = [&](double p) { return v[std::min(v.size() - 1, size_t(std::ceil(p * double(v.size()))) - 1)]; };
+    s.p50 = rank(0.50);
+    s.p99 = rank(0.99);
+    s.max = v.back();
+    return s;
 }
 
 class Site {
