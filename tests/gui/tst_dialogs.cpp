@@ -60,6 +60,22 @@ class TstDialogs : public QObject {
         inst().setMachineValue(QString(), "tLanguage", "UK", false);
         inst().setMachineValue(QString(), "dwCountryNo", 44, true);
     }
+    // A serial printer at printerBaud on a pty mapped to COM3, the window up and
+    // a new printer's dialog on COM3 at dialogRate.
+    void newPrinterOnCom3(quill::test::Emulator& com3, int printerBaud, int dialogRate, quill::PrinterDialog** dialog)
+    {
+        QVERIFY2(com3.startPty(printerBaud), qPrintable(com3.errorText()));
+        com3.mapComPort(3);
+        QVERIFY(startWindow());
+        auto* d = openPrinter(-1);
+        QVERIFY(d);
+        auto* ports = in<QComboBox>(d, "cboCOMPort");
+        ports->setCurrentIndex(ports->findData(3));
+        auto* rates = in<QComboBox>(d, "cboCOMRate");
+        rates->setCurrentIndex(rates->findData(dialogRate));
+        *dialog = d;
+    }
+
     quill::PrinterDialog* openPrinter(int id)
     {
         if (id > 0) {
@@ -159,16 +175,10 @@ private slots:
     void newSerialPrinter()
     {
         quill::test::Emulator com3;
-        QVERIFY2(com3.startPty(57600), qPrintable(com3.errorText()));
-        com3.mapComPort(3);
-        QVERIFY(startWindow());
-        auto* d = openPrinter(-1);
+        quill::PrinterDialog* d = nullptr;
+        newPrinterOnCom3(com3, 57600, 57600, &d);
         QVERIFY(d);
         in<QLineEdit>(d, "txtPrinterName")->setText("Disk");
-        auto* ports = in<QComboBox>(d, "cboCOMPort");
-        ports->setCurrentIndex(ports->findData(3));
-        auto* rates = in<QComboBox>(d, "cboCOMRate");
-        rates->setCurrentIndex(rates->findData(57600));
         // The strip says where the device buttons would go.
         QCOMPARE(in<QLabel>(d, "Label5")->text(), " Port:");
         QCOMPARE(in<QLabel>(d, "lblDevice")->text(), "COM3:  57600");
@@ -336,15 +346,9 @@ private slots:
     void configureSerialRateSwitch()
     {
         quill::test::Emulator com3;
-        QVERIFY2(com3.startPty(57600), qPrintable(com3.errorText()));
-        com3.mapComPort(3);
-        QVERIFY(startWindow());
-        auto* d = openPrinter(-1);
+        quill::PrinterDialog* d = nullptr;
+        newPrinterOnCom3(com3, 57600, 9600, &d);
         QVERIFY(d);
-        auto* ports = in<QComboBox>(d, "cboCOMPort");
-        ports->setCurrentIndex(ports->findData(3));
-        auto* rates = in<QComboBox>(d, "cboCOMRate");
-        rates->setCurrentIndex(rates->findData(9600));
         in<QComboBox>(d, "cboAdjStrobe")->setCurrentIndex(9);
         BoxAnswerer boxes;
         QSignalSpy finished(s_->op, &quill::Operator::deviceOperationFinished);
