@@ -15,6 +15,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
@@ -87,7 +88,8 @@ private:
     }
     QTimer timer_;
     std::deque<QMessageBox::StandardButton> queue_;
-    QMessageBox* last_ = nullptr;
+    // Cleared when the box is deleted: the next box may get its address.
+    QPointer<QMessageBox> last_;
 };
 
 // An open top-level window (a dialog) by its object name.
