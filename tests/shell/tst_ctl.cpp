@@ -55,9 +55,13 @@ class TstCtl : public QObject {
         server_ = std::make_unique<QProcess>();
         server_->setProcessChannelMode(QProcess::ForwardedErrorChannel);
         server_->start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--headless", "--home", inst_->path()});
+        // The serial line's reconfiguration goes on past the start line, and
+        // printer commands answer busy until it is over; printer 2's first
+        // check waits for it.
         return server_->waitForStarted(10000)
             && QTest::qWaitFor([&] { return inst_->log().count("Quillbase succesfully started") > startsBefore; },
-                               20000);
+                               20000)
+            && QTest::qWaitFor([&] { return printer(2)["status"].toInt() == 1; }, 20000);
     }
     bool stopServer()
     {
