@@ -8,7 +8,7 @@ PACKAGES := cmake ninja-build g++ make pkg-config qt6-base-dev qt6-base-dev-tool
             qt6-svg-dev xvfb xauth trayer
 SUDO     := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build test run fuzz fuzz-smoke bench clean install package
+.PHONY: all deps build test run fuzz fuzz-smoke bench clean install package tsan
 FUZZ_SECONDS ?= 10
 # The server under fuzzing changes its working folder, so every path is absolute.
 FUZZ_DIR = $(abspath $(BUILD)-fuzz)
@@ -66,5 +66,26 @@ fuzz-smoke: fuzz
 	  -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus > $(FUZZ_DIR)/fuzz.log 2>&1; rc=$$?; \
 	  tail -n 12 $(FUZZ_DIR)/fuzz.log; exit $$rc
 
+# ThreadSanitizer over the programs whose device operations run on a worker
+# thread, in $(BUILD)-tsan; fails on any report (each in $(BUILD)-tsan/reports/).
+# Not part of make test: it takes minutes. tools/tsan.supp says what Qt and
+# glibc, not being instrumented, make it report.
+TSAN_TESTS := shell_tst_operator shell_tst_ctl gui_tst_dialogs printers_tst_comapi printers_tst_deviceops
+TSAN_FLAGS := -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS=-fsanitize=thread \
+              -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread
+TSAN_DIR = $(abspath $(BUILD)-tsan)
+
+tsan: deps
+	cmake -S . -B $(TSAN_DIR) -G Ninja $(if $(CCACHE),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache) $(TSAN_FLAGS)
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target $(TSAN_TESTS) mp104c-emulator quillbase quillbase-ctl
+	rm -rf $(TSAN_DIR)/reports && mkdir -p $(TSAN_DIR)/reports
+	@# The tests start emulators and servers from a threaded process: fork is fine, they exec at once.
+	@for t in $(TSAN_TESTS); do \
+	  (cd $(TSAN_DIR)/tests && QT_QPA_PLATFORM=offscreen QT_LOGGING_RULES='qt.*=false' \
+	   TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 die_after_fork=0 suppressions=$(CURDIR)/tools/tsan.supp log_path=$(TSAN_DIR)/reports/$$t" \
+	   ./$$t -silent) || exit 1; \
+	done; \
+	if ls $(TSAN_DIR)/reports/* >/dev/null 2>&1; then echo "ThreadSanitizer reports:"; ls $(TSAN_DIR)/reports; exit 1; fi
+
 clean:
-	rm -rf $(BUILD) $(BUILD)-fuzz
+	rm -rf $(BUILD) $(BUILD)-fuzz $(BUILD)-tsan
