@@ -115,6 +115,10 @@ ControlServer::ControlServer(Server& server, Operator& commands, QObject* parent
                 deviceOperationFinished(int(outcome));
             });
     connect(&commands_, &Operator::printerChecked, this, &ControlServer::printerChecked);
+    connect(&commands_, &Operator::busyChanged, this, [this](bool busy) {
+        if (!busy)
+            runNext();
+    });
 }
 
 ControlServer::~ControlServer()
@@ -181,9 +185,28 @@ void ControlServer::onReadyRead(QLocalSocket* client)
     runNext();
 }
 
+namespace {
+// The command of a request still unread.
+QString peekCommand(QLocalSocket* client)
+{
+    QByteArray line = client->peek(client->bytesAvailable());
+    line.truncate(line.indexOf('\n'));
+    return QJsonDocument::fromJson(line).object().value(QStringLiteral("command")).toString();
+}
+} // namespace
+
 void ControlServer::runNext()
 {
     while (!running_ && !waiting_.isEmpty()) {
+        // The server's own device work (start-up reconfiguration, a check
+        // after a save) is short: printer commands wait for it rather than
+        // being told the printers are busy; the rest queue behind them.
+        const QPointer<QLocalSocket>& head = waiting_.first();
+        if (head && head->canReadLine() && commands_.backgroundWorkRunning()) {
+            const QString command = peekCommand(head);
+            if (command.startsWith(QLatin1String("printer")) || command == QLatin1String("refresh"))
+                return;
+        }
         QPointer<QLocalSocket> client = waiting_.takeFirst();
         if (!client || !client->canReadLine())
             continue;

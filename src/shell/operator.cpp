@@ -267,6 +267,7 @@ struct Operator::DeviceJob {
     QPointer<QObject> boxOwner;              // boxes it raises belong there
     std::function<void(DeviceJob&)> work;    // worker thread: device calls only
     std::function<void(DeviceJob&)> done;    // event loop: statuses, boxes, signals
+    bool background = true;                  // not an operator's own device operation
     bool cancelled = false;
 
     PrinterSettings values;
@@ -284,6 +285,7 @@ struct Operator::DeviceJob {
 void Operator::startDeviceJob(const std::shared_ptr<DeviceJob>& job)
 {
     deviceBusy_ = true;
+    backgroundWork_ = job->background;
     deviceJob_ = job;
     emit busyChanged(true);
     // The print driver waits while the job has the connections; taken here
@@ -310,6 +312,7 @@ void Operator::finishDeviceJob(const std::shared_ptr<DeviceJob>& job)
     }
     deviceJob_.reset();
     deviceBusy_ = false;
+    backgroundWork_ = false;
     {
         const BoxOwnerScope owner(job->boxOwner);
         job->done(*job);
@@ -333,6 +336,7 @@ Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, cons
     }
     auto job = std::make_shared<DeviceJob>();
     job->values = dialog;
+    job->background = false;
     job->boxOwner = CurrentBoxOwner();
     job->links = DialogLinkKeys(dialog, configure);
     job->work = [this, operation](DeviceJob& j) {

@@ -111,6 +111,9 @@ public:
     // loaded address). While it runs, printer commands answer Busy.
     Outcome startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog);
     bool deviceOperationRunning() const { return deviceBusy_; }
+    // Device work the server started itself (start-up reconfiguration, the
+    // check after a save) is under way; it ends by itself, soon.
+    bool backgroundWorkRunning() const { return deviceBusy_ && backgroundWork_; }
 
     // --- printer status -------------------------------------------------------
     // Uppdatera: one status pass now. Fullständig uppdatering: serial printers
@@ -173,6 +176,7 @@ private:
     int mode_ = PrinterSettings::ModeNew;
     bool dialogOpen_ = false;
     bool deviceBusy_ = false;
+    bool backgroundWork_ = false;
     QThread* deviceThread_ = nullptr;
     std::shared_ptr<DeviceJob> deviceJob_;
     Field invalidField_ = Field::None;
