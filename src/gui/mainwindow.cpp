@@ -251,6 +251,10 @@ void MainWindow::connectCore()
     connect(&op_, &Operator::serviceStateChanged, this, &MainWindow::showServiceState);
     connect(&op_, &Operator::serviceAvailableChanged, this, &MainWindow::showServiceAvailable);
     connect(&op_, &Operator::busyChanged, this, &MainWindow::setBusy);
+    connect(&op_, &Operator::busyChanged, this, [this](bool busy) {
+        if (!busy && pendingPrinterCommand_)
+            std::exchange(pendingPrinterCommand_, nullptr)();
+    });
     connect(&op_, &Operator::silentModeChanged, this, &MainWindow::showSilentMode);
     connect(&op_, &Operator::printerSelected, this, [this](qint32 id) {
         if (!started_)
@@ -461,9 +465,19 @@ qint32 MainWindow::selectedPrinter() const
     return current.isValid() ? current.data(PrinterListModel::PrinterIdRole).toInt() : -1;
 }
 
+bool MainWindow::afterBackgroundWork(std::function<void()> command)
+{
+    // The server's own device work (a check after a save, the serial lines at
+    // start-up) is short: the last printer command given meanwhile runs after it.
+    if (!op_.backgroundWorkRunning())
+        return false;
+    pendingPrinterCommand_ = std::move(command);
+    return true;
+}
+
 void MainWindow::newPrinter()
 {
-    if (!started_)
+    if (!started_ || afterBackgroundWork([this] { newPrinter(); }))
         return;
     BoxOwnerScope owner(this);
     PrinterSettings dialog;
@@ -474,7 +488,7 @@ void MainWindow::newPrinter()
 void MainWindow::editSelectedPrinter()
 {
     const qint32 id = selectedPrinter();
-    if (!started_ || id < 1)
+    if (!started_ || id < 1 || afterBackgroundWork([this] { editSelectedPrinter(); }))
         return;
     BoxOwnerScope owner(this);
     PrinterSettings dialog;
@@ -485,7 +499,7 @@ void MainWindow::editSelectedPrinter()
 void MainWindow::deleteSelectedPrinter()
 {
     const qint32 id = selectedPrinter();
-    if (!started_ || id < 1)
+    if (!started_ || id < 1 || afterBackgroundWork([this] { deleteSelectedPrinter(); }))
         return;
     BoxOwnerScope owner(this);
     op_.deletePrinter(id);

@@ -14,6 +14,8 @@
 #include <QMainWindow>
 #include <QPointer>
 
+#include <functional>
+
 class QAction;
 class QDialog;
 class QLabel;
@@ -80,6 +82,7 @@ private:
     void deleteAllJobs();
     void newPrinter();
     void editSelectedPrinter();
+    bool afterBackgroundWork(std::function<void()> command);
     void deleteSelectedPrinter();
     void refresh(bool full);
     void openSettings();
@@ -94,6 +97,7 @@ private:
     Server& server_;
     Operator& op_;
     bool started_ = false;
+    std::function<void()> pendingPrinterCommand_; // given during the server's own device work
     bool closing_ = false;
     bool columnsSet_ = false;
     int busyDepth_ = 0;

@@ -171,6 +171,30 @@ private slots:
         QCOMPARE(inst().scalar("SELECT COUNT(*) FROM tbPrinter").toInt(), 2);
     }
 
+    // Edit asked for while the check after a save still waits on a slow box:
+    // the dialog opens once the check is over.
+    void editDuringTheCheckAfterASave()
+    {
+        QVERIFY(startWindow());
+        auto* d = openPrinter(1);
+        QVERIFY(d);
+        QCOMPARE(inst().net.command("delay 1500"), QStringLiteral("ok"));
+        click(d, "cmdOK");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+        QVERIFY(s_->op->deviceOperationRunning());
+        QCOMPARE(slot(1).status, quill::StatusChecking);
+        d = openPrinter(2);
+        QVERIFY(!d);
+        QTRY_VERIFY_WITH_TIMEOUT(TopLevel("frmSrvPrinter"), 20000);
+        d = TopLevel<quill::PrinterDialog>("frmSrvPrinter");
+        QVERIFY(d);
+        QCOMPARE(slot(1).status, quill::StatusReady);
+        QCOMPARE(in<QLineEdit>(d, "txtPrinterName")->text(), slot(2).name.trimmed());
+        QCOMPARE(inst().net.command("delay 0"), QStringLiteral("ok"));
+        click(d, "cmdCancel");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
+    }
+
     // A serial printer on COM3 at 57600 is stored as such and comes back in edit.
     void newSerialPrinter()
     {
