@@ -102,22 +102,24 @@ void WriteStderrLine(const QString& text)
 
 void LogWrite(const QString& message)
 {
-    if (!state().useLog || LogFileName().isEmpty())
+    const QString name = LogFileName();
+    if (!state().useLog || name.isEmpty())
         return;
     WriteStderrLine(message);
-    AppendLogLine(LogFilePath(), LogEntryHeader(QDateTime::currentDateTime()) + QLatin1Char(' ') + message);
+    AppendLogLine(HomePath(name), LogEntryHeader(QDateTime::currentDateTime()) + QLatin1Char(' ') + message);
 }
 
 void LogTraffic(const QString& trafficText)
 {
-    if (!state().useTraffic || LogFileName().isEmpty())
+    const QString name = LogFileName();
+    if (!state().useTraffic || name.isEmpty())
         return;
     // A junk stream must not fill the log: the start of it is enough to see what it was.
     constexpr qsizetype MaxTrafficEntry = 64 * 1024;
     QString entry = trafficText.left(MaxTrafficEntry);
     if (trafficText.size() > MaxTrafficEntry)
         entry += QStringLiteral("\r\n[%1 of %2 bytes logged]").arg(MaxTrafficEntry).arg(trafficText.size());
-    AppendLogLine(LogFilePath(), LogEntryHeader(QDateTime::currentDateTime())
+    AppendLogLine(HomePath(name), LogEntryHeader(QDateTime::currentDateTime())
                       + QStringLiteral(" Network traffic\r\n") + entry);
 }
 

@@ -620,6 +620,11 @@ void ControlServer::deviceOperationFinished(int outcome)
     commands_.cancelPrinter(); // the printer gets its status back
     Reply r = outcomeReply(Outcome(outcome), Outcome(outcome) == Outcome::Refused ? QStringLiteral("no-device-support")
                                                                                 : QString());
+    finishDeferred(r, id);
+}
+
+void ControlServer::finishDeferred(Reply& r, qint32 id)
+{
     if (server_.printers().SrvPrinterExists(id))
         r.data[QStringLiteral("printer")] = printerJson(id);
     r.data[QStringLiteral("messages")] = deviceSink_ ? deviceSink_->messages : QJsonArray();
@@ -634,12 +639,7 @@ void ControlServer::printerChecked(qint32 id)
         return;
     Reply r = std::move(*checkPending_);
     checkPending_.reset();
-    if (server_.printers().SrvPrinterExists(id))
-        r.data[QStringLiteral("printer")] = printerJson(id);
-    r.data[QStringLiteral("messages")] = deviceSink_ ? deviceSink_->messages : QJsonArray();
-    deviceSink_.reset();
-    finish(deviceClient_, r);
-    deviceClient_.clear();
+    finishDeferred(r, id);
 }
 
 // ------------------------------------------------------------------ settings

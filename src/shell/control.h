@@ -83,6 +83,8 @@ private:
     // A saved printer's reply, waiting for its after-save check.
     std::unique_ptr<Reply> checkPending_;
     void printerChecked(qint32 id);
+    // The answer that waited for device work, with the printer and the boxes it raised.
+    void finishDeferred(Reply& r, qint32 id);
 };
 
 } // namespace quill

@@ -471,8 +471,6 @@ Operator::Outcome Operator::fullRefresh()
 
 void Operator::reconfigureSerialPrinters()
 {
-    if (deviceBusy_)
-        return;
     const QList<SerialLine> lines = SerialLinesToReconfigure(server_.printers());
     if (lines.isEmpty())
         return;

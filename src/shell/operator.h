@@ -116,14 +116,11 @@ public:
     bool backgroundWorkRunning() const { return deviceBusy_ && backgroundWork_; }
 
     // --- printer status -------------------------------------------------------
-    // Uppdatera: one status pass now. Fullständig uppdatering: serial printers
-    // reconfigured on the worker thread, and one pass whose checks of those
-    // printers wait for their lines.
+    // Uppdatera: one status pass now. Fullständig uppdatering (also at
+    // start-up): serial printers reconfigured on the worker thread, and one
+    // pass whose checks of those printers wait for their lines.
     Outcome refresh();
     Outcome fullRefresh();
-    // The serial printers' line speed sent again, on the worker thread
-    // (start-up); nothing when a device operation runs.
-    void reconfigureSerialPrinters();
 
     // --- settings -----------------------------------------------------------------
     ServerSettings serverSettings() const;
@@ -164,6 +161,8 @@ private:
     void finishDeviceJob(const std::shared_ptr<DeviceJob>& job);
     bool askOnEventLoop(DeviceJob& job);         // from the worker; waits for the answer
     void startAfterSaveCheck(qint32 printerId);
+    // The serial printers' line speed sent again, on the worker thread.
+    void reconfigureSerialPrinters();
     Outcome configureOutcome(ConfigResult result);
     Outcome deviceResultOutcome(const QString& result);
     // Ends a running operation at once (its waits cancelled), for shutdown.

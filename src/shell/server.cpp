@@ -202,8 +202,7 @@ Server::StartResult Server::startup()
         service_->enableStatusTimer();
         // Serial printers get their line speed again off this thread; their
         // first checks wait for it.
-        commands_->reconfigureSerialPrinters();
-        service_->statusPass();
+        commands_->fullRefresh();
         if (listening && db_->autoStartService())
             startService();
         LogWrite(QStringLiteral("Quillbase succesfully started") +
