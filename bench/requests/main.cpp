@@ -150,7 +150,7 @@ protected:
     bool commitOne(qint64 n) override
     {
         store_->beginBatch();
-        store_->SrvAddJob(QString::fromLatin1(printRequest(0, n)));
+        store_->SrvAddJob(PrintJob::fromText(QString::fromLatin1(printRequest(0, n))));
         return store_->commitBatch();
     }
 

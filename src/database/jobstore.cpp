@@ -215,10 +215,14 @@ void logDeleteFailed(qint64 id, const QString& error)
 
 JobStore::JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots) : jdb_(jdb), slots_(printerSlots) {}
 
-JobRow JobStore::buildRow(qint32 id, const QString& jobText) const
+JobRow JobStore::buildRow(qint32 id, const PrintJob& printJob) const
 {
-    const JobFields job(jobText);
+    if (!printJob.readable(PrintJob::ListedFields))
+        throw Error(ErrOverflow, QStringLiteral("Overflow"));
+    const JobFields job(printJob.text);
     JobRow r;
+    r.job = printJob;
+    r.job.id = id;
     r.id = id;
     r.printerId = job.printerId();
     r.printerName = slots_.SrvPrinterExists(r.printerId) ? slots_.at(r.printerId).name.trimmed() : GetString(12049);
@@ -230,7 +234,20 @@ JobRow JobStore::buildRow(qint32 id, const QString& jobText) const
     return r;
 }
 
-bool JobStore::SrvAddJob(const QString& jobText)
+std::optional<PrintJob> JobStore::nextJob(qint32 printerId) const
+{
+    const int row = list_.findJob(list_.firstJobOf(printerId));
+    if (row < 0)
+        return std::nullopt;
+    return list_.rowAt(row).job;
+}
+
+bool JobStore::jobStored(qint32 id)
+{
+    return jdb_.SrvSeekJob(id);
+}
+
+bool JobStore::SrvAddJob(const PrintJob& job)
 {
     qint32 id = 0;
     try {
@@ -241,11 +258,11 @@ bool JobStore::SrvAddJob(const QString& jobText)
         if (inBatch_ && refusal_)
             throw *refusal_;
         // The row's fields are read before anything is stored.
-        const JobRow row = buildRow(id, jobText);
+        const JobRow row = buildRow(id, job);
         rs->AddNew();
         rs->setField(QStringLiteral("Id"), id);
         rs->setField(QStringLiteral("PrinterId"), row.printerId);
-        rs->setField(QStringLiteral("Job"), jobText);
+        rs->setField(QStringLiteral("Job"), job.text);
         rs->Update();
         if (inBatch_)
             batchJobs_.push_back(id);
@@ -277,7 +294,7 @@ void JobStore::noteFailure(const std::exception& e)
 const JobRow& JobStore::SrvAddJobRow(const Recordset& rs)
 {
     const qint32 id = NullToLong(rs.field(QStringLiteral("Id")), -1);
-    list_.append(buildRow(id, NullToStr(rs.field(QStringLiteral("Job")), QString())));
+    list_.append(buildRow(id, PrintJob::fromText(NullToStr(rs.field(QStringLiteral("Job")), QString()))));
     return list_.rowAt(list_.count() - 1);
 }
 

@@ -18,6 +18,7 @@
 // once commitBatch() returns true for the batch it was added in.
 #include "database/slots.h"
 #include "foundation/error.h"
+#include "foundation/printjob.h"
 
 #include <QAbstractTableModel>
 #include <QString>
@@ -36,6 +37,7 @@ class Recordset;
 
 // One row of the job list, with the keys and tags of its columns.
 struct JobRow {
+    PrintJob job;           // the job as it was read when it arrived
     qint32 id = 0;          // row tag
     QString text;           // id, a blank and the caption
     QString copies;         // column "Kopior"
@@ -119,9 +121,9 @@ public:
 
     JobListModel& jobList() { return list_; }
 
-    // Stores the request text as a new job and appends its row. Traps its errors
+    // Stores the job and appends its row. Traps its errors
     // ("SrvAddJob failed. JId = ..."); false when the job was not stored.
-    bool SrvAddJob(const QString& jobText);
+    bool SrvAddJob(const PrintJob& job);
     // Clears the list and fills it from the job recordset in Id order.
     void SrvInitAllJobs();
     // Appends the row of the job the recordset stands on. Throws to the caller's trap.
@@ -140,6 +142,11 @@ public:
     int deleteJobsWhere(const std::function<bool(const JobRow&)>& match);
     // Next job of the printer in queue order; 0 when none.
     qint32 SrvNextJobId(qint32 printerId) const { return list_.firstJobOf(printerId); }
+    // The same job as a value, with its id; none when the printer has no job.
+    std::optional<PrintJob> nextJob(qint32 printerId) const;
+    // Is the job's tbJob row still there (another program may delete it)?
+    // Throws to the caller's trap.
+    bool jobStored(qint32 id);
 
     // Groups the jobs stored until commitBatch() into one transaction. False when a
     // batch is already open or the transaction cannot start (the write lock was
@@ -153,7 +160,7 @@ public:
     bool inBatch() const { return inBatch_; }
 
     // The row SrvAddJob would show for a job text (no database access).
-    JobRow buildRow(qint32 id, const QString& jobText) const;
+    JobRow buildRow(qint32 id, const PrintJob& job) const;
 
 private:
     // Deletes the rows of tbJob; the ids whose row could not be deleted.

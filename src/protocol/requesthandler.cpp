@@ -80,7 +80,7 @@ void RequestHandler::SrvHandleRequest(const QString& data, int connection)
         } else {
             const QString op = request.operation();
             if (op == QLatin1String("P"))
-                answer = printRequest(text, request);
+                answer = printRequest(text);
             else if (op == QLatin1String("C"))
                 answer = configureRequest(request);
             else
@@ -114,10 +114,10 @@ void RequestHandler::openBatch()
     }
 }
 
-bool RequestHandler::storeJob(const QString& jobText)
+bool RequestHandler::storeJob(const PrintJob& job)
 {
     openBatch();
-    return svc_.addJob(jobText);
+    return svc_.addJob(job);
 }
 
 void RequestHandler::flush()
@@ -134,22 +134,24 @@ void RequestHandler::flush()
     listener_.setHoldClosed(false);
 }
 
-QString RequestHandler::printRequest(const QString& request, const JobFields& fields)
+QString RequestHandler::printRequest(const QString& request)
 {
     if (!svc_.serviceRunning())
         return reply(1001);
-    const qint32 printerId = fields.printerId();
-    const qint32 templateId = fields.templateId();
-    const qint32 mode = fields.checkMode();
+    // Read once: the job store, the queue and the driver take these values.
+    const PrintJob job = PrintJob::fromText(request);
+    if (!job.readable(PrintJob::CheckedFields))
+        throw Error(ErrOverflow, QStringLiteral("Overflow"));
+    const qint32 printerId = job.printerId;
     PrinterSlots& printers = *svc_.printers;
     if (!printers.SrvPrinterExists(printerId))
         return reply(1002);
     if (printers.SrvPrinterIsPassive(printerId))
         return reply(1003);
-    if (!SrvTemplateOK(templateId, mode))
+    if (!SrvTemplateOK(job.templateId, job.checkMode))
         return reply(1004);
 
-    if (!storeJob(request))
+    if (!storeJob(job))
         return reply(1005);
     replyAwaitsCommit_ = true;
     traffic_.indicate(TrafficIndicator::ReceivingJob);
@@ -246,7 +248,7 @@ QString RequestHandler::addinFraming(const QString& data, int connection)
         r.replace(QLatin1Char('\r'), QLatin1Char('\t'));
         r += QStringLiteral("\t\r\n");
         // No reply in this form: a record that cannot be stored is only logged.
-        if (storeJob(r))
+        if (storeJob(PrintJob::fromText(r)))
             traffic_.indicate(TrafficIndicator::ReceivingJob);
     }
     // Framing drops whatever comes before a start marker, so only a possible

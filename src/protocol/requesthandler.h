@@ -1,6 +1,8 @@
 #pragma once
 #include "database/jobstore.h"
 
+#include "foundation/printjob.h"
+
 #include <QObject>
 #include <QTimer>
 #include <QString>
@@ -21,7 +23,7 @@ struct RequestServices {
     PrinterSlots* printers = nullptr;
     std::function<bool(qint32 templateId)> templateInDB;
     // False when the job was not stored (nothing of it is in tbJob or the list).
-    std::function<bool(const QString& jobText)> addJob;
+    std::function<bool(const PrintJob& job)> addJob;
     // Configure 1: every printer whose CurrentTemplateId equals the id gets 0.
     std::function<void(qint32 templateId)> clearCurrentTemplate;
     // Configure 3: deletes the jobs whose list row matches, from table and list.
@@ -59,11 +61,11 @@ public:
 
 private:
     QString addinFraming(const QString& data, int connection);
-    QString printRequest(const QString& request, const JobFields& fields);
+    QString printRequest(const QString& request);
     QString configureRequest(const JobFields& request);
     void sendReply(int connection, const QString& text, bool awaitsCommit);
     void openBatch();
-    bool storeJob(const QString& jobText);
+    bool storeJob(const PrintJob& job);
 
     Listener& listener_;
     TrafficIndicator& traffic_;

@@ -6,7 +6,6 @@
 #include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
-#include "foundation/jobfields.h"
 #include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
@@ -127,9 +126,12 @@ bool PrintService::CreateQuillmotor(int n)
     }
     if (obj && !failed) {
         drivers_[n] = obj;
-        connect(obj, &MP104C::MPCheckFinished, this, [this, n] { MainUpdatePrinterStatusAfterMPCheck(drivers_[n], n); });
+        connect(obj, &MP104C::MPCheckFinished, this,
+                [this, n](qint32, const DriverResult& result) { MainUpdatePrinterStatusAfterMPCheck(n, result); });
         connect(obj, &MP104C::MPPrintJobFinished, this,
-                [this, n] { MainUpdatePrinterStatusAfterMPPrintJob(MainSetQuillmotorRef(n), n); });
+                [this, n](qint32 printerId, const PrintJob& job, const DriverResult& result) {
+                    MainUpdatePrinterStatusAfterMPPrintJob(n, printerId, job, result);
+                });
         return true;
     }
     if (!failed && !obj)
@@ -186,13 +188,9 @@ qint32 PrintService::currentTemplate(qint32 printerId)
     return jdb_.currentTemplate(printerId);
 }
 
-void PrintService::MainSetQuillmotorJob(MP104C* obj, qint32 templateId, qint32 jobId, const QString& jobData)
+bool PrintService::needsLayout(MP104C* obj, const PrintJob& job)
 {
-    need(obj)->setTemplateId(templateId);
-    obj->setJobId(jobId);
-    obj->setJobData(jobData);
-    const qint32 current = currentTemplate(obj->PrinterId());
-    obj->setNewTemplate(obj->TemplateId() != current);
+    return job.templateId != currentTemplate(need(obj)->PrinterId());
 }
 
 // ---------------------------------------------------------- service control
@@ -292,31 +290,19 @@ void PrintService::jobTimerTick(int k)
             MP104C* obj = need(MainSetQuillmotorRef(p));
             // A check still under way in the driver would answer for a job it
             // has not printed yet: the job waits for it.
-            const qint32 j = obj->busy() ? 0 : store_.SrvNextJobId(p);
-            const bool found = j >= 1 && jdb_.SrvSeekJob(j);
-            if (j >= 1 && !found) {
+            const std::optional<PrintJob> job = obj->busy() ? std::nullopt : store_.nextJob(p);
+            if (job && !store_.jobStored(job->id)) {
                 // Deleted from tbJob by another program: no job is started, and
                 // its row leaves the list so the printer's next job can go.
-                LogWrite(QStringLiteral("JobTimer: job %1 is no longer in tbJob.  PId = %2").arg(j).arg(p));
-                store_.SrvRemoveJobRow(j);
-            }
-            if (found) {
-                const QString text = NullToStr(jdb_.jobRecordset()->field(QStringLiteral("Job")), QString());
-                const JobFields job(text);
-                if (job.printerId() == p) {
-                    const QString op = job.operation();
-                    const qint32 templateId = job.templateId();
-                    const qint32 mode = job.checkMode();
-                    if (op == QLatin1String("P") && SrvTemplateOK(templateId, mode)
-                        && slots_.at(p).status == StatusReady) {
-                        setStatus(p, StatusWorking, GetString(12077));
-                        MainSetQuillmotorConnection(obj, slots_.at(p));
-                        MainSetQuillmotorJob(obj, templateId, j, text);
-                        if (obj->MPPrintJob()) {
-                            emit jobStarted(p, j);
-                            return; // the timer waits for the end of the run
-                        }
-                    }
+                LogWrite(QStringLiteral("JobTimer: job %1 is no longer in tbJob.  PId = %2").arg(job->id).arg(p));
+                store_.SrvRemoveJobRow(job->id);
+            } else if (job && job->printerId == p && job->print && SrvTemplateOK(job->templateId, job->checkMode)
+                       && slots_.at(p).status == StatusReady) {
+                setStatus(p, StatusWorking, GetString(12077));
+                MainSetQuillmotorConnection(obj, slots_.at(p));
+                if (obj->MPPrintJob(*job, needsLayout(obj, *job))) {
+                    emit jobStarted(p, job->id);
+                    return; // the timer waits for the end of the run
                 }
             }
         }
@@ -414,39 +400,30 @@ void PrintService::MainCheckPrinterStatus(qint32 n)
     }
 }
 
-void PrintService::MainUpdatePrinterStatusAfterMPCheck(MP104C* obj, int n)
+void PrintService::MainUpdatePrinterStatusAfterMPCheck(int n, const DriverResult& result)
 {
-    if (!obj)
-        return;
-    const QString result = obj->Result();
-    const bool ok = GetToken(result, TAB, 1) == QLatin1String("OK");
     try {
-        if (ok)
+        if (result.ok)
             setStatus(n, StatusReady, GetString(12051));
         else
-            setStatus(n, StatusError, GetToken(result, TAB, 2));
+            setStatus(n, StatusError, result.text);
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("MainUpdatePrinterStatusAfterMPCheck failed.  PId = ") + QString::number(n)
                  + QStringLiteral(" Error: ") + trappedText(e));
     }
-    emit checkFinished(n, ok, result);
+    emit checkFinished(n, result.ok, result.text);
 }
 
-void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(MP104C* obj, int n)
+void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(int n, qint32 printerId, const PrintJob& job,
+                                                         const DriverResult& result)
 {
-    if (!obj)
-        return;
-    obj->setNewTemplate(false);
-    const QString result = obj->Result();
-    const bool ok = GetToken(result, TAB, 1) == QLatin1String("OK");
-    const qint32 jobId = obj->JobId();
     try {
-        if (ok) {
-            store_.SrvDeleteJob(jobId);
-            jdb_.setCurrentTemplate(obj->PrinterId(), obj->TemplateId());
+        if (result.ok) {
+            store_.SrvDeleteJob(job.id);
+            jdb_.setCurrentTemplate(printerId, job.templateId);
             setStatus(n, StatusReady, GetString(12051));
         } else {
-            setStatus(n, StatusError, GetToken(result, TAB, 2));
+            setStatus(n, StatusError, result.text);
         }
     } catch (const std::exception& e) {
         // The slot keeps its status: the status pass asks the printer again
@@ -454,7 +431,7 @@ void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(MP104C* obj, int n)
         LogWrite(QStringLiteral("MainUpdatePrinterStatusAfterMPPrintJob failed.  PId = ") + QString::number(n)
                  + QStringLiteral(" Error: ") + trappedText(e));
     }
-    emit jobFinished(n, jobId, ok, result);
+    emit jobFinished(n, job.id, result.ok, result.text);
     reenableJobTimer(n);
 }
 

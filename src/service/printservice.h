@@ -60,8 +60,9 @@ public:
     MP104C* driver(int n) const { return MainSetQuillmotorRef(n); }
     // Identity and connection of a slot's printer into a driver object.
     static void MainSetQuillmotorConnection(MP104C* obj, const PrinterSlot& record);
-    // A job into a driver object; NewTemplate from the printer's CurrentTemplateId.
-    void MainSetQuillmotorJob(MP104C* obj, qint32 templateId, qint32 jobId, const QString& jobData);
+    // Whether a job's run sends its layout: its template is not the printer's
+    // CurrentTemplateId.
+    bool needsLayout(MP104C* obj, const PrintJob& job);
     // Releases the five objects (a run in progress is dropped; its job stays queued).
     void releaseDrivers();
 
@@ -100,8 +101,9 @@ public:
     void setStatus(qint32 n, qint32 code, const QString& text);
 
     // Result handlers, run on the driver events of slot n.
-    void MainUpdatePrinterStatusAfterMPCheck(MP104C* obj, int n);
-    void MainUpdatePrinterStatusAfterMPPrintJob(MP104C* obj, int n);
+    void MainUpdatePrinterStatusAfterMPCheck(int n, const DriverResult& result);
+    void MainUpdatePrinterStatusAfterMPPrintJob(int n, qint32 printerId, const PrintJob& job,
+                                                const DriverResult& result);
 
     // One job-timer tick for slot k + 1.
     void jobTimerTick(int k);
@@ -112,8 +114,8 @@ signals:
     void printerStatusChanged(int printerId, int status, const QString& text);
     // A print run was handed to a driver / its result was processed.
     void jobStarted(int printerId, int jobId);
-    void jobFinished(int printerId, int jobId, bool ok, const QString& result);
-    void checkFinished(int printerId, bool ok, const QString& result);
+    void jobFinished(int printerId, int jobId, bool ok, const QString& reason);
+    void checkFinished(int printerId, bool ok, const QString& reason);
     // Start of the service failed and the operator was told.
     void serviceStartFailed();
 

@@ -1,6 +1,7 @@
 #include "service/quillmotor.h"
 
 #include "foundation/cp1252.h"
+#include "foundation/error.h"
 #include "foundation/eventlog.h"
 #include "foundation/jobfields.h"
 #include "foundation/paths.h"
@@ -61,10 +62,6 @@ MP104C::Work MP104C::snapshot(bool print) const
     w.printerId = printerId_;
     w.port = port_;
     w.settings = settings_;
-    w.newTemplate = newTemplate_;
-    w.jobId = jobId_;
-    w.jobData = jobData_;
-    w.templateId = templateId_;
     return w;
 }
 
@@ -96,11 +93,14 @@ bool MP104C::MPCheck()
     return true;
 }
 
-bool MP104C::MPPrintJob()
+bool MP104C::MPPrintJob(const PrintJob& job, bool newTemplate)
 {
     if (queue_.size() >= MaxQueuedWork)
         return false;
-    queue_.push_back(snapshot(true));
+    Work w = snapshot(true);
+    w.job = job;
+    w.newTemplate = newTemplate;
+    queue_.push_back(std::move(w));
     if (!current_)
         QMetaObject::invokeMethod(this, &MP104C::startNext, Qt::QueuedConnection);
     return true;
@@ -111,7 +111,7 @@ QString MP104C::runName() const
     if (!current_)
         return {};
     if (current_->print)
-        return QStringLiteral("MPPrintJob PId = %1 JId = %2").arg(current_->printerId).arg(current_->jobId);
+        return QStringLiteral("MPPrintJob PId = %1 JId = %2").arg(current_->printerId).arg(current_->job.id);
     return QStringLiteral("MPCheck PId = %1").arg(current_->printerId);
 }
 
@@ -139,9 +139,7 @@ void MP104C::startNext()
     // half-way through a label.
     w.steps.push_back({link::Status, {QStringLiteral("4")}});
     if (w.print) {
-        w.copies = JobFields(w.jobData).copies();
-        if (w.copies < 1)
-            w.copies = 1;
+        w.copies = w.job.copies < 1 ? 1 : w.job.copies;
         if (!addLabelSteps(w.newTemplate))
             return;
     }
@@ -151,7 +149,7 @@ void MP104C::startNext()
     if (!address.valid() || (address.kind == LinkAddress::Serial && !ParseLineSettings(w.settings, &line))) {
         log(runName() + QStringLiteral(": bad connection \"") + w.port + QStringLiteral("\" \"") + w.settings
             + QLatin1Char('"'));
-        finish(ResultErr(GetString(12038)));
+        finish(DriverResult::failure(GetString(12038)));
         return;
     }
     // A device operation has the line: this run waits for it, untimed (the
@@ -169,7 +167,7 @@ void MP104C::startNext()
     io_ = OpenTransport(address, line, this, &error);
     if (!io_) {
         log(runName() + QStringLiteral(": cannot open ") + w.port + QStringLiteral(" ") + error);
-        finish(ResultErr(GetString(12038)));
+        finish(DriverResult::failure(GetString(12038)));
         return;
     }
     if (!decoder_)
@@ -199,22 +197,31 @@ void MP104C::startNext()
 bool MP104C::addLabelSteps(bool withLayout)
 {
     Work& w = *current_;
-    const QString name = QString::number(w.templateId);
+    const QString name = QString::number(w.job.templateId);
     if (withLayout) {
         QFile f(HomePath(name + QStringLiteral(".lbl")));
         if (!f.open(QIODevice::ReadOnly)) {
             log(runName() + QStringLiteral(": layout ") + f.fileName() + QStringLiteral(" not readable"));
-            finish(ResultErr(DeviceErrorText(link::ErrFile)));
+            finish(DriverResult::failure(DeviceErrorText(link::ErrFile)));
             return false;
         }
         if (f.size() >= link::MaxFrameBytes) {
-            finish(ResultErr(DeviceErrorText(link::ErrMemory)));
+            finish(DriverResult::failure(DeviceErrorText(link::ErrMemory)));
             return false;
         }
         w.steps.push_back({link::Layout, {name, FromCp1252(f.readAll())}});
         w.layoutSent = true;
     }
-    for (const auto& v : JobVariables(w.jobData))
+    QList<QPair<int, QString>> vars;
+    try {
+        vars = JobVariables(w.job.text);
+    } catch (const std::exception& e) {
+        // Separators beyond the field readers' reach: the text cannot be sent.
+        log(runName() + QStringLiteral(": job text not readable"));
+        finish(DriverResult::failure(errorText(e)));
+        return false;
+    }
+    for (const auto& v : vars)
         w.steps.push_back({link::Var, {QString::number(v.first), v.second}});
     // Named, so a printer holding another layout (a test label, or none after
     // a clear or a power cut) refuses instead of printing on it.
@@ -264,12 +271,12 @@ void MP104C::answer(int result, const QStringList& values)
     bool ok = result >= link::Ok;
     if (verb == link::Status) {
         if (result < 0) {
-            finish(ResultErr(DeviceErrorText(result)));
+            finish(DriverResult::failure(DeviceErrorText(result)));
             return;
         }
         const QString r = DeviceStatusResult(result);
         if (!r.startsWith(QStringLiteral("OK"))) {
-            finish(r);
+            finish(DriverResult::failure(GetToken(r, TAB, 2)));
             return;
         }
         ok = true; // the answer is the fault bits, 0 when there is none
@@ -279,7 +286,7 @@ void MP104C::answer(int result, const QStringList& values)
         // The printer no longer holds the layout this run took for granted:
         // send it with the variables once more, and that print decides.
         if (result == link::ErrFile && !w.layoutSent) {
-            log(runName() + QStringLiteral(": layout ") + QString::number(w.templateId)
+            log(runName() + QStringLiteral(": layout ") + QString::number(w.job.templateId)
                 + QStringLiteral(" not held by the printer, sent again"));
             if (addLabelSteps(true))
                 sendStep();
@@ -292,15 +299,15 @@ void MP104C::answer(int result, const QStringList& values)
     Q_UNUSED(values);
     if (!ok) {
         log(runName() + QStringLiteral(": ") + verb + QStringLiteral(" answered ") + QString::number(result));
-        finish(ResultErr(DeviceErrorText(result)));
+        finish(DriverResult::failure(DeviceErrorText(result)));
         return;
     }
     if (w.steps.empty()) {
         if (w.print)
             log(runName() + QStringLiteral(": ") + QString::number(w.copies) + QStringLiteral(" label(s) printed")
-                + (w.layoutSent ? QStringLiteral(", layout ") + QString::number(w.templateId) + QStringLiteral(" sent")
+                + (w.layoutSent ? QStringLiteral(", layout ") + QString::number(w.job.templateId) + QStringLiteral(" sent")
                                 : QString()));
-        finish(ResultOk());
+        finish(DriverResult::success());
         return;
     }
     sendStep();
@@ -311,7 +318,7 @@ void MP104C::onLinkLost()
     if (!current_ || !io_)
         return;
     log(runName() + QStringLiteral(": link lost ") + io_->errorString());
-    finish(ResultErr(connected_ ? DeviceErrorText(link::ErrComm) : GetString(12038)));
+    finish(DriverResult::failure(connected_ ? DeviceErrorText(link::ErrComm) : GetString(12038)));
 }
 
 void MP104C::onTimeout()
@@ -320,7 +327,7 @@ void MP104C::onTimeout()
         return;
     log(runName() + (connected_ ? QStringLiteral(": no answer to ") + waitingVerb_
                                 : QStringLiteral(": no connection")));
-    finish(ResultErr(connected_ ? DeviceErrorText(link::ErrComm) : GetString(12038)));
+    finish(DriverResult::failure(connected_ ? DeviceErrorText(link::ErrComm) : GetString(12038)));
 }
 
 void MP104C::closeTransport()
@@ -353,29 +360,21 @@ void MP104C::closeTransport()
     io->deleteLater();
 }
 
-void MP104C::finish(const QString& result)
+void MP104C::finish(const DriverResult& result)
 {
     timer_.stop();
     closeTransport();
     waitingFor_ = 0;
-    if (!result.startsWith(QStringLiteral("OK")))
-        log(runName() + QStringLiteral(": ") + result);
+    if (!result.ok)
+        log(runName() + QStringLiteral(": ") + result.logText());
     Work w = std::move(*current_);
     current_.reset();
-    // The server reads the run's own identity back, whatever was written
-    // meanwhile for a check that waits behind it.
-    result_ = result;
-    printerId_ = w.printerId;
-    if (w.print) {
-        jobId_ = w.jobId;
-        templateId_ = w.templateId;
-    }
     if (!queue_.empty())
         QMetaObject::invokeMethod(this, &MP104C::startNext, Qt::QueuedConnection);
     if (w.print)
-        emit MPPrintJobFinished();
+        emit MPPrintJobFinished(w.printerId, w.job, result);
     else
-        emit MPCheckFinished();
+        emit MPCheckFinished(w.printerId, result);
 }
 
 } // namespace quill

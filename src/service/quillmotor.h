@@ -1,10 +1,13 @@
 #pragma once
 // The printer driver "Quillmotor.MP104C": one object per printer slot. The
-// server writes identity, connection and job into its properties, starts a
-// check or a print run, and reads Result when the matching event comes.
+// server writes identity and connection into its properties, starts a check,
+// or a print run from a PrintJob value, and gets the run's result with the
+// matching event.
 // All work runs on the event loop over the printer link (printers/link.h):
 // nothing here blocks, and every step has a time limit, so every run that
 // was started ends with its event.
+#include "foundation/printjob.h"
+
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -29,11 +32,6 @@ class MP104C : public QObject {
     Q_PROPERTY(qint32 PrinterId READ PrinterId WRITE setPrinterId)
     Q_PROPERTY(QString Port READ Port WRITE setPort)
     Q_PROPERTY(QString Settings READ Settings WRITE setSettings)
-    Q_PROPERTY(bool NewTemplate READ NewTemplate WRITE setNewTemplate)
-    Q_PROPERTY(qint32 JobId READ JobId WRITE setJobId)
-    Q_PROPERTY(QString JobData READ JobData WRITE setJobData)
-    Q_PROPERTY(QString Result READ Result)
-    Q_PROPERTY(qint32 TemplateId READ TemplateId WRITE setTemplateId)
 
 public:
     static inline const QString ProgId = QStringLiteral("Quillmotor.MP104C");
@@ -47,22 +45,14 @@ public:
     void setPort(const QString& v) { port_ = v; }
     QString Settings() const { return settings_; }
     void setSettings(const QString& v) { settings_ = v; }
-    bool NewTemplate() const { return newTemplate_; }
-    void setNewTemplate(bool v) { newTemplate_ = v; }
-    qint32 JobId() const { return jobId_; }
-    void setJobId(qint32 v) { jobId_ = v; }
-    QString JobData() const { return jobData_; }
-    void setJobData(const QString& v) { jobData_ = v; }
-    QString Result() const { return result_; }
-    qint32 TemplateId() const { return templateId_; }
-    void setTemplateId(qint32 v) { templateId_ = v; }
 
     // Both start work and return at once; true means the matching event will
     // follow. A request made while a print run is under way waits for it; a
     // check asked for again while one is under way starts afresh, and one
-    // waiting check answers for all requests made meanwhile.
+    // waiting check answers for all requests made meanwhile. A print run
+    // sends the layout first when newTemplate is set.
     Q_INVOKABLE bool MPCheck();
-    Q_INVOKABLE bool MPPrintJob();
+    bool MPPrintJob(const quill::PrintJob& job, bool newTemplate);
 
     bool busy() const { return current_.has_value() || !queue_.empty(); }
 
@@ -71,8 +61,10 @@ public:
     int answerTimeout() const { return answerTimeoutMs_; }
 
 signals:
-    void MPCheckFinished();
-    void MPPrintJobFinished();
+    // The run's printer id, and for a print run its job, come with the result:
+    // whatever was written meanwhile for a run that waits behind it.
+    void MPCheckFinished(qint32 printerId, const quill::DriverResult& result);
+    void MPPrintJobFinished(qint32 printerId, const quill::PrintJob& job, const quill::DriverResult& result);
 
 private:
     struct Step {
@@ -85,15 +77,14 @@ private:
         QString port;
         QString settings;
         bool newTemplate = false;
-        qint32 jobId = 0;
-        QString jobData;
-        qint32 templateId = 0;
+        PrintJob job;
         std::deque<Step> steps;
         int copies = 1;
         bool layoutSent = false;
     };
 
     Work snapshot(bool print) const;
+    bool enqueue(Work w);
     void startNext();
     void onConnected();
     void onReadyRead();
@@ -104,7 +95,7 @@ private:
     bool addLabelSteps(bool withLayout);
     void sendStep();
     void answer(int result, const QStringList& values);
-    void finish(const QString& result);
+    void finish(const DriverResult& result);
     void closeTransport();
     void log(const QString& text) const;
     QString runName() const;
@@ -112,11 +103,6 @@ private:
     qint32 printerId_ = 0;
     QString port_;
     QString settings_;
-    bool newTemplate_ = false;
-    qint32 jobId_ = 0;
-    QString jobData_;
-    QString result_;
-    qint32 templateId_ = 0;
 
     std::deque<Work> queue_;
     std::optional<Work> current_;
@@ -132,3 +118,6 @@ private:
 };
 
 } // namespace quill
+
+Q_DECLARE_METATYPE(quill::PrintJob)
+Q_DECLARE_METATYPE(quill::DriverResult)

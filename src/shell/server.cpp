@@ -67,7 +67,7 @@ Server::Server(Options options, QObject* parent)
     services.serviceRunning = [this] { return serviceRunning(); };
     services.printers = &printers_;
     services.templateInDB = [this](qint32 id) { return db_->SrvTemplateInDB(id); };
-    services.addJob = [this](const QString& text) { return jobs_->SrvAddJob(text); };
+    services.addJob = [this](const PrintJob& job) { return jobs_->SrvAddJob(job); };
     services.clearCurrentTemplate = [this](qint32 id) { clearCurrentTemplate(id); };
     services.deleteJobsWhere = [this](const JobMatch& match) { return jobs_->deleteJobsWhere(match); };
     services.beginBatch = [this] { return jobs_->beginBatch(); };

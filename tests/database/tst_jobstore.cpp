@@ -59,7 +59,7 @@ class TestJobStore : public QObject {
     }
     bool add(int printer, const QString& caption)
     {
-        return store->SrvAddJob(JobText(printer, 1, "1", "KASSA1", QString(), caption));
+        return store->SrvAddJob(PrintJob::fromText(JobText(printer, 1, "1", "KASSA1", QString(), caption)));
     }
 private slots:
     void init()
@@ -135,7 +135,7 @@ void TestJobStore::rowColumns()
     QFETCH(QString, shown);
     printerSlots.setPrinter(2, {.name = FixedText("  Bar", 25)});
     const QStringList f = fields.split(QLatin1Char(';'));
-    QVERIFY(store->SrvAddJob(JobText(0, 1, f[1], f[2], f[3], f[4]).replace("\tP\t0\t", "\tP\t" + f[0] + "\t")));
+    QVERIFY(store->SrvAddJob(PrintJob::fromText(JobText(0, 1, f[1], f[2], f[3], f[4]).replace("\tP\t0\t", "\tP\t" + f[0] + "\t"))));
     QCOMPARE(shownRows(store->jobList()), QStringList{shown});
 }
 

@@ -2,6 +2,7 @@
 #include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/jobfields.h"
+#include "foundation/printjob.h"
 #include "foundation/strutil.h"
 
 #include <QTest>
@@ -41,6 +42,13 @@ private slots:
                                f.user(),
                                f.caption()};
         QTEST(read.join(QLatin1Char(';')), "read");
+        // The job value carries the same numbers, read once.
+        const PrintJob job = PrintJob::fromText(text);
+        QCOMPARE(job.print, f.operation() == "P");
+        QCOMPARE(QList<int>({job.printerId, job.templateId, job.copies, job.checkMode}),
+                 QList<int>({f.printerId(), f.templateId(), f.copies(), f.checkMode()}));
+        QCOMPARE(job.text, text);
+        QVERIFY(job.readable(PrintJob::ListedFields));
     }
 
     // Every field and the count read as GetToken and CountTokens read them,
@@ -85,6 +93,29 @@ private slots:
         QCOMPARE(f.checkMode(), 0);
         QVERIFY_THROWS_EXCEPTION(Error, f.user());
         QVERIFY_THROWS_EXCEPTION(Error, f.count());
+    }
+
+    // The job value tells which of its readers would meet the overflow.
+    void jobValueKnowsWhereTheOverflowStarts_data()
+    {
+        QTest::addColumn<int>("longField"); // the field 40,000 characters long
+        QTest::addColumn<bool>("checked");
+        QTest::addColumn<bool>("listed");
+        QTest::newRow("template") << 5 << false << false;
+        QTest::newRow("check mode") << 8 << false << false;
+        QTest::newRow("field 9") << 9 << true << false;
+        QTest::newRow("caption") << 12 << true << false;
+        QTest::newRow("field 13") << 13 << true << true;
+    }
+    void jobValueKnowsWhereTheOverflowStarts()
+    {
+        QFETCH(int, longField);
+        QStringList fields{"BRIXA", "1.00", "P", "2", "5", "1", "WS", "0", "", "", "user", "cap", "x", "y"};
+        fields[longField - 1] = QString(40000, 'v');
+        const PrintJob job = PrintJob::fromText(fields.join(TAB));
+        QTEST(job.readable(PrintJob::CheckedFields), "checked");
+        QTEST(job.readable(PrintJob::ListedFields), "listed");
+        QCOMPARE(job.printerId, 2);
     }
 
     void connectionString_data()

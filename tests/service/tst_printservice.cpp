@@ -30,7 +30,7 @@ class TstPrintService : public QObject {
         const qint32 id = srv_->database().SrvDBNextId("tbJob");
         QString text = quill::dbtest::JobText(printer, templateId, "1", "KASSA1", "user1", caption);
         text.replace(QStringLiteral("\tP\t"), QStringLiteral("\t%1\t").arg(op));
-        return srv_->jobs().SrvAddJob(text) ? id : -1;
+        return srv_->jobs().SrvAddJob(PrintJob::fromText(text)) ? id : -1;
     }
     int queued() { return srv_->jobs().jobList().count(); }
     const PrinterSlot& slot(int n) { return srv_->printers().at(n); }

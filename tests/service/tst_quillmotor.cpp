@@ -29,6 +29,20 @@ using quill::test::TestInstallation;
 namespace {
 const QString Ok = QStringLiteral("OK\t");
 QString err(int text) { return QStringLiteral("ERR\t") + GetString(text); }
+
+PrintJob job(qint32 id, const QString& text)
+{
+    PrintJob j = PrintJob::fromText(text);
+    j.id = id;
+    return j;
+}
+
+// The result an event carried, as the driver's log writes it.
+QString resultOf(const QSignalSpy& spy, int at = -1)
+{
+    const QList<QVariant>& args = at < 0 ? spy.last() : spy.at(at);
+    return args.last().value<DriverResult>().logText();
+}
 } // namespace
 
 class TstQuillmotor : public QObject {
@@ -165,12 +179,9 @@ private slots:
         const qint32 id = drv_->PrinterId();
         if (!before.isEmpty()) {
             QSignalSpy first(drv_.get(), &MP104C::MPPrintJobFinished);
-            drv_->setTemplateId(1);
-            drv_->setJobId(6);
-            drv_->setJobData(JobText(id, 1, "1", "KASSA1", "user1", "Lång") + "\t\tRad 14\tRad 15\tRad 16\tRad 17");
-            drv_->setNewTemplate(true);
-            QVERIFY(drv_->MPPrintJob() && first.wait(10000));
-            QCOMPARE(drv_->Result(), Ok);
+            const QString longJob = JobText(id, 1, "1", "KASSA1", "user1", "Lång") + "\t\tRad 14\tRad 15\tRad 16\tRad 17";
+            QVERIFY(drv_->MPPrintJob(job(6, longJob), true) && first.wait(10000));
+            QCOMPARE(resultOf(first), Ok);
             if (before == "test print")
                 QCOMPARE(SrvMPTestPrint(drv_->Port(), drv_->Settings()), Ok);
             else if (before == "clear")
@@ -191,23 +202,23 @@ private slots:
 
         QSignalSpy checked(drv_.get(), &MP104C::MPCheckFinished);
         QSignalSpy printed(drv_.get(), &MP104C::MPPrintJobFinished);
-        drv_->setTemplateId(1);
-        drv_->setJobId(7);
-        drv_->setJobData(JobText(id, 1, "2", "KASSA1", "user1", "Första"));
-        drv_->setNewTemplate(before.isEmpty());
-        QVERIFY(print ? drv_->MPPrintJob() : drv_->MPCheck());
+        const PrintJob second = job(7, JobText(id, 1, "2", "KASSA1", "user1", "Första"));
+        QVERIFY(print ? drv_->MPPrintJob(second, before.isEmpty()) : drv_->MPCheck());
         QVERIFY(checked.isEmpty() && printed.isEmpty()); // all work runs on the event loop
-        // What the server reads back is the run's own identity, whatever was
-        // written meanwhile.
+        // The event carries the run's own identity, whatever was written meanwhile.
         drv_->setPrinterId(97);
-        drv_->setJobId(99);
-        drv_->setTemplateId(98);
-        QVERIFY((print ? printed : checked).wait(10000));
-        QCOMPARE(drv_->Result(), result);
+        QSignalSpy& done = print ? printed : checked;
+        QVERIFY(done.wait(10000));
+        QCOMPARE(resultOf(done), result);
         QCOMPARE((print ? checked : printed).count(), 0);
-        QCOMPARE(drv_->PrinterId(), id);
-        QCOMPARE(drv_->JobId(), print ? 7 : 99);
-        QCOMPARE(drv_->TemplateId(), print ? 1 : 98);
+        QCOMPARE(done.last().at(0).value<qint32>(), id);
+        if (print) {
+            const PrintJob ran = done.last().at(1).value<PrintJob>();
+            QCOMPARE(ran.id, 7);
+            QCOMPARE(ran.templateId, 1);
+            QCOMPARE(ran.text, second.text);
+        }
+        drv_->setPrinterId(id);
         QVERIFY(!drv_->busy());
         if (layout != "-")
             QCOMPARE(emu_->log().value(0), serial ? QStringLiteral("open 9600") : QStringLiteral("open"));
@@ -227,7 +238,7 @@ private slots:
             QCOMPARE(emu_->command("silent off"), QStringLiteral("ok"));
             QVERIFY(drv_->MPCheck());
             QVERIFY(checked.wait(10000));
-            QCOMPARE(drv_->Result(), Ok);
+            QCOMPARE(resultOf(checked), Ok);
         }
     }
 
@@ -243,7 +254,7 @@ private slots:
             drv_->setPort(port);
             QVERIFY(drv_->MPCheck());
             QVERIFY(done.wait(10000));
-            QCOMPARE(drv_->Result(), err(12038));
+            QCOMPARE(resultOf(done), err(12038));
         }
     }
 

@@ -52,7 +52,7 @@ class TstOperator : public QObject {
     qint32 addJob(int printer, const QString& caption)
     {
         const qint32 id = srv_->database().SrvDBNextId("tbJob");
-        return srv_->jobs().SrvAddJob(quill::dbtest::JobText(printer, 1, "1", "KASSA1", "user1", caption)) ? id : -1;
+        return srv_->jobs().SrvAddJob(quill::PrintJob::fromText(quill::dbtest::JobText(printer, 1, "1", "KASSA1", "user1", caption))) ? id : -1;
     }
     int jobsInTable() { return inst_->scalar("SELECT COUNT(*) FROM tbJob").toInt(); }
     const PrinterSlot& slot(int n) { return srv_->printers().at(n); }
