@@ -21,6 +21,9 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
+#include <QRegularExpression>
+
+#include <optional>
 
 #include <cerrno>
 #include <cstdlib>
@@ -177,13 +180,24 @@ void checkpoint(const QString& path)
         throw Error(5, QStringLiteral("database is locked (its write-ahead log still holds data)"));
 }
 
-void integrityCheck(const QString& path)
+// The integrity check, and on success what a backup record says of the file:
+// each table's row count. Throws the damage found.
+QString integrityCheck(const QString& path)
 {
     FileConnection c(path);
     const QStringList r = c.rows(QStringLiteral("PRAGMA integrity_check"));
     if (r != QStringList{QStringLiteral("ok")})
         throw Error(11, QStringLiteral("database disk image is malformed: ")
                             + (r.isEmpty() ? QStringLiteral("no result") : r.first()));
+    QStringList counts;
+    for (const QString& table : c.rows(QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'table' "
+                                                      "AND name NOT LIKE 'sqlite_%' ORDER BY name"))) {
+        QString quoted = table;
+        quoted.replace(QLatin1Char('"'), QLatin1String("\"\""));
+        counts << table + QLatin1Char(' ')
+                + c.rows(QStringLiteral("SELECT count(*) FROM \"") + quoted + QLatin1Char('"')).value(0);
+    }
+    return counts.join(QStringLiteral(", "));
 }
 
 void compactInto(const QString& path, const QString& target)
@@ -218,15 +232,63 @@ void checkAccountFile(const QString& path)
     }
 }
 
-// Backups of earlier starts, oldest first by name, kept in backups/ beside brixa_backup.mdb.
+// What the check found wrong with the file itself, as opposed to what kept it
+// from looking (a full disk, a lock): SQLITE_CORRUPT and SQLITE_NOTADB.
+bool isDamage(const Error& e)
+{
+    return (e.number & 0xff) == 11 || (e.number & 0xff) == 26;
+}
+
+// Backups of earlier starts, oldest first by name, kept in backups/ beside
+// brixa_backup.mdb. Each backup has a record beside it (name + ".check"): its
+// first line "ok" when the copy passed the integrity check, then when it was
+// checked and its tables' row counts, and "kept ..." once a repair followed it.
 constexpr int BackupGenerations = 5;
+
+QString recordOf(const QString& backup)
+{
+    return backup + QStringLiteral(".check");
+}
+
+QStringList recordLines(const QString& backup)
+{
+    QFile f(recordOf(backup));
+    if (!f.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+bool passed(const QString& backup)
+{
+    return recordLines(backup).value(0) == QLatin1String("ok");
+}
+
+void writeRecord(const QString& backup, const QStringList& lines)
+{
+    const QString path = recordOf(backup);
+    const QString fresh = path + QStringLiteral(".tmp");
+    QFile f(fresh);
+    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        throw Error(f.error(), f.errorString());
+    const QByteArray bytes = (lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8();
+    if (f.write(bytes) != bytes.size() || !f.flush() || ::fsync(f.handle()) != 0) {
+        const Error e(f.error(), f.errorString());
+        f.close();
+        f.remove();
+        throw e;
+    }
+    f.close();
+    if (::rename(QFile::encodeName(fresh).constData(), QFile::encodeName(path).constData()) != 0)
+        throw errnoError(errno);
+}
 
 QString stampOf(const QString& path)
 {
     return QFileInfo(path).lastModified().toString(QStringLiteral("yyyyMMdd-HHmmsszzz"));
 }
 
-// Moves the previous start's backup into backups/ under the time it was made.
+// Moves the previous start's backup, with its record, into backups/ under the
+// time it was made.
 void keepGeneration(const QString& backup)
 {
     const QString folder = HomePath(QStringLiteral("backups"));
@@ -238,51 +300,124 @@ void keepGeneration(const QString& backup)
         target = name + QStringLiteral("_%1.mdb").arg(n);
     if (::rename(QFile::encodeName(backup).constData(), QFile::encodeName(target).constData()) != 0)
         throw errnoError(errno);
+    if (exists(recordOf(backup))
+        && ::rename(QFile::encodeName(recordOf(backup)).constData(), QFile::encodeName(recordOf(target)).constData()) != 0)
+        throw errnoError(errno);
     syncPath(folder, true);
 }
 
 // Only once the new backup is in place; a failure here costs nothing but room.
+// The newest backup that passed its check stays whatever the count, and so does
+// one that a repair followed (the last copy of what the repair could not read).
 void pruneGenerations()
 {
     QDir folder(HomePath(QStringLiteral("backups")));
     const QStringList kept = folder.entryList({QStringLiteral("brixa_backup-*.mdb")}, QDir::Files, QDir::Name);
-    for (qsizetype i = 0; i + BackupGenerations < kept.size(); ++i)
-        folder.remove(kept[i]);
+    qsizetype newestPassed = -1;
+    for (qsizetype i = kept.size() - 1; i >= 0 && newestPassed < 0; --i)
+        if (passed(folder.filePath(kept[i])))
+            newestPassed = i;
+    qsizetype excess = kept.size() - BackupGenerations;
+    for (qsizetype i = 0; i < kept.size() && excess > 0; ++i) {
+        const QString path = folder.filePath(kept[i]);
+        if (i == newestPassed || recordLines(path).filter(QRegularExpression(QStringLiteral("^kept"))).size() > 0)
+            continue;
+        if (folder.remove(kept[i])) {
+            folder.remove(kept[i] + QStringLiteral(".check"));
+            --excess;
+        }
+    }
 }
 
-// The backup is written under another name first: a start that cannot make
-// one leaves every earlier backup as it was.
-void makeBackup(const QString& mdb, const QString& backup)
+// The database is copied and the copy checked: a backup is made only of a
+// database that passed, so starts on a damaged one never push a good backup
+// out. The new backup is written under another name first: a start that cannot
+// make one leaves every earlier backup as it was. Returns the damage the check
+// found (then no backup is made), or nothing.
+std::optional<Error> makeBackup(const QString& mdb, const QString& backup)
 {
     const QString fresh = HomePath(QStringLiteral("brixa_backup.tmp"));
     removeFile(fresh);
+    removeFile(recordOf(fresh));
     checkpoint(mdb);
     try {
         copyFileDurable(mdb, fresh);
+        QString counts;
+        try {
+            counts = integrityCheck(fresh);
+        } catch (const Error& e) {
+            ::unlink(QFile::encodeName(fresh).constData());
+            if (!isDamage(e))
+                throw;
+            return e;
+        }
+        writeRecord(fresh, {QStringLiteral("ok"),
+                            QStringLiteral("checked ") + QDateTime::currentDateTime().toString(Qt::ISODate),
+                            counts});
         if (QFileInfo(backup).isFile())
             keepGeneration(backup);
         else
             removeFile(backup);
-        if (::rename(QFile::encodeName(fresh).constData(), QFile::encodeName(backup).constData()) != 0)
+        if (::rename(QFile::encodeName(fresh).constData(), QFile::encodeName(backup).constData()) != 0
+            || ::rename(QFile::encodeName(recordOf(fresh)).constData(), QFile::encodeName(recordOf(backup)).constData())
+                != 0)
             throw errnoError(errno);
         syncFolder();
     } catch (...) {
         ::unlink(QFile::encodeName(fresh).constData());
+        ::unlink(QFile::encodeName(recordOf(fresh)).constData());
         throw;
     }
     pruneGenerations();
+    return std::nullopt;
+}
+
+// The newest backup that passed its check: brixa_backup.mdb or one in backups/.
+QString newestGoodBackup(const QString& backup)
+{
+    if (QFileInfo(backup).isFile() && passed(backup))
+        return backup;
+    QDir folder(HomePath(QStringLiteral("backups")));
+    QStringList kept = folder.entryList({QStringLiteral("brixa_backup-*.mdb")}, QDir::Files, QDir::Name);
+    for (qsizetype i = kept.size() - 1; i >= 0; --i)
+        if (passed(folder.filePath(kept[i])))
+            return folder.filePath(kept[i]);
+    return {};
+}
+
+// After a repair the newest good backup holds what the repair may have lost:
+// it stays, whatever the number of later starts.
+void keepForRepair(const QString& good, const QString& aside)
+{
+    if (good.isEmpty())
+        return;
+    QStringList lines = recordLines(good);
+    lines << QStringLiteral("kept: the last good copy before the repair that set aside ") + aside;
+    try {
+        writeRecord(good, lines);
+    } catch (const std::exception&) {
+        // Only the pruning protection is missing; the repair stands.
+    }
 }
 
 // Rebuilds brixa.mdb from what can still be read of it; the damaged file stays
 // beside it under a dated name. Each table's count is logged.
-void repairDamaged(const QString& mdb, const Error& damage)
+void repairDamaged(const QString& mdb, const Error& damage, const QString& good)
 {
     if (openElsewhere(mdb))
         throw errnoError(EBUSY);
     checkpoint(mdb);
     const QString rebuilt = HomePath(QStringLiteral("brixa_repair.tmp"));
     removeFile(rebuilt);
-    const QList<SalvagedTable> tables = SalvageDatabase(mdb, rebuilt);
+    // Every table but the jobs is configuration: its rows lost to the damage come
+    // back from the good backup. A job there may have been printed since.
+    QStringList restorable;
+    if (!good.isEmpty()) {
+        FileConnection c(good);
+        restorable = c.rows(QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'table' "
+                                           "AND name NOT LIKE 'sqlite_%' AND name <> 'tbJob'"));
+    }
+    const QList<SalvagedTable> tables = SalvageDatabase(mdb, rebuilt, good, restorable);
     const QString aside = QStringLiteral("brixa_damaged-")
         + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss")) + QStringLiteral(".mdb");
     try {
@@ -299,15 +434,22 @@ void repairDamaged(const QString& mdb, const Error& damage)
         ::unlink(QFile::encodeName(rebuilt).constData());
         throw;
     }
+    keepForRepair(good, aside);
     LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database: ") + damage.text()
              + QStringLiteral("; rebuilt from the rows that could be read, the damaged file kept as ") + aside);
-    for (const SalvagedTable& t : tables)
+    for (const SalvagedTable& t : tables) {
         LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database: %1: %2 rows recovered, %3 lost%4")
                      .arg(t.name)
                      .arg(t.recovered)
                      .arg(t.lost)
                      .arg(t.tailUnreadable ? QStringLiteral(" and the rows after the last one recovered")
                                            : QString()));
+        if (t.restored > 0)
+            LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database: %1: %2 rows restored from %3")
+                         .arg(t.name)
+                         .arg(t.restored)
+                         .arg(QDir(HomeDir()).relativeFilePath(good)));
+    }
 }
 
 } // namespace
@@ -339,8 +481,9 @@ bool JobDatabase::SrvOpenDatabases()
 
         // Each step either completes or logs its warning and skips the rest.
         [&] {
+            std::optional<Error> damage;
             try {
-                makeBackup(mdb, backup);
+                damage = makeBackup(mdb, backup);
             } catch (const std::exception& e) {
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Backup database failed. Error: ") + errorText(e));
                 return;
@@ -348,11 +491,8 @@ bool JobDatabase::SrvOpenDatabases()
             crashPoint("backup");
 
             try {
-                try {
-                    integrityCheck(mdb);
-                } catch (const Error& damage) {
-                    repairDamaged(mdb, damage);
-                }
+                if (damage)
+                    repairDamaged(mdb, *damage, newestGoodBackup(backup));
             } catch (const std::exception& e) {
                 LogWrite(QStringLiteral("Warning SrvOpenDatabases Repair database failed. Error: ") + errorText(e));
                 return;

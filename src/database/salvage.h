@@ -1,5 +1,7 @@
 #pragma once
 // Rebuilding a damaged SQLite file from what can still be read.
+#include "foundation/error.h"
+
 #include <QList>
 #include <QSqlDatabase>
 #include <QString>
@@ -30,18 +32,31 @@ private:
 struct SalvagedTable {
     QString name;
     qint64 recovered = 0;
-    // Key values in unreadable stretches between readable rows: the rows lost
-    // where keys are dense (job ids), at most that many otherwise.
+    // Keys between the bounds of the unreadable pages that no readable page
+    // holds: the rows lost where keys are dense (job ids), at most that many
+    // otherwise.
     qint64 lost = 0;
-    // Rows after the last readable one could not be reached at all.
+    // Rows beyond the last key a readable page bounds (or the whole table, when
+    // its first page is gone) could not be counted.
     bool tailUnreadable = false;
+    // Rows that were lost and came back from the good backup instead.
+    qint64 restored = 0;
 };
 
 // Creates `target` (which must not exist) with the schema of `damaged` and every
-// row of its tables that can still be read, walking each table by rowid and
-// stepping over stretches that fail; indexes are built anew. The target is
-// fsync'd. Throws quill::Error when the schema itself cannot be read or the
-// target cannot be written (a partial target is removed).
-QList<SalvagedTable> SalvageDatabase(const QString& damaged, const QString& target);
+// row that a readable page of it holds. The file is read page by page, not
+// through its b-trees alone: a table's rows on a readable leaf come back even
+// when the pages above it are gone, as long as the free-page list is whole (its
+// pages hold rows deleted long ago). Two rows with one key: the first found
+// stays. Indexes are built anew.
+//
+// `goodBackup` (may be empty) is a copy that passed its check: it gives the
+// page size and schema when the file's own are unreadable, and for the tables
+// named in `restorable` the rows it holds that the damage took.
+//
+// The target is fsync'd. Throws quill::Error when nothing of the file can be
+// read or the target cannot be written (a partial target is removed).
+QList<SalvagedTable> SalvageDatabase(const QString& damaged, const QString& target, const QString& goodBackup = {},
+                                     const QStringList& restorable = {});
 
 } // namespace quill

@@ -33,16 +33,24 @@ bool switchOn(Hive hive, const QString& key, const QString& name)
 {
     return NullToLong(RegGetValue(hive, key, name), 0) > 0;
 }
-// Why nothing can be created in the folder, or empty when it can.
+// Why nothing can be written in the folder, or empty when it can: a file is
+// made and a few bytes go into it, as the lock file needs (a full disk still
+// lets an empty file be made).
 QString whyNotWritable(const QString& folder)
 {
     const QByteArray probe = QFile::encodeName(folder + QStringLiteral("/.quillbase-write-%1").arg(::getpid()));
     const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0)
         return QString::fromLocal8Bit(std::strerror(errno));
+    const QByteArray bytes = QByteArray::number(::getpid()) + '\n';
+    int err = 0;
+    if (::write(fd, bytes.constData(), size_t(bytes.size())) != bytes.size())
+        err = errno ? errno : ENOSPC;
+    else if (::fsync(fd) != 0)
+        err = errno;
     ::close(fd);
     ::unlink(probe.constData());
-    return {};
+    return err ? QString::fromLocal8Bit(std::strerror(err)) : QString();
 }
 QString activated(bool on)
 {
@@ -129,19 +137,31 @@ Server::StartResult Server::startup()
         readRegistrySettings();
 
         // Without a writable folder the lock file cannot be made either, which
-        // would read as another copy running.
-        if (const QString why = whyNotWritable(HomeDir()); !why.isEmpty()) {
+        // must not read as another copy running.
+        auto notWritable = [this](const QString& why) {
             const QString text = GetString(12144, QDir::toNativeSeparators(HomeDir()) + QLatin1Char('|') + why);
             LogWrite(QStringLiteral("Startup failed. ") + text);
             // Shown even in silent mode: the log may be in that very folder.
             MsgBox(text, BoxIcon::Critical);
+            instanceLock_.reset();
             starting_ = false;
             shutDown_ = true;
             return HomeNotWritable;
-        }
+        };
+        if (const QString why = whyNotWritable(HomeDir()); !why.isEmpty())
+            return notWritable(why);
         instanceLock_ = std::make_unique<QLockFile>(HomePath(QStringLiteral("quillbase.lock")));
         instanceLock_->setStaleLockTime(0);
         if (!instanceLock_->tryLock(0)) {
+            // Only a lock that another process holds means another copy; a lock
+            // file that could not be written (the disk filled up since the probe)
+            // is the folder's fault.
+            if (instanceLock_->error() != QLockFile::LockFailedError) {
+                QString why = whyNotWritable(HomeDir());
+                if (why.isEmpty())
+                    why = QStringLiteral("quillbase.lock cannot be created");
+                return notWritable(why);
+            }
             instanceLock_.reset();
             // The running copy owns the log: this one ends without a line there.
             SetUseLog(false);

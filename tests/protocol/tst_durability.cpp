@@ -76,6 +76,7 @@ private slots:
     void killKeepsEveryAnsweredJobInOrder();
     void secondCopyChangesNothing_data();
     void secondCopyChangesNothing();
+    void unwritableFolder_data();
     void unwritableFolder();
 };
 
@@ -178,23 +179,42 @@ void TestDurability::secondCopyChangesNothing()
     QCOMPARE(fileBytes(mdb), before);
 }
 
+void TestDurability::unwritableFolder_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("read-only folder") << "read-only" << "Read-only file system";
+    QTest::newRow("full disk") << "full" << "No space left on device";
+}
+
 // Not "already started" and exit 0: the folder and the reason, and a failure exit.
 void TestDurability::unwritableFolder()
 {
+    QFETCH(QString, fault);
+    QFETCH(QString, reason);
     QString why;
-    if (!quill::test::BindReadOnly(inst->path(), &why))
+    if (fault == "read-only" && !quill::test::BindReadOnly(inst->path(), &why))
         QSKIP(qPrintable("cannot make the installation folder read-only: " + why));
+    if (fault == "full") {
+        if (!quill::test::MountTmpfsOver(inst->path(), 4096, &why))
+            QSKIP(qPrintable("no tmpfs for the installation: " + why));
+        if (quill::test::FillUp(inst->file("filler")) <= 0) {
+            quill::test::Unmount(inst->path());
+            QFAIL("could not fill the tmpfs");
+        }
+    }
     QProcess server;
     server.start(QUILL_BIN_DIR "/quillbase", {"--headless", "--home", inst->path()});
     const bool finished = server.waitForFinished(20000);
+    const bool lockLeft = QFile::exists(inst->file("quillbase.lock"));
     quill::test::Unmount(inst->path());
     QVERIFY(finished);
     QCOMPARE(server.exitStatus(), QProcess::NormalExit);
     QCOMPARE(server.exitCode(), 1);
     const QString err = QString::fromUtf8(server.readAllStandardError());
-    QVERIFY2(err.contains("Installationsmappen " + inst->path() + " kan inte skrivas: Read-only file system"),
-             qPrintable(err));
+    QVERIFY2(err.contains("Installationsmappen " + inst->path() + " kan inte skrivas: " + reason), qPrintable(err));
     QVERIFY(!err.contains("redan startad"));
+    QVERIFY(!lockLeft);
 }
 
 QTEST_GUILESS_MAIN(TestDurability)

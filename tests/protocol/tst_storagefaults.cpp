@@ -7,6 +7,7 @@
 #include "database/jobstore.h"
 #include "database/recordset.h"
 #include "foundation/cp1252.h"
+#include "protocol/listener.h"
 #include "shell/server.h"
 #include "support/emulator.h"
 #include "support/installation.h"
@@ -106,6 +107,7 @@ private slots:
     }
     void faultAnswers1005_data();
     void faultAnswers1005();
+    void damagedDatabaseListensOnItsPort();
 };
 
 void TestStorageFaults::faultAnswers1005_data()
@@ -173,6 +175,51 @@ void TestStorageFaults::faultAnswers1005()
     }
     QCOMPARE(send(2, 2), QList<QByteArray>(4, Ok));
     QCOMPARE(storedIds().split(' ', Qt::SkipEmptyParts).size(), before + 4);
+}
+
+// The settings page and pages in the middle of the job table overwritten: the
+// start repairs the file, the settings row comes back from the backup of the
+// start before, so the server listens on its own port, with the jobs whose
+// texts are still whole in the file.
+void TestStorageFaults::damagedDatabaseListensOnItsPort()
+{
+    const int jobs = 600;
+    inst = std::make_unique<TestInstallation>();
+    QVERIFY(inst->ok());
+    port = TestInstallation::freePort();
+    QVERIFY(inst->setServer(port, false));
+    QVERIFY(inst->addNetworkPrinter(1, "Skrivare 1", slowPrinter.port()));
+    auto text = [](int i) { return QStringLiteral("BRIXA\t1.00\tP\t1\t1\t1\tWS\t0\t\t\t\tJob %1 ").arg(i) + QString(100, 'x'); };
+    for (int i = 1; i <= jobs; ++i)
+        QVERIFY(inst->sql("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)", {i, text(i)}));
+    server = std::make_unique<Server>(Server::Options{});
+    QCOMPARE(server->startup(), Server::Started);
+    server.reset();
+
+    const QString mdb = inst->file("brixa.mdb");
+    const int pageSize = inst->scalar("PRAGMA page_size").toInt();
+    const int settingsPage = inst->scalar("SELECT rootpage FROM sqlite_master WHERE name = 'tbServer'").toInt();
+    QFile f(mdb);
+    QVERIFY(pageSize > 0 && settingsPage > 0 && f.open(QIODevice::ReadWrite));
+    const qint64 middle = f.size() / pageSize / 2;
+    for (qint64 page : {qint64(settingsPage - 1), middle, middle + 1})
+        QVERIFY(f.seek(page * pageSize) && f.write(QByteArray(pageSize, char(0x5A))) == pageSize);
+    f.close();
+    const QByteArray bytes = [&] { QFile r(mdb); return r.open(QIODevice::ReadOnly) ? r.readAll() : QByteArray(); }();
+    int intact = 0;
+    for (int i = 1; i <= jobs; ++i)
+        intact += bytes.contains(text(i).toUtf8()) ? 1 : 0;
+    QVERIFY2(intact > jobs / 2 && intact < jobs, qPrintable(QString::number(intact)));
+
+    server = std::make_unique<Server>(Server::Options{});
+    QCOMPARE(server->startup(), Server::Started);
+    QCOMPARE(server->listener().localPort(), port);
+    QTcpSocket client;
+    client.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(client.waitForConnected(5000));
+    const int back = server->jobs().jobList().count();
+    QVERIFY2(back * 100 >= intact * 95 && back <= intact, qPrintable(QStringLiteral("%1 of %2").arg(back).arg(intact)));
+    QVERIFY(inst->log().contains("tbServer: 1 rows restored from brixa_backup.mdb"));
 }
 
 QTEST_GUILESS_MAIN(TestStorageFaults)
