@@ -61,7 +61,7 @@ QString RequestHandler::reply(int code, const QString& statusText)
 void RequestHandler::SrvHandleRequest(const QString& data, int connection)
 {
     traffic_.indicate(TrafficIndicator::OtherTraffic);
-    LogTraffic(data);
+    trafficLog_.log(data, listener_.serial(connection), connection);
 
     // Errors of the field readers (a separator beyond position 32767) end the
     // request here, as an unanswered one.

@@ -2,6 +2,7 @@
 #include "database/jobstore.h"
 
 #include "foundation/printjob.h"
+#include "protocol/traffic.h"
 
 #include <QObject>
 #include <QTimer>
@@ -69,6 +70,7 @@ private:
 
     Listener& listener_;
     TrafficIndicator& traffic_;
+    TrafficLog trafficLog_;
     RequestServices svc_;
     bool addinScala_ = false;
     bool batchOpen_ = false;
