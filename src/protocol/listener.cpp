@@ -1,5 +1,6 @@
 #include "protocol/listener.h"
 #include "foundation/cp1252.h"
+#include "foundation/descriptors.h"
 #include "foundation/eventlog.h"
 
 #include <QNetworkInterface>
@@ -16,6 +17,20 @@ Listener::Listener(QObject* parent) : QObject(parent)
     // Accept everything ourselves; the connection table decides who stays.
     server_.setMaxPendingConnections(1024);
     connect(&server_, &QTcpServer::newConnection, this, &Listener::onNewConnection);
+    // A failed accept (no descriptor left) makes Qt stop accepting for good;
+    // clients wait in the backlog and are taken once descriptors are free. The
+    // control socket's reserve is held again first, should it have been used.
+    resumeAccepting_.setSingleShot(true);
+    resumeAccepting_.setInterval(250);
+    connect(&server_, &QTcpServer::acceptError, this, [this](QAbstractSocket::SocketError error) {
+        if (error == QAbstractSocket::SocketResourceError)
+            NoteOutOfDescriptors(QStringLiteral("the listener"), server_.errorString());
+        resumeAccepting_.start();
+    });
+    connect(&resumeAccepting_, &QTimer::timeout, this, [this] {
+        ReserveDescriptor();
+        server_.resumeAccepting();
+    });
 }
 
 namespace {
@@ -110,6 +125,7 @@ int Listener::connectionCount() const
 void Listener::onNewConnection()
 {
     while (QTcpSocket* s = server_.nextPendingConnection()) {
+        NoteDescriptorsAgain();
         if (!filter_.allows(s->peerAddress())) {
             if (filter_.shouldLogRefusal(s->peerAddress()))
                 LogWrite(QStringLiteral("Connection from %1 refused: not in tAllowedClients.")

@@ -6,6 +6,7 @@
 #include <QPointer>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 #include <array>
 #include <functional>
 #include <unordered_map>
@@ -90,6 +91,8 @@ private:
     // handled yet (it may still be queued behind the new connection).
     void reapClosed();
 
+    // Out of descriptors Qt stops accepting; this takes it up again.
+    QTimer resumeAccepting_;
     bool holdClosed_ = false;
     std::unordered_map<quint64, int> lingering_; // serial -> fd
     QTcpServer server_;

@@ -2,6 +2,7 @@
 #include "database/jobstore.h"
 #include "database/lists.h"
 #include "database/slots.h"
+#include "foundation/descriptors.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
 #include "foundation/paths.h"
@@ -14,11 +15,20 @@
 #include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QLocalServer>
+#include <QFile>
+#include <QFileInfo>
 #include <QLocalSocket>
 #include <QMetaEnum>
 #include <QRegularExpression>
+#include <QSocketNotifier>
 #include <QTimer>
+
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace quill {
 
@@ -131,41 +141,115 @@ QString ControlServer::socketPath()
     return HomePath(QStringLiteral("quillbase.sock"));
 }
 
+namespace {
+
+QString errnoText(int err)
+{
+    return QString::fromLocal8Bit(std::strerror(err));
+}
+
+// A listening socket at `path`, bound in a private folder, given its mode there
+// and renamed into place, so it is never reachable with wider permissions. A
+// socket file already in place is replaced: start-up holds the single-instance
+// lock, so it is stale.
+int listenAt(const QString& path, QString* why)
+{
+    const QByteArray target = QFile::encodeName(path);
+    QByteArray dir = QFile::encodeName(QFileInfo(path).absolutePath()) + "/.quillbase-sock-XXXXXX";
+    if (!::mkdtemp(dir.data())) {
+        *why = errnoText(errno);
+        return -1;
+    }
+    const QByteArray bound = dir + "/s";
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    int fd = -1, err = 0;
+    if (size_t(std::max(bound.size(), target.size())) >= sizeof addr.sun_path) {
+        err = ENAMETOOLONG;
+    } else {
+        std::memcpy(addr.sun_path, bound.constData(), size_t(bound.size()) + 1);
+        fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0
+            || ::chmod(bound.constData(), 0770) != 0 || ::listen(fd, 64) != 0
+            || ::rename(bound.constData(), target.constData()) != 0)
+            err = errno;
+    }
+    ::unlink(bound.constData());
+    ::rmdir(dir.constData());
+    if (err) {
+        if (fd >= 0)
+            ::close(fd);
+        *why = errnoText(err);
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
 bool ControlServer::open()
 {
     close();
-    listener_ = std::make_unique<QLocalServer>();
-    // Qt binds in a private folder, sets the mode and renames the socket into
-    // place, so it is never reachable with wider permissions.
-    listener_->setSocketOptions(QLocalServer::UserAccessOption | QLocalServer::GroupAccessOption);
-    // Start-up holds the single-instance lock: a socket file left here is stale.
-    QLocalServer::removeServer(socketPath());
-    if (!listener_->listen(socketPath())) {
-        LogWrite(QStringLiteral("Could not open the control socket ") + socketPath() + QStringLiteral(": ")
-                 + listener_->errorString());
-        listener_.reset();
+    ReserveDescriptor();
+    QString why;
+    const int fd = listenAt(socketPath(), &why);
+    if (fd < 0) {
+        LogWrite(QStringLiteral("Could not open the control socket ") + socketPath() + QStringLiteral(": ") + why);
         return false;
     }
-    connect(listener_.get(), &QLocalServer::newConnection, this, &ControlServer::onNewConnection);
+    listenFd_ = fd;
+    notifier_ = std::make_unique<QSocketNotifier>(fd, QSocketNotifier::Read);
+    connect(notifier_.get(), &QSocketNotifier::activated, this, &ControlServer::onNewConnection);
     return true;
 }
 
 void ControlServer::close()
 {
-    if (listener_)
-        listener_->close(); // removes the socket file
-    listener_.reset();
+    notifier_.reset();
+    if (listenFd_ >= 0) {
+        ::close(listenFd_);
+        listenFd_ = -1;
+        ::unlink(QFile::encodeName(socketPath()).constData());
+    }
 }
 
 bool ControlServer::isOpen() const
 {
-    return listener_ && listener_->isListening();
+    return listenFd_ >= 0;
 }
 
 void ControlServer::onNewConnection()
 {
-    while (QLocalSocket* client = listener_->nextPendingConnection()) {
+    for (;;) {
+        int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+            NoteOutOfDescriptors(QStringLiteral("the control socket"), errnoText(errno));
+            if (ReleaseReservedDescriptor())
+                fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            if (fd < 0) {
+                // None to be had: look again shortly rather than spin on a
+                // socket that stays readable.
+                notifier_->setEnabled(false);
+                QTimer::singleShot(250, this, [this] {
+                    if (notifier_)
+                        notifier_->setEnabled(true);
+                });
+                return;
+            }
+        }
+        if (fd < 0)
+            return; // none waiting, or a client that left before it was taken
+        auto* client = new QLocalSocket(this);
+        if (!client->setSocketDescriptor(fd)) {
+            ::close(fd);
+            delete client;
+            ReserveDescriptor();
+            continue;
+        }
         connect(client, &QLocalSocket::disconnected, client, &QObject::deleteLater);
+        // Its descriptor becomes the reserve again before a client of the
+        // listener can take it.
+        connect(client, &QObject::destroyed, this, [] { ReserveDescriptor(); });
         connect(client, &QLocalSocket::readyRead, this, [this, client] { onReadyRead(client); });
         if (client->bytesAvailable() > 0)
             onReadyRead(client);

@@ -19,8 +19,8 @@
 
 #include <memory>
 
-class QLocalServer;
 class QLocalSocket;
+class QSocketNotifier;
 
 namespace quill {
 
@@ -71,7 +71,10 @@ private:
 
     Server& server_;
     Operator& commands_;
-    std::unique_ptr<QLocalServer> listener_;
+    // The listening socket, our own rather than a QLocalServer: out of
+    // descriptors, that one closes for good, while this one takes the reserve.
+    int listenFd_ = -1;
+    std::unique_ptr<QSocketNotifier> notifier_;
     // Requests wait here while another one runs: a command may yield to the
     // event loop (the after-save check), and must not be entered twice.
     QList<QPointer<QLocalSocket>> waiting_;

@@ -6,12 +6,18 @@
 #include "support/installation.h"
 #include "support/mounts.h"
 
+#include <QDir>
+#include <QSet>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocalSocket>
 #include <QProcess>
 #include <QTcpSocket>
 #include <QTest>
 
 #include <algorithm>
+#include <sys/resource.h>
 #include <memory>
 
 using quill::test::TestInstallation;
@@ -76,6 +82,7 @@ private slots:
     void killKeepsEveryAnsweredJobInOrder();
     void secondCopyChangesNothing_data();
     void secondCopyChangesNothing();
+    void outOfDescriptorsControlAnswers();
     void unwritableFolder_data();
     void unwritableFolder();
 };
@@ -177,6 +184,56 @@ void TestDurability::secondCopyChangesNothing()
     QCOMPARE(first->state(), QProcess::Running);
     QCOMPARE(inst->log().count("\r\n"), linesBefore);
     QCOMPARE(fileBytes(mdb), before);
+}
+
+// The server's descriptor limit lowered to just above what it has open, then
+// more clients than that: the listener cannot accept, the control socket still
+// answers (twice: its reserve comes back), the shortage is logged once, and
+// clients are taken again once descriptors are free.
+void TestDurability::outOfDescriptorsControlAnswers()
+{
+    auto server = startServer();
+    QVERIFY(server);
+    const qint64 pid = server->processId();
+    // New descriptors take the lowest free numbers: the limit is set a few above it.
+    QSet<int> open;
+    for (const QString& fd : QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot))
+        open.insert(fd.toInt());
+    int lowestFree = 0;
+    while (open.contains(lowestFree))
+        ++lowestFree;
+    const rlimit limit{rlim_t(lowestFree + 4), rlim_t(lowestFree + 4)};
+    QCOMPARE(::prlimit(pid_t(pid), RLIMIT_NOFILE, &limit, nullptr), 0);
+
+    std::vector<std::unique_ptr<QTcpSocket>> clients;
+    for (int i = 0; i < 12; ++i) {
+        clients.push_back(std::make_unique<QTcpSocket>());
+        clients.back()->connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(clients.back()->waitForConnected(5000));
+    }
+    const QString note = "Out of file descriptors: the listener cannot accept";
+    QTRY_VERIFY_WITH_TIMEOUT(inst->log().contains(note), 10000);
+    for (int round = 0; round < 2; ++round) {
+        QLocalSocket control;
+        control.connectToServer(inst->file("quillbase.sock"));
+        QVERIFY(control.waitForConnected(5000));
+        control.write("{\"command\": \"status\"}\n");
+        QVERIFY(QTest::qWaitFor([&] { return control.canReadLine() || (control.waitForReadyRead(100) && control.canReadLine()); }, 10000));
+        const QJsonObject reply = QJsonDocument::fromJson(control.readLine()).object();
+        QVERIFY2(reply.value("ok").toBool() && reply.contains("listener"), qPrintable(QJsonDocument(reply).toJson()));
+        control.disconnectFromServer();
+        QTest::qWait(300);
+    }
+    QTest::qWait(1000);
+    QCOMPARE(inst->log().count("Out of file descriptors"), 1);
+
+    clients.clear();
+    QTcpSocket late;
+    late.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(late.waitForConnected(5000));
+    late.write("BRIXA\t1.00\tX");
+    QByteArray reply;
+    QVERIFY(QTest::qWaitFor([&] { late.waitForReadyRead(100); reply += late.readAll(); return takeReply(reply) != 0; }, 20000));
 }
 
 void TestDurability::unwritableFolder_data()
