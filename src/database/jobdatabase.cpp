@@ -1,4 +1,5 @@
 #include "database/jobdatabase.h"
+#include "database/jobrepository.h"
 #include "database/slots.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
@@ -41,7 +42,7 @@ JobDatabase::~JobDatabase() { SrvCloseDatabases(); }
 void JobDatabase::SrvCloseDatabases()
 {
     templates_.reset();
-    jobs_.reset();
+    jobsOpen_ = false;
     printers_.reset();
     db_.close();
 }
@@ -81,7 +82,13 @@ bool JobDatabase::SrvPrinterOpenDB()
 
 bool JobDatabase::SrvJobOpenDB()
 {
-    return openTable(jobs_, QStringLiteral("tbJob"), QStringLiteral("SrvJobOpenDB"));
+    jobsOpen_ = false;
+    if (auto failed = JobRepository(db_).check()) {
+        reportOpenFailure(QStringLiteral("SrvJobOpenDB"), *failed, true);
+        return false;
+    }
+    jobsOpen_ = true;
+    return true;
 }
 
 bool JobDatabase::SrvTemplateTypeOpenDB()
@@ -92,22 +99,6 @@ bool JobDatabase::SrvTemplateTypeOpenDB()
 bool JobDatabase::SrvTemplateTypeReOpenDB()
 {
     return openTemplates(QStringLiteral("SrvTemplateTypeReOpenDB"), false);
-}
-
-bool JobDatabase::SrvSeekJob(qint32 id)
-{
-    if (!jobs_)
-        throw notSet();
-    if (!jobs_->seek(QStringLiteral("="), id))
-        return false;
-    // The recordset knows only the server's own writes; another program may
-    // have deleted the row. Then the key list is read again and the seek misses.
-    bool present = false;
-    db_.run(QStringLiteral("SELECT 1 FROM tbJob WHERE Id = ?"), {id}, [&](QSqlQuery& q) { present = q.next(); });
-    if (present)
-        return true;
-    jobs_->Requery();
-    return jobs_->seek(QStringLiteral("="), id);
 }
 
 bool JobDatabase::SrvSeekPrinter(qint32 id)

@@ -14,8 +14,8 @@
 //   jdb.SrvCloseDatabases();
 //
 // Every Srv... operation traps its own errors and logs them as the server's log
-// lines have it; none throws. SrvSeekJob, SrvSeekPrinter and SrvDBNextId have no
-// trap of their own and throw quill::Error to their caller's trap.
+// lines have it; none throws. SrvSeekPrinter and SrvDBNextId have no trap of
+// their own and throw quill::Error to their caller's trap.
 #include "database/recordset.h"
 
 #include <memory>
@@ -55,8 +55,7 @@ public:
     bool SrvTemplateTypeOpenDB();
     bool SrvTemplateTypeReOpenDB();
 
-    // Keyed seeks on the open recordsets; the recordset is left on the row.
-    bool SrvSeekJob(qint32 id);
+    // Keyed seek on the printer recordset; the recordset is left on the row.
     bool SrvSeekPrinter(qint32 id);
     // MAX(Id) + 1 of the table (1 for an empty table).
     qint32 SrvDBNextId(const QString& table);
@@ -86,7 +85,8 @@ public:
     Database& database() { return db_; }
     // The long-lived recordsets; null until opened.
     TableRecordset* printerRecordset() { return printers_.get(); }
-    TableRecordset* jobRecordset() { return jobs_.get(); }
+    // tbJob was found readable by SrvJobOpenDB (the job store reads and writes it).
+    bool jobsOpen() const { return jobsOpen_; }
     Snapshot* templateRecordset() { return templates_.get(); }
 
 private:
@@ -95,7 +95,7 @@ private:
     bool openTemplates(const QString& caller, bool withBox);
     Database db_;
     std::unique_ptr<TableRecordset> printers_;
-    std::unique_ptr<TableRecordset> jobs_;
+    bool jobsOpen_ = false;
     std::unique_ptr<Snapshot> templates_;
     int autoStartService_ = 0;
     int startMinimized_ = 0;

@@ -1,5 +1,6 @@
 #include "database/jobstore.h"
 #include "database/jobdatabase.h"
+#include "database/recordset.h"
 #include "foundation/eventlog.h"
 #include "foundation/jobfields.h"
 #include "foundation/strutil.h"
@@ -9,19 +10,92 @@
 
 namespace quill {
 
+// ---------------------------------------------------------------- QueuedJob
+
+PrintJob QueuedJob::toPrintJob() const
+{
+    PrintJob j;
+    j.id = id;
+    j.printerId = printerId;
+    j.templateId = templateId;
+    j.copies = copies;
+    j.checkMode = checkMode;
+    j.print = print;
+    j.text = QString::fromUtf8(text);
+    return j;
+}
+
+QString QueuedJob::field(int n) const
+{
+    // As JobFields: one TAB stripped at each end, fields numbered from 1. TAB
+    // is one byte in UTF-8, so the field is found in the bytes and only it decoded.
+    if (n < 1 || text.isEmpty())
+        return {};
+    qsizetype from = text.startsWith('\t') ? 1 : 0;
+    qsizetype to = text.size();
+    if (to > from && text.endsWith('\t'))
+        --to;
+    for (int k = 1; k < n; ++k) {
+        const qsizetype tab = text.indexOf('\t', from);
+        if (tab < 0 || tab >= to)
+            return {};
+        from = tab + 1;
+    }
+    qsizetype end = text.indexOf('\t', from);
+    if (end < 0 || end > to)
+        end = to;
+    return QString::fromUtf8(text.constData() + from, end - from);
+}
+
 // ---------------------------------------------------------------- JobListModel
 
-JobListModel::JobListModel(QObject* parent) : QAbstractTableModel(parent) {}
+JobListModel::JobListModel(const PrinterSlots* printerSlots, QObject* parent)
+    : QAbstractTableModel(parent), slots_(printerSlots)
+{
+}
 
 int JobListModel::rowCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : count(); }
 
 int JobListModel::columnCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : ColumnCount; }
 
+JobRow JobListModel::rowAt(int row) const
+{
+    const QueuedJob& j = jobAt(row);
+    JobRow r;
+    r.id = j.id;
+    r.printerId = j.printerId;
+    r.printerName = slots_ && slots_->SrvPrinterExists(j.printerId) ? slots_->at(j.printerId).name.trimmed()
+                                                                     : GetString(12049);
+    r.copies = QString::number(j.copies);
+    r.workstation = j.workstation();
+    r.user = j.user();
+    r.senderText = r.user.isEmpty() ? r.workstation : GetString(12055, r.user + QLatin1Char('|') + r.workstation);
+    r.text = QString::number(j.id) + QLatin1Char(' ') + j.field(12);
+    return r;
+}
+
+const JobRow& JobListModel::shown(int row) const
+{
+    const quint64 seq = rows_[size_t(row)].seq;
+    if (shownRow_ != row || shownSeq_ != seq) {
+        shown_ = rowAt(row);
+        shownRow_ = row;
+        shownSeq_ = seq;
+    }
+    return shown_;
+}
+
 QVariant JobListModel::data(const QModelIndex& index, int role) const
 {
     if (!index.isValid() || index.row() >= count() || index.column() >= ColumnCount)
         return {};
-    const JobRow& r = rowAt(index.row());
+    if (role == JobIdRole)
+        return jobAt(index.row()).id;
+    if (role == PrinterIdRole)
+        return jobAt(index.row()).printerId;
+    if (role != Qt::DisplayRole && role != KeyRole && role != TagRole)
+        return {};
+    const JobRow& r = shown(index.row());
     switch (role) {
     case Qt::DisplayRole:
         switch (index.column()) {
@@ -47,8 +121,6 @@ QVariant JobListModel::data(const QModelIndex& index, int role) const
         case ColSender: return r.senderTag();
         }
         break;
-    case JobIdRole: return r.id;
-    case PrinterIdRole: return r.printerId;
     }
     return {};
 }
@@ -69,52 +141,56 @@ QVariant JobListModel::headerData(int section, Qt::Orientation orientation, int 
 int JobListModel::rowOfSeq(quint64 seq) const
 {
     auto it = std::lower_bound(rows_.begin(), rows_.end(), seq,
-                               [](const Entry& e, quint64 s) { return e.seq < s; });
-    return it != rows_.end() && it->seq == seq ? int(it - rows_.begin()) : -1;
+                               [](const QueuedJob& e, quint64 s) { return e.seq < s; });
+    return int(it - rows_.begin());
 }
 
 int JobListModel::findJob(qint32 jobId) const
 {
-    auto it = byJob_.find(jobId);
-    if (it == byJob_.end() || it->second.empty())
-        return -1;
-    return rowOfSeq(*it->second.begin());
+    if (idsAscending_) {
+        auto it = std::lower_bound(rows_.begin(), rows_.end(), jobId,
+                                   [](const QueuedJob& e, qint32 id) { return e.id < id; });
+        return it != rows_.end() && it->id == jobId ? int(it - rows_.begin()) : -1;
+    }
+    for (size_t r = 0; r < rows_.size(); ++r)
+        if (rows_[r].id == jobId)
+            return int(r);
+    return -1;
+}
+
+int JobListModel::firstRowOf(qint32 printerId) const
+{
+    // Scans on from where the last scan for this printer stopped: every job
+    // before that point was some other printer's, and appends come after it.
+    auto hint = scanFrom_.find(printerId);
+    int row = hint == scanFrom_.end() ? 0 : rowOfSeq(hint->second);
+    for (; row < count(); ++row) {
+        if (rows_[size_t(row)].printerId == printerId) {
+            scanFrom_[printerId] = rows_[size_t(row)].seq;
+            return row;
+        }
+    }
+    scanFrom_[printerId] = nextSeq_;
+    return -1;
 }
 
 qint32 JobListModel::firstJobOf(qint32 printerId) const
 {
-    auto it = byPrinter_.find(printerId);
-    if (it == byPrinter_.end() || it->second.empty())
-        return 0;
-    const int row = rowOfSeq(*it->second.begin());
-    return row >= 0 ? rowAt(row).id : 0;
+    const int row = firstRowOf(printerId);
+    return row >= 0 ? rows_[size_t(row)].id : 0;
 }
 
-void JobListModel::append(JobRow row)
+void JobListModel::append(QueuedJob job)
 {
     const int at = count();
     if (!bulk_)
         beginInsertRows({}, at, at);
-    const quint64 seq = nextSeq_++;
-    byPrinter_[row.printerId].insert(seq);
-    byJob_[row.id].insert(seq);
-    rows_.push_back({seq, std::move(row)});
+    job.seq = nextSeq_++;
+    if (!rows_.empty() && job.id < rows_.back().id)
+        idsAscending_ = false;
+    rows_.push_back(std::move(job));
     if (!bulk_)
         endInsertRows();
-}
-
-void JobListModel::dropFromIndexes(const Entry& e)
-{
-    auto drop = [&](std::unordered_map<qint32, std::set<quint64>>& index, qint32 key) {
-        auto it = index.find(key);
-        if (it == index.end())
-            return;
-        it->second.erase(e.seq);
-        if (it->second.empty())
-            index.erase(it);
-    };
-    drop(byPrinter_, e.row.printerId);
-    drop(byJob_, e.row.id);
 }
 
 void JobListModel::removeRowAt(int row)
@@ -123,7 +199,6 @@ void JobListModel::removeRowAt(int row)
         return;
     if (!bulk_)
         beginRemoveRows({}, row, row);
-    dropFromIndexes(rows_[size_t(row)]);
     rows_.erase(rows_.begin() + row);
     if (!bulk_)
         endRemoveRows();
@@ -149,20 +224,22 @@ void JobListModel::removeRowsAt(const std::vector<int>& rows)
     if (bulk_ || runs.size() > MaxRuns) {
         if (!bulk_)
             beginResetModel();
-        size_t kept = 0;
-        auto run = runs.begin();
-        for (size_t r = 0; r < rows_.size(); ++r) {
-            while (run != runs.end() && size_t(run->second) < r)
-                ++run;
-            if (run != runs.end() && size_t(run->first) <= r) {
-                dropFromIndexes(rows_[r]);
-                continue;
+        if (runs.size() == 1 && size_t(runs[0].second - runs[0].first + 1) == rows_.size()) {
+            rows_.clear();
+        } else {
+            size_t kept = 0;
+            auto run = runs.begin();
+            for (size_t r = 0; r < rows_.size(); ++r) {
+                while (run != runs.end() && size_t(run->second) < r)
+                    ++run;
+                if (run != runs.end() && size_t(run->first) <= r)
+                    continue;
+                if (kept != r)
+                    rows_[kept] = std::move(rows_[r]);
+                ++kept;
             }
-            if (kept != r)
-                rows_[kept] = std::move(rows_[r]);
-            ++kept;
+            rows_.erase(rows_.begin() + qsizetype(kept), rows_.end());
         }
-        rows_.erase(rows_.begin() + qsizetype(kept), rows_.end());
         if (!bulk_)
             endResetModel();
         return;
@@ -170,8 +247,6 @@ void JobListModel::removeRowsAt(const std::vector<int>& rows)
     // From the last run back, so the row numbers of the earlier ones stay true.
     for (auto run = runs.rbegin(); run != runs.rend(); ++run) {
         beginRemoveRows({}, run->first, run->second);
-        for (int r = run->first; r <= run->second; ++r)
-            dropFromIndexes(rows_[size_t(r)]);
         rows_.erase(rows_.begin() + run->first, rows_.begin() + run->second + 1);
         endRemoveRows();
     }
@@ -182,8 +257,9 @@ void JobListModel::clear()
     if (!bulk_)
         beginResetModel();
     rows_.clear();
-    byPrinter_.clear();
-    byJob_.clear();
+    rows_.shrink_to_fit();
+    scanFrom_.clear();
+    idsAscending_ = true;
     if (!bulk_)
         endResetModel();
 }
@@ -211,77 +287,82 @@ void logDeleteFailed(qint64 id, const QString& error)
 {
     LogWrite(QStringLiteral("SrvDBDeleteJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ") + error);
 }
+
+Error notOpen() { return Error(91, QStringLiteral("Object variable or With block variable not set")); }
+
+// The queue's form of a job whose fields through the caption are readable.
+QueuedJob queued(qint32 id, const PrintJob& job)
+{
+    if (!job.readable(PrintJob::ListedFields))
+        throw Error(ErrOverflow, QStringLiteral("Overflow"));
+    QueuedJob q;
+    q.id = id;
+    q.printerId = job.printerId;
+    q.templateId = job.templateId;
+    q.copies = job.copies;
+    q.checkMode = job.checkMode;
+    q.print = job.print;
+    q.text = job.text.toUtf8();
+    return q;
+}
 } // namespace
 
-JobStore::JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots) : jdb_(jdb), slots_(printerSlots) {}
-
-JobRow JobStore::buildRow(qint32 id, const PrintJob& printJob) const
+JobStore::JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots)
+    : jdb_(jdb), repo_(jdb.database()), list_(&printerSlots)
 {
-    if (!printJob.readable(PrintJob::ListedFields))
-        throw Error(ErrOverflow, QStringLiteral("Overflow"));
-    const JobFields job(printJob.text);
-    JobRow r;
-    r.job = printJob;
-    r.job.id = id;
-    r.id = id;
-    r.printerId = job.printerId();
-    r.printerName = slots_.SrvPrinterExists(r.printerId) ? slots_.at(r.printerId).name.trimmed() : GetString(12049);
-    r.copies = QString::number(job.copies());
-    r.workstation = job.workstation();
-    r.user = job.user();
-    r.senderText = r.user.isEmpty() ? r.workstation : GetString(12055, r.user + QLatin1Char('|') + r.workstation);
-    r.text = QString::number(id) + QLatin1Char(' ') + job.caption();
-    return r;
 }
+
+bool JobStore::tableOpen() const { return jdb_.jobsOpen(); }
 
 std::optional<PrintJob> JobStore::nextJob(qint32 printerId) const
 {
-    const int row = list_.findJob(list_.firstJobOf(printerId));
+    const int row = list_.firstRowOf(printerId);
     if (row < 0)
         return std::nullopt;
-    return list_.rowAt(row).job;
+    return list_.jobAt(row).toPrintJob();
 }
 
 bool JobStore::jobStored(qint32 id)
 {
-    return jdb_.SrvSeekJob(id);
+    if (!tableOpen())
+        throw notOpen();
+    const DbResult<bool> r = repo_.exists(id);
+    if (!r.ok())
+        throw *r.error;
+    return r.value;
 }
 
 bool JobStore::SrvAddJob(const PrintJob& job)
 {
     qint32 id = 0;
     try {
-        TableRecordset* rs = jdb_.jobRecordset();
-        if (!rs)
-            throw Error(91, QStringLiteral("Object variable or With block variable not set"));
-        id = jdb_.SrvDBNextId(QStringLiteral("tbJob"));
+        if (!tableOpen())
+            throw notOpen();
+        const DbResult<qint32> next = repo_.nextId();
+        if (!next.ok())
+            throw *next.error;
+        id = next.value;
         if (inBatch_ && refusal_)
             throw *refusal_;
         // The row's fields are read before anything is stored.
-        const JobRow row = buildRow(id, job);
-        rs->AddNew();
-        rs->setField(QStringLiteral("Id"), id);
-        rs->setField(QStringLiteral("PrinterId"), row.printerId);
-        rs->setField(QStringLiteral("Job"), job.text);
-        rs->Update();
+        QueuedJob row = queued(id, job);
+        if (auto failed = repo_.insert(id, job.printerId, job.text))
+            throw *failed;
         if (inBatch_)
             batchJobs_.push_back(id);
-        list_.append(row);
+        list_.append(std::move(row));
         return true;
     } catch (const std::exception& e) {
-        if (TableRecordset* rs = jdb_.jobRecordset())
-            rs->CancelUpdate();
-        noteFailure(e);
+        const auto* err = dynamic_cast<const Error*>(&e);
+        noteFailure(err ? *err : Error(1, errorText(e)));
         LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ")
                  + errorText(e));
         return false;
     }
 }
 
-void JobStore::noteFailure(const std::exception& e)
+void JobStore::noteFailure(const Error& failure)
 {
-    const auto* err = dynamic_cast<const Error*>(&e);
-    const Error failure = err ? *err : Error(1, errorText(e));
     // SQLITE_READONLY and its extended codes.
     if ((failure.number & 0xff) == 8)
         reopen_ = true;
@@ -291,28 +372,28 @@ void JobStore::noteFailure(const std::exception& e)
         refusal_ = failure;
 }
 
-const JobRow& JobStore::SrvAddJobRow(const Recordset& rs)
-{
-    const qint32 id = NullToLong(rs.field(QStringLiteral("Id")), -1);
-    list_.append(buildRow(id, PrintJob::fromText(NullToStr(rs.field(QStringLiteral("Job")), QString()))));
-    return list_.rowAt(list_.count() - 1);
-}
-
 void JobStore::SrvInitAllJobs()
 {
     list_.beginBulk();
     try {
         list_.clear();
-        TableRecordset* rs = jdb_.jobRecordset();
-        if (!rs)
-            throw Error(91, QStringLiteral("Object variable or With block variable not set"));
-        if (rs->RecordCount() > 0) {
-            rs->MoveFirst();
-            while (!rs->IsEOF()) {
-                SrvAddJobRow(*rs);
-                rs->MoveNext();
+        if (!tableOpen())
+            throw notOpen();
+        // A row whose text cannot be listed ends the rebuild; the rows before it stay.
+        std::optional<Error> unreadable;
+        const std::optional<Error> failed = repo_.readAll([&](qint32 id, const QString& text) {
+            if (unreadable)
+                return;
+            try {
+                list_.append(queued(id, PrintJob::fromText(text)));
+            } catch (const Error& e) {
+                unreadable = e;
             }
-        }
+        });
+        if (failed)
+            throw *failed;
+        if (unreadable)
+            throw *unreadable;
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e));
     }
@@ -321,22 +402,18 @@ void JobStore::SrvInitAllJobs()
 
 bool JobStore::SrvDBDeleteJob(qint32 id)
 {
-    try {
-        if (inBatch_ && refusal_)
-            throw *refusal_;
-        if (jdb_.SrvSeekJob(id)) {
-            TableRecordset* rs = jdb_.jobRecordset();
-            rs->Delete();
-            // Moving to the first row of an emptied table is not an error here.
-            if (rs->RecordCount() > 0)
-                rs->MoveFirst();
-        }
+    std::optional<Error> failed;
+    if (!tableOpen())
+        failed = notOpen();
+    else if (inBatch_ && refusal_)
+        failed = refusal_;
+    else
+        failed = repo_.remove({id});
+    if (!failed)
         return true;
-    } catch (const std::exception& e) {
-        noteFailure(e);
-        logDeleteFailed(id, errorText(e));
-        return false;
-    }
+    noteFailure(*failed);
+    logDeleteFailed(id, failed->text());
+    return false;
 }
 
 void JobStore::SrvRemoveJobRow(qint32 id)
@@ -352,41 +429,30 @@ void JobStore::SrvDeleteJob(qint32 id)
     SrvRemoveJobRow(id);
 }
 
-std::set<qint64> JobStore::dbDeleteJobs(const std::vector<qint64>& ids)
-{
-    std::set<qint64> kept;
-    auto failed = [&](qint64 id, const std::exception& e) {
-        noteFailure(e);
-        logDeleteFailed(id, errorText(e));
-        kept.insert(id);
-    };
-    TableRecordset* rs = jdb_.jobRecordset();
-    if (!rs) {
-        for (qint64 id : ids)
-            failed(id, Error(91, QStringLiteral("Object variable or With block variable not set")));
-        return kept;
-    }
-    rs->DeleteKeys(ids, failed);
-    if (rs->RecordCount() > 0)
-        rs->MoveFirst();
-    return kept;
-}
-
-int JobStore::deleteJobsWhere(const std::function<bool(const JobRow&)>& match)
+int JobStore::deleteJobsWhere(const JobMatch& match)
 {
     std::vector<int> rows;
-    std::vector<qint64> ids;
+    std::vector<qint32> ids;
     for (int r = 0; r < list_.count(); ++r) {
-        if (match(list_.rowAt(r))) {
+        if (match(list_.jobAt(r))) {
             rows.push_back(r);
-            ids.push_back(list_.rowAt(r).id);
+            ids.push_back(list_.jobAt(r).id);
         }
     }
     if (rows.empty())
         return 0;
-    // A commit per job would hold the server for a second per thousand jobs.
-    // Without a transaction of its own (the database refused one) each
-    // statement commits by itself.
+    auto failedAll = [&](const Error& e) {
+        noteFailure(e);
+        for (qint32 id : ids)
+            logDeleteFailed(id, e.text());
+        return 0;
+    };
+    if (!tableOpen())
+        return failedAll(notOpen());
+    if (inBatch_ && refusal_)
+        return failedAll(*refusal_);
+    // In a transaction of its own, unless a batch is open; without one (the
+    // database refused it) the statement commits by itself.
     Database& db = jdb_.database();
     bool own = false;
     if (!inBatch_ && !db.inTransaction()) {
@@ -396,30 +462,19 @@ int JobStore::deleteJobsWhere(const std::function<bool(const JobRow&)>& match)
         } catch (const std::exception&) {
         }
     }
-    const std::set<qint64> kept = dbDeleteJobs(ids);
+    if (auto failed = repo_.remove(ids)) {
+        if (own)
+            db.rollback();
+        return failedAll(*failed);
+    }
     if (own) {
         try {
             db.commit();
-        } catch (const std::exception& e) {
-            const QString err = errorText(e);
+        } catch (const Error& e) {
             db.rollback();
-            for (qint64 id : ids)
-                logDeleteFailed(id, err);
-            // Nothing was deleted, and the list was not touched yet: only the
-            // key list has to be read again (logged as a failed re-read is).
-            if (TableRecordset* rs = jdb_.jobRecordset()) {
-                try {
-                    rs->Requery();
-                } catch (const std::exception& e2) {
-                    LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e2));
-                }
-            }
-            return 0;
+            return failedAll(e);
         }
     }
-    // A job whose row could not be deleted stays listed: the list and tbJob agree.
-    if (!kept.empty())
-        std::erase_if(rows, [&](int r) { return kept.count(list_.rowAt(r).id) > 0; });
     list_.removeRowsAt(rows);
     return int(rows.size());
 }
@@ -437,8 +492,11 @@ bool JobStore::beginBatch()
             jdb_.database().open(jdb_.database().path());
         jdb_.database().begin();
         return true;
-    } catch (const std::exception& e) {
+    } catch (const Error& e) {
         noteFailure(e);
+        return false;
+    } catch (const std::exception& e) {
+        noteFailure(Error(1, errorText(e)));
         return false;
     }
 }
@@ -465,13 +523,7 @@ bool JobStore::commitBatch()
         for (qint32 id : batchJobs_)
             LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ") + err);
         batchJobs_.clear();
-        // What is on disk is the truth again: re-read the keys and the queue.
-        try {
-            if (TableRecordset* rs = jdb_.jobRecordset())
-                rs->Requery();
-        } catch (const std::exception& e2) {
-            LogWrite(QStringLiteral("SrvInitAllJobs failed. Error: ") + errorText(e2));
-        }
+        // What is on disk is the truth again.
         SrvInitAllJobs();
         return false;
     }

@@ -1,14 +1,14 @@
 #pragma once
 // The job store: print jobs in tbJob and, in the same order as the queue, in the
 // job list (JobListModel). The list is the queue: the print service takes each
-// printer's next job from it with SrvNextJobId.
+// printer's next job from it with nextJob.
 //
-//   JobStore store(jdb, printerSlots);            // jdb: JobDatabase with the job recordset open
-//   store.SrvInitAllJobs();                // start-up: list rebuilt from tbJob
-//   store.SrvAddJob(requestText);          // stored and committed, row appended
-//   qint32 next = store.SrvNextJobId(2);   // 0 when printer 2 has no job
-//   store.SrvDeleteJob(next);              // printed: row and list entry gone
-//   store.deleteJobsWhere([](const JobRow& r) { return r.printerId == 3; });
+//   JobStore store(jdb, printerSlots);            // jdb: JobDatabase with tbJob checked
+//   store.SrvInitAllJobs();                       // start-up: list rebuilt from tbJob
+//   store.SrvAddJob(PrintJob::fromText(text));    // stored and committed, row appended
+//   std::optional<PrintJob> next = store.nextJob(2);
+//   store.SrvDeleteJob(next->id);                 // printed: row and list entry gone
+//   store.deleteJobsWhere([](const QueuedJob& j) { return j.printerId == 3; });
 //   view->setModel(&store.jobList());
 //
 // Grouping: requests that arrive together may share one commit.
@@ -16,28 +16,49 @@
 //   if (store.commitBatch()) reply "OK" to both.
 // A job is durable (fsync'd) once SrvAddJob returns true outside a batch, or
 // once commitBatch() returns true for the batch it was added in.
+#include "database/jobrepository.h"
 #include "database/slots.h"
 #include "foundation/error.h"
 #include "foundation/printjob.h"
 
 #include <QAbstractTableModel>
+#include <QByteArray>
 #include <QString>
 
 #include <deque>
 #include <functional>
 #include <optional>
-#include <set>
 #include <unordered_map>
 #include <vector>
 
 namespace quill {
 
 class JobDatabase;
-class Recordset;
 
-// One row of the job list, with the keys and tags of its columns.
+// One queued job as the queue keeps it: the numbers the service acts on and
+// the job text once, as UTF-8. What a view shows is made from it when asked.
+struct QueuedJob {
+    quint64 seq = 0; // rises with every append: list order is seq order
+    qint32 id = 0;
+    qint32 printerId = -1;
+    qint32 templateId = -1;
+    qint32 copies = 1;
+    qint32 checkMode = 0;
+    bool print = false;
+    QByteArray text;
+
+    PrintJob toPrintJob() const;
+    // Fields of the text, as JobFields reads them (a queued job's fields
+    // through the caption are always readable).
+    QString field(int n) const;
+    QString workstation() const { return field(7).trimmed(); }
+    QString user() const { return field(11); }
+    // "workstation|user", what configure sub-operation 3 matches.
+    QString senderTag() const { return workstation() + QLatin1Char('|') + user(); }
+};
+
+// One row of the job list as a view shows it, with the keys and tags of its columns.
 struct JobRow {
-    PrintJob job;           // the job as it was read when it arrived
     qint32 id = 0;          // row tag
     QString text;           // id, a blank and the caption
     QString copies;         // column "Kopior"
@@ -70,7 +91,8 @@ public:
         PrinterIdRole,              // the row's printer id (int)
     };
 
-    explicit JobListModel(QObject* parent = nullptr);
+    // The printer column names the slot's printer.
+    explicit JobListModel(const PrinterSlots* printerSlots = nullptr, QObject* parent = nullptr);
 
     int rowCount(const QModelIndex& parent = {}) const override;
     int columnCount(const QModelIndex& parent = {}) const override;
@@ -78,13 +100,17 @@ public:
     QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
 
     int count() const { return int(rows_.size()); }
-    const JobRow& rowAt(int row) const { return rows_.at(size_t(row)).row; }
+    const QueuedJob& jobAt(int row) const { return rows_.at(size_t(row)); }
+    // The row as shown, made now.
+    JobRow rowAt(int row) const;
     // Row of the first entry whose tag is the job id; -1 when none.
     int findJob(qint32 jobId) const;
     // First job of the printer in list order; 0 when it has none.
     qint32 firstJobOf(qint32 printerId) const;
+    // Row of that job; -1 when none.
+    int firstRowOf(qint32 printerId) const;
 
-    void append(JobRow row);
+    void append(QueuedJob job);
     void removeRowAt(int row);
     // Removes these rows (ascending) in one pass: a few runs of adjacent rows as
     // row removals, scattered rows as one reset.
@@ -96,24 +122,28 @@ public:
     void endBulk();
 
 private:
-    struct Entry {
-        quint64 seq; // rises with every append, so list order is seq order
-        JobRow row;
-    };
     int rowOfSeq(quint64 seq) const;
-    void dropFromIndexes(const Entry& e);
+    const JobRow& shown(int row) const;
 
+    const PrinterSlots* slots_;
     // A deque: appending never moves the rows, and the oldest job (the one printed
     // first) leaves from the front without moving the rest.
-    std::deque<Entry> rows_;
+    std::deque<QueuedJob> rows_;
     quint64 nextSeq_ = 0;
     bool bulk_ = false;
-    std::unordered_map<qint32, std::set<quint64>> byPrinter_;
-    std::unordered_map<qint32, std::set<quint64>> byJob_;
+    // Ids rise along the list unless another program wrote tbJob: then lookups
+    // by id walk the list.
+    bool idsAscending_ = true;
+    // Per printer, a seq no earlier job of it lies before.
+    mutable std::unordered_map<qint32, quint64> scanFrom_;
+    // The last row a view asked for, made once for its columns and roles.
+    mutable int shownRow_ = -1;
+    mutable quint64 shownSeq_ = 0;
+    mutable JobRow shown_;
 };
 
 // Which jobs deleteJobsWhere deletes.
-using JobMatch = std::function<bool(const JobRow&)>;
+using JobMatch = std::function<bool(const QueuedJob&)>;
 
 class JobStore {
 public:
@@ -124,25 +154,23 @@ public:
     // Stores the job and appends its row. Traps its errors
     // ("SrvAddJob failed. JId = ..."); false when the job was not stored.
     bool SrvAddJob(const PrintJob& job);
-    // Clears the list and fills it from the job recordset in Id order.
+    // Clears the list and fills it from tbJob in Id order.
     void SrvInitAllJobs();
-    // Appends the row of the job the recordset stands on. Throws to the caller's trap.
-    const JobRow& SrvAddJobRow(const Recordset& rs);
     // Deletes the job row of tbJob (nothing when absent). Traps its errors;
     // false when a row may still be there.
     bool SrvDBDeleteJob(qint32 id);
     // Removes the job's entry from the list (nothing when absent).
     void SrvRemoveJobRow(qint32 id);
     void SrvDeleteJob(qint32 id);
-    // Deletes every job whose row matches, from tbJob and the list, in one pass
-    // and one transaction (the open batch's when there is one). A row that
-    // cannot be deleted from the table is logged as SrvDBDeleteJob logs it and
-    // still leaves the list. When its own commit fails, nothing is deleted (each
-    // job logged) and 0 returned. Returns the number of rows removed from the list.
-    int deleteJobsWhere(const std::function<bool(const JobRow&)>& match);
+    // Deletes every job that matches, from tbJob in one statement and from the
+    // list in one pass, in one transaction (the open batch's when there is
+    // one). When the statement or its own commit fails, nothing is deleted,
+    // each job is logged as SrvDBDeleteJob logs it and 0 returned. Returns the
+    // number of rows removed from the list.
+    int deleteJobsWhere(const JobMatch& match);
     // Next job of the printer in queue order; 0 when none.
     qint32 SrvNextJobId(qint32 printerId) const { return list_.firstJobOf(printerId); }
-    // The same job as a value, with its id; none when the printer has no job.
+    // The same job as a value; none when the printer has no job.
     std::optional<PrintJob> nextJob(qint32 printerId) const;
     // Is the job's tbJob row still there (another program may delete it)?
     // Throws to the caller's trap.
@@ -159,17 +187,13 @@ public:
     bool commitBatch();
     bool inBatch() const { return inBatch_; }
 
-    // The row SrvAddJob would show for a job text (no database access).
-    JobRow buildRow(qint32 id, const PrintJob& job) const;
-
 private:
-    // Deletes the rows of tbJob; the ids whose row could not be deleted.
-    std::set<qint64> dbDeleteJobs(const std::vector<qint64>& ids);
     // Remembers what a failed write means for the rest of the batch.
-    void noteFailure(const std::exception& e);
+    void noteFailure(const Error& e);
+    bool tableOpen() const;
 
     JobDatabase& jdb_;
-    const PrinterSlots& slots_;
+    JobRepository repo_;
     JobListModel list_;
     bool inBatch_ = false;
     std::vector<qint32> batchJobs_;

@@ -182,11 +182,25 @@ QString RequestHandler::configureRequest(const JobFields& request)
             return reply(0);
         // The purge shares the turn's batch: its reply waits for the commit.
         openBatch();
-        svc_.deleteJobsWhere([&](const JobRow& row) {
-            const QString tag = row.senderTag();
-            const QString rowW = GetToken(tag, QStringLiteral("|"), 1).trimmed().toUpper();
-            const QString rowU = GetToken(tag, QStringLiteral("|"), 2).trimmed().toUpper();
-            return (w == QLatin1String("*") || w == rowW) && (u == QLatin1String("*") || u == rowU);
+        const bool anyW = w == QLatin1String("*");
+        const bool anyU = u == QLatin1String("*");
+        svc_.deleteJobsWhere([&](const QueuedJob& job) {
+            if (anyW && anyU)
+                return true;
+            // The sender tag "workstation|user" split at "|" as the field reader
+            // splits it; without a "|" of their own the two parts are the fields.
+            const QString ws = job.workstation();
+            const QString user = job.user();
+            QString rowW, rowU;
+            if (!ws.isEmpty() && !ws.contains(QLatin1Char('|')) && !user.contains(QLatin1Char('|'))) {
+                rowW = ws;
+                rowU = user;
+            } else {
+                const QString tag = ws + QLatin1Char('|') + user;
+                rowW = GetToken(tag, QStringLiteral("|"), 1);
+                rowU = GetToken(tag, QStringLiteral("|"), 2);
+            }
+            return (anyW || w == rowW.trimmed().toUpper()) && (anyU || u == rowU.trimmed().toUpper());
         });
         return reply(0);
     }

@@ -376,7 +376,7 @@ QJsonObject ControlServer::printerJson(qint32 id) const
     qint32 queued = 0;
     const JobListModel& list = server_.jobs().jobList();
     for (int r = 0; r < list.count(); ++r)
-        queued += list.rowAt(r).printerId == id ? 1 : 0;
+        queued += list.jobAt(r).printerId == id ? 1 : 0;
     return QJsonObject{
         {QStringLiteral("id"), id},
         {QStringLiteral("name"), s.name.trimmed()},
@@ -427,9 +427,9 @@ ControlServer::Reply ControlServer::jobs(const QJsonObject& args)
     QJsonArray rows;
     const JobListModel& list = server_.jobs().jobList();
     for (int i = 0; i < list.count(); ++i) {
-        const JobRow& j = list.rowAt(i);
-        if (only > 0 && j.printerId != only)
+        if (only > 0 && list.jobAt(i).printerId != only)
             continue;
+        const JobRow j = list.rowAt(i);
         rows.append(QJsonObject{
             {QStringLiteral("id"), j.id},
             {QStringLiteral("copies"), j.copies},

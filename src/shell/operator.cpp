@@ -128,7 +128,7 @@ Operator::Outcome Operator::deleteAllJobs()
         return Outcome::Refused;
     Busy busy(*this);
     // One transaction and one pass over the list, however long the queue.
-    jobs.deleteJobsWhere([](const JobRow&) { return true; });
+    jobs.deleteJobsWhere([](const QueuedJob&) { return true; });
     return Outcome::Done;
 }
 

@@ -235,7 +235,7 @@ void TestJobStore::deleteJobsWhere()
     QAbstractItemModelTester tester(&list, QAbstractItemModelTester::FailureReportingMode::QtTest);
     const QList<int> kept = idsWhere(40, [&](int id) { return !gone.contains(id); });
 
-    QCOMPARE(store->deleteJobsWhere([&](const JobRow& r) { return gone.contains(r.id); }), gone.size());
+    QCOMPARE(store->deleteJobsWhere([&](const QueuedJob& r) { return gone.contains(r.id); }), gone.size());
     QCOMPARE(tableIds(mdb()), kept);
     QCOMPARE(listIds(list), kept);
     // The queue and the lookups by job follow the list.
@@ -261,7 +261,7 @@ void TestJobStore::deleteJobsWhereInABatch()
         QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
     QVERIFY(store->beginBatch());
     QVERIFY(add(1, "c7"));
-    QCOMPARE(store->deleteJobsWhere([](const JobRow& r) { return r.id % 2 == 1; }), 4);
+    QCOMPARE(store->deleteJobsWhere([](const QueuedJob& r) { return r.id % 2 == 1; }), 4);
     QCOMPARE(listIds(store->jobList()), (QList<int>{2, 4, 6}));
     QCOMPARE(tableIds(mdb()), (QList<int>{1, 2, 3, 4, 5, 6}));
     QVERIFY(store->commitBatch());
@@ -275,7 +275,7 @@ void TestJobStore::deleteJobsWhereFailures()
     for (int i = 1; i <= 4; ++i)
         QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
     QVERIFY(ExecSql(mdb(), {"DROP TABLE tbJob"}));
-    QCOMPARE(store->deleteJobsWhere([](const JobRow& r) { return r.id != 2; }), 0);
+    QCOMPARE(store->deleteJobsWhere([](const QueuedJob& r) { return r.id != 2; }), 0);
     QCOMPARE(listIds(store->jobList()), (QList<int>{1, 2, 3, 4}));
     const QString noTable = " Error: 1 no such table: tbJob";
     QCOMPARE(home->logMessages(), (QStringList{"SrvDBDeleteJob failed. JId = 1" + noTable,
