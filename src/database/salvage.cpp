@@ -9,6 +9,7 @@
 #include <QStringDecoder>
 #include <QVariant>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -535,10 +536,10 @@ qint64 insertRows(FileConnection& to, const Table& t, const QList<Cell>& rows)
 
 qint64 lostKeys(const Table& t, bool* tail)
 {
+    QList<qint64> keys(t.keys.begin(), t.keys.end());
+    std::sort(keys.begin(), keys.end());
+    const qint64 top = keys.isEmpty() ? 0 : std::max<qint64>(0, keys.last());
     qint64 lost = t.badCells;
-    qint64 top = 0;
-    for (qint64 k : t.keys)
-        top = std::max(top, k);
     for (const auto& [lo, hi] : t.lostRanges) {
         const qint64 from = lo.value_or(0);
         if (!hi)
@@ -546,9 +547,8 @@ qint64 lostKeys(const Table& t, bool* tail)
         const qint64 to = hi.value_or(std::max(top, from));
         if (to <= from)
             continue;
-        qint64 present = 0;
-        for (qint64 k : t.keys)
-            present += k > from && k <= to ? 1 : 0;
+        const qint64 present = std::upper_bound(keys.begin(), keys.end(), to)
+            - std::upper_bound(keys.begin(), keys.end(), from);
         // Saturating: keys need not be dense.
         const qint64 span = from < 0 && to > KeyMax + from ? KeyMax : to - from;
         lost = span - present > KeyMax - lost ? KeyMax : lost + span - present;
