@@ -5,7 +5,12 @@
 # otherwise. Ctrl-C (or the window's Exit) stops everything.
 #   tools/demo.sh [BUILD_DIR]     DEMO_PORT=20001 sets the server's TCP port,
 #                                 DEMO_HEADLESS=1 runs without the window
+#   tools/demo.sh --setup-only [BUILD_DIR]   creates the installation and exits
+# No step's output goes through a pipe: under pipefail a reader that quits
+# early (head) would kill the writer with SIGPIPE and fail the step.
 set -euo pipefail
+setup_only=0
+if [ "${1:-}" = --setup-only ]; then setup_only=1; shift; fi
 root=$(cd "$(dirname "$0")/.." && pwd)
 bin=$(cd "${1:-build}" && pwd)/bin
 demo=$root/demo
@@ -46,15 +51,30 @@ trap 'exit 130' INT TERM
 
 command -v sqlite3 >/dev/null || fail "sqlite3 is missing (make deps installs it)"
 [ -x "$bin/quillbase" ] && [ -x "$bin/mp104c-emulator" ] || fail "build first: make build"
-listening "$port" && fail "port $port is in use (another server running?); try DEMO_PORT=20002 make run"
 
-if [ ! -f "$demo/brixa.mdb" ]; then
-  "$bin/quillbase" --init --home "$demo" | head -n 1
-  mkdir -p "$XDG_CONFIG_HOME/Norvu"
+# The installation counts as set up only once every set-up step has worked
+# (.setup-done); anything a failed set-up left is removed and made again.
+# A demo made before that marker existed and complete is kept as it is.
+if [ ! -f "$demo/.setup-done" ] && [ -f "$demo/brixa.mdb" ] && [ -f "$XDG_CONFIG_HOME/Norvu/Brixa.conf" ] &&
+   grep -q '^dwUseTrafficLog=' "$XDG_CONFIG_HOME/Norvu/Brixa.conf"; then
+  touch "$demo/.setup-done"
+fi
+if [ ! -f "$demo/.setup-done" ]; then
+  find "$demo" -mindepth 1 -maxdepth 1 ! -name .demo.lock -exec rm -rf {} +
+  mkdir -p "$demo/run" "$XDG_CONFIG_HOME/Norvu"
+  if ! "$bin/quillbase" --init --home "$demo" > "$demo/run/init.out" 2>&1; then
+    out=$(cat "$demo/run/init.out")
+    find "$demo" -mindepth 1 -maxdepth 1 ! -name .demo.lock -exec rm -rf {} +
+    fail "could not create the installation: $out"
+  fi
+  say "$(sed -n 1p "$demo/run/init.out")"
   # Event and traffic log on, so the log below shows what happens.
   printf '[Quillbase]\ndwUseLog=dword:00000001\ndwUseTrafficLog=dword:00000001\n' \
     > "$XDG_CONFIG_HOME/Norvu/Brixa.conf"
+  touch "$demo/.setup-done"
 fi
+[ "$setup_only" = 1 ] && exit 0
+listening "$port" && fail "port $port is in use (another server running?); try DEMO_PORT=20002 make run"
 # The emulators number their labels from 1 again: each run starts with empty folders.
 rm -rf "$demo/labels"
 mkdir -p "$demo/run" "$demo/labels/reception" "$demo/labels/proshop"
@@ -82,9 +102,11 @@ VALUES (1, 'Reception', 1, 2, 'COM1:#9600', '127.0.0.1#$netport', 1, 4, 2, 0, 0,
 UPDATE tbServer SET port = $port, AutoStartService = 1;
 SQL
 
-log=$demo/Quillbase$((10#$(date +%V))).log
-touch "$log"
-tail -n 0 -F "$log" 2>/dev/null &
+# The event log and the printer driver's outcome lines (its own weekly file).
+week=$((10#$(date +%V)))
+logs=("$demo/Quillbase$week.log" "$demo/Quillmotor$week.log")
+touch "${logs[@]}"
+tail -q -n 0 -F "${logs[@]}" 2>/dev/null &
 pids+=($!)
 # The log file below has the traffic entries too; the server's own stderr copy
 # of the event lines goes to run/server.err.
