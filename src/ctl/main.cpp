@@ -12,14 +12,22 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocalSocket>
+#include <QLockFile>
+#include <QRegularExpression>
+#include <QSysInfo>
 #include <QTextStream>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 
 namespace {
 
-enum Exit { Success = 0, Refused = 1, Usage = 2, NoServer = 3 };
+enum Exit { Success = 0, Refused = 1, Usage = 2, NoServer = 3, NoAnswer = 4 };
+
+// --json anywhere on the line: failures of this program come as JSON too.
+bool jsonMode = false;
 
 QTextStream out(stdout);
 QTextStream err(stderr);
@@ -96,7 +104,7 @@ const QList<Command>& commands()
         {"printer test", "printer-test", "ID", "Print a test label on printer ID.", {}, 1, 1, true, true},
         {"printer clear", "printer-clear", "ID", "Clear the memory of printer ID.", {}, 1, 1, true, true},
         {"printer calibrate", "printer-calibrate", "ID", "Calibrate printer ID.", {}, 1, 1, true, true},
-        {"settings", "settings", "", "Show the TCP port and the switches.", {}},
+        {"settings", "settings", "", "Show the TCP port and the switches ('settings set' changes them).", {}},
         {"settings set", "settings-set", "OPTIONS",
          "Change the port and switches. A running print service is stopped first, as the settings dialog does; "
          "start it again with 'start'.",
@@ -110,13 +118,30 @@ QString commonHelp()
     return QStringLiteral("Common options:\n"
                           "  --home DIR   installation folder of the server (default: this program's folder,\n"
                           "               or /var/lib/quillbase for the installed service)\n"
-                          "  --json       print the server's answer as one JSON object\n"
-                          "  --help       this help\n");
+                          "  --json       print the server's answer as one JSON object (on failure too:\n"
+                          "               {\"ok\":false,\"reason\":...,\"error\":...})\n"
+                          "  --timeout S  wait at most S seconds for the answer (default 120; 300 for the\n"
+                          "               printer's device commands)\n"
+                          "  --help       this help\n"
+                          "  --version    the program's version\n");
+}
+
+QString exitHelp()
+{
+    return QStringLiteral("Exit status: 0 done, 1 the server refused (the reason on stderr), 2 bad usage,\n"
+                          "3 no server runs in that folder, 4 a server runs there but does not answer.\n");
+}
+
+// The first sentence of a summary ("1..5" is no sentence end).
+QString firstSentence(const QString& summary)
+{
+    const qsizetype end = summary.indexOf(QRegularExpression(QStringLiteral("\\.(\\s|$)")));
+    return end < 0 ? summary : summary.left(end + 1);
 }
 
 QString usage(const Command& c)
 {
-    QString t = QStringLiteral("Usage: quillbase-ctl [--home DIR] [--json] %1 %2\n\n%3\n")
+    QString t = QStringLiteral("Usage: quillbase-ctl [--home DIR] [--json] [--timeout S] %1 %2\n\n%3\n")
                     .arg(c.name, c.synopsis, c.summary);
     if (!c.options.isEmpty()) {
         t += QStringLiteral("\nOptions:\n");
@@ -127,27 +152,61 @@ QString usage(const Command& c)
             t += QStringLiteral("  %1  %2\n").arg(left, -30).arg(QLatin1String(o.help));
         }
     }
-    return t + QLatin1Char('\n') + commonHelp();
+    return t + QLatin1Char('\n') + commonHelp() + QLatin1Char('\n') + exitHelp();
 }
 
 QString mainUsage()
 {
-    QString t = QStringLiteral("Usage: quillbase-ctl [--home DIR] [--json] COMMAND [ARGUMENTS]\n\n"
+    QString t = QStringLiteral("Usage: quillbase-ctl [--home DIR] [--json] [--timeout S] COMMAND [ARGUMENTS]\n\n"
                                "The operator's commands on a running Quillbase server, through its control socket\n"
                                "(quillbase.sock in the installation folder).\n\nCommands:\n");
     for (const Command& c : commands())
-        t += QStringLiteral("  %1  %2\n").arg(c.name + QLatin1Char(' ') + c.synopsis, -36).arg(c.summary.section(QLatin1Char('.'), 0, 0));
+        t += QStringLiteral("  %1  %2\n").arg(c.name + QLatin1Char(' ') + c.synopsis, -36).arg(firstSentence(c.summary));
     return t + QStringLiteral("\n'quillbase-ctl COMMAND --help' describes a command.\n\n") + commonHelp()
-        + QStringLiteral("\nExit status: 0 done, 1 the server refused (the reason on stderr), 2 bad usage,\n"
-                         "3 no server runs in that folder.\n");
+        + QLatin1Char('\n') + exitHelp();
+}
+
+// `quillbase-ctl printer --help`: the commands that start with `group`.
+QString groupUsage(const QString& group)
+{
+    QString t = QStringLiteral("Usage: quillbase-ctl [--home DIR] [--json] [--timeout S] %1 SUBCOMMAND [ARGUMENTS]\n\n"
+                               "Subcommands:\n")
+                    .arg(group);
+    for (const Command& c : commands())
+        if (c.name.startsWith(group + QLatin1Char(' ')))
+            t += QStringLiteral("  %1  %2\n").arg(c.name + QLatin1Char(' ') + c.synopsis, -36).arg(firstSentence(c.summary));
+    return t + QStringLiteral("\n'quillbase-ctl %1 SUBCOMMAND --help' describes one.\n\n").arg(group) + commonHelp();
+}
+
+bool isGroup(const QString& word)
+{
+    for (const Command& c : commands())
+        if (c.name.startsWith(word + QLatin1Char(' ')) && c.name != word)
+            return true;
+    return false;
+}
+
+// A failure of this program (not the server's refusal): stderr, and with
+// --json one object on stdout.
+int failure(int code, const QString& reason, const QString& message)
+{
+    err << "quillbase-ctl: " << message << Qt::endl;
+    if (jsonMode)
+        out << QJsonDocument(QJsonObject{{QStringLiteral("ok"), false},
+                                         {QStringLiteral("reason"), reason},
+                                         {QStringLiteral("error"), message},
+                                         {QStringLiteral("exitStatus"), code}})
+                   .toJson(QJsonDocument::Compact)
+            << Qt::endl;
+    return code;
 }
 
 int usageError(const QString& message, const Command* c = nullptr)
 {
-    err << "quillbase-ctl: " << message << Qt::endl;
-    err << (c ? QStringLiteral("Try 'quillbase-ctl %1 --help'.").arg(c->name)
-              : QStringLiteral("Try 'quillbase-ctl --help'."))
-        << Qt::endl;
+    const QString hint = c ? QStringLiteral("Try 'quillbase-ctl %1 --help'.").arg(c->name)
+                           : QStringLiteral("Try 'quillbase-ctl --help'.");
+    failure(Usage, QStringLiteral("usage"), message);
+    err << hint << Qt::endl;
     return Usage;
 }
 
@@ -236,7 +295,7 @@ void printJobs(const QJsonObject& r)
     QList<QStringList> rows;
     for (const QJsonValue& v : r[QLatin1String("jobs")].toArray()) {
         const QJsonObject j = v.toObject();
-        rows << QStringList{QString::number(j[QLatin1String("id")].toInt()), j[QLatin1String("copies")].toString(),
+        rows << QStringList{QString::number(j[QLatin1String("id")].toInt()), j[QLatin1String("copies")].toVariant().toString(),
                             QStringLiteral("%1 %2").arg(j[QLatin1String("printerId")].toInt()).arg(j[QLatin1String("printer")].toString()),
                             j[QLatin1String("sender")].toString(), j[QLatin1String("caption")].toString()};
     }
@@ -251,7 +310,7 @@ void printSettings(const QJsonObject& r)
     const QJsonObject s = r[QLatin1String("settings")].toObject();
     const QJsonObject labels = r[QLatin1String("labels")].toObject();
     QList<QStringList> rows;
-    rows << QStringList{"--port", s[QLatin1String("port")].toString(), labels[QLatin1String("port")].toString()};
+    rows << QStringList{"--port", s[QLatin1String("port")].toVariant().toString(), labels[QLatin1String("port")].toString()};
     for (const Option& o : settingsOptions) {
         if (QLatin1String(o.key) == QLatin1String("port"))
             continue;
@@ -396,40 +455,60 @@ QString defaultHome()
     return own;
 }
 
-int send(const QString& home, const Command& c, const QJsonObject& args, bool json, const QStringList& positional)
+// Whether a live process on this machine holds the folder's single-instance
+// lock: then a server runs there even when its socket does not answer.
+bool serverHoldsLock(const QString& home)
+{
+    qint64 pid = 0;
+    QString host, app;
+    QLockFile lock(QDir(home).filePath(QStringLiteral("quillbase.lock")));
+    if (!lock.getLockInfo(&pid, &host, &app) || pid <= 0)
+        return false;
+    if (!host.isEmpty() && host != QSysInfo::machineHostName())
+        return false;
+    // EPERM: it runs, as another user (the service's).
+    return ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
+}
+
+int send(const QString& home, const Command& c, const QJsonObject& args, bool json, const QStringList& positional,
+         int timeoutSeconds)
 {
     const QString path = QDir(home).filePath(QStringLiteral("quillbase.sock"));
+    const QString folder = QDir::toNativeSeparators(home);
     QLocalSocket socket;
     socket.connectToServer(path);
     if (!socket.waitForConnected(5000)) {
-        if (socket.error() == QLocalSocket::SocketAccessError) {
-            err << "quillbase-ctl: not allowed to connect to " << path
-                << " (only the server's user and group may)" << Qt::endl;
-            return Refused;
-        }
-        err << "quillbase-ctl: no Quillbase server runs in " << QDir::toNativeSeparators(home) << " ("
-            << (QFileInfo::exists(path) ? socket.errorString() : QStringLiteral("no quillbase.sock there")) << ")"
-            << Qt::endl;
-        return NoServer;
+        if (socket.error() == QLocalSocket::SocketAccessError)
+            return failure(Refused, QStringLiteral("not-allowed"),
+                           QStringLiteral("not allowed to connect to %1 (only the server's user and group may)")
+                               .arg(path));
+        const QString why = QFileInfo::exists(path) ? socket.errorString() : QStringLiteral("no quillbase.sock there");
+        if (serverHoldsLock(home))
+            return failure(NoAnswer, QStringLiteral("no-answer"),
+                           QStringLiteral("the server in %1 does not answer (%2); it runs but may be overloaded or "
+                                          "out of file descriptors: see its event log")
+                               .arg(folder, why));
+        return failure(NoServer, QStringLiteral("no-server"),
+                       QStringLiteral("no Quillbase server runs in %1 (%2)").arg(folder, why));
     }
     const QJsonObject request{{QStringLiteral("command"), c.request}, {QStringLiteral("args"), args}};
     socket.write(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n');
     // A device operation talks to the printer with its own bounded waits.
-    const int limitMs = c.device ? 300000 : 120000;
+    const int limitMs = timeoutSeconds > 0 ? timeoutSeconds * 1000 : c.device ? 300000 : 120000;
     QElapsedTimer waited;
     waited.start();
     while (!socket.canReadLine() && socket.state() == QLocalSocket::ConnectedState && waited.elapsed() < limitMs)
         socket.waitForReadyRead(int(qMin<qint64>(1000, limitMs - waited.elapsed())));
-    if (!socket.canReadLine()) {
-        err << "quillbase-ctl: the server did not answer" << Qt::endl;
-        return Refused;
-    }
+    if (!socket.canReadLine())
+        return failure(NoAnswer, QStringLiteral("no-answer"),
+                       socket.state() == QLocalSocket::ConnectedState
+                           ? QStringLiteral("the server in %1 did not answer within %2 s").arg(folder).arg(limitMs / 1000)
+                           : QStringLiteral("the server in %1 closed the connection without an answer").arg(folder));
     QJsonParseError parseError;
     const QJsonObject reply = QJsonDocument::fromJson(socket.readLine(), &parseError).object();
-    if (parseError.error != QJsonParseError::NoError) {
-        err << "quillbase-ctl: unreadable answer from the server: " << parseError.errorString() << Qt::endl;
-        return Refused;
-    }
+    if (parseError.error != QJsonParseError::NoError)
+        return failure(Refused, QStringLiteral("unreadable-answer"),
+                       QStringLiteral("unreadable answer from the server: ") + parseError.errorString());
     const bool ok = reply[QLatin1String("ok")].toBool();
     if (json) {
         out << QJsonDocument(reply).toJson(QJsonDocument::Compact) << Qt::endl;
@@ -454,8 +533,13 @@ int run(const QStringList& arguments)
     bool help = false;
     for (int i = 1; i < arguments.size(); ++i) {
         const QString a = arguments[i];
-        if (a == QLatin1String("--home")) {
+        if (a == QLatin1String("--home") || a == QLatin1String("--timeout")) {
             ++i;
+        } else if (a == QLatin1String("--json")) {
+            jsonMode = true;
+        } else if (a == QLatin1String("--version")) {
+            out << "quillbase-ctl " << QUILL_VERSION << Qt::endl;
+            return Success;
         } else if (a == QLatin1String("--help") || a == QLatin1String("-h")) {
             help = true;
         } else if (!a.startsWith(QLatin1Char('-'))) {
@@ -477,6 +561,16 @@ int run(const QStringList& arguments)
         }
         if (words.isEmpty())
             return usageError(QStringLiteral("no command given"));
+        if (isGroup(words[0]) && words.size() == 1) {
+            if (help) {
+                out << groupUsage(words[0]);
+                return Success;
+            }
+            return usageError(QStringLiteral("'%1' needs a subcommand; see 'quillbase-ctl %1 --help'").arg(words[0]));
+        }
+        if (isGroup(words[0]))
+            return usageError(QStringLiteral("unknown %1 subcommand '%2'; see 'quillbase-ctl %1 --help'")
+                                  .arg(words[0], words[1]));
         return usageError(QStringLiteral("unknown command '%1'").arg(words.join(QLatin1Char(' '))));
     }
 
@@ -484,6 +578,7 @@ int run(const QStringList& arguments)
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
     parser.addOption({QStringLiteral("home"), QString(), QStringLiteral("DIR")});
     parser.addOption({QStringLiteral("json"), QString()});
+    parser.addOption({QStringLiteral("timeout"), QString(), QStringLiteral("S")});
     parser.addOption({{QStringLiteral("help"), QStringLiteral("h")}, QString()});
     for (const Option& o : command->options)
         parser.addOption(o.value ? QCommandLineOption(QLatin1String(o.name), QString(), QLatin1String(o.value))
@@ -553,7 +648,13 @@ int run(const QStringList& arguments)
         return usageError(QStringLiteral("no setting given"), command);
 
     const QString home = parser.isSet(QStringLiteral("home")) ? parser.value(QStringLiteral("home")) : defaultHome();
-    return send(home, *command, args, parser.isSet(QStringLiteral("json")), positional);
+    int timeout = 0;
+    if (parser.isSet(QStringLiteral("timeout"))) {
+        timeout = parser.value(QStringLiteral("timeout")).toInt(&ok);
+        if (!ok || timeout < 1 || timeout > 86400)
+            return usageError(QStringLiteral("--timeout takes whole seconds, 1 to 86400"), command);
+    }
+    return send(home, *command, args, parser.isSet(QStringLiteral("json")), positional, timeout);
 }
 
 } // namespace

@@ -76,6 +76,16 @@ struct ControlServer::Reply {
 
 namespace {
 
+// Texts the window shows in number boxes go out as JSON numbers when they are
+// numbers, as typed otherwise.
+QJsonValue numberOrText(const QString& text)
+{
+    bool ok = false;
+    const qint64 n = text.trimmed().toLongLong(&ok);
+    return ok ? QJsonValue(n) : QJsonValue(text);
+}
+
+
 template <typename E>
 QString enumKey(E value)
 {
@@ -432,7 +442,7 @@ ControlServer::Reply ControlServer::jobs(const QJsonObject& args)
         const JobRow j = list.rowAt(i);
         rows.append(QJsonObject{
             {QStringLiteral("id"), j.id},
-            {QStringLiteral("copies"), j.copies},
+            {QStringLiteral("copies"), numberOrText(j.copies)},
             {QStringLiteral("printerId"), j.printerId},
             {QStringLiteral("printer"), j.printerName},
             {QStringLiteral("sender"), j.senderText},
@@ -733,7 +743,7 @@ namespace {
 QJsonObject settingsJson(const Operator::ServerSettings& s)
 {
     return QJsonObject{
-        {QStringLiteral("port"), s.port},
+        {QStringLiteral("port"), numberOrText(s.port)},
         {QStringLiteral("autoStartAtLogon"), s.autoStartAtLogon},
         {QStringLiteral("autoStartService"), s.autoStartService},
         {QStringLiteral("startMinimized"), s.startMinimized},

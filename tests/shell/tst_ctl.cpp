@@ -21,6 +21,7 @@
 #include <QTcpSocket>
 #include <QTest>
 
+#include <csignal>
 #include <unistd.h>
 
 using quill::GetString;
@@ -206,7 +207,36 @@ private slots:
         // Shutdown removes the socket; then there is no server to talk to.
         QVERIFY(stopServer());
         QVERIFY(!QFileInfo::exists(socketPath()));
-        QCOMPARE(ctl({"status"}).code, 3);
+        const Run none = ctl({"--json", "status"});
+        QCOMPARE(none.code, 3);
+        QCOMPARE(none.json()["ok"], QJsonValue(false));
+        QCOMPARE(none.json()["reason"].toString(), QString("no-server"));
+        QVERIFY2(none.err.contains("no Quillbase server runs in"), qPrintable(none.err));
+    }
+
+    // A server that runs (holds its folder's lock) but does not answer is not
+    // "no server": it has its own exit status, also when its socket is gone.
+    void serverNotAnswering_data()
+    {
+        QTest::addColumn<bool>("socketGone");
+        QTest::newRow("socket accepts, no answer") << false;
+        QTest::newRow("socket gone, lock held") << true;
+    }
+    void serverNotAnswering()
+    {
+        QFETCH(bool, socketGone);
+        const QString moved = socketPath() + ".away";
+        if (socketGone)
+            QVERIFY(QFile::rename(socketPath(), moved));
+        QVERIFY(::kill(pid_t(server_->processId()), SIGSTOP) == 0);
+        const Run r = ctl({"--json", "--timeout", "2", "status"});
+        QVERIFY(::kill(pid_t(server_->processId()), SIGCONT) == 0);
+        if (socketGone)
+            QVERIFY(QFile::rename(moved, socketPath()));
+        QCOMPARE(r.code, 4);
+        QCOMPARE(r.json()["reason"].toString(), QString("no-answer"));
+        QVERIFY2(r.err.contains("does not answer") || r.err.contains("did not answer"), qPrintable(r.err));
+        QCOMPARE(ctl({"status"}).code, 0);
     }
 
     void staleSocketReplaced()
@@ -230,6 +260,7 @@ private slots:
         QCOMPARE(jobs[1].toObject()["caption"].toString(), QString("Två"));
         QCOMPARE(jobs[1].toObject()["printer"].toString(), QString("Bar"));
         QCOMPARE(jobs[1].toObject()["sender"].toString(), GetString(12055, "Anna|KASSA1"));
+        QCOMPARE(jobs[1].toObject()["copies"], QJsonValue(1));
         r = ctl({"--json", "jobs", "--printer", "1"});
         QCOMPARE(r.json()["jobs"].toArray().size(), 2);
         QCOMPARE(printer(1)["queued"].toInt(), 2);
@@ -297,6 +328,9 @@ private slots:
         QTest::newRow("unknown option") << QStringList{"printer", "add", "--colour", "red"} << 2 << "colour";
         QTest::newRow("unknown command") << QStringList{"reboot"} << 2 << "unknown command";
         QTest::newRow("no command") << QStringList{} << 2 << "no command";
+        QTest::newRow("group without subcommand") << QStringList{"printer"} << 2 << "needs a subcommand";
+        QTest::newRow("unknown subcommand") << QStringList{"printer", "reboot"} << 2 << "unknown printer subcommand";
+        QTest::newRow("timeout not a number") << QStringList{"--timeout", "x", "status"} << 2 << "--timeout";
     }
     void refusals()
     {
@@ -417,6 +451,7 @@ private slots:
         QCOMPARE(s["quitQuestion"].toBool(), true);
         QCOMPARE(s["log"].toBool(), true); // not given: unchanged
         QCOMPARE(s["startMinimized"].toBool(), false);
+        QCOMPARE(s["port"], QJsonValue(int(port_)));
         QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwSilentMode").toInt(), 1);
 
         // A new port: rebound, told, stored, and print requests reach it.
@@ -470,6 +505,10 @@ private slots:
         QTest::addColumn<QStringList>("args");
         QTest::addColumn<QString>("text");
         QTest::newRow("main") << QStringList{"--help"} << "printer configure";
+        QTest::newRow("main: whole summaries") << QStringList{"--help"} << "in the lowest free slot (1..5); it is checked at once.";
+        QTest::newRow("main: exit status") << QStringList{"--help"} << "4 a server runs there but does not answer";
+        QTest::newRow("printer group") << QStringList{"printer", "--help"} << "printer calibrate ID";
+        QTest::newRow("version") << QStringList{"--version"} << "quillbase-ctl " QUILL_VERSION;
         QTest::newRow("printer add") << QStringList{"printer", "add", "--help"} << "--reverse-feed";
         QTest::newRow("settings set") << QStringList{"settings", "set", "--help"} << "--quit-question";
         QTest::newRow("delete") << QStringList{"delete", "--help"} << "--all";
