@@ -291,12 +291,15 @@ private:
                 out->append(QVariant(QByteArray(reinterpret_cast<const char*>(b), qsizetype(len))));
             } else {
                 const QByteArrayView bytes(b, qsizetype(len));
-                if (h_.encoding == 1) {
-                    out->append(QVariant(QString::fromUtf8(bytes)));
-                } else {
-                    QStringDecoder decode(h_.encoding == 2 ? QStringConverter::Utf16LE : QStringConverter::Utf16BE);
-                    out->append(QVariant(QString(decode(bytes))));
-                }
+                // Text that does not decode is overwritten text in a record
+                // whose header survived: the row is lost, not kept garbled.
+                QStringDecoder decode(h_.encoding == 1   ? QStringConverter::Utf8
+                                      : h_.encoding == 2 ? QStringConverter::Utf16LE
+                                                         : QStringConverter::Utf16BE);
+                const QString text = decode(bytes);
+                if (decode.hasError())
+                    return false;
+                out->append(QVariant(text));
             }
             b += len;
         }
