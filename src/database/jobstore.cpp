@@ -49,12 +49,18 @@ QString QueuedJob::field(int n) const
 
 // ---------------------------------------------------------------- JobListModel
 
+namespace {
+constexpr int AnnounceMs = 100;
+}
+
 JobListModel::JobListModel(const PrinterSlots* printerSlots, QObject* parent)
     : QAbstractTableModel(parent), slots_(printerSlots)
 {
+    announce_.setSingleShot(true);
+    connect(&announce_, &QTimer::timeout, this, &JobListModel::flushInsertions);
 }
 
-int JobListModel::rowCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : count(); }
+int JobListModel::rowCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : announced_; }
 
 int JobListModel::columnCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : ColumnCount; }
 
@@ -87,7 +93,7 @@ const JobRow& JobListModel::shown(int row) const
 
 QVariant JobListModel::data(const QModelIndex& index, int role) const
 {
-    if (!index.isValid() || index.row() >= count() || index.column() >= ColumnCount)
+    if (!index.isValid() || index.row() >= announced_ || index.column() >= ColumnCount)
         return {};
     if (role == JobIdRole)
         return jobAt(index.row()).id;
@@ -182,26 +188,42 @@ qint32 JobListModel::firstJobOf(qint32 printerId) const
 
 void JobListModel::append(QueuedJob job)
 {
-    const int at = count();
-    if (!bulk_)
-        beginInsertRows({}, at, at);
     job.seq = nextSeq_++;
     if (!rows_.empty() && job.id < rows_.back().id)
         idsAscending_ = false;
     rows_.push_back(std::move(job));
-    if (!bulk_)
-        endInsertRows();
+    if (bulk_ || announce_.isActive())
+        return;
+    const qint64 since = lastAnnounce_.isValid() ? lastAnnounce_.elapsed() : AnnounceMs;
+    if (since >= AnnounceMs)
+        flushInsertions();
+    else
+        announce_.start(int(AnnounceMs - since));
+}
+
+void JobListModel::flushInsertions()
+{
+    announce_.stop();
+    if (bulk_ || announced_ >= count())
+        return;
+    beginInsertRows({}, announced_, count() - 1);
+    announced_ = count();
+    endInsertRows();
+    lastAnnounce_.start();
 }
 
 void JobListModel::removeRowAt(int row)
 {
     if (row < 0 || row >= count())
         return;
-    if (!bulk_)
+    const bool told = !bulk_ && row < announced_;
+    if (told)
         beginRemoveRows({}, row, row);
     rows_.erase(rows_.begin() + row);
-    if (!bulk_)
+    if (told) {
+        --announced_;
         endRemoveRows();
+    }
 }
 
 void JobListModel::removeRowsAt(const std::vector<int>& rows)
@@ -240,14 +262,24 @@ void JobListModel::removeRowsAt(const std::vector<int>& rows)
             }
             rows_.erase(rows_.begin() + qsizetype(kept), rows_.end());
         }
+        // A reset tells the views of every row.
+        announce_.stop();
+        announced_ = count();
         if (!bulk_)
             endResetModel();
         return;
     }
     // From the last run back, so the row numbers of the earlier ones stay true.
+    // The unannounced part of a run leaves silently.
     for (auto run = runs.rbegin(); run != runs.rend(); ++run) {
-        beginRemoveRows({}, run->first, run->second);
-        rows_.erase(rows_.begin() + run->first, rows_.begin() + run->second + 1);
+        if (run->second >= announced_)
+            rows_.erase(rows_.begin() + std::max(run->first, announced_), rows_.begin() + run->second + 1);
+        if (run->first >= announced_)
+            continue;
+        const int last = std::min(run->second, announced_ - 1);
+        beginRemoveRows({}, run->first, last);
+        rows_.erase(rows_.begin() + run->first, rows_.begin() + last + 1);
+        announced_ -= last - run->first + 1;
         endRemoveRows();
     }
 }
@@ -260,6 +292,8 @@ void JobListModel::clear()
     rows_.shrink_to_fit();
     scanFrom_.clear();
     idsAscending_ = true;
+    announce_.stop();
+    announced_ = 0;
     if (!bulk_)
         endResetModel();
 }
@@ -277,6 +311,8 @@ void JobListModel::endBulk()
     if (!bulk_)
         return;
     bulk_ = false;
+    announce_.stop();
+    announced_ = count();
     endResetModel();
 }
 

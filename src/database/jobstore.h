@@ -23,7 +23,9 @@
 
 #include <QAbstractTableModel>
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QString>
+#include <QTimer>
 
 #include <deque>
 #include <functional>
@@ -80,6 +82,13 @@ struct JobRow {
 
 // The job list: four columns "Jobb", "Kopior", "Skrivare", "Arbetsstation", one row
 // per queued job in queue order. Read-only for views; changed through JobStore.
+//
+// Appended rows reach views in groups: an append more than 100 ms after the last
+// announcement is announced at once; later ones wait until 100 ms have passed and
+// are then announced together in one insertion (or at once by flushInsertions()).
+// A view under a stream of jobs so lays its rows out at most ten times a second.
+// count(), jobAt() and the queue see every row at once; rowCount() is what views
+// have been told of. Removals are announced at once; an unannounced row leaves silently.
 class JobListModel : public QAbstractTableModel {
     Q_OBJECT
 public:
@@ -111,6 +120,10 @@ public:
     int firstRowOf(qint32 printerId) const;
 
     void append(QueuedJob job);
+    // Announces the rows appended since the last announcement now.
+    void flushInsertions();
+    // Rows appended but not announced to views yet.
+    int unannouncedRows() const { return count() - announced_; }
     void removeRowAt(int row);
     // Removes these rows (ascending) in one pass: a few runs of adjacent rows as
     // row removals, scattered rows as one reset.
@@ -131,6 +144,9 @@ private:
     std::deque<QueuedJob> rows_;
     quint64 nextSeq_ = 0;
     bool bulk_ = false;
+    int announced_ = 0; // leading rows the views know of; the rest wait for announce_
+    QTimer announce_;
+    QElapsedTimer lastAnnounce_;
     // Ids rise along the list unless another program wrote tbJob: then lookups
     // by id walk the list.
     bool idsAscending_ = true;
