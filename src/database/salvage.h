@@ -50,12 +50,14 @@ struct SalvagedTable {
 // pages hold rows deleted long ago). Two rows with one key: the first found
 // stays. Indexes are built anew.
 //
-// `goodBackup` (may be empty) is a copy that passed its check: it gives the
-// page size and schema when the file's own are unreadable, and for the tables
-// named in `restorable` the rows it holds that the damage took.
+// `goodBackup` (may be empty) is a copy that passed its check: it names the
+// tables the file's damaged schema lost (their rows then come from stray
+// pages), and for the tables named in `restorable` it gives back the rows it
+// holds that the damage took.
 //
-// The target is fsync'd. Throws quill::Error when nothing of the file can be
-// read or the target cannot be written (a partial target is removed).
+// The target is fsync'd. Throws quill::Error when the file has no header of
+// its own or not a row of it can be read, or the target cannot be written (a
+// partial target is removed).
 QList<SalvagedTable> SalvageDatabase(const QString& damaged, const QString& target, const QString& goodBackup = {},
                                      const QStringList& restorable = {});
 

@@ -30,11 +30,6 @@ bool ReleaseReservedDescriptor()
     return true;
 }
 
-bool DescriptorReserved()
-{
-    return reserve >= 0;
-}
-
 void NoteOutOfDescriptors(const QString& what, const QString& error)
 {
     if (noted || (lastNote.isValid() && lastNote.elapsed() < 60000))

@@ -10,7 +10,6 @@ namespace quill {
 void ReserveDescriptor();
 // Gives the reserve up for one descriptor; false when none was held.
 bool ReleaseReservedDescriptor();
-bool DescriptorReserved();
 
 // Logs once that `what` cannot accept (error: why), until descriptors are to
 // be had again (NoteDescriptorsAgain).
