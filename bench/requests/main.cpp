@@ -135,7 +135,7 @@ private:
 };
 
 // The server's own store path without the network: one job per batch, as a
-// lone request on one connection gets it (begin, SrvAddJob, commit).
+// lone request on one connection gets it (handed to the storage thread, committed).
 class StoreCommits : public CommitLoop {
 public:
     explicit StoreCommits(const QString& path)
@@ -149,9 +149,7 @@ public:
 protected:
     bool commitOne(qint64 n) override
     {
-        store_->beginBatch();
-        store_->SrvAddJob(PrintJob::fromText(QString::fromLatin1(printRequest(0, n))));
-        return store_->commitBatch();
+        return store_->SrvAddJob(PrintJob::fromText(QString::fromLatin1(printRequest(0, n))));
     }
 
 private:

@@ -348,7 +348,79 @@ JobStore::JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots)
 {
 }
 
+JobStore::~JobStore() { stopWriter(); }
+
 bool JobStore::tableOpen() const { return jdb_.jobsOpen(); }
+
+JobWriter& JobStore::writer()
+{
+    if (!writer_) {
+        writer_ = std::make_unique<JobWriter>(jdb_.database().path(), [this] {
+            // One call at a time waits in the event loop, however many commits end.
+            if (!drainPosted_.exchange(true))
+                QMetaObject::invokeMethod(&list_, [this] { drain(); }, Qt::QueuedConnection);
+        });
+    }
+    return *writer_;
+}
+
+std::vector<JobWriter::Outcome> JobStore::drain()
+{
+    drainPosted_ = false;
+    if (!writer_)
+        return {};
+    std::vector<JobWriter::Outcome> done = writer_->takeDone();
+    if (done.empty())
+        return done;
+    std::vector<quint64> failed;
+    for (JobWriter::Outcome& o : done) {
+        if (o.insert) {
+            if (o.ok()) {
+                try {
+                    list_.append(queued(o.job.id, o.job));
+                } catch (const Error&) {
+                    // Checked before it was handed over.
+                }
+            } else {
+                failed.push_back(o.ticket);
+                LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(o.job.id)
+                         + QStringLiteral(" Error: ") + o.error->text());
+            }
+        } else if (!o.ok()) {
+            failed.push_back(o.ticket);
+            for (qint32 id : o.ids)
+                logDeleteFailed(id, o.error->text());
+        }
+    }
+    if (onCommitted)
+        onCommitted(done.back().ticket, failed);
+    return done;
+}
+
+JobWriter::Outcome JobStore::await(quint64 ticket)
+{
+    writer_->waitFor(ticket);
+    for (JobWriter::Outcome& o : drain())
+        if (o.ticket == ticket)
+            return std::move(o);
+    return {};
+}
+
+void JobStore::sync()
+{
+    if (!writer_ || lastTicket_ == 0)
+        return;
+    writer_->waitFor(lastTicket_);
+    drain();
+}
+
+void JobStore::stopWriter()
+{
+    if (!writer_)
+        return;
+    sync();
+    writer_.reset();
+}
 
 std::optional<PrintJob> JobStore::nextJob(qint32 printerId) const
 {
@@ -368,48 +440,32 @@ bool JobStore::jobStored(qint32 id)
     return r.value;
 }
 
-bool JobStore::SrvAddJob(const PrintJob& job)
+std::optional<quint64> JobStore::submitJob(const PrintJob& job)
 {
+    if (tableOpen() && job.readable(PrintJob::ListedFields))
+        return lastTicket_ = writer().submitInsert(job);
+    // Refused before it was handed over, with the id it would have had.
     qint32 id = 0;
-    try {
-        if (!tableOpen())
-            throw notOpen();
+    Error e = notOpen();
+    if (tableOpen()) {
         const DbResult<qint32> next = repo_.nextId();
-        if (!next.ok())
-            throw *next.error;
-        id = next.value;
-        if (inBatch_ && refusal_)
-            throw *refusal_;
-        // The row's fields are read before anything is stored.
-        QueuedJob row = queued(id, job);
-        if (auto failed = repo_.insert(id, job.printerId, job.text))
-            throw *failed;
-        if (inBatch_)
-            batchJobs_.push_back(id);
-        list_.append(std::move(row));
-        return true;
-    } catch (const std::exception& e) {
-        const auto* err = dynamic_cast<const Error*>(&e);
-        noteFailure(err ? *err : Error(1, errorText(e)));
-        LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ")
-                 + errorText(e));
-        return false;
+        id = next.ok() ? next.value : 0;
+        e = next.ok() ? Error(ErrOverflow, QStringLiteral("Overflow")) : *next.error;
     }
+    LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ") + e.text());
+    return std::nullopt;
 }
 
-void JobStore::noteFailure(const Error& failure)
+bool JobStore::SrvAddJob(const PrintJob& job)
 {
-    // SQLITE_READONLY and its extended codes.
-    if ((failure.number & 0xff) == 8)
-        reopen_ = true;
-    // A failed statement may have ended the transaction: later writes of the
-    // batch would then commit on their own, outside what the batch reports.
-    if (inBatch_ && !refusal_)
-        refusal_ = failure;
+    const std::optional<quint64> ticket = submitJob(job);
+    return ticket && await(*ticket).ok();
 }
 
 void JobStore::SrvInitAllJobs()
 {
+    // Whatever was handed over is in tbJob, or logged as failed, first.
+    sync();
     list_.beginBulk();
     try {
         list_.clear();
@@ -438,18 +494,11 @@ void JobStore::SrvInitAllJobs()
 
 bool JobStore::SrvDBDeleteJob(qint32 id)
 {
-    std::optional<Error> failed;
-    if (!tableOpen())
-        failed = notOpen();
-    else if (inBatch_ && refusal_)
-        failed = refusal_;
-    else
-        failed = repo_.remove({id});
-    if (!failed)
-        return true;
-    noteFailure(*failed);
-    logDeleteFailed(id, failed->text());
-    return false;
+    if (!tableOpen()) {
+        logDeleteFailed(id, notOpen().text());
+        return false;
+    }
+    return await(lastTicket_ = writer().submitDelete({id})).ok();
 }
 
 void JobStore::SrvRemoveJobRow(qint32 id)
@@ -461,12 +510,17 @@ void JobStore::SrvRemoveJobRow(qint32 id)
 
 void JobStore::SrvDeleteJob(qint32 id)
 {
-    SrvDBDeleteJob(id);
+    if (!tableOpen())
+        logDeleteFailed(id, notOpen().text());
+    else
+        lastTicket_ = writer().submitDelete({id});
     SrvRemoveJobRow(id);
 }
 
 int JobStore::deleteJobsWhere(const JobMatch& match)
 {
+    // Jobs handed over before are in the list (or failed) first.
+    sync();
     std::vector<int> rows;
     std::vector<qint32> ids;
     for (int r = 0; r < list_.count(); ++r) {
@@ -477,92 +531,16 @@ int JobStore::deleteJobsWhere(const JobMatch& match)
     }
     if (rows.empty())
         return 0;
-    auto failedAll = [&](const Error& e) {
-        noteFailure(e);
+    if (!tableOpen()) {
         for (qint32 id : ids)
-            logDeleteFailed(id, e.text());
+            logDeleteFailed(id, notOpen().text());
         return 0;
-    };
-    if (!tableOpen())
-        return failedAll(notOpen());
-    if (inBatch_ && refusal_)
-        return failedAll(*refusal_);
-    // In a transaction of its own, unless a batch is open; without one (the
-    // database refused it) the statement commits by itself.
-    Database& db = jdb_.database();
-    bool own = false;
-    if (!inBatch_ && !db.inTransaction()) {
-        try {
-            db.begin();
-            own = true;
-        } catch (const std::exception&) {
-        }
     }
-    if (auto failed = repo_.remove(ids)) {
-        if (own)
-            db.rollback();
-        return failedAll(*failed);
-    }
-    if (own) {
-        try {
-            db.commit();
-        } catch (const Error& e) {
-            db.rollback();
-            return failedAll(e);
-        }
-    }
+    // Failures are logged per job as the outcome is taken.
+    if (!await(lastTicket_ = writer().submitDelete(std::move(ids))).ok())
+        return 0;
     list_.removeRowsAt(rows);
     return int(rows.size());
-}
-
-bool JobStore::beginBatch()
-{
-    if (inBatch_)
-        return false;
-    inBatch_ = true;
-    batchJobs_.clear();
-    refusal_.reset();
-    // Not logged here: each job the batch refuses logs its own line.
-    try {
-        if (std::exchange(reopen_, false))
-            jdb_.database().open(jdb_.database().path());
-        jdb_.database().begin();
-        return true;
-    } catch (const Error& e) {
-        noteFailure(e);
-        return false;
-    } catch (const std::exception& e) {
-        noteFailure(Error(1, errorText(e)));
-        return false;
-    }
-}
-
-bool JobStore::commitBatch()
-{
-    if (!inBatch_)
-        return false;
-    inBatch_ = false;
-    refusal_.reset();
-    if (!jdb_.database().inTransaction()) {
-        // Never began: nothing of it was written.
-        batchJobs_.clear();
-        return false;
-    }
-    try {
-        // Jobs it refused were told so by SrvAddJob; the ones it stored are durable now.
-        jdb_.database().commit();
-        batchJobs_.clear();
-        return true;
-    } catch (const std::exception& e) {
-        const QString err = errorText(e);
-        jdb_.database().rollback();
-        for (qint32 id : batchJobs_)
-            LogWrite(QStringLiteral("SrvAddJob failed. JId = ") + QString::number(id) + QStringLiteral(" Error: ") + err);
-        batchJobs_.clear();
-        // What is on disk is the truth again.
-        SrvInitAllJobs();
-        return false;
-    }
 }
 
 } // namespace quill

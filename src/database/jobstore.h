@@ -11,12 +11,14 @@
 //   store.deleteJobsWhere([](const QueuedJob& j) { return j.printerId == 3; });
 //   view->setModel(&store.jobList());
 //
-// Grouping: requests that arrive together may share one commit.
-//   store.beginBatch(); store.SrvAddJob(a); store.SrvAddJob(b);
-//   if (store.commitBatch()) reply "OK" to both.
-// A job is durable (fsync'd) once SrvAddJob returns true outside a batch, or
-// once commitBatch() returns true for the batch it was added in.
+// Writes go to the storage thread (JobWriter). SrvAddJob and the deletions
+// the operator asks for wait for their commit; a request's job does not:
+//   store.onCommitted = [](quint64 through, const std::vector<quint64>& failed) { reply };
+//   std::optional<quint64> t = store.submitJob(job);   // none: refused at once
+// The job's row is appended, or its failure logged, when its commit is over,
+// and onCommitted then names every ticket finished so far.
 #include "database/jobrepository.h"
+#include "database/jobwriter.h"
 #include "database/slots.h"
 #include "foundation/error.h"
 #include "foundation/printjob.h"
@@ -27,7 +29,9 @@
 #include <QString>
 #include <QTimer>
 
+#include <atomic>
 #include <deque>
+#include <memory>
 #include <functional>
 #include <optional>
 #include <unordered_map>
@@ -164,6 +168,20 @@ using JobMatch = std::function<bool(const QueuedJob&)>;
 class JobStore {
 public:
     JobStore(JobDatabase& jdb, const PrinterSlots& printerSlots);
+    ~JobStore();
+
+    // Called when writes are over: the tickets through `through` are, and
+    // `failed` lists those of them whose job was not stored.
+    std::function<void(quint64 through, const std::vector<quint64>& failed)> onCommitted;
+    // Hands the job to the storage thread; its ticket, or none when it was
+    // refused at once (logged as SrvAddJob logs it).
+    std::optional<quint64> submitJob(const PrintJob& job);
+    // Waits until everything handed over is written and its outcome taken.
+    void sync();
+    // Writes what was handed over and ends the storage thread (shutdown).
+    void stopWriter();
+    // Transactions the storage thread has ended.
+    quint64 transactions() const { return writer_ ? writer_->transactions() : 0; }
 
     JobListModel& jobList() { return list_; }
 
@@ -172,17 +190,18 @@ public:
     bool SrvAddJob(const PrintJob& job);
     // Clears the list and fills it from tbJob in Id order.
     void SrvInitAllJobs();
-    // Deletes the job row of tbJob (nothing when absent). Traps its errors;
-    // false when a row may still be there.
+    // Deletes the job row of tbJob (nothing when absent) and waits for it.
+    // Traps its errors; false when a row may still be there.
     bool SrvDBDeleteJob(qint32 id);
     // Removes the job's entry from the list (nothing when absent).
     void SrvRemoveJobRow(qint32 id);
+    // A printed job: its row leaves the list now, tbJob's row with the next commit.
     void SrvDeleteJob(qint32 id);
-    // Deletes every job that matches, from tbJob in one statement and from the
-    // list in one pass, in one transaction (the open batch's when there is
-    // one). When the statement or its own commit fails, nothing is deleted,
-    // each job is logged as SrvDBDeleteJob logs it and 0 returned. Returns the
-    // number of rows removed from the list.
+    // Deletes every job that matches (jobs handed over before included), from
+    // tbJob in one statement and one transaction, and from the list in one
+    // pass. When that fails, nothing is deleted, each job is logged as
+    // SrvDBDeleteJob logs it and 0 returned. Returns the number of rows
+    // removed from the list.
     int deleteJobsWhere(const JobMatch& match);
     // Next job of the printer in queue order; 0 when none.
     qint32 SrvNextJobId(qint32 printerId) const { return list_.firstJobOf(printerId); }
@@ -192,32 +211,21 @@ public:
     // Throws to the caller's trap.
     bool jobStored(qint32 id);
 
-    // Groups the jobs stored until commitBatch() into one transaction. False when a
-    // batch is already open or the transaction cannot start (the write lock was
-    // not had within the database's lock wait); the batch is then open all the
-    // same and refuses every job and deletion in it, so one wait covers it all.
-    bool beginBatch();
-    // Commits the batch; on failure it is rolled back, the list is rebuilt from
-    // what is on disk, each job of the batch is logged as failed, and false
-    // returned. False also for a batch that never began: none of its jobs is stored.
-    bool commitBatch();
-    bool inBatch() const { return inBatch_; }
-
 private:
-    // Remembers what a failed write means for the rest of the batch.
-    void noteFailure(const Error& e);
     bool tableOpen() const;
+    JobWriter& writer();
+    // Takes the storage thread's outcomes: rows appended, failures logged,
+    // onCommitted told. Returns them.
+    std::vector<JobWriter::Outcome> drain();
+    // Waits for one ticket and returns its outcome.
+    JobWriter::Outcome await(quint64 ticket);
 
     JobDatabase& jdb_;
     JobRepository repo_;
     JobListModel list_;
-    bool inBatch_ = false;
-    std::vector<qint32> batchJobs_;
-    // Why the open batch takes no more writes: its start or one of its jobs failed.
-    std::optional<Error> refusal_;
-    // A write found the database read-only: the next batch opens it again, so
-    // storing resumes once the file can be written.
-    bool reopen_ = false;
+    std::atomic<bool> drainPosted_{false};
+    quint64 lastTicket_ = 0;
+    std::unique_ptr<JobWriter> writer_;
 };
 
 } // namespace quill

@@ -1,5 +1,7 @@
 #include "database/recordset.h"
 
+#include <atomic>
+
 #include <QRegularExpression>
 #include <QSqlDriver>
 #include <QSqlError>
@@ -17,7 +19,7 @@ constexpr int WindowRows = 256;
 // Prepared statements kept per connection; past this the cache starts over.
 constexpr int MaxPrepared = 64;
 
-int connectionCounter = 0;
+std::atomic<int> connectionCounter{0};
 
 Error noCurrentRecord() { return Error(ErrNoCurrentRecord, QStringLiteral("No current record.")); }
 Error recordDeleted() { return Error(ErrRecordDeleted, QStringLiteral("Record is deleted.")); }

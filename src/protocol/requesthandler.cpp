@@ -27,9 +27,6 @@ RequestHandler::RequestHandler(Listener& listener, TrafficIndicator& traffic, Re
                                QObject* parent)
     : QObject(parent), listener_(listener), traffic_(traffic), svc_(std::move(services))
 {
-    flushTimer_.setSingleShot(true);
-    flushTimer_.setInterval(0);
-    connect(&flushTimer_, &QTimer::timeout, this, &RequestHandler::flush);
 }
 
 QString RequestHandler::reply(int code, const QString& statusText)
@@ -74,7 +71,7 @@ void RequestHandler::SrvHandleRequest(const QString& data, int connection)
         if (request.field(1).toUpper() != QLatin1String("BRIXA"))
             return;
         QString answer;
-        replyAwaitsCommit_ = false;
+        replyTicket_ = 0;
         if (request.field(2) != ProtocolVersion) {
             answer = reply(9002);
         } else {
@@ -86,52 +83,49 @@ void RequestHandler::SrvHandleRequest(const QString& data, int connection)
             else
                 answer = reply(9003);
         }
-        sendReply(connection, answer, std::exchange(replyAwaitsCommit_, false));
+        sendReply(connection, answer, std::exchange(replyTicket_, 0));
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvHandleRequest failed. Error: ") + errorText(e));
     }
 }
 
-void RequestHandler::sendReply(int connection, const QString& text, bool awaitsCommit)
+void RequestHandler::sendReply(int connection, const QString& text, quint64 ticket)
 {
-    // While a batch is open every reply queues behind it, so none overtakes
-    // an earlier reply of the same client.
-    if (batchOpen_)
-        pending_.append({connection, listener_.serial(connection), ToCp1252(text), awaitsCommit});
-    else
+    if (ticket <= committedThrough_)
+        ticket = 0;
+    if (pending_.empty() && ticket == 0) {
         listener_.send(connection, text);
-}
-
-void RequestHandler::openBatch()
-{
-    // A batch that could not begin stays open too: it refuses its jobs at once
-    // instead of each of them waiting for the lock again.
-    if (!batchOpen_ && svc_.beginBatch) {
-        svc_.beginBatch();
-        batchOpen_ = true;
-        listener_.setHoldClosed(true);
-        flushTimer_.start();
-    }
-}
-
-bool RequestHandler::storeJob(const PrintJob& job)
-{
-    openBatch();
-    return svc_.addJob(job);
-}
-
-void RequestHandler::flush()
-{
-    if (!batchOpen_)
         return;
-    batchOpen_ = false;
-    // A failed commit has logged each job it lost; their clients are told.
-    const bool committed = !svc_.commitBatch || svc_.commitBatch();
-    const QByteArray refused = committed ? QByteArray() : ToCp1252(reply(1005));
-    const auto replies = std::exchange(pending_, {});
-    for (const PendingReply& r : replies)
-        listener_.sendTo(r.connection, r.serial, r.awaitsCommit && !committed ? refused : r.bytes);
-    listener_.setHoldClosed(false);
+    }
+    // Behind a reply that waits for its commit: this one waits too, so none
+    // overtakes an earlier reply of the same client. A client that leaves
+    // meanwhile still gets its answer on the socket the listener holds open.
+    if (pending_.empty())
+        listener_.setHoldClosed(true);
+    pending_.push_back({connection, listener_.serial(connection), ToCp1252(text), ticket});
+}
+
+std::optional<quint64> RequestHandler::storeJob(const PrintJob& job)
+{
+    return svc_.submitJob ? svc_.submitJob(job) : std::nullopt;
+}
+
+void RequestHandler::committed(quint64 through, const std::vector<quint64>& failed)
+{
+    committedThrough_ = std::max(committedThrough_, through);
+    if (pending_.empty())
+        return;
+    QByteArray refused;
+    while (!pending_.empty() && pending_.front().ticket <= committedThrough_) {
+        const PendingReply r = std::move(pending_.front());
+        pending_.pop_front();
+        const bool lost = r.ticket != 0 && std::find(failed.begin(), failed.end(), r.ticket) != failed.end();
+        if (lost && refused.isEmpty())
+            refused = ToCp1252(reply(1005));
+        listener_.sendTo(r.connection, r.serial, lost ? refused : r.bytes);
+    }
+    if (pending_.empty())
+        listener_.setHoldClosed(false);
 }
 
 QString RequestHandler::printRequest(const QString& request)
@@ -151,9 +145,10 @@ QString RequestHandler::printRequest(const QString& request)
     if (!SrvTemplateOK(job.templateId, job.checkMode))
         return reply(1004);
 
-    if (!storeJob(job))
+    const std::optional<quint64> ticket = storeJob(job);
+    if (!ticket)
         return reply(1005);
-    replyAwaitsCommit_ = true;
+    replyTicket_ = *ticket;
     traffic_.indicate(TrafficIndicator::ReceivingJob);
 
     const PrinterSlot& s = printers.at(printerId);
@@ -180,8 +175,7 @@ QString RequestHandler::configureRequest(const JobFields& request)
         const QString u = request.field(13).toUpper();
         if (w.isEmpty() || u.isEmpty())
             return reply(0);
-        // The purge shares the turn's batch: its reply waits for the commit.
-        openBatch();
+        // Jobs stored before it are withdrawn too; it answers once its commit is over.
         const bool anyW = w == QLatin1String("*");
         const bool anyU = u == QLatin1String("*");
         svc_.deleteJobsWhere([&](const QueuedJob& job) {

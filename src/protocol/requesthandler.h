@@ -8,7 +8,10 @@
 #include <QTimer>
 #include <QString>
 #include <QStringList>
+#include <deque>
 #include <functional>
+#include <optional>
+#include <vector>
 
 namespace quill {
 
@@ -23,21 +26,18 @@ struct RequestServices {
     std::function<bool()> serviceRunning;
     PrinterSlots* printers = nullptr;
     std::function<bool(qint32 templateId)> templateInDB;
-    // False when the job was not stored (nothing of it is in tbJob or the list).
-    std::function<bool(const PrintJob& job)> addJob;
+    // Hands a job to storage; its ticket, or none when it was refused at once.
+    // The handler's committed() is told when tickets are written.
+    std::function<std::optional<quint64>(const PrintJob& job)> submitJob;
     // Configure 1: every printer whose CurrentTemplateId equals the id gets 0.
     std::function<void(qint32 templateId)> clearCurrentTemplate;
     // Configure 3: deletes the jobs whose list row matches, from table and list.
     std::function<int(const JobMatch& match)> deleteJobsWhere;
-    // Grouped commits: replies to stored jobs wait until the batch is durable.
-    // commitBatch is false when the batch's stored jobs were not committed.
-    std::function<bool()> beginBatch;
-    std::function<bool()> commitBatch;
 };
 
 // Interprets each arrival on a client connection and sends its one reply (or
-// none). Print replies wait for the commit of their job: arrivals handled in
-// the same turn of the event loop share one commit.
+// none). A print reply waits for the commit of its job, and every reply made
+// after it waits behind it, so no reply overtakes an earlier one.
 class RequestHandler : public QObject {
     Q_OBJECT
 public:
@@ -54,8 +54,11 @@ public:
     bool SrvTemplateOK(qint32 templateId, qint32 mode) const;
     bool SrvTemplateFileExists(qint32 templateId) const;
 
-    // Commits the open batch and sends the replies that waited for it.
-    void flush();
+    // Writes through `through` are over; `failed` were not stored. Sends the
+    // replies that waited for them.
+    void committed(quint64 through, const std::vector<quint64>& failed);
+    // Replies still waiting for a commit.
+    int waitingReplies() const { return int(pending_.size()); }
 
     // The reply texts, by code (exposed for the tests of the exact bytes).
     static QString reply(int code, const QString& statusText = {});
@@ -64,28 +67,24 @@ private:
     QString addinFraming(const QString& data, int connection);
     QString printRequest(const QString& request);
     QString configureRequest(const JobFields& request);
-    void sendReply(int connection, const QString& text, bool awaitsCommit);
-    void openBatch();
-    bool storeJob(const PrintJob& job);
+    void sendReply(int connection, const QString& text, quint64 ticket);
+    std::optional<quint64> storeJob(const PrintJob& job);
 
     Listener& listener_;
     TrafficIndicator& traffic_;
     TrafficLog trafficLog_;
     RequestServices svc_;
     bool addinScala_ = false;
-    bool batchOpen_ = false;
-    // The reply being made is for a job stored in the open batch.
-    bool replyAwaitsCommit_ = false;
-    // Ends the turn's batch. A zero timer rather than a posted call: the loop
-    // sees it without being woken through its event descriptor.
-    QTimer flushTimer_;
+    // The ticket of the job the reply being made waits for; 0 when none.
+    quint64 replyTicket_ = 0;
+    quint64 committedThrough_ = 0;
     struct PendingReply {
         int connection;
         quint64 serial; // of the client that asked
         QByteArray bytes;
-        bool awaitsCommit; // becomes the 1005 refusal when the commit fails
+        quint64 ticket; // the write it waits for (becomes 1005 when it fails); 0: none
     };
-    QList<PendingReply> pending_;
+    std::deque<PendingReply> pending_;
 };
 
 } // namespace quill

@@ -75,12 +75,13 @@ Server::Server(Options options, QObject* parent)
     services.serviceRunning = [this] { return serviceRunning(); };
     services.printers = &printers_;
     services.templateInDB = [this](qint32 id) { return db_->SrvTemplateInDB(id); };
-    services.addJob = [this](const PrintJob& job) { return jobs_->SrvAddJob(job); };
+    services.submitJob = [this](const PrintJob& job) { return jobs_->submitJob(job); };
     services.clearCurrentTemplate = [this](qint32 id) { clearCurrentTemplate(id); };
     services.deleteJobsWhere = [this](const JobMatch& match) { return jobs_->deleteJobsWhere(match); };
-    services.beginBatch = [this] { return jobs_->beginBatch(); };
-    services.commitBatch = [this] { return jobs_->commitBatch(); };
     handler_ = std::make_unique<RequestHandler>(*listener_, *traffic_, std::move(services));
+    jobs_->onCommitted = [this](quint64 through, const std::vector<quint64>& failed) {
+        handler_->committed(through, failed);
+    };
     listener_->onData = [this](const QString& text, int i) { handler_->SrvHandleRequest(text, i); };
     connect(service_.get(), &PrintService::serviceStateChanged, this, &Server::serviceStateChanged);
     commands_ = std::make_unique<Operator>(*this);
@@ -285,7 +286,8 @@ void Server::shutdown()
         // drivers below, and its job stays queued for the next start.
         control_->close();
         stopService();
-        handler_->flush();
+        // Jobs handed to storage are written and answered before the clients go.
+        jobs_->stopWriter();
         listener_->close();
         service_->shutdown();
         db_->SrvCloseDatabases();

@@ -10,14 +10,16 @@
 #include <systemd/sd-daemon.h>
 #endif
 
+#include <algorithm>
+
 namespace quill {
 
 SystemdNotifier::SystemdNotifier(Server& server, QObject* parent) : QObject(parent), server_(server)
 {
-    // Changes come in bursts (a print run moves a printer through three states):
-    // one status line per turn of the event loop is enough.
+    // Changes come in bursts (a print run moves a printer through three states,
+    // every stored job changes the count): one line per turn of the event loop,
+    // and at most four a second.
     statusDelay_.setSingleShot(true);
-    statusDelay_.setInterval(0);
     connect(&statusDelay_, &QTimer::timeout, this, &SystemdNotifier::sendStatus);
     connect(&watchdog_, &QTimer::timeout, this, [this] { notify("WATCHDOG=1"); });
     connect(&server_, &Server::startupFinished, this, &SystemdNotifier::started);
@@ -92,8 +94,10 @@ void SystemdNotifier::started()
 
 void SystemdNotifier::scheduleStatus()
 {
-    if (ready_ && !statusDelay_.isActive())
-        statusDelay_.start();
+    if (!ready_ || statusDelay_.isActive())
+        return;
+    const qint64 since = sentAt_.isValid() ? sentAt_.elapsed() : MinStatusGapMs;
+    statusDelay_.start(int(std::max<qint64>(0, MinStatusGapMs - since)));
 }
 
 void SystemdNotifier::sendStatus()
@@ -102,6 +106,7 @@ void SystemdNotifier::sendStatus()
     if (line == lastStatus_)
         return;
     lastStatus_ = line;
+    sentAt_.start();
     notify("STATUS=" + line.toUtf8());
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 #include <QObject>
 #include <QString>
+#include <QElapsedTimer>
 #include <QTimer>
 
 namespace quill {
@@ -31,7 +32,9 @@ private:
     bool notify(const QByteArray& state) const;
 
     Server& server_;
+    static constexpr qint64 MinStatusGapMs = 250;
     QTimer statusDelay_;
+    QElapsedTimer sentAt_;
     QTimer watchdog_;
     QString lastStatus_;
     bool ready_ = false;

@@ -82,10 +82,10 @@ private slots:
     void rowColumns_data();
     void rowColumns();
     void queueOrderAndRestart();
-    void batchCommitsTogether();
+    void writesGatherWhileACommitWaits();
     void deleteJobsWhere_data();
     void deleteJobsWhere();
-    void deleteJobsWhereInABatch();
+    void deleteJobsWhereTakesJobsHandedOver();
     void deleteJobsWhereFailures();
     void failuresAreLogged();
     void serverSettings();
@@ -111,6 +111,7 @@ void TestJobStore::idsDeletesAndSignals()
     // Emptying the table leaves it usable, and none of this is an error.
     for (int id = 1; id <= 7; ++id)
         store->SrvDeleteJob(id);
+    store->sync();
     QCOMPARE(JobRows(mdb()), QStringList());
     QVERIFY(add(1, "c"));
     QCOMPARE(shownRows(list), QStringList{"1 c/1/Okänd/KASSA1"});
@@ -193,6 +194,7 @@ void TestJobStore::queueOrderAndRestart()
             QCOMPARE(store->SrvNextJobId(p), linearNextJob(list, p));
     }
     const QStringList before = shownRows(list);
+    store->sync();
     QCOMPARE(JobRows(mdb()).size(), before.size());
     start();
     QCOMPARE(shownRows(store->jobList()), before);
@@ -200,26 +202,48 @@ void TestJobStore::queueOrderAndRestart()
         QCOMPARE(store->SrvNextJobId(p), linearNextJob(store->jobList(), p));
 }
 
-void TestJobStore::batchCommitsTogether()
+namespace {
+QList<int> listIds(const JobListModel& list);
+}
+
+void TestJobStore::writesGatherWhileACommitWaits()
 {
     QVERIFY(add(1, "single"));
-    QVERIFY(store->beginBatch());
-    QVERIFY(!store->beginBatch());
-    QVERIFY(add(1, "a"));
-    QVERIFY(add(2, "b"));
-    store->SrvDeleteJob(1);
-    QVERIFY(add(1, "c"));
-    // Ids count the batch's own rows; other readers see none of it yet.
+    quint64 through = 0;
+    std::vector<quint64> failed;
+    store->onCommitted = [&](quint64 t, const std::vector<quint64>& f) {
+        through = t;
+        failed.insert(failed.end(), f.begin(), f.end());
+    };
+    const quint64 before = store->transactions();
+    auto submit = [&](int printer, const QString& caption) {
+        return store->submitJob(PrintJob::fromText(JobText(printer, 1, "1", "KASSA1", QString(), caption))).value_or(0);
+    };
+    // While another program holds the write lock, the first job's transaction
+    // waits for it; whatever is handed over meanwhile gathers for the next one.
+    quint64 last = 0;
+    {
+        Database other;
+        other.open(mdb());
+        other.begin();
+        QVERIFY(submit(1, "a") > 0);
+        QTest::qWait(200);
+        QVERIFY(submit(2, "b") > 0);
+        store->SrvDeleteJob(1);
+        last = submit(1, "c");
+        QVERIFY(last > 0);
+        QCOMPARE(store->jobList().count(), 0); // rows come with their commit
+        other.rollback();
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(through, last, 10000);
+    QCOMPARE(store->transactions() - before, quint64(2));
+    QVERIFY(failed.empty());
+    // Ids count the rows written before them, the deletion included.
+    QCOMPARE(listIds(store->jobList()), (QList<int>{2, 3, 4}));
     QCOMPARE(store->jobList().rowAt(2).text, "4 c");
-    QCOMPARE(JobRows(mdb()).size(), 1);
-    QVERIFY(store->commitBatch());
     const QStringList rows = JobRows(mdb());
     QCOMPARE(rows.size(), 3);
     QVERIFY(rows[0].startsWith("2|1|") && rows[1].startsWith("3|2|") && rows[2].startsWith("4|1|"));
-    // Outside a batch each job commits on its own again.
-    QVERIFY(add(2, "d"));
-    QCOMPARE(JobRows(mdb()).size(), 4);
-    QVERIFY(!store->commitBatch());
 }
 
 namespace {
@@ -266,10 +290,10 @@ void TestJobStore::deleteJobsWhere_data()
 void TestJobStore::deleteJobsWhere()
 {
     QFETCH(QList<int>, gone);
-    QVERIFY(store->beginBatch());
+    // Handed over without waiting: the deletion takes them all the same.
     for (int i = 1; i <= 40; ++i)
-        QVERIFY(add((i - 1) % 3 + 1, QStringLiteral("c%1").arg(i)));
-    QVERIFY(store->commitBatch());
+        QVERIFY(store->submitJob(PrintJob::fromText(JobText((i - 1) % 3 + 1, 1, "1", "KASSA1", QString(),
+                                                            QStringLiteral("c%1").arg(i)))));
     JobListModel& list = store->jobList();
     QAbstractItemModelTester tester(&list, QAbstractItemModelTester::FailureReportingMode::QtTest);
     const QList<int> kept = idsWhere(40, [&](int id) { return !gone.contains(id); });
@@ -293,17 +317,14 @@ void TestJobStore::deleteJobsWhere()
     QCOMPARE(home->logMessages(), QStringList());
 }
 
-void TestJobStore::deleteJobsWhereInABatch()
+void TestJobStore::deleteJobsWhereTakesJobsHandedOver()
 {
-    // Within the request handler's batch the deletion commits with it.
+    // A job handed over just before is withdrawn with the rest.
     for (int i = 1; i <= 6; ++i)
         QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
-    QVERIFY(store->beginBatch());
-    QVERIFY(add(1, "c7"));
+    QVERIFY(store->submitJob(PrintJob::fromText(JobText(1, 1, "1", "KASSA1", QString(), "c7"))));
     QCOMPARE(store->deleteJobsWhere([](const QueuedJob& r) { return r.id % 2 == 1; }), 4);
     QCOMPARE(listIds(store->jobList()), (QList<int>{2, 4, 6}));
-    QCOMPARE(tableIds(mdb()), (QList<int>{1, 2, 3, 4, 5, 6}));
-    QVERIFY(store->commitBatch());
     QCOMPARE(tableIds(mdb()), (QList<int>{2, 4, 6}));
 }
 
@@ -325,15 +346,12 @@ void TestJobStore::deleteJobsWhereFailures()
 void TestJobStore::failuresAreLogged()
 {
     {
-        // Another program holds the write lock: the batch does not begin, it
-        // refuses its jobs without waiting again, and each refused job is the one
-        // line logged.
+        // Another program holds the write lock beyond the lock wait: the job
+        // is refused, and that is the one line logged.
         Database other;
         other.open(mdb());
         other.begin();
-        QVERIFY(!store->beginBatch());
         QVERIFY(!add(1, "locked"));
-        QVERIFY(!store->commitBatch());
         other.rollback();
     }
     QVERIFY(add(1, "a"));

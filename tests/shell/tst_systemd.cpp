@@ -138,7 +138,10 @@ private slots:
         QVERIFY2(notify_->waitFor([&](const QStringList& l) { return l.contains(idle); }),
                  qPrintable(notify_->received().join(" | ")));
 
-        // A job is stored (queued), printed, and the queue is empty again.
+        // A job is stored (queued), printed, and the queue is empty again. The
+        // status line is sent at most four times a second, so the printer
+        // answers slowly enough for the queued state to last.
+        QCOMPARE(printer.command("delay 300"), QStringLiteral("ok"));
         QTcpSocket client;
         client.connectToHost(QHostAddress::LocalHost, port);
         QVERIFY(client.waitForConnected(5000));

@@ -1,0 +1,158 @@
+#include "database/jobwriter.h"
+#include "database/jobrepository.h"
+#include "database/recordset.h"
+
+namespace quill {
+
+JobWriter::JobWriter(const QString& path, std::function<void()> ready) : path_(path), ready_(std::move(ready))
+{
+    thread_ = std::thread([this] { run(); });
+}
+
+JobWriter::~JobWriter()
+{
+    {
+        std::lock_guard lock(m_);
+        stop_ = true;
+    }
+    wake_.notify_one();
+    thread_.join();
+}
+
+quint64 JobWriter::submit(Op op)
+{
+    quint64 ticket;
+    {
+        std::lock_guard lock(m_);
+        ticket = op.ticket = nextTicket_++;
+        queue_.push_back(std::move(op));
+    }
+    wake_.notify_one();
+    return ticket;
+}
+
+quint64 JobWriter::submitInsert(const PrintJob& job) { return submit(Op{0, true, job, {}}); }
+
+quint64 JobWriter::submitDelete(std::vector<qint32> ids) { return submit(Op{0, false, {}, std::move(ids)}); }
+
+void JobWriter::waitFor(quint64 ticket)
+{
+    std::unique_lock lock(m_);
+    doneCv_.wait(lock, [&] { return doneThrough_ >= ticket; });
+}
+
+std::vector<JobWriter::Outcome> JobWriter::takeDone()
+{
+    std::lock_guard lock(m_);
+    return std::exchange(done_, {});
+}
+
+quint64 JobWriter::transactions() const
+{
+    std::lock_guard lock(m_);
+    return transactions_;
+}
+
+void JobWriter::run()
+{
+    Database db;
+    std::optional<Error> openError;
+    bool reopen = true;
+    JobRepository repo(db);
+    for (;;) {
+        std::deque<Op> batch;
+        {
+            std::unique_lock lock(m_);
+            wake_.wait(lock, [&] { return stop_ || !queue_.empty(); });
+            if (queue_.empty())
+                break; // stopping, and everything submitted is written
+            batch.swap(queue_);
+        }
+        // A file found read-only (or not opened) is opened again, so storing
+        // resumes once it can be written.
+        if (reopen) {
+            reopen = false;
+            try {
+                db.open(path_);
+                openError.reset();
+            } catch (const Error& e) {
+                openError = e;
+                reopen = true;
+            }
+        }
+        // The first failure refuses the rest of the batch: a failed statement
+        // may have ended the transaction, and later writes would commit outside it.
+        std::optional<Error> refusal = openError;
+        auto note = [&](const Error& e) {
+            if ((e.number & 0xff) == 8) // SQLITE_READONLY and its extended codes
+                reopen = true;
+            if (!refusal)
+                refusal = e;
+        };
+        if (!refusal) {
+            try {
+                db.begin();
+            } catch (const Error& e) {
+                note(e);
+            }
+        }
+        std::vector<Outcome> out;
+        out.reserve(batch.size());
+        for (Op& op : batch) {
+            Outcome o;
+            o.ticket = op.ticket;
+            o.insert = op.insert;
+            if (op.insert) {
+                o.job = std::move(op.job);
+                o.job.id = 0;
+                const DbResult<qint32> next = openError ? DbResult<qint32>{0, openError} : repo.nextId();
+                if (!next.ok()) {
+                    o.error = next.error;
+                    note(*next.error);
+                } else {
+                    o.job.id = next.value;
+                    if (refusal)
+                        o.error = refusal;
+                    else if (auto failed = repo.insert(o.job.id, o.job.printerId, o.job.text)) {
+                        o.error = failed;
+                        note(*failed);
+                    }
+                }
+            } else {
+                o.ids = std::move(op.ids);
+                if (refusal)
+                    o.error = refusal;
+                else if (auto failed = repo.remove(o.ids)) {
+                    o.error = failed;
+                    note(*failed);
+                }
+            }
+            out.push_back(std::move(o));
+        }
+        if (db.inTransaction()) {
+            try {
+                db.commit();
+            } catch (const Error& e) {
+                db.rollback();
+                note(e);
+                // Nothing of the batch is on disk.
+                for (Outcome& o : out)
+                    if (!o.error)
+                        o.error = e;
+            }
+        }
+        {
+            std::lock_guard lock(m_);
+            ++transactions_;
+            doneThrough_ = out.back().ticket;
+            for (Outcome& o : out)
+                done_.push_back(std::move(o));
+        }
+        doneCv_.notify_all();
+        if (ready_)
+            ready_();
+    }
+    db.close();
+}
+
+} // namespace quill
