@@ -4,7 +4,7 @@ JOBS     ?= $(shell nproc)
 PACKAGES := cmake ninja-build g++ make pkg-config qt6-base-dev qt6-base-dev-tools \
             libqt6sql6-sqlite qt6-serialport-dev qt6-qpa-plugins sqlite3 \
             clang libclang-rt-14-dev python3 fonts-dejavu-core \
-            libsystemd-dev dpkg-dev \
+            libsystemd-dev dpkg-dev systemd lintian bash-completion \
             qt6-svg-dev xvfb xauth trayer
 SUDO     := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
@@ -44,7 +44,8 @@ test: build
 install: build
 	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))
 
-# A .deb in $(BUILD)/ (quillbase_<version>_<arch>.deb).
+# In $(BUILD)/: quillbase_<version>-1_<arch>.deb (server, quillbase-ctl, unit),
+# mp104c-emulator_<version>-1_<arch>.deb, and their -dbgsym .ddeb packages.
 package: build
 	cd $(BUILD) && cpack -G DEB
 

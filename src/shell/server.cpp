@@ -249,6 +249,9 @@ void Server::configureListener()
         LogWrite(QStringLiteral("tAllowedClients: ignored \"%1\", not an address or network").arg(entry));
     if (listener_->clientsRestricted())
         LogWrite(QStringLiteral("Clients allowed: ") + allowed.trimmed());
+    else
+        LogWrite(QStringLiteral("Warning: tAllowedClients is not set, so any address that reaches the listener "
+                                "may connect."));
 }
 
 bool Server::serviceRunning() const

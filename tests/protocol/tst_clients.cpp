@@ -190,6 +190,21 @@ private slots:
         QCOMPARE(log.count("Connection from 127.0.0.1 refused: not in tAllowedClients."), 1);
         QVERIFY(log.contains("tAllowedClients: ignored \"nonsense\""));
         QVERIFY(!log.contains("Connection from 127.0.0.2"));
+        QVERIFY(!log.contains("tAllowedClients is not set"));
+    }
+
+    // Without an allow-list every address may connect: the start says so once.
+    void startWithoutAllowListWarns()
+    {
+        TestInstallation inst;
+        QVERIFY(inst.ok());
+        QVERIFY(inst.setServer(TestInstallation::freePort(), false));
+        inst.setUserSwitch("dwUseLog", 1);
+        Server server(Server::Options{});
+        QCOMPARE(server.startup(), Server::Started);
+        QCOMPARE(inst.log().count("Warning: tAllowedClients is not set, so any address that reaches the listener "
+                                  "may connect."),
+                 1);
     }
 };
 

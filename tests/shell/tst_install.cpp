@@ -1,9 +1,20 @@
 // What an operator installs: --init of a new installation, the installed tree
 // with its systemd unit, and the Debian package unpacked into a temporary root
-// (never installed on this machine). Every program runs as a real process with
-// private settings scopes.
+// (never installed on this machine): contents, lintian, the unit's sandbox,
+// the shipped settings, and the new server over an older installation. Every
+// program runs as a real process with private settings scopes.
+#include "foundation/settings.h"
+#include "protocol/clientfilter.h"
+#include "support/dbfixture.h"
+#include "support/installation.h"
+
 #include <QDir>
 #include <QDirIterator>
+#include <QHostAddress>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
 #include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
@@ -116,37 +127,256 @@ private slots:
         QVERIFY2(v.code == 0 && v.err.trimmed().isEmpty(), qPrintable(v.out + v.err));
     }
 
-    // The .deb that `make package` builds, unpacked into a temporary root.
-    void debianPackage()
+    // The packages `make package` builds, made once for the tests below and
+    // unpacked into temporary roots (never installed on this machine).
+    void buildPackages()
     {
         if (QStandardPaths::findExecutable("dpkg-deb").isEmpty())
             QSKIP("dpkg-deb is not on this machine");
-        QTemporaryDir tmp;
-        QVERIFY(tmp.isValid());
+        QVERIFY(pkg_.isValid());
         const Run pack = run(QUILL_CPACK, {"-G", "DEB", "--config", QUILL_BUILD_DIR "/CPackConfig.cmake", "-B",
-                                           tmp.filePath("pkg")},
-                             tmp.path(), 240000);
+                                           pkg_.path()},
+                             pkg_.path(), 240000);
         QVERIFY2(pack.code == 0, qPrintable(pack.out + pack.err));
-        const QStringList debs = QDir(tmp.filePath("pkg")).entryList({"quillbase_*.deb"}, QDir::Files);
-        QCOMPARE(debs.size(), 1);
-        const QString root = tmp.filePath("root");
-        const Run x = run("dpkg-deb", {"-x", tmp.filePath("pkg/" + debs[0]), root}, tmp.path());
-        QVERIFY2(x.code == 0, qPrintable(x.err));
+        for (const QString& name : {QStringLiteral("quillbase"), QStringLiteral("mp104c-emulator")}) {
+            const QStringList debs = QDir(pkg_.path()).entryList({name + "_*.deb"}, QDir::Files);
+            QCOMPARE(debs.size(), 1);
+            debs_[name] = pkg_.filePath(debs[0]);
+            const Run x = run("dpkg-deb", {"-R", debs_[name], root(name)}, pkg_.path());
+            QVERIFY2(x.code == 0, qPrintable(x.err));
+        }
+    }
 
-        const Run version = run(root + "/usr/bin/quillbase", {"--version"}, tmp.path());
+    // Each file in its package, the emulator in its own, binaries stripped
+    // with their symbols in -dbgsym packages.
+    void packageContents_data()
+    {
+        QTest::addColumn<QString>("package");
+        QTest::addColumn<QStringList>("present");
+        QTest::addColumn<QStringList>("absent");
+        QTest::newRow("server") << "quillbase"
+                                << QStringList{"usr/bin/quillbase", "usr/bin/quillbase-ctl",
+                                               "usr/share/man/man8/quillbase.8.gz",
+                                               "usr/share/man/man1/quillbase-ctl.1.gz",
+                                               "usr/share/doc/quillbase/copyright",
+                                               "usr/share/doc/quillbase/changelog.Debian.gz",
+                                               "usr/share/bash-completion/completions/quillbase-ctl",
+                                               "etc/quillbase/Norvu/Brixa.conf", "usr/share/quillbase/0.lbl",
+                                               "DEBIAN/postinst", "DEBIAN/postrm", "DEBIAN/prerm"}
+                                << QStringList{"usr/bin/mp104c-emulator"};
+        QTest::newRow("emulator") << "mp104c-emulator"
+                                  << QStringList{"usr/bin/mp104c-emulator", "usr/share/man/man1/mp104c-emulator.1.gz",
+                                                 "usr/share/doc/mp104c-emulator/copyright",
+                                                 "usr/share/doc/mp104c-emulator/changelog.Debian.gz"}
+                                  << QStringList{"usr/bin/quillbase", "DEBIAN/postinst", "etc"};
+    }
+    void packageContents()
+    {
+        QFETCH(QString, package);
+        QFETCH(QStringList, present);
+        QFETCH(QStringList, absent);
+        if (debs_.isEmpty())
+            QSKIP("no packages were built");
+        const QString r = root(package);
+        for (const QString& f : present)
+            QVERIFY2(QFile::exists(r + "/" + f), qPrintable(f));
+        for (const QString& f : absent)
+            QVERIFY2(!QFile::exists(r + "/" + f), qPrintable(f));
+        for (const QString& exe : QDir(r + "/usr/bin").entryList(QDir::Files)) {
+            const Run sections = run("readelf", {"-S", "-W", r + "/usr/bin/" + exe}, pkg_.path());
+            QVERIFY2(sections.code == 0 && sections.out.contains(".text"), qPrintable(sections.err));
+            QVERIFY2(!sections.out.contains(".debug_info") && !sections.out.contains(".symtab"), qPrintable(exe));
+        }
+        const QStringList dbgsym = QDir(pkg_.path()).entryList({package + "-dbgsym_*.ddeb"}, QDir::Files);
+        QCOMPARE(dbgsym.size(), 1);
+        const Run listing = run("dpkg-deb", {"-c", pkg_.filePath(dbgsym[0])}, pkg_.path());
+        QVERIFY2(listing.out.contains("/usr/lib/debug/.build-id/") && listing.out.contains(".debug"),
+                 qPrintable(listing.out));
+    }
+
+    // The package as installed by hand would run: --version, --init with the
+    // shipped layouts and settings, which it leaves as shipped (a conffile).
+    void packagedServerInitialises()
+    {
+        if (debs_.isEmpty())
+            QSKIP("no packages were built");
+        const QString r = root("quillbase");
+        const Run version = run(r + "/usr/bin/quillbase", {"--version"}, pkg_.path());
         QCOMPARE(version.code, 0);
         QCOMPARE(version.out.trimmed(), QStringLiteral("Quillbase " QUILL_VERSION));
-        QVERIFY(readFile(root + "/usr/lib/systemd/system/quillbase.service")
-                    .contains("ExecStart=/usr/bin/quillbase --headless --home /var/lib/quillbase"));
+        const Run ctlVersion = run(r + "/usr/bin/quillbase-ctl", {"--version"}, pkg_.path());
+        QCOMPARE(ctlVersion.out.trimmed(), QStringLiteral("quillbase-ctl " QUILL_VERSION));
+        const QString unit = readFile(r + "/usr/lib/systemd/system/quillbase.service");
+        QVERIFY(unit.contains("ExecStart=/usr/bin/quillbase --headless --home /var/lib/quillbase"));
+        QVERIFY(unit.contains("XDG_CONFIG_DIRS=/etc/quillbase "));
+        QCOMPARE(readFile(r + "/DEBIAN/conffiles").trimmed(), QStringLiteral("/etc/quillbase/Norvu/Brixa.conf"));
 
-        // --init takes the layouts the package ships, not only its built-in copies.
-        QFile layout(root + "/usr/share/quillbase/0.lbl");
+        QTemporaryDir tmp;
+        QVERIFY(tmp.isValid());
+        // The shipped settings stand in for the machine's (run() points there).
+        QVERIFY(QDir().mkpath(tmp.filePath("machine/Norvu")));
+        const QString shipped = readFile(r + "/etc/quillbase/Norvu/Brixa.conf");
+        QFile conf(tmp.filePath("machine/Norvu/Brixa.conf"));
+        QVERIFY(conf.open(QIODevice::WriteOnly));
+        conf.write(shipped.toUtf8());
+        conf.close();
+        QFile layout(r + "/usr/share/quillbase/0.lbl");
         QVERIFY(layout.open(QIODevice::Append));
         layout.write("# shipped\n");
         layout.close();
-        checkInit(root + "/usr/bin/quillbase", tmp.path());
+        checkInit(r + "/usr/bin/quillbase", tmp.path());
         QVERIFY(readFile(tmp.filePath("inst/0.lbl")).endsWith("# shipped\n"));
+        QCOMPARE(readFile(tmp.filePath("machine/Norvu/Brixa.conf")), shipped);
     }
+
+    // The shipped allow-list: this machine and the private networks only.
+    void shippedAllowList_data()
+    {
+        QTest::addColumn<QString>("peer");
+        QTest::addColumn<bool>("allowed");
+        QTest::newRow("loopback") << "127.0.0.1" << true;
+        QTest::newRow("loopback v6") << "::1" << true;
+        QTest::newRow("10/8") << "10.20.30.40" << true;
+        QTest::newRow("172.16/12") << "172.31.255.1" << true;
+        QTest::newRow("just outside 172.16/12") << "172.32.0.1" << false;
+        QTest::newRow("192.168/16") << "192.168.10.5" << true;
+        QTest::newRow("v4 on a dual-stack listener") << "::ffff:192.168.1.9" << true;
+        QTest::newRow("unique local v6") << "fd12:3456::7" << true;
+        QTest::newRow("public v4") << "8.8.8.8" << false;
+        QTest::newRow("public v6") << "2001:db8::1" << false;
+    }
+    void shippedAllowList()
+    {
+        QFETCH(QString, peer);
+        QFETCH(bool, allowed);
+        if (debs_.isEmpty())
+            QSKIP("no packages were built");
+        const QString conf = root("quillbase") + "/etc/quillbase/Norvu/Brixa.conf";
+        qputenv("XDG_CONFIG_DIRS", QFileInfo(conf).absolutePath().chopped(QStringLiteral("/Norvu").size()).toUtf8());
+        QCOMPARE(quill::RegGetValue(quill::HKEY_LOCAL_MACHINE, quill::KeyQuillbase, "tBindAddress"), QString());
+        QStringList invalid;
+        quill::ClientFilter filter;
+        filter.setAllowed(quill::RegGetValue(quill::HKEY_LOCAL_MACHINE, quill::KeyQuillbase, "tAllowedClients"),
+                          &invalid);
+        QVERIFY2(invalid.isEmpty(), qPrintable(invalid.join(", ")));
+        QVERIFY(filter.restricted());
+        QCOMPARE(filter.allows(QHostAddress(peer)), allowed);
+    }
+
+    // The server of the new package over an installation an earlier version
+    // made and used: its queued jobs and settings are there after the start.
+    void upgradeKeepsJobsAndSettings()
+    {
+        if (debs_.isEmpty())
+            QSKIP("no packages were built");
+        quill::test::TestInstallation inst;
+        QVERIFY(inst.ok());
+        const quint16 port = quill::test::TestInstallation::freePort();
+        QVERIFY(inst.setServer(port, false));
+        inst.setUserSwitch("dwUseLog", 1);
+        inst.setUserSwitch("dwQuitQuestion", 1);
+        for (int id = 1; id <= 2; ++id)
+            QVERIFY(inst.sql("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)",
+                             {id, quill::dbtest::JobText(1, 1, "1", "KASSA1", "Anna", QString("Jobb %1").arg(id))}));
+        const QString r = root("quillbase");
+        QProcess server;
+        server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        server.start(r + "/usr/bin/quillbase", {"--headless", "--home", inst.path()});
+        QVERIFY(server.waitForStarted(10000));
+        QTRY_VERIFY_WITH_TIMEOUT(inst.log().contains("Quillbase succesfully started"), 30000);
+        const Run jobs = run(r + "/usr/bin/quillbase-ctl", {"--home", inst.path(), "--json", "jobs"},
+                             inst.path());
+        const Run settings = run(r + "/usr/bin/quillbase-ctl", {"--home", inst.path(), "--json", "settings"},
+                                 inst.path());
+        server.terminate();
+        QVERIFY(server.waitForFinished(20000));
+        QCOMPARE(jobs.code, 0);
+        const QJsonArray list = QJsonDocument::fromJson(jobs.out.toUtf8()).object()["jobs"].toArray();
+        QCOMPARE(list.size(), 2);
+        QCOMPARE(list[1].toObject()["caption"].toString(), QString("Jobb 2"));
+        const QJsonObject s = QJsonDocument::fromJson(settings.out.toUtf8()).object()["settings"].toObject();
+        QCOMPARE(s["port"], QJsonValue(int(port)));
+        QCOMPARE(s["quitQuestion"].toBool(), true);
+    }
+
+    // Lintian finds no error and no warning in either package.
+    void lintianClean_data()
+    {
+        QTest::addColumn<QString>("package");
+        QTest::newRow("server") << "quillbase";
+        QTest::newRow("emulator") << "mp104c-emulator";
+    }
+    void lintianClean()
+    {
+        QFETCH(QString, package);
+        if (debs_.isEmpty())
+            QSKIP("no packages were built");
+        const QString lintian = QStandardPaths::findExecutable("lintian");
+        if (lintian.isEmpty())
+            QSKIP("lintian is not on this machine (make deps installs it): the package was not checked");
+        const Run l = run(lintian, {"--fail-on", "error,warning", "--no-tag-display-limit", debs_[package]},
+                          pkg_.path(), 240000);
+        QVERIFY2(l.code == 0, qPrintable(l.out + l.err));
+    }
+
+    // The unit's sandbox, as systemd rates it: "OK" or better.
+    void unitHardened()
+    {
+        if (debs_.isEmpty())
+            QSKIP("no packages were built");
+        const QString analyze = QStandardPaths::findExecutable("systemd-analyze");
+        if (analyze.isEmpty())
+            QSKIP("systemd-analyze is not on this machine: the unit's sandbox was not rated");
+        const QString unit = root("quillbase") + "/usr/lib/systemd/system/quillbase.service";
+        const Run a = run(analyze, {"security", "--offline=true", "--no-pager", unit}, pkg_.path());
+        const QRegularExpression level("Overall exposure level for quillbase.service: ([0-9.]+) (\\S+)");
+        const QRegularExpressionMatch m = level.match(a.out);
+        QVERIFY2(m.hasMatch(), qPrintable(a.out + a.err));
+        QVERIFY2(m.captured(1).toDouble() <= 4.0, qPrintable(m.captured(0)));
+        const QString unitText = readFile(unit);
+        QVERIFY(unitText.contains("SupplementaryGroups=dialout"));
+        QVERIFY(unitText.contains("UMask=0027"));
+    }
+
+    // Completion of quillbase-ctl's commands and options in bash.
+    void bashCompletion_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("command") << "quillbase-ctl pr" << QStringList{"printer"};
+        QTest::newRow("subcommand") << "quillbase-ctl printer c"
+                                    << QStringList{"calibrate", "clear", "configure"};
+        QTest::newRow("after --home") << "quillbase-ctl --home /tmp st" << QStringList{"start", "status", "stop"};
+        QTest::newRow("printer option") << "quillbase-ctl printer add --conn"
+                                        << QStringList{"--connect-only", "--connection"};
+        QTest::newRow("option value") << "quillbase-ctl printer edit 2 --connection " << QStringList{"network", "serial"};
+        QTest::newRow("switch value") << "quillbase-ctl settings set --log " << QStringList{"off", "on"};
+        QTest::newRow("settings set") << "quillbase-ctl settings s" << QStringList{"set"};
+    }
+    void bashCompletion()
+    {
+        QFETCH(QString, line);
+        QFETCH(QStringList, expected);
+        const QString framework = "/usr/share/bash-completion/bash_completion";
+        if (!QFile::exists(framework))
+            QSKIP("bash-completion is not on this machine (make deps installs it)");
+        const QString script = QUILL_SOURCE_DIR "/packaging/quillbase-ctl.bash-completion";
+        // The line split as bash does; the cursor at its end.
+        const QString program = QStringLiteral(
+            "source %1; source %2; line=\"$0\"; read -ra COMP_WORDS <<< \"$line\"; "
+            "[[ $line == *' ' ]] && COMP_WORDS+=(''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+            "COMP_LINE=$line; COMP_POINT=${#line}; _quillbase_ctl; printf '%s\\n' \"${COMPREPLY[@]}\" | sort")
+                                    .arg(framework, script);
+        QTemporaryDir tmp;
+        const Run r = run("bash", {"-c", program, line}, tmp.path());
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.out.split('\n', Qt::SkipEmptyParts), expected);
+    }
+
+private:
+    QTemporaryDir pkg_;
+    QHash<QString, QString> debs_;
+    QString root(const QString& package) const { return pkg_.filePath("root-" + package); }
 };
 
 QTEST_GUILESS_MAIN(TestInstall)
