@@ -8,6 +8,7 @@
 #include "support/dbfixture.h"
 #include "support/installation.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
 #include <QHostAddress>
@@ -15,11 +16,14 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
+#include <QSqlQuery>
 #include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <unistd.h>
 
 namespace {
 
@@ -28,13 +32,17 @@ struct Run {
     QString out, err;
 };
 
-// Runs a program to its end (at most `ms`) with the settings scopes inside `scratch`.
-Run run(const QString& program, const QStringList& args, const QString& scratch, int ms = 120000)
+// Runs a program to its end (at most `ms`) with the settings scopes inside `scratch`;
+// `env` replaces or adds variables ("NAME=value").
+Run run(const QString& program, const QStringList& args, const QString& scratch, int ms = 120000,
+        const QStringList& extraEnv = {})
 {
     QProcess p;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("XDG_CONFIG_DIRS", scratch + "/machine");
     env.insert("XDG_CONFIG_HOME", scratch + "/user");
+    for (const QString& v : extraEnv)
+        env.insert(v.section('=', 0, 0), v.section('=', 1));
     p.setProcessEnvironment(env);
     p.start(program, args);
     Run r;
@@ -54,6 +62,22 @@ QString readFile(const QString& path)
 {
     QFile f(path);
     return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+}
+
+// Every file under `dir` with a digest of its bytes, sorted by path.
+QStringList digests(const QString& dir)
+{
+    QStringList list;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        QFile f(path);
+        if (f.open(QIODevice::ReadOnly))
+            list << QDir(dir).relativeFilePath(path) + " "
+                        + QCryptographicHash::hash(f.readAll(), QCryptographicHash::Sha256).toHex();
+    }
+    list.sort();
+    return list;
 }
 
 // --init of `exe` into scratch/inst; checks what every new installation has.
@@ -297,6 +321,102 @@ private slots:
         const QJsonObject s = QJsonDocument::fromJson(settings.out.toUtf8()).object()["settings"].toObject();
         QCOMPARE(s["port"], QJsonValue(int(port)));
         QCOMPARE(s["quitQuestion"].toBool(), true);
+    }
+
+    // The maintainer scripts as dpkg runs them, into a temporary root without
+    // chroot (DPKG_ROOT): the first installation makes the user and enables
+    // the unit; an upgrade keeps the installation, the administrator's
+    // settings and disable; purge takes away what the package made. Nothing
+    // starts: no systemd runs in that root.
+    void maintainerScriptsInAnotherRoot()
+    {
+        if (debs_.isEmpty())
+            QSKIP("no packages were built");
+        for (const char* tool : {"dpkg", "deb-systemd-helper", "systemd-sysusers", "systemctl", "userdel"})
+            if (QStandardPaths::findExecutable(tool).isEmpty())
+                QSKIP(qPrintable(QString("%1 is not on this machine: the maintainer scripts were not run").arg(tool)));
+        if (getuid() != 0)
+            QSKIP("dpkg installs into another root as root only: the maintainer scripts were not run");
+        const bool hostHadUser = run("getent", {"passwd", "quillbase"}, pkg_.path()).code == 0;
+
+        QTemporaryDir scratch;
+        QVERIFY(scratch.isValid());
+        const QString r = scratch.filePath("root");
+        QVERIFY(QDir().mkpath(r + "/var/lib/dpkg/info") && QDir().mkpath(r + "/var/lib/dpkg/updates")
+                && QDir().mkpath(r + "/etc"));
+        QFile status(r + "/var/lib/dpkg/status");
+        QVERIFY(status.open(QIODevice::WriteOnly));
+        status.close();
+        // The libraries the package depends on are this machine's, not the root's.
+        const auto dpkg = [&](const QStringList& args) {
+            const Run d = run("dpkg", QStringList{"--root", r, "--force-script-chrootless", "--force-depends"} + args,
+                              scratch.path());
+            return d.code == 0 ? QString() : d.out + d.err;
+        };
+        const QString wants = r + "/etc/systemd/system/multi-user.target.wants/quillbase.service";
+        const QString home = r + "/var/lib/quillbase";
+        const QString conf = r + "/etc/quillbase/Norvu/Brixa.conf";
+
+        QString failed = dpkg({"-i", debs_["quillbase"]});
+        QVERIFY2(failed.isEmpty(), qPrintable(failed));
+        QVERIFY(readFile(r + "/etc/passwd").contains(QRegularExpression("^quillbase:x:\\d+:\\d+:.*:/var/lib/quillbase:",
+                                                                          QRegularExpression::MultilineOption)));
+        QVERIFY(readFile(r + "/etc/group").contains(QRegularExpression("^dialout:x:\\d+:quillbase$",
+                                                                         QRegularExpression::MultilineOption)));
+        QVERIFY(QFileInfo(wants).isSymLink());
+
+        // The installation the unit's first start makes, with queued jobs; the
+        // administrator's changes: settings edited, the unit disabled.
+        const QStringList unitEnv{"XDG_CONFIG_DIRS=" + r + "/etc/quillbase", "XDG_CONFIG_HOME=" + home + "/config"};
+        const Run init = run(r + "/usr/bin/quillbase", {"--init", "--home", home}, scratch.path(), 120000, unitEnv);
+        QVERIFY2(init.code == 0, qPrintable(init.out + init.err));
+        QVERIFY(quill::dbtest::WithConnection(home + "/brixa.mdb", [](QSqlDatabase& db) {
+            QSqlQuery q(db);
+            q.prepare("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (1, 1, ?)");
+            q.addBindValue(quill::dbtest::JobText(1, 1, "1", "KASSA1", "Anna", "Jobb 1"));
+            return q.exec();
+        }));
+        QFile edit(conf);
+        QVERIFY(edit.open(QIODevice::Append));
+        edit.write("tAllowedClients=192.168.7.0/24\n");
+        edit.close();
+        const QString edited = readFile(conf);
+        const Run disable = run("systemctl", {"--root", r, "disable", "quillbase.service"}, scratch.path());
+        QVERIFY2(disable.code == 0 && !QFileInfo(wants).exists(), qPrintable(disable.err));
+        const QStringList before = digests(home);
+        QVERIFY(before.join('\n').contains("brixa.mdb ") && before.join('\n').contains("config/Norvu/Brixa.conf "));
+
+        // The next revision of the same package.
+        const QString next = scratch.filePath("next");
+        QCOMPARE(run("dpkg-deb", {"-R", debs_["quillbase"], next}, scratch.path()).code, 0);
+        QString control = readFile(next + "/DEBIAN/control");
+        control.replace(QRegularExpression("^Version: (.*)$", QRegularExpression::MultilineOption),
+                        "Version: \\1+next");
+        QFile c(next + "/DEBIAN/control");
+        QVERIFY(c.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        c.write(control.toUtf8());
+        c.close();
+        const QString nextDeb = scratch.filePath("next.deb");
+        QCOMPARE(run("dpkg-deb", {"--root-owner-group", "-b", next, nextDeb}, scratch.path()).code, 0);
+        failed = dpkg({"-i", nextDeb});
+        QVERIFY2(failed.isEmpty(), qPrintable(failed));
+        QVERIFY(readFile(r + "/var/lib/dpkg/status").contains(QRegularExpression("^Version: .*\\+next$",
+                                                                                  QRegularExpression::MultilineOption)));
+        QCOMPARE(digests(home), before);
+        QCOMPARE(readFile(conf), edited);
+        QVERIFY(!QFileInfo(wants).exists());
+        QCOMPARE(QFileInfo(home).permissions() & (QFile::ReadOther | QFile::ExeOther | QFile::ReadGroup |
+                                                  QFile::WriteGroup | QFile::ExeGroup),
+                 QFile::ReadGroup | QFile::ExeGroup);
+
+        failed = dpkg({"--purge", "quillbase"});
+        QVERIFY2(failed.isEmpty(), qPrintable(failed));
+        QVERIFY(!QFileInfo::exists(home));
+        QVERIFY(!QFileInfo::exists(r + "/etc/quillbase"));
+        QVERIFY(!readFile(r + "/etc/passwd").contains("quillbase"));
+        QVERIFY(!readFile(r + "/etc/group").contains("quillbase"));
+        QCOMPARE(digests(r + "/etc/systemd"), QStringList());
+        QCOMPARE(run("getent", {"passwd", "quillbase"}, pkg_.path()).code == 0, hostHadUser);
     }
 
     // Lintian finds no error and no warning in any package.
