@@ -30,6 +30,7 @@
 #include <QTimer>
 #include <QTreeView>
 #include <QVBoxLayout>
+#include <QWindow>
 
 namespace quill {
 
@@ -269,6 +270,20 @@ void MainWindow::connectCore()
         if (server_.starting() && !started_)
             present();
     });
+    // Focus goes into the printer list when the window is activated from
+    // another program; a box or dialog of ours closing leaves it where it was.
+    // The window had the focus last before the program lost it (or nothing of
+    // the program had it yet): it comes back from outside. Another window of
+    // ours had it last: one of our boxes or dialogs closed.
+    connect(qApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* now) {
+        if (!now)
+            return;
+        const bool mine = now == windowHandle();
+        if (mine && (!focusSeen_ || lastFocusMine_) && lvwPrinter_->isVisible() && lvwPrinter_->isEnabled())
+            lvwPrinter_->setFocus(Qt::ActiveWindowFocusReason);
+        focusSeen_ = true;
+        lastFocusMine_ = mine;
+    });
     // The desktop session ends (log-out, shut-down): quit without asking.
     connect(qApp, &QGuiApplication::commitDataRequest, this, [this] { endSession(); });
 }
@@ -367,7 +382,8 @@ void MainWindow::showServiceState(bool running)
 {
     const QString caption = GetString(running ? 12054 : 12053);
     cmdService_->setText(caption);
-    mnuSTPopupService_->setText(caption);
+    // The menu entry keeps an access key when the caption brings none.
+    mnuSTPopupService_->setText(caption.contains(QLatin1Char('&')) ? caption : QLatin1Char('&') + caption);
     const QString state = GetString(running ? 12084 : 12085);
     panService_->setText(state);
     panServicePicture_->setPixmap(ServicePicture(running).pixmap(PictureSize, PictureSize));
@@ -605,10 +621,15 @@ void MainWindow::changeEvent(QEvent* event)
             if (isMinimized())
                 hide();
         });
-    } else if (event->type() == QEvent::ActivationChange && isActiveWindow() && lvwPrinter_->isVisible() &&
-               lvwPrinter_->isEnabled()) {
-        lvwPrinter_->setFocus();
     }
+}
+
+void MainWindow::resizeEvent(QResizeEvent* event)
+{
+    QMainWindow::resizeEvent(event);
+    // Maximised or resized, the columns keep their share of the lists' width.
+    if (columnsSet_)
+        QTimer::singleShot(0, this, [this] { applyColumnWidths(); });
 }
 
 bool MainWindow::eventFilter(QObject* watched, QEvent* event)

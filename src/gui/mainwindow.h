@@ -60,6 +60,7 @@ protected:
     void closeEvent(QCloseEvent* event) override;
     void changeEvent(QEvent* event) override;
     void showEvent(QShowEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
@@ -102,6 +103,8 @@ private:
     bool columnsSet_ = false;
     int busyDepth_ = 0;
     bool loggedNoTray_ = false;
+    bool focusSeen_ = false;     // a window of the program has had the focus
+    bool lastFocusMine_ = false; // and the last one to have it was this one
 
     QTreeView* lvwPrinter_ = nullptr;
     QTreeView* lvwJob_ = nullptr;

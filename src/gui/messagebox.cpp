@@ -2,6 +2,8 @@
 #include "foundation/texts.h"
 
 #include <QApplication>
+#include <QGridLayout>
+#include <QSpacerItem>
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
@@ -79,6 +81,13 @@ QMessageBox* WidgetMessageSink::build(const Box& box)
             b->setText(GetString(id));
     if (QAbstractButton* def = mb->button(buttonOf(box.defaultAnswer)))
         mb->setDefaultButton(qobject_cast<QPushButton*>(def));
+    // A short text makes a narrow box whose title bar cuts the title off: the
+    // box is at least as wide as its title and the title bar's buttons.
+    if (auto* grid = qobject_cast<QGridLayout*>(mb->layout())) {
+        const int titleWidth = mb->fontMetrics().horizontalAdvance(box.title) + 140;
+        grid->addItem(new QSpacerItem(titleWidth, 0, QSizePolicy::Minimum, QSizePolicy::Fixed), grid->rowCount(), 0,
+                      1, grid->columnCount());
+    }
     // Escape answers the question's negative button.
     if (box.buttons == BoxButtons::YesNo)
         mb->setEscapeButton(QMessageBox::No);
@@ -90,8 +99,13 @@ QMessageBox* WidgetMessageSink::build(const Box& box)
 BoxAnswer WidgetMessageSink::show(const Box& box)
 {
     QPointer<QMessageBox> mb = build(box);
+    const QPointer<QWidget> parent = mb->parentWidget();
     const int pressed = mb->exec();
     delete mb.data();
+    // The window the box belonged to is the one to go on in, even where no
+    // window manager hands the focus back.
+    if (parent && parent->isVisible() && !QApplication::activeWindow())
+        parent->window()->activateWindow();
     switch (pressed) {
     case QMessageBox::Yes: return BoxAnswer::Yes;
     case QMessageBox::No: return BoxAnswer::No;

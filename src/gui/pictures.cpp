@@ -2,21 +2,38 @@
 #include "database/slots.h"
 #include "service/printerlistmodel.h"
 
+#include <QHash>
+
+#include <functional>
+
 namespace quill {
 
 namespace {
 
+// Each picture is made once: lists ask for them on every paint, and an SVG
+// icon renders its pixmaps once per icon, not once per request.
+QIcon cached(const QString& key, const std::function<QIcon()>& make)
+{
+    static QHash<QString, QIcon> made;
+    auto it = made.constFind(key);
+    if (it == made.constEnd())
+        it = made.insert(key, make());
+    return *it;
+}
+
 QIcon themed(const char* themeName, const QString& own)
 {
-    const QIcon fallback = OwnPicture(own);
-    return themeName ? QIcon::fromTheme(QLatin1String(themeName), fallback) : fallback;
+    return cached(QLatin1String(themeName ? themeName : "") + QLatin1Char('|') + own, [&] {
+        const QIcon fallback = OwnPicture(own);
+        return themeName ? QIcon::fromTheme(QLatin1String(themeName), fallback) : fallback;
+    });
 }
 
 } // namespace
 
 QIcon OwnPicture(const QString& name)
 {
-    return QIcon(QStringLiteral(":/quill/pictures/") + name + QStringLiteral(".svg"));
+    return cached(name, [&] { return QIcon(QStringLiteral(":/quill/pictures/") + name + QStringLiteral(".svg")); });
 }
 
 QIcon StatusPicture(const QString& statusWord)

@@ -23,6 +23,7 @@
 #include <QRadioButton>
 #include <QTimer>
 #include <QVBoxLayout>
+#include <QWindow>
 
 namespace quill {
 
@@ -41,9 +42,19 @@ public:
         auto* box = static_cast<QLineEdit*>(watched);
         if (event->type() == QEvent::KeyPress) {
             auto* key = static_cast<QKeyEvent*>(event);
-            // Editing keys and shortcuts (Delete, Ctrl+C) carry no typed character.
+            // Editing keys and shortcuts (Delete, Ctrl+C) carry no typed character;
+            // Tab, Enter and Escape carry one that is no part of a value: they
+            // move on, press the default button and cancel as everywhere.
             if (key->text().isEmpty() || key->key() == Qt::Key_Delete || (key->modifiers() & Qt::ControlModifier))
                 return false;
+            switch (key->key()) {
+            case Qt::Key_Tab:
+            case Qt::Key_Backtab:
+            case Qt::Key_Return:
+            case Qt::Key_Enter:
+            case Qt::Key_Escape: return false;
+            default: break;
+            }
             return !KeyAllowed(key->text().at(0).unicode(), pattern_);
         }
         if (event->type() == QEvent::FocusIn && box->isVisible() && box->isEnabled()) {
@@ -101,6 +112,16 @@ void FilterKeys(QLineEdit* box, const QString& pattern)
     box->installEventFilter(new KeyFilter(box, pattern));
 }
 
+void MakeTransientFor(QWidget* dialog, QWidget* owner)
+{
+    QWidget* top = owner ? owner->window() : nullptr;
+    if (!top || !top->windowHandle())
+        return;
+    dialog->winId(); // its native window, to carry the link
+    if (QWindow* w = dialog->windowHandle())
+        w->setTransientParent(top->windowHandle());
+}
+
 void ReturnToOwner(QPointer<QWidget>& owner)
 {
     if (!owner)
@@ -129,6 +150,7 @@ PrinterDialog::PrinterDialog(Server& server, Operator& op, const PrinterSettings
     showDevice();
     connect(&op_, &Operator::deviceOperationFinished, this, &PrinterDialog::deviceFinished);
     connect(this, &QDialog::finished, this, &PrinterDialog::releaseOwner);
+    MakeTransientFor(this, owner);
     if (owner_)
         owner_->setEnabled(false);
 }
@@ -349,6 +371,9 @@ void PrinterDialog::showDevice()
 {
     QString deviceName, settings;
     DialogDevice(values(), &deviceName, &settings);
+    // No address typed yet: nothing to show, not a lone separator.
+    if (!optSerial_->isChecked() && txtNetIP_->text().trimmed().isEmpty())
+        deviceName.clear();
     if (optSerial_->isChecked())
         deviceName += QStringLiteral("  ") + settings.section(QLatin1Char(','), 0, 0);
     lblDevice_->setText(deviceName);
@@ -459,8 +484,13 @@ void PrinterDialog::setDeviceRunning(bool running)
     if (running == deviceRunning_)
         return;
     deviceRunning_ = running;
+    // Disabling the pressed button moves the focus on; it comes back after.
+    if (running)
+        focusBeforeDevice_ = focusWidget();
     for (QPushButton* b : buttons_)
         b->setEnabled(!running);
+    if (!running && focusBeforeDevice_ && focusBeforeDevice_->isEnabled() && focusBeforeDevice_->isVisible())
+        focusBeforeDevice_->setFocus(Qt::OtherFocusReason);
     if (running)
         QApplication::setOverrideCursor(Qt::WaitCursor);
     else
@@ -520,7 +550,8 @@ PrinterAdvancedDialog::PrinterAdvancedDialog(PrinterDialog& printerDialog)
 
     auto* panBoard = new QFrame(this);
     panBoard->setObjectName(QStringLiteral("panBoard"));
-    auto* board = new QHBoxLayout;
+    auto* board = new QHBoxLayout(panBoard);
+    board->setContentsMargins(0, 0, 0, 0);
     auto* cmdOK = button("cmdOK", "#£12112#OK", panBoard);
     cmdOK->setDefault(true);
     auto* cmdCancel = button("cmdCancel", "#£12113#Avbryt", panBoard);
@@ -543,6 +574,7 @@ PrinterAdvancedDialog::PrinterAdvancedDialog(PrinterDialog& printerDialog)
     cboCutterInstalled_->setCurrentIndex(cutter < 0 ? 0 : cutter);
     txtDispensingFeed_->setText(QString::number(a.dispensingFeed));
     txtReverseFeed_->setText(QString::number(a.reverseFeed));
+    MakeTransientFor(this, &printerDialog);
     printerDialog_.setEnabled(false);
     connect(this, &QDialog::finished, this, [this] {
         printerDialog_.setEnabled(true);

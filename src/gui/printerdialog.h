@@ -65,6 +65,7 @@ private:
     QPointer<QWidget> owner_;
     int mode_;
     bool closing_ = false;
+    QPointer<QWidget> focusBeforeDevice_;
     bool deviceRunning_ = false;
     QString advancedSettings_; // cmdAdvanced's tag
 
@@ -111,5 +112,9 @@ private:
 void FilterKeys(QLineEdit* box, const QString& pattern);
 // The window a dialog disabled, enabled and in front again (once).
 void ReturnToOwner(QPointer<QWidget>& owner);
+// Keeps a parentless dialog above its owner's window: the window manager
+// stacks and minimises it with the owner, yet disabling the owner does not
+// disable the dialog. Called before the dialog is first shown.
+void MakeTransientFor(QWidget* dialog, QWidget* owner);
 
 } // namespace quill

@@ -95,6 +95,7 @@ SettingsDialog::SettingsDialog(Operator& op, QWidget* owner) : QDialog(nullptr),
     chkUseTrafficLog_->setChecked(s.useTrafficLog);
     chkQuitQuestion_->setChecked(s.quitQuestion);
     txtServerPort_->setFocus();
+    MakeTransientFor(this, owner);
     if (owner_)
         owner_->setEnabled(false);
     connect(this, &QDialog::finished, this, &SettingsDialog::releaseOwner);

@@ -30,6 +30,7 @@ void TrayIcon::STInit()
 {
     STSetToolTip(QString());
     STSetIcon(false);
+    shownService_ = false;
     icon_->show();
 }
 
@@ -61,6 +62,10 @@ void TrayIcon::STRestore()
 
 void TrayIcon::showService(bool started)
 {
+    // The tip keeps the window caption until the service state changes.
+    if (shownService_ && *shownService_ == started)
+        return;
+    shownService_ = started;
     STSetToolTip(GetString(started ? 12058 : 12057, GetString(9003)));
     STSetIcon(started);
 }

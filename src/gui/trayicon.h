@@ -5,6 +5,8 @@
 #include <QObject>
 #include <QString>
 
+#include <optional>
+
 class QMenu;
 class QSystemTrayIcon;
 class QWidget;
@@ -45,6 +47,7 @@ private:
     QWidget* window_;
     QSystemTrayIcon* icon_;
     bool started_ = false;
+    std::optional<bool> shownService_; // the state the tip tells; none until first told
 };
 
 } // namespace quill

@@ -13,6 +13,10 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QCheckBox>
+#include <QRadioButton>
+#include <QStyle>
+#include <QStyleOptionButton>
 #include <QDir>
 #include <QMessageBox>
 #include <QPointer>
@@ -91,6 +95,59 @@ private:
     // Cleared when the box is deleted: the next box may get its address.
     QPointer<QMessageBox> last_;
 };
+
+// Presses a button as a person does: a mouse click at the centre of what is
+// visible of it. Fails, saying why, when the button is hidden, has no size or
+// is covered there by another widget.
+inline QString PressFailure(QAbstractButton* b)
+{
+    if (!b)
+        return QStringLiteral("no such button");
+    const QString name = b->objectName();
+    if (!b->isVisible())
+        return name + QStringLiteral(" is not visible");
+    // A check or radio button takes clicks on its mark and caption only.
+    QRect active = b->rect();
+    QStyleOptionButton option;
+    option.initFrom(b);
+    option.text = b->text();
+    option.icon = b->icon();
+    option.iconSize = b->iconSize();
+    if (qobject_cast<QRadioButton*>(b))
+        active = b->style()->subElementRect(QStyle::SE_RadioButtonClickRect, &option, b);
+    else if (qobject_cast<QCheckBox*>(b))
+        active = b->style()->subElementRect(QStyle::SE_CheckBoxClickRect, &option, b);
+    const QRegion seen = b->visibleRegion().intersected(active);
+    if (b->width() <= 0 || b->height() <= 0 || seen.isEmpty())
+        return name + QStringLiteral(" has no visible area");
+    const QPoint centre = seen.boundingRect().center();
+    QWidget* top = b->window();
+    QWidget* hit = top->childAt(b->mapTo(top, centre));
+    if (hit != b && !b->isAncestorOf(hit))
+        return name + QStringLiteral(" is covered by ") + (hit ? hit->objectName() : QStringLiteral("nothing"));
+    QTest::mouseClick(b, Qt::LeftButton, Qt::NoModifier, centre);
+    return {};
+}
+#define QUILL_PRESS(button)                                                                                        \
+    do {                                                                                                           \
+        const QString why_ = quill::test::PressFailure(button);                                                   \
+        QVERIFY2(why_.isEmpty(), qPrintable(why_));                                                                \
+    } while (false)
+
+// A key pressed and released on whatever has the keyboard focus now.
+inline QString KeyFailure(int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier)
+{
+    QWidget* focus = QApplication::focusWidget();
+    if (!focus)
+        return QStringLiteral("no widget has the focus");
+    QTest::keyClick(focus, Qt::Key(key), modifiers);
+    return {};
+}
+#define QUILL_KEY(...)                                                                                             \
+    do {                                                                                                           \
+        const QString why_ = quill::test::KeyFailure(__VA_ARGS__);                                                \
+        QVERIFY2(why_.isEmpty(), qPrintable(why_));                                                                \
+    } while (false)
 
 // An open top-level window (a dialog) by its object name.
 template <typename T = QWidget>

@@ -92,7 +92,17 @@ class TstDialogs : public QObject {
     {
         return dialog->findChild<T*>(QLatin1String(name));
     }
-    static void click(QWidget* dialog, const char* name) { in<QAbstractButton>(dialog, name)->click(); }
+    // Pressed with the mouse where the button shows; a hidden or zero-size one fails.
+    static void click(QWidget* dialog, const char* name) { QUILL_PRESS(in<QAbstractButton>(dialog, name)); }
+    // The window active with the keyboard focus in the box.
+    static bool focusIn(QWidget* box)
+    {
+        box->window()->activateWindow();
+        if (!QTest::qWaitForWindowActive(box->window()))
+            return false;
+        box->setFocus(Qt::TabFocusReason);
+        return QTest::qWaitFor([box] { return QApplication::focusWidget() == box; });
+    }
 
 private slots:
     void init()
@@ -154,6 +164,12 @@ private slots:
         QTest::keyClicks(port, "4");
         QCOMPARE(port->text(), "24");
         QVERIFY(Screenshot(d, "printerdialog-network-" + language));
+        click(d, "cmdAdvanced");
+        QTRY_VERIFY(TopLevel("frmSrvPrinterAdvanced"));
+        QVERIFY(QTest::qWaitForWindowExposed(TopLevel("frmSrvPrinterAdvanced")));
+        QVERIFY(Screenshot(TopLevel("frmSrvPrinterAdvanced"), "printer-advanced-" + language));
+        click(TopLevel("frmSrvPrinterAdvanced"), "cmdCancel");
+        QTRY_VERIFY(!TopLevel("frmSrvPrinterAdvanced"));
         click(d, "optConnection_0");
         QVERIFY(!port->isEnabled() && !ip->isEnabled());
 
@@ -480,8 +496,6 @@ private slots:
         QCOMPARE(in<QComboBox>(a, "cboCutterInstalled")->currentData().toInt(), 1);
         QCOMPARE(in<QLineEdit>(a, "txtDispensingFeed")->text(), "40");
         QCOMPARE(in<QLineEdit>(a, "txtReverseFeed")->text(), "7");
-        if (QTest::currentDataTag() == QLatin1String("empty feeds"))
-            QVERIFY(Screenshot(a, "printer-advanced"));
         for (const char* box : {"txtDispensingFeed", "txtReverseFeed"})
             in<QLineEdit>(a, box)->clear();
         QTest::keyClicks(in<QWidget>(a, "txtDispensingFeed"), feed);
@@ -496,6 +510,77 @@ private slots:
         const QStringList stored{column(2, "CutterInstalled").toString(), column(2, "DispensingFeed").toString(),
                                  column(2, "ReverseFeed").toString()};
         QCOMPARE(stored.join(';'), expected);
+    }
+
+    // Tab leaves each filtered box, Enter presses its dialog's default button
+    // (the change is saved), Escape cancels it (the change is not).
+    void filteredBoxKeys_data()
+    {
+        QTest::addColumn<QString>("dialog");
+        QTest::addColumn<QString>("box");
+        QTest::addColumn<int>("key");
+        const std::pair<const char*, const char*> boxes[] = {{"printer", "txtNetIP"},
+                                                             {"printer", "txtNetPort"},
+                                                             {"advanced", "txtDispensingFeed"},
+                                                             {"advanced", "txtReverseFeed"},
+                                                             {"settings", "txtServerPort"}};
+        const std::pair<const char*, int> keys[] = {{"Tab", Qt::Key_Tab}, {"Enter", Qt::Key_Return}, {"Escape", Qt::Key_Escape}};
+        for (const auto& [dialog, box] : boxes)
+            for (const auto& [name, key] : keys)
+                QTest::addRow("%s %s", box, name) << dialog << box << key;
+    }
+    void filteredBoxKeys()
+    {
+        QFETCH(QString, dialog);
+        QFETCH(QString, box);
+        QFETCH(int, key);
+        QVERIFY(startWindow());
+        QWidget* d = nullptr;
+        quill::PrinterDialog* printer = nullptr;
+        if (dialog == "settings") {
+            s_->find<QAction>("mnuSettings")->trigger();
+            d = TopLevel("frmSrvAdj");
+            QVERIFY(d);
+            // A change Enter saves and Escape drops.
+            in<QCheckBox>(d, "chkAutoStartService")->setChecked(true);
+        } else {
+            printer = openPrinter(1);
+            QVERIFY(printer);
+            in<QLineEdit>(printer, "txtPrinterName")->setText("Renamed");
+            QTest::mouseDClick(in<QLabel>(printer, "lblNetPort"), Qt::LeftButton);
+            d = printer;
+            if (dialog == "advanced") {
+                click(printer, "cmdAdvanced");
+                d = TopLevel("frmSrvPrinterAdvanced");
+                QVERIFY(d);
+                auto* cutter = in<QComboBox>(d, "cboCutterInstalled");
+                QCOMPARE(cutter->currentData().toInt(), 0);
+                cutter->setCurrentIndex(cutter->findData(1));
+            }
+        }
+        auto* field = in<QLineEdit>(d, qPrintable(box));
+        QVERIFY(field && field->isEnabled());
+        const QString before = field->text();
+        QVERIFY(focusIn(field));
+        QUILL_KEY(key);
+        QCOMPARE(field->text(), before);
+        if (key == Qt::Key_Tab) {
+            QVERIFY(TopLevel(qPrintable(d->objectName())));
+            QVERIFY(QApplication::focusWidget() != field);
+            QCOMPARE(QApplication::focusWidget()->window(), d);
+            return;
+        }
+        const bool saved = key == Qt::Key_Return;
+        QTRY_VERIFY(!TopLevel(qPrintable(d->objectName())));
+        if (dialog == "settings") {
+            QCOMPARE(inst().scalar("SELECT AutoStartService FROM tbServer").toInt(), saved ? 1 : 0);
+        } else if (dialog == "advanced") {
+            QCOMPARE(printer->values().advancedSettings.section(';', 0, 0), saved ? "1" : "0");
+            click(printer, "cmdCancel");
+        } else {
+            QCOMPARE(column(1, "Name").toString(), saved ? "Renamed" : "Kassa");
+        }
+        QTRY_VERIFY(s_->window->isEnabled());
     }
 
     // Settings: an unchanged port touches nothing, the switches are saved and

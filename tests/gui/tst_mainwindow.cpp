@@ -101,13 +101,16 @@ class TstMainWindow : public QObject {
             },
             20000);
     }
-    void checkServiceShown(bool running)
+    // changed: the service state changed since the start (until then the
+    // notification-area tip is the window caption).
+    void checkServiceShown(bool running, bool changed = true)
     {
         QCOMPARE(find<QPushButton>("cmdService")->text(), GetString(running ? 12054 : 12053));
-        QCOMPARE(action("mnuSTPopupService")->text(), GetString(running ? 12054 : 12053));
+        QCOMPARE(action("mnuSTPopupService")->text(), "&" + GetString(running ? 12054 : 12053));
         QCOMPARE(text("panSBStatusText"), GetString(running ? 12084 : 12085));
         QCOMPARE(find<QLabel>("panSBStatusPicture")->property("started").toBool(), running);
-        QCOMPARE(win().trayIcon()->toolTip(), GetString(running ? 12058 : 12057, GetString(9003)));
+        QCOMPARE(win().trayIcon()->toolTip(),
+                 changed ? GetString(running ? 12058 : 12057, GetString(9003)) : win().windowTitle());
         QCOMPARE(win().trayIcon()->showsStarted(), running);
         QCOMPARE(find<QPushButton>("cmdDeleteJob")->isEnabled(), !running);
         QCOMPARE(find<QPushButton>("cmdDeleteAllJob")->isEnabled(), !running);
@@ -154,7 +157,7 @@ private slots:
         QVERIFY(inst().setServer(port_, autoStart));
         QVERIFY(startWindow());
         QVERIFY(find<QPushButton>("cmdService")->isEnabled());
-        checkServiceShown(autoStart);
+        checkServiceShown(autoStart, autoStart);
 
         QTest::mouseClick(find<QPushButton>("cmdService"), Qt::LeftButton);
         checkServiceShown(!autoStart);
@@ -174,7 +177,7 @@ private slots:
         QCOMPARE(boxes.texts, QStringList{GetString(12014)});
         QVERIFY(!find<QPushButton>("cmdService")->isEnabled());
         QVERIFY(!action("mnuSTPopupService")->isEnabled());
-        checkServiceShown(false);
+        checkServiceShown(false, false);
     }
 
     void deleteJobs_data()
@@ -242,6 +245,62 @@ private slots:
         QCOMPARE(selectedJob(), selected);
     }
 
+    // A question answered, the focus is back where it was: the next Delete
+    // acts on the job list again, not on the printer list.
+    void deleteKeyAfterAnswer_data()
+    {
+        QTest::addColumn<Btn>("answer");
+        QTest::newRow("yes") << Btn::Yes;
+        QTest::newRow("no") << Btn::No;
+    }
+    void deleteKeyAfterAnswer()
+    {
+        QFETCH(Btn, answer);
+        addQuietPrinters(false);
+        queueJobs({"A", "B", "C"});
+        QVERIFY(startWindow());
+        win().activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&win()));
+        // Activated: the printer list has the focus; a click moves it to the jobs.
+        QTRY_COMPARE(QApplication::focusWidget(), find<QWidget>("lvwPrinter"));
+        auto* jobs = find<QTreeView>("lvwJob");
+        QTest::mouseClick(jobs->viewport(), Qt::LeftButton, {}, jobs->visualRect(jobs->model()->index(0, 0)).center());
+        QTRY_COMPARE(QApplication::focusWidget(), jobs);
+
+        const int printers = printerList().rowCount();
+        BoxAnswerer boxes;
+        boxes.answer({answer, Btn::No});
+        QUILL_KEY(Qt::Key_Delete);
+        QTRY_COMPARE(boxes.texts.size(), 1);
+        QTRY_VERIFY(QApplication::activeWindow() == &win());
+        QTRY_COMPARE(QApplication::focusWidget(), jobs);
+        QUILL_KEY(Qt::Key_Delete);
+        const QString next = answer == Btn::Yes ? "2 B" : "1 A";
+        QTRY_COMPARE(boxes.texts, (QStringList{boxes.texts.first(), "Vill du radera utskriftsjobbet '" + next + "' ?"}));
+        QCOMPARE(boxes.unexpected, 0);
+        QCOMPARE(printerList().rowCount(), printers);
+    }
+
+    // The columns share the lists' width at any window size (maximised too).
+    void columnsFollowWidth()
+    {
+        QVERIFY(startWindow());
+        for (const QSize size : {QSize(700, 480), QSize(1400, 900)}) {
+            win().resize(size);
+            for (auto* name : {"lvwPrinter", "lvwJob"}) {
+                auto* view = find<QTreeView>(name);
+                auto covered = [view] {
+                    int sum = 0;
+                    for (int c = 0; c < view->model()->columnCount(); ++c)
+                        sum += view->columnWidth(c);
+                    return sum;
+                };
+                QTRY_VERIFY2(covered() >= view->viewport()->width() - 30 && covered() <= view->viewport()->width(),
+                             qPrintable(QStringLiteral("%1: %2 of %3").arg(name).arg(covered()).arg(view->viewport()->width())));
+            }
+        }
+    }
+
     // Editing asks the core; a printer that prints or is being checked stays as
     // it is, any other goes to Configuring while the dialog is open.
     void editPrinter_data()
@@ -286,7 +345,7 @@ private slots:
         QCOMPARE(dialog != nullptr, opens);
         QCOMPARE(win().isEnabled(), !opens);
         if (dialog)
-            dialog->findChild<QPushButton*>("cmdCancel")->click();
+            QUILL_PRESS(dialog->findChild<QPushButton*>("cmdCancel"));
         QCOMPARE(slot(3).status, status);
         QVERIFY(!s_->op->printerDialogOpen());
         QTRY_VERIFY(win().isEnabled());
@@ -374,9 +433,9 @@ private slots:
         auto* dialog = quill::test::TopLevel("frmSrvAdj");
         QCOMPARE(dialog != nullptr, !runningAfter);
         if (dialog)
-            dialog->findChild<QPushButton*>("cmdCancel")->click();
+            QUILL_PRESS(dialog->findChild<QPushButton*>("cmdCancel"));
         QTRY_VERIFY(win().isEnabled());
-        checkServiceShown(runningAfter);
+        checkServiceShown(runningAfter, running);
     }
 
     // Refresh asks every printer at once; the full one reconfigures the serial
