@@ -11,7 +11,7 @@
 // Usage: bench-queue [--dir DIR]   (temp files under DIR, default the system temp folder)
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
-#include "database/recordset.h"
+#include "database/sqlite.h"
 #include "database/slots.h"
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
@@ -156,7 +156,7 @@ double throughServer(const QString& dir, int jobs)
     }
     Database db;
     db.open(home + QStringLiteral("/brixa.mdb"));
-    const int left = NullToLong(Snapshot(db, QStringLiteral("SELECT COUNT(*) AS n FROM tbJob")).field(QStringLiteral("n")), -1);
+    const int left = tableRows(db);
     return left == jobs - jobs / 2 ? ms : -1;
 }
 

@@ -25,7 +25,7 @@
 //   another disk can be measured.
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
-#include "database/recordset.h"
+#include "database/sqlite.h"
 #include "foundation/eventlog.h"
 #include "foundation/settings.h"
 
@@ -109,8 +109,8 @@ public:
     explicit BareCommits(const QString& path)
     {
         db_.open(path);
-        journal = Snapshot(db_, QStringLiteral("PRAGMA journal_mode")).field(QStringLiteral("journal_mode")).toString();
-        sync = Snapshot(db_, QStringLiteral("PRAGMA synchronous")).field(QStringLiteral("synchronous")).toString();
+        db_.run(QStringLiteral("PRAGMA journal_mode"), {}, [&](QSqlQuery& q) { journal = q.next() ? q.value(0).toString() : QString(); });
+        db_.run(QStringLiteral("PRAGMA synchronous"), {}, [&](QSqlQuery& q) { sync = q.next() ? q.value(0).toString() : QString(); });
         db_.exec(JobTable);
         q_ = QSqlQuery(db_.connection());
         q_.prepare(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)"));

@@ -12,18 +12,19 @@ namespace quill {
 
 namespace {
 
-const QString TemplateQuery = QStringLiteral(
-    "SELECT * FROM tbTemplate INNER JOIN tbTemplateType ON tbTemplate.TemplateTypeId = tbTemplateType.Id");
-
-Error notSet() { return Error(91, QStringLiteral("Object variable or With block variable not set")); }
-
-// The open operations' trap: one log line and, for the ones start-up depends on, a box.
-void reportOpenFailure(const QString& operation, const std::exception& e, bool box)
+// The open operations' failure: one log line and, for the ones start-up depends on, a box.
+void reportOpenFailure(const QString& operation, const Error& e, bool box)
 {
-    const QString text = operation + QStringLiteral(" failed. Error: ") + errorText(e);
+    const QString text = operation + QStringLiteral(" failed. Error: ") + e.text();
     LogWrite(text);
     if (box)
         MsgBoxUnlessSilent(text + QLatin1Char('\n') + GetString(12029, GetString(9003)), BoxIcon::None);
+}
+
+// The settings operations' failure: one log line.
+void logFailure(const char* operation, const Error& e)
+{
+    LogWrite(QString::fromLatin1(operation) + QStringLiteral(" failed. Error: ") + e.text());
 }
 
 } // namespace
@@ -43,41 +44,16 @@ void JobDatabase::SrvCloseDatabases()
 {
     templates_.reset();
     jobsOpen_ = false;
-    printers_.reset();
     db_.close();
-}
-
-bool JobDatabase::openTable(std::unique_ptr<TableRecordset>& slot, const QString& table, const QString& caller)
-{
-    try {
-        slot.reset();
-        auto rs = std::make_unique<TableRecordset>(db_, table);
-        rs->setIndex(QStringLiteral("PrimaryKey"));
-        SrvPopulateRecordset(*rs);
-        slot = std::move(rs);
-        return true;
-    } catch (const std::exception& e) {
-        reportOpenFailure(caller, e, true);
-        return false;
-    }
-}
-
-bool JobDatabase::openTemplates(const QString& caller, bool withBox)
-{
-    try {
-        templates_.reset();
-        templates_ = std::make_unique<Snapshot>(db_, TemplateQuery);
-        SrvPopulateRecordset(*templates_);
-        return true;
-    } catch (const std::exception& e) {
-        reportOpenFailure(caller, e, withBox);
-        return false;
-    }
 }
 
 bool JobDatabase::SrvPrinterOpenDB()
 {
-    return openTable(printers_, QStringLiteral("tbPrinter"), QStringLiteral("SrvPrinterOpenDB"));
+    if (auto failed = printers_.check()) {
+        reportOpenFailure(QStringLiteral("SrvPrinterOpenDB"), *failed, true);
+        return false;
+    }
+    return true;
 }
 
 bool JobDatabase::SrvJobOpenDB()
@@ -91,133 +67,75 @@ bool JobDatabase::SrvJobOpenDB()
     return true;
 }
 
+bool JobDatabase::readTemplates(const QString& caller, bool withBox)
+{
+    templates_.reset();
+    DbResult<QSet<qint32>> ids = TemplateRepository(db_).ids();
+    if (ids.error) {
+        reportOpenFailure(caller, *ids.error, withBox);
+        return false;
+    }
+    templates_ = std::move(ids.value);
+    return true;
+}
+
 bool JobDatabase::SrvTemplateTypeOpenDB()
 {
-    return openTemplates(QStringLiteral("SrvTemplateTypeOpenDB"), true);
+    return readTemplates(QStringLiteral("SrvTemplateTypeOpenDB"), true);
 }
 
 bool JobDatabase::SrvTemplateTypeReOpenDB()
 {
-    return openTemplates(QStringLiteral("SrvTemplateTypeReOpenDB"), false);
-}
-
-bool JobDatabase::SrvSeekPrinter(qint32 id)
-{
-    if (!printers_)
-        throw notSet();
-    return printers_->seek(QStringLiteral("="), id);
-}
-
-qint32 JobDatabase::SrvDBNextId(const QString& table)
-{
-    Snapshot s(db_, QStringLiteral("SELECT MAX(Id) AS MaxId ") + QStringLiteral("FROM ") + table + QLatin1Char(' '));
-    return NullToLong(s.field(QStringLiteral("MaxId")), 0) + 1;
+    return readTemplates(QStringLiteral("SrvTemplateTypeReOpenDB"), false);
 }
 
 bool JobDatabase::SrvTemplateInDB(qint32 templateId)
 {
-    const QString criteria = QStringLiteral("tbTemplate.Id = ") + QString::number(templateId);
-    // The snapshot does not see templates stored after it was opened: a miss re-reads it once.
-    if (templates_ && templates_->FindFirst(criteria))
+    // Templates stored after the ids were read are not among them: a miss reads them once more.
+    if (templates_ && templates_->contains(templateId))
         return true;
-    if (!SrvTemplateTypeReOpenDB())
-        return false;
-    return templates_->FindFirst(criteria);
-}
-
-// ---------------------------------------------------------------- CurrentTemplateId
-
-namespace {
-const QString CurrentTemplateField = QStringLiteral("CurrentTemplateId");
-}
-
-qint32 JobDatabase::currentTemplate(qint32 printerId)
-{
-    if (!SrvSeekPrinter(printerId))
-        return 0;
-    SrvPopulateRecordset(*printers_);
-    return NullToLong(printers_->field(CurrentTemplateField), 0);
-}
-
-void JobDatabase::setCurrentTemplate(qint32 printerId, qint32 templateId)
-{
-    if (!SrvSeekPrinter(printerId))
-        return;
-    SrvPopulateRecordset(*printers_);
-    printers_->Edit();
-    try {
-        printers_->setField(CurrentTemplateField, templateId);
-        printers_->Update();
-    } catch (...) {
-        printers_->CancelUpdate();
-        throw;
-    }
-}
-
-void JobDatabase::clearCurrentTemplate(qint32 templateId)
-{
-    for (qint32 id = 1; id < PrinterSlots::UpperBound; ++id)
-        if (currentTemplate(id) == templateId)
-            setCurrentTemplate(id, 0);
+    return SrvTemplateTypeReOpenDB() && templates_->contains(templateId);
 }
 
 // ---------------------------------------------------------------- tbServer
 
 qint32 JobDatabase::SrvGetServerPort()
 {
-    try {
-        Snapshot s(db_, QStringLiteral("SELECT Port FROM tbServer"));
-        return NullToLong(s.field(QStringLiteral("port")), 20001);
-    } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvGetServerPort failed. Error: ") + errorText(e));
+    const DbResult<qint32> port = settings_.port();
+    if (port.error) {
+        logFailure("SrvGetServerPort", *port.error);
         return 0;
     }
+    return port.value;
 }
 
 void JobDatabase::SrvInitServerSettings()
 {
-    try {
-        Snapshot s(db_, QStringLiteral("SELECT * FROM tbServer"));
-        const int autoStart = NullToLong(s.field(QStringLiteral("AutoStartService")), 0) > 0 ? 1 : 0;
-        const int minimized = NullToLong(s.field(QStringLiteral("StartMinimized")), 0) >= 1 ? 1 : 0;
-        autoStartService_ = autoStart;
-        startMinimized_ = minimized;
-    } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvInitServerSettings failed. Error: ") + errorText(e));
+    const DbResult<ServerSwitches> s = settings_.switches();
+    if (s.error) {
+        logFailure("SrvInitServerSettings", *s.error);
+        return;
     }
+    autoStartService_ = s.value.autoStartService > 0 ? 1 : 0;
+    startMinimized_ = s.value.startMinimized >= 1 ? 1 : 0;
 }
 
 void JobDatabase::SrvMainSaveSettings(int autoStartService, int startMinimized)
 {
-    try {
-        TableRecordset rs(db_, QStringLiteral("tbServer"));
-        rs.setIndex(QStringLiteral("PrimaryKey"));
-        SrvPopulateRecordset(rs);
-        rs.Edit();
-        rs.setField(QStringLiteral("AutoStartService"), autoStartService);
+    const std::optional<Error> failed = settings_.saveSwitches(autoStartService, startMinimized);
+    // The switches follow the dialog at once, unless there is no row to write them to.
+    if (!failed || failed->number != ErrNoCurrentRecord) {
         autoStartService_ = autoStartService;
-        rs.setField(QStringLiteral("StartMinimized"), startMinimized);
         startMinimized_ = startMinimized;
-        rs.Update();
-    } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvMainSaveSettings failed. Error: ") + errorText(e));
     }
+    if (failed)
+        logFailure("SrvMainSaveSettings", *failed);
 }
 
 void JobDatabase::SrvMainSaveTCPSettings(const QString& ip, qint32 port, const QString& hostName)
 {
-    try {
-        TableRecordset rs(db_, QStringLiteral("tbServer"));
-        rs.setIndex(QStringLiteral("PrimaryKey"));
-        SrvPopulateRecordset(rs);
-        rs.Edit();
-        rs.setField(QStringLiteral("IP"), ip);
-        rs.setField(QStringLiteral("port"), port);
-        rs.setField(QStringLiteral("HostName"), hostName);
-        rs.Update();
-    } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvMainSaveTCPSettings failed. Error: ") + errorText(e));
-    }
+    if (auto failed = settings_.saveAddress(ip, port, hostName))
+        logFailure("SrvMainSaveTCPSettings", *failed);
 }
 
 } // namespace quill

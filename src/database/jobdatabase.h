@@ -1,7 +1,7 @@
 #pragma once
-// The server's database objects: the open brixa.mdb and the three recordsets that
-// stay open for the whole run (printers, jobs, templates), plus the server-settings
-// row. One JobDatabase is created by the start-up sequence and lives until shutdown:
+// The server's database: the open brixa.mdb, its repositories and the two
+// start-up switches of the server-settings row. One JobDatabase is created by the
+// start-up sequence and lives until shutdown:
 //
 //   JobDatabase jdb;
 //   if (!jdb.SrvOpenDatabases()) exit;            // maintenance, then open
@@ -13,12 +13,12 @@
 //   ...
 //   jdb.SrvCloseDatabases();
 //
-// Every Srv... operation traps its own errors and logs them as the server's log
-// lines have it; none throws. SrvSeekPrinter and SrvDBNextId have no trap of
-// their own and throw quill::Error to their caller's trap.
-#include "database/recordset.h"
+// Every Srv... operation writes its own failure to the event log as the
+// server's log lines have it; none throws.
+#include "database/repositories.h"
+#include "database/sqlite.h"
 
-#include <memory>
+#include <optional>
 
 namespace quill {
 
@@ -47,30 +47,21 @@ public:
     // Finds the files, runs the start-up maintenance (backup, integrity check,
     // compaction) and opens brixa.mdb. False means the server cannot start.
     bool SrvOpenDatabases();
-    // Closes the template, job and printer recordsets and the database; never fails.
+    // Forgets what was opened and closes the database; never fails.
     void SrvCloseDatabases();
 
+    // Can tbPrinter and tbJob be read? Failures are logged and shown in a box.
     bool SrvPrinterOpenDB();
     bool SrvJobOpenDB();
+    // Reads the ids of the templates (logged and shown when that fails; the
+    // re-read only logged).
     bool SrvTemplateTypeOpenDB();
     bool SrvTemplateTypeReOpenDB();
 
-    // Keyed seek on the printer recordset; the recordset is left on the row.
-    bool SrvSeekPrinter(qint32 id);
-    // MAX(Id) + 1 of the table (1 for an empty table).
-    qint32 SrvDBNextId(const QString& table);
-    // Is the template in the template recordset? A miss re-opens the recordset once.
-    // Throws to the caller's trap.
+    // Is the template known? The ids are those read at start-up: one stored by
+    // another program since is found once a miss has read them again. Logs its
+    // failure and answers false then.
     bool SrvTemplateInDB(qint32 templateId);
-
-    // CurrentTemplateId of tbPrinter rows: the template each printer last
-    // printed with, so the next job with it goes without the layout. Through the
-    // printer recordset; no trap of their own, errors reach the caller's.
-    // A printer without a row reads 0, and setting it changes nothing.
-    qint32 currentTemplate(qint32 printerId);
-    void setCurrentTemplate(qint32 printerId, qint32 templateId);
-    // Every printer 1..5 that holds the template gets 0.
-    void clearCurrentTemplate(qint32 templateId);
 
     // Server settings row.
     qint32 SrvGetServerPort();
@@ -83,20 +74,17 @@ public:
 
     bool isOpen() const { return db_.isOpen(); }
     Database& database() { return db_; }
-    // The long-lived recordsets; null until opened.
-    TableRecordset* printerRecordset() { return printers_.get(); }
+    PrinterRepository& printers() { return printers_; }
     // tbJob was found readable by SrvJobOpenDB (the job store reads and writes it).
     bool jobsOpen() const { return jobsOpen_; }
-    Snapshot* templateRecordset() { return templates_.get(); }
 
 private:
-    bool openDatabaseFile();
-    bool openTable(std::unique_ptr<TableRecordset>& slot, const QString& table, const QString& caller);
-    bool openTemplates(const QString& caller, bool withBox);
+    bool readTemplates(const QString& caller, bool withBox);
     Database db_;
-    std::unique_ptr<TableRecordset> printers_;
+    PrinterRepository printers_{db_};
+    ServerSettingsRepository settings_{db_};
     bool jobsOpen_ = false;
-    std::unique_ptr<Snapshot> templates_;
+    std::optional<QSet<qint32>> templates_;
     int autoStartService_ = 0;
     int startMinimized_ = 0;
 };

@@ -1,30 +1,14 @@
 #include "database/jobrepository.h"
-#include "database/recordset.h"
 #include "foundation/strutil.h"
 
 #include <QSqlQuery>
 
 namespace quill {
 
-namespace {
-template <class F>
-std::optional<Error> trap(F&& f)
-{
-    try {
-        f();
-        return std::nullopt;
-    } catch (const Error& e) {
-        return e;
-    } catch (const std::exception& e) {
-        return Error(1, errorText(e));
-    }
-}
-} // namespace
-
 DbResult<qint32> JobRepository::nextId()
 {
     DbResult<qint32> r;
-    r.error = trap([&] {
+    r.error = Trap([&] {
         db_.run(QStringLiteral("SELECT MAX(Id) FROM tbJob"), {}, [&](QSqlQuery& q) {
             r.value = (q.next() ? NullToLong(q.value(0), 0) : 0) + 1;
         });
@@ -34,7 +18,7 @@ DbResult<qint32> JobRepository::nextId()
 
 std::optional<Error> JobRepository::insert(qint32 id, qint32 printerId, const QString& text)
 {
-    return trap([&] {
+    return Trap([&] {
         db_.exec(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, ?, ?)"), {id, printerId, text});
     });
 }
@@ -44,7 +28,7 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
     if (ids.empty())
         return std::nullopt;
     if (ids.size() == 1)
-        return trap([&] { db_.exec(QStringLiteral("DELETE FROM tbJob WHERE Id = ?"), {ids.front()}); });
+        return Trap([&] { db_.exec(QStringLiteral("DELETE FROM tbJob WHERE Id = ?"), {ids.front()}); });
     // The ids as one JSON array: one statement and one bound value, however many.
     QByteArray list;
     list.reserve(qsizetype(ids.size()) * 7 + 2);
@@ -55,7 +39,7 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
         list += QByteArray::number(ids[i]);
     }
     list += ']';
-    return trap([&] {
+    return Trap([&] {
         db_.exec(QStringLiteral("DELETE FROM tbJob WHERE Id IN (SELECT value FROM json_each(?))"),
                  {QString::fromLatin1(list)});
     });
@@ -64,7 +48,7 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
 DbResult<bool> JobRepository::exists(qint32 id)
 {
     DbResult<bool> r;
-    r.error = trap([&] {
+    r.error = Trap([&] {
         db_.run(QStringLiteral("SELECT 1 FROM tbJob WHERE Id = ?"), {id}, [&](QSqlQuery& q) { r.value = q.next(); });
     });
     return r;
@@ -72,12 +56,12 @@ DbResult<bool> JobRepository::exists(qint32 id)
 
 std::optional<Error> JobRepository::check()
 {
-    return trap([&] { db_.run(QStringLiteral("SELECT Id, PrinterId, Job FROM tbJob LIMIT 0"), {}, {}); });
+    return Trap([&] { db_.run(QStringLiteral("SELECT Id, PrinterId, Job FROM tbJob LIMIT 0"), {}, {}); });
 }
 
 std::optional<Error> JobRepository::readAll(const std::function<void(qint32 id, const QString& text)>& row)
 {
-    return trap([&] {
+    return Trap([&] {
         db_.run(QStringLiteral("SELECT Id, Job FROM tbJob ORDER BY Id"), {}, [&](QSqlQuery& q) {
             while (q.next())
                 row(NullToLong(q.value(0), -1), q.value(1).toString());

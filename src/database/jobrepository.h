@@ -7,7 +7,7 @@
 //   DbResult<qint32> next = repo.nextId();          // MAX(Id) + 1
 //   if (auto failed = repo.insert(next.value, 2, text)) log(failed->text());
 //   repo.remove({3, 5, 8});                          // one statement
-#include "foundation/error.h"
+#include "database/sqlite.h"
 
 #include <QString>
 
@@ -16,16 +16,6 @@
 #include <vector>
 
 namespace quill {
-
-class Database;
-
-// A value, or the failure that kept it from being read.
-template <class T>
-struct DbResult {
-    T value{};
-    std::optional<Error> error;
-    bool ok() const { return !error; }
-};
 
 class JobRepository {
 public:

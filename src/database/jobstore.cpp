@@ -1,6 +1,6 @@
 #include "database/jobstore.h"
 #include "database/jobdatabase.h"
-#include "database/recordset.h"
+#include "database/sqlite.h"
 #include "foundation/eventlog.h"
 #include "foundation/jobfields.h"
 #include "foundation/strutil.h"

@@ -1,6 +1,6 @@
 #include "database/jobwriter.h"
 #include "database/jobrepository.h"
-#include "database/recordset.h"
+#include "database/sqlite.h"
 
 namespace quill {
 

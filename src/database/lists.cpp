@@ -15,21 +15,17 @@ int ValueList::findItemData(qint32 value, int start) const
 
 void SrvPrinterFillPrinterType(JobDatabase& jdb, ValueList& list)
 {
-    try {
-        list.clear();
-        Snapshot s(jdb.database(), QStringLiteral("SELECT Id, Name FROM tbPrinterType ORDER BY Name"));
-        if (s.RecordCount() != 0) {
-            s.MoveFirst();
-            while (!s.IsEOF()) {
-                list.add(QString() + NullToStr(s.field(QStringLiteral("Name")), QString()),
-                         NullToLong(s.field(QStringLiteral("Id")), 0));
-                s.MoveNext();
-            }
-            const int one = list.findItemData(1, 0);
-            list.selected = one >= 0 ? one : 0;
-        }
-    } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvPrinterFillPrinterType failed. Error: ") + errorText(e));
+    list.clear();
+    const DbResult<QVector<PrinterType>> types = jdb.printers().types();
+    if (types.error) {
+        LogWrite(QStringLiteral("SrvPrinterFillPrinterType failed. Error: ") + types.error->text());
+        return;
+    }
+    for (const PrinterType& t : types.value)
+        list.add(NullToStr(t.name, QString()), NullToLong(t.id, 0));
+    if (!list.entries.isEmpty()) {
+        const int one = list.findItemData(1, 0);
+        list.selected = one >= 0 ? one : 0;
     }
 }
 

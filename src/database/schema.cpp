@@ -1,6 +1,6 @@
 #include "database/schema.h"
 #include "database/jobdatabase.h"
-#include "database/recordset.h"
+#include "database/sqlite.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,5 +1,4 @@
 #include "printers/printerrecord.h"
-#include "database/recordset.h"
 #include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
@@ -46,11 +45,11 @@ AdvancedSettings ParseAdvancedSettings(const QString& text)
     return a;
 }
 
-void SrvPrinterFillDialog(const FieldReader& row, PrinterSettings& dialog, const QList<qint32>& typeIds)
+void SrvPrinterFillDialog(const PrinterRow& row, PrinterSettings& dialog, const QList<qint32>& typeIds)
 {
-    dialog.name = NullToStr(row(QStringLiteral("Name")), QString());
+    dialog.name = NullToStr(row.name, QString());
 
-    const qint32 type = NullToLong(row(QStringLiteral("PrinterTypeId")), 0);
+    const qint32 type = NullToLong(row.printerTypeId, 0);
     if (typeIds.isEmpty() || typeIds.contains(type))
         dialog.printerTypeId = type;
     else
@@ -58,58 +57,57 @@ void SrvPrinterFillDialog(const FieldReader& row, PrinterSettings& dialog, const
 
     if (type >= 1 && type <= 9) {
         // Rows with another connection number name no option; the dialog keeps its own.
-        const qint16 used = NullToInt(row(QStringLiteral("ConnectionUsed")), 0);
+        const qint16 used = NullToInt(row.connectionUsed, 0);
         if (used == 1)
             dialog.serial = true;
         else if (used == 2)
             dialog.serial = false;
 
-        const auto serial = ConnectionString::parse(NullToStr(row(QStringLiteral("Connection1")), QString()));
+        const auto serial = ConnectionString::parse(NullToStr(row.connection[0], QString()));
         bool ok = false;
         const qint32 port = serial.device.mid(3, 1).toInt(&ok);
         dialog.comPort = ok ? pick(port, ComPortChoices) : std::nullopt;
         const qint32 rate = serial.rateOrPort.toInt(&ok);
         dialog.comRate = ok ? pick(rate, ComRateChoices) : std::nullopt;
 
-        const auto net = ConnectionString::parse(NullToStr(row(QStringLiteral("Connection2")), QString()));
+        const auto net = ConnectionString::parse(NullToStr(row.connection[1], QString()));
         dialog.netAddress = net.device;
         dialog.loadedAddress = dialog.netAddress;
         dialog.netPort = net.rateOrPort;
-        dialog.netConnectOnly = NullToInt(row(QStringLiteral("NetConnectOnly")), 0) > 0;
+        dialog.netConnectOnly = NullToInt(row.netConnectOnly, 0) > 0;
     }
 
-    const qint16 strobe = NullToInt(row(QStringLiteral("Strobe")), 4);
+    const qint16 strobe = NullToInt(row.strobe, 4);
     dialog.strobe = (strobe >= 0 && strobe < StrobeSteps) ? strobe : 4;
-    const qint16 speed = NullToInt(row(QStringLiteral("Speed")), 2);
+    const qint16 speed = NullToInt(row.speed, 2);
     dialog.speed = (speed >= 0 && speed < SpeedSteps) ? speed : 2;
 
-    dialog.passive = NullToInt(row(QStringLiteral("Passive")), 0) >= 1;
+    dialog.passive = NullToInt(row.passive, 0) >= 1;
 
-    dialog.advancedSettings = AdvancedSettingsText(NullToInt(row(QStringLiteral("CutterInstalled")), 0),
-                                                   NullToLong(row(QStringLiteral("DispensingFeed")), DefaultDispensingFeed),
-                                                   NullToLong(row(QStringLiteral("ReverseFeed")), 0));
+    dialog.advancedSettings = AdvancedSettingsText(NullToInt(row.cutterInstalled, 0),
+                                                   NullToLong(row.dispensingFeed, DefaultDispensingFeed),
+                                                   NullToLong(row.reverseFeed, 0));
 }
 
-void WritePrinterFields(const FieldWriter& row, const PrinterSettings& dialog, bool newPrinter)
+PrinterRow PrinterRowFromDialog(qint32 id, const PrinterSettings& dialog, bool newPrinter)
 {
-    row(QStringLiteral("Name"), dialog.name);
-    row(QStringLiteral("PrinterTypeId"), dialog.printerTypeId.value_or(newPrinter ? 1 : -1));
-    row(QStringLiteral("ConnectionUsed"), dialog.serial ? 1 : 2);
-    row(QStringLiteral("Connection1"),
-        ConnectionString::serial(dialog.comPort.value_or(1), dialog.comRate.value_or(9600)));
+    PrinterRow row;
+    row.id = id;
+    row.name = dialog.name;
+    row.printerTypeId = dialog.printerTypeId.value_or(newPrinter ? 1 : -1);
+    row.connectionUsed = dialog.serial ? 1 : 2;
+    row.connection[0] = ConnectionString::serial(dialog.comPort.value_or(1), dialog.comRate.value_or(9600));
     const QString address = dialog.netAddress.trimmed();
-    row(QStringLiteral("Connection2"),
-        address.isEmpty() ? QVariant() : QVariant(ConnectionString::network(address, dialog.netPort)));
-    row(QStringLiteral("Connection3"), QVariant());
-    row(QStringLiteral("Connection4"), QVariant());
-    row(QStringLiteral("NetConnectOnly"), dialog.netConnectOnly ? 1 : 0);
-    row(QStringLiteral("Strobe"), dialog.strobe.value_or(4));
-    row(QStringLiteral("Speed"), dialog.speed.value_or(2));
-    row(QStringLiteral("Passive"), dialog.passive ? 1 : 0);
+    row.connection[1] = address.isEmpty() ? QVariant() : QVariant(ConnectionString::network(address, dialog.netPort));
+    row.netConnectOnly = dialog.netConnectOnly ? 1 : 0;
+    row.strobe = dialog.strobe.value_or(4);
+    row.speed = dialog.speed.value_or(2);
+    row.passive = dialog.passive ? 1 : 0;
     const AdvancedSettings a = ParseAdvancedSettings(dialog.advancedSettings);
-    row(QStringLiteral("CutterInstalled"), a.cutterInstalled);
-    row(QStringLiteral("DispensingFeed"), a.dispensingFeed);
-    row(QStringLiteral("ReverseFeed"), a.reverseFeed);
+    row.cutterInstalled = a.cutterInstalled;
+    row.dispensingFeed = a.dispensingFeed;
+    row.reverseFeed = a.reverseFeed;
+    return row;
 }
 
 QString PrinterDisplayText(qint32 printerId, const QString& name, const QString& connection)
@@ -118,91 +116,56 @@ QString PrinterDisplayText(qint32 printerId, const QString& name, const QString&
                                 + ConnectionString::parse(connection).device);
 }
 
-void SrvPrinterLoadSlot(PrinterSlot& slot, const FieldReader& row)
+void SrvPrinterLoadSlot(PrinterSlot& slot, const PrinterRow& row)
 {
-    slot.printerId = NullToLong(row(QStringLiteral("Id")), -1);
-    slot.name = FixedText(NullToStr(row(QStringLiteral("Name")), QString()), 25);
-    slot.printerTypeId = NullToLong(row(QStringLiteral("PrinterTypeId")), 0);
-    slot.connectionType = NullToLong(row(QStringLiteral("ConnectionUsed")), 0);
-    if (slot.connectionType >= 1 && slot.connectionType <= 4) {
-        const QString field = QStringLiteral("Connection") + QString::number(slot.connectionType);
-        slot.connectionString = FixedText(NullToStr(row(field), QString()), 255);
-    }
+    slot.printerId = NullToLong(row.id, -1);
+    slot.name = FixedText(NullToStr(row.name, QString()), 25);
+    slot.printerTypeId = NullToLong(row.printerTypeId, 0);
+    slot.connectionType = NullToLong(row.connectionUsed, 0);
+    if (slot.connectionType >= 1 && slot.connectionType <= 4)
+        slot.connectionString = FixedText(NullToStr(row.connectionField(slot.connectionType), QString()), 255);
     slot.connectionString = slot.connectionString.trimmed();
     slot.name = slot.name.trimmed();
     slot.displayText = PrinterDisplayText(slot.printerId, slot.name, slot.connectionString).left(255);
     slot.inUse = true;
-    slot.passive = NullToLong(row(QStringLiteral("Passive")), 0) > 0;
+    slot.passive = NullToLong(row.passive, 0) > 0;
 }
 
-FieldReader RowReader(const Recordset& rs)
-{
-    return [&rs](const QString& name) { return rs.field(name); };
-}
-
-FieldWriter RowWriter(TableRecordset& rs)
-{
-    return [&rs](const QString& name, const QVariant& value) { rs.setField(name, value); };
-}
-
-void SrvPrinterFillDialog(const Recordset& rs, PrinterSettings& dialog, const QList<qint32>& typeIds)
-{
-    SrvPrinterFillDialog(RowReader(rs), dialog, typeIds);
-}
-
-qint32 SrvPrinterAddNew(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog)
+qint32 SrvPrinterAddNew(PrinterRepository& printers, PrinterSlots& printerSlots, const PrinterSettings& dialog)
 {
     const qint32 slot = printerSlots.FreeSlot();
     if (slot < 1)
         throw Error(9, QStringLiteral("Subscript out of range"));
-    rs.AddNew();
-    try {
-        rs.setField(QStringLiteral("Id"), slot);
-        WritePrinterFields(RowWriter(rs), dialog, true);
-        PrinterSlot loaded = printerSlots.at(slot);
-        SrvPrinterLoadSlot(loaded, RowReader(rs));
-        rs.Update();
-        printerSlots.setPrinter(slot, loaded);
-    } catch (...) {
-        rs.CancelUpdate();
-        throw;
-    }
+    const PrinterRow row = PrinterRowFromDialog(slot, dialog, true);
+    PrinterSlot loaded = printerSlots.at(slot);
+    SrvPrinterLoadSlot(loaded, row);
+    if (auto failed = printers.insert(row))
+        throw *failed;
+    printerSlots.setPrinter(slot, loaded);
     return slot;
 }
 
-qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, qint32 editPrinterId,
+qint32 SrvPrinterUpdate(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 editPrinterId,
                         const PrinterSettings& dialog)
 {
-    // Job results seek the printer recordset too, so the row the edit command
-    // found may no longer be the current one.
-    if (!rs.seek(QStringLiteral("="), editPrinterId))
-        throw Error(ErrNoCurrentRecord, QStringLiteral("No current record."));
-    rs.Edit();
-    qint32 id = -1;
-    try {
-        WritePrinterFields(RowWriter(rs), dialog, false);
-        PrinterSlot loaded = printerSlots.at(editPrinterId);
-        SrvPrinterLoadSlot(loaded, RowReader(rs));
-        id = NullToLong(rs.field(QStringLiteral("Id")), -1);
-        rs.Update();
-        printerSlots.setPrinter(editPrinterId, loaded);
-    } catch (...) {
-        rs.CancelUpdate();
-        throw;
-    }
-    return id;
+    const PrinterRow row = PrinterRowFromDialog(editPrinterId, dialog, false);
+    PrinterSlot loaded = printerSlots.at(editPrinterId);
+    SrvPrinterLoadSlot(loaded, row);
+    if (auto failed = printers.update(row))
+        throw *failed;
+    printerSlots.setPrinter(editPrinterId, loaded);
+    return editPrinterId;
 }
 
-qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog, int mode,
-                          qint32 editPrinterId, const std::function<void(qint32)>& check)
+qint32 SrvMainPrinterSave(PrinterRepository& printers, PrinterSlots& printerSlots, const PrinterSettings& dialog,
+                          int mode, qint32 editPrinterId, const std::function<void(qint32)>& check)
 {
     qint32 id = -1;
     try {
-        SrvPopulateRecordset(rs);
         if (mode == PrinterSettings::ModeNew)
-            id = SrvPrinterAddNew(rs, printerSlots, dialog);
+            id = SrvPrinterAddNew(printers, printerSlots, dialog);
         else
-            id = SrvPrinterUpdate(rs, printerSlots, editPrinterId, dialog);
+            id = SrvPrinterUpdate(printers, printerSlots, editPrinterId, dialog);
         if (printerSlots.SrvPrinterIsPassive(id))
             SrvPassivePrinterAfterConfig(printerSlots, id);
         else if (check)
@@ -216,16 +179,14 @@ qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const 
     }
 }
 
-bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32 printerId, const QString& rowText)
+bool SrvMainPrinterDelete(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 printerId,
+                          const QString& rowText)
 {
     try {
         if (AskNoDefault(GetString(12040, rowText)) != BoxAnswer::Yes)
             return false;
-        if (rs.seek(QStringLiteral("="), printerId)) {
-            rs.Delete();
-            if (rs.RecordCount() > 0)
-                rs.MoveFirst();
-        }
+        if (auto failed = printers.remove(printerId))
+            throw *failed;
         printerSlots.removePrinter(printerId);
         return true;
     } catch (const std::exception& e) {

@@ -2,6 +2,8 @@
 // The printer record (one tbPrinter row), the printer dialog's fields as one
 // value, and the operations that move a printer between the table, its slot
 // and the dialog.
+#include "database/repositories.h"
+
 #include <QList>
 #include <QString>
 #include <QVariant>
@@ -12,8 +14,6 @@ namespace quill {
 
 class PrinterSlots;
 struct PrinterSlot;
-class Recordset;
-class TableRecordset;
 
 // What the printer dialog shows. A drop-down list with nothing selected is an
 // empty optional; the operations apply their own default then (new and edited
@@ -59,46 +59,36 @@ struct AdvancedSettings {
 QString AdvancedSettingsText(qint32 cutterInstalled, qint32 dispensingFeed, qint32 reverseFeed);
 AdvancedSettings ParseAdvancedSettings(const QString& text);
 
-// One row of tbPrinter, read or written field by field (the current row of the
-// printer recordset, or its pending new or edited row).
-using FieldReader = std::function<QVariant(const QString& field)>;
-using FieldWriter = std::function<void(const QString& field, const QVariant& value)>;
-
 // Copies a row into the dialog's fields. typeIds are the entries of the
 // printer-type list; an empty list accepts any type.
-void SrvPrinterFillDialog(const FieldReader& row, PrinterSettings& dialog, const QList<qint32>& typeIds = {});
+void SrvPrinterFillDialog(const PrinterRow& row, PrinterSettings& dialog, const QList<qint32>& typeIds = {});
 
-// Writes the dialog's fields (every column but Id and CurrentTemplateId).
-void WritePrinterFields(const FieldWriter& row, const PrinterSettings& dialog, bool newPrinter);
+// The row the dialog's fields make (every column but CurrentTemplateId).
+PrinterRow PrinterRowFromDialog(qint32 id, const PrinterSettings& dialog, bool newPrinter);
 
 // Fills a slot record's printer fields from a row and marks it in use (the
 // caller puts it into the table with PrinterSlots::setPrinter).
-void SrvPrinterLoadSlot(PrinterSlot& slot, const FieldReader& row);
-
-// Readers and writers on the printer recordset's current (or pending) row.
-FieldReader RowReader(const Recordset& rs);
-FieldWriter RowWriter(TableRecordset& rs);
-
-// The recordset's current row into the dialog (the caller seeks it first).
-void SrvPrinterFillDialog(const Recordset& rs, PrinterSettings& dialog, const QList<qint32>& typeIds = {});
+void SrvPrinterLoadSlot(PrinterSlot& slot, const PrinterRow& row);
 
 // Saves the dialog as a new printer in the lowest free slot; returns its Id.
 // Throws to the caller's trap (no free slot, database errors).
-qint32 SrvPrinterAddNew(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog);
-// Saves the dialog over the edited printer; returns its Id. Throws like AddNew.
-qint32 SrvPrinterUpdate(TableRecordset& rs, PrinterSlots& printerSlots, qint32 editPrinterId,
+qint32 SrvPrinterAddNew(PrinterRepository& printers, PrinterSlots& printerSlots, const PrinterSettings& dialog);
+// Saves the dialog over the edited printer; returns its Id. Throws like AddNew
+// (3021 when its row is gone).
+qint32 SrvPrinterUpdate(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 editPrinterId,
                         const PrinterSettings& dialog);
 
 // The dialog's OK after validation: add (mode 1) or update printer
 // editPrinterId (mode 2), then the after-save check: `check` when given (it
 // starts the check elsewhere), else SrvInitPrinterAfterConfig here. Returns
 // the printer's Id, or -1 when saving failed (logged).
-qint32 SrvMainPrinterSave(TableRecordset& rs, PrinterSlots& printerSlots, const PrinterSettings& dialog, int mode,
-                          qint32 editPrinterId, const std::function<void(qint32)>& check = {});
+qint32 SrvMainPrinterSave(PrinterRepository& printers, PrinterSlots& printerSlots, const PrinterSettings& dialog,
+                          int mode, qint32 editPrinterId, const std::function<void(qint32)>& check = {});
 
 // Asks (No is the default), then deletes the printer and frees its slot.
 // rowText is the printer's row text. True when deleted.
-bool SrvMainPrinterDelete(TableRecordset& rs, PrinterSlots& printerSlots, qint32 printerId, const QString& rowText);
+bool SrvMainPrinterDelete(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 printerId,
+                          const QString& rowText);
 
 // The slot's one-line description: "2 Kassa på COM2:".
 QString PrinterDisplayText(qint32 printerId, const QString& name, const QString& connection);

@@ -185,7 +185,10 @@ void PrintService::MainSetQuillmotorConnection(MP104C* obj, const PrinterSlot& r
 
 qint32 PrintService::currentTemplate(qint32 printerId)
 {
-    return jdb_.currentTemplate(printerId);
+    const DbResult<qint32> current = jdb_.printers().currentTemplate(printerId);
+    if (current.error)
+        throw *current.error;
+    return current.value;
 }
 
 bool PrintService::needsLayout(MP104C* obj, const PrintJob& job)
@@ -420,7 +423,8 @@ void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(int n, qint32 printerI
     try {
         if (result.ok) {
             store_.SrvDeleteJob(job.id);
-            jdb_.setCurrentTemplate(printerId, job.templateId);
+            if (auto failed = jdb_.printers().setCurrentTemplate(printerId, job.templateId))
+                throw *failed;
             setStatus(n, StatusReady, GetString(12051));
         } else {
             setStatus(n, StatusError, result.text);

@@ -161,7 +161,10 @@ Operator::Outcome Operator::openEditPrinter(qint32 printerId, PrinterSettings* d
         return Outcome::Busy;
     EditPrinterId = -1;
     PrinterSlots& printers = server_.printers();
-    if (!printers.SrvPrinterExists(printerId) || !server_.database().SrvSeekPrinter(printerId))
+    if (!printers.SrvPrinterExists(printerId))
+        return Outcome::Refused;
+    const DbResult<std::optional<PrinterRow>> row = server_.database().printers().find(printerId);
+    if (!row.value)
         return Outcome::Refused;
     const qint32 status = printers.at(printerId).status;
     if (status == StatusWorking || status == StatusChecking)
@@ -177,7 +180,7 @@ Operator::Outcome Operator::openEditPrinter(qint32 printerId, PrinterSettings* d
         QList<qint32> typeIds;
         for (const auto& e : types.entries)
             typeIds << e.itemData;
-        SrvPrinterFillDialog(*server_.database().printerRecordset(), *dialog, typeIds);
+        SrvPrinterFillDialog(*row.value, *dialog, typeIds);
     }
     return Outcome::Done;
 }
@@ -214,7 +217,7 @@ Operator::Outcome Operator::savePrinter(PrinterSettings& dialog, qint32* printer
         dialogOpen_ = false;
         const qint32 edited = EditPrinterId;
         EditPrinterId = -1;
-        id = SrvMainPrinterSave(*server_.database().printerRecordset(), server_.printers(), dialog, mode_, edited,
+        id = SrvMainPrinterSave(server_.database().printers(), server_.printers(), dialog, mode_, edited,
                                 [this](qint32 saved) { startAfterSaveCheck(saved); });
     }
     if (printerId)
@@ -253,7 +256,7 @@ Operator::Outcome Operator::deletePrinter(qint32 printerId)
     if (dialogOpen_ && EditPrinterId == printerId)
         return Outcome::Refused;
     const QString rowText = printers.at(printerId).displayText.trimmed();
-    if (!SrvMainPrinterDelete(*server_.database().printerRecordset(), printers, printerId, rowText))
+    if (!SrvMainPrinterDelete(server_.database().printers(), printers, printerId, rowText))
         return printers.SrvPrinterExists(printerId) ? Outcome::Declined : Outcome::Failed;
     return Outcome::Done;
 }

@@ -271,11 +271,8 @@ void Server::stopService()
 
 void Server::clearCurrentTemplate(qint32 templateId)
 {
-    try {
-        db_->clearCurrentTemplate(templateId);
-    } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvHandleRequest failed. Error: ") + errorText(e));
-    }
+    if (auto failed = db_->printers().clearCurrentTemplate(templateId))
+        LogWrite(QStringLiteral("SrvHandleRequest failed. Error: ") + failed->text());
 }
 
 void Server::shutdown()

@@ -1,8 +1,6 @@
-// The job store (tbJob and the job list), the server settings row and the
-// printer-type list of the printer dialog.
+// The job store: tbJob and the job list.
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
-#include "database/lists.h"
 #include "foundation/texts.h"
 #include "support/dbfixture.h"
 
@@ -49,7 +47,7 @@ class TestJobStore : public QObject {
     PrinterSlots printerSlots;
     QString mdb() const { return home->file("brixa.mdb"); }
 
-    // The database side of a server start: maintenance, recordsets, list from tbJob.
+    // The database side of a server start: maintenance, tables checked, list from tbJob.
     void start()
     {
         store.reset();
@@ -88,8 +86,6 @@ private slots:
     void deleteJobsWhereTakesJobsHandedOver();
     void deleteJobsWhereFailures();
     void failuresAreLogged();
-    void serverSettings();
-    void printerTypeList();
 };
 
 void TestJobStore::idsDeletesAndSignals()
@@ -371,34 +367,6 @@ void TestJobStore::failuresAreLogged()
     // Only the open operation shows a box.
     QCOMPARE(sink.boxes.size(), 1);
     QCOMPARE(sink.boxes[0].text, "SrvJobOpenDB failed. " + noTable + "\n" + GetString(12029, GetString(9003)));
-}
-
-void TestJobStore::serverSettings()
-{
-    QVERIFY(ExecSql(mdb(), {"UPDATE tbServer SET port = NULL, AutoStartService = 2"}));
-    QCOMPARE(jdb->SrvGetServerPort(), 20001);
-    jdb->SrvInitServerSettings();
-    QCOMPARE(jdb->autoStartService(), 1);
-    jdb->SrvMainSaveTCPSettings("127.0.0.1", 20555, "golfhost");
-    QCOMPARE(jdb->SrvGetServerPort(), 20555);
-    QCOMPARE(Snapshot(jdb->database(), "SELECT IP || '|' || HostName AS r FROM tbServer").field("r").toString(),
-             "127.0.0.1|golfhost");
-    QCOMPARE(home->logMessages(), QStringList());
-}
-
-void TestJobStore::printerTypeList()
-{
-    // Type 1 is selected wherever it lands in name order, or else the first; a Null name shows empty.
-    ValueList types;
-    QVERIFY(ExecSql(mdb(), {"UPDATE tbPrinterType SET Name = 'ZZ last' WHERE Id = 1",
-                            "UPDATE tbPrinterType SET Name = NULL WHERE Id = 4"}));
-    SrvPrinterFillPrinterType(*jdb, types);
-    QCOMPARE(types.entries.first(), (ValueList::Entry{QString(), 4}));
-    QCOMPARE(types.entries.value(types.selected).itemData, 1);
-    QCOMPARE(types.selected, types.entries.size() - 1);
-    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbPrinterType WHERE Id = 1"}));
-    SrvPrinterFillPrinterType(*jdb, types);
-    QCOMPARE(types.selected, 0);
 }
 
 QTEST_GUILESS_MAIN(TestJobStore)

@@ -5,6 +5,7 @@
 // start-up of that folder's database (so a crash point set with
 // QUILL_MAINTENANCE_CRASH_AFTER ends it there) instead of the tests.
 #include "database/jobdatabase.h"
+#include "database/jobrepository.h"
 #include "database/jobstore.h"
 #include "foundation/eventlog.h"
 #include "foundation/paths.h"
@@ -480,7 +481,7 @@ int main(int argc, char** argv)
         Database db;
         db.open(childHome + "/brixa.mdb");
         db.exec("PRAGMA wal_autocheckpoint=0");
-        const int first = NullToLong(Snapshot(db, "SELECT MAX(Id) AS m FROM tbJob").field("m"), 0) + 1;
+        const int first = JobRepository(db).nextId().value;
         for (int i = first; i <= walJobs; ++i)
             db.exec("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)", {i, job(i)});
         ::_exit(0);
@@ -489,7 +490,7 @@ int main(int argc, char** argv)
         // Another program that keeps the database open and writes a job when told.
         Database db;
         db.open(childHome + "/brixa.mdb");
-        Snapshot(db, "SELECT COUNT(*) AS n FROM tbJob");
+        db.exec("SELECT COUNT(*) FROM tbJob");
         QFile in, out;
         if (!in.open(stdin, QIODevice::ReadOnly) || !out.open(stdout, QIODevice::WriteOnly))
             return 2;

@@ -1,6 +1,5 @@
 // Printer records on a real SQLite tbPrinter: dialog values in and out, the
 // free slot, the slot copy and its display text, update and delete.
-#include "database/recordset.h"
 #include "database/schema.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
@@ -42,7 +41,7 @@ class TestPrinterRecord : public QObject {
     Q_OBJECT
     QTemporaryDir dir;
     std::unique_ptr<Database> db;
-    std::unique_ptr<TableRecordset> rs;
+    std::unique_ptr<PrinterRepository> printers;
     PrinterSlots slots_;
     dbtest::RecordingSink sink;
 
@@ -52,20 +51,23 @@ class TestPrinterRecord : public QObject {
         QStringList marks(fields.size(), "?");
         db->exec("INSERT INTO tbPrinter (" + fields.keys().join(',') + ") VALUES (" + marks.join(',') + ")",
                  fields.values());
-        rs->Requery();
     }
     // The row's fields joined with "|", Null as "null".
     QString stored(qint32 id, const QString& fields)
     {
-        QSqlQuery q = db->select("SELECT " + fields + " FROM tbPrinter WHERE Id = ?", {id});
-        if (!q.next())
-            return "<no row>";
-        QStringList values;
-        for (int i = 0; i < q.record().count(); ++i)
-            values << (q.value(i).isNull() ? QStringLiteral("null") : q.value(i).toString());
-        return values.join('|');
+        QString row = "<no row>";
+        db->run("SELECT " + fields + " FROM tbPrinter WHERE Id = ?", {id}, [&](QSqlQuery& q) {
+            if (!q.next())
+                return;
+            QStringList values;
+            for (int i = 0; i < q.record().count(); ++i)
+                values << (q.value(i).isNull() ? QStringLiteral("null") : q.value(i).toString());
+            row = values.join('|');
+        });
+        return row;
     }
-    qint32 addPrinter(const QString& name) { return SrvPrinterAddNew(*rs, slots_, {.name = name}); }
+    qint32 addPrinter(const QString& name) { return SrvPrinterAddNew(*printers, slots_, {.name = name}); }
+    PrinterRow row(qint32 id) { return printers->find(id).value.value_or(PrinterRow{}); }
 
 private slots:
     void initTestCase()
@@ -82,15 +84,14 @@ private slots:
         db = std::make_unique<Database>();
         db->open(dir.filePath("printers.db"));
         db->exec(SchemaStatements()[0]); // tbPrinter
-        rs = std::make_unique<TableRecordset>(*db, "tbPrinter");
-        rs->setIndex("PrimaryKey");
+        printers = std::make_unique<PrinterRepository>(*db);
         slots_.reset();
         sink.boxes.clear();
         sink.answer = BoxAnswer::Yes;
     }
     void cleanup()
     {
-        rs.reset();
+        printers.reset();
         db->close();
         db.reset();
     }
@@ -133,15 +134,14 @@ void TestPrinterRecord::saveAndLoadBack()
     const PrinterSettings d{.name = " Kassa ", .printerTypeId = 2, .serial = serial, .comPort = 3, .comRate = 57600,
                             .netAddress = address, .netPort = netPort, .netConnectOnly = true, .strobe = 7, .speed = 5,
                             .passive = true, .advancedSettings = advanced};
-    QCOMPARE(SrvPrinterAddNew(*rs, slots_, d), 1);
+    QCOMPARE(SrvPrinterAddNew(*printers, slots_, d), 1);
     QCOMPARE(stored(1, "Name, CurrentTemplateId"), QString(" Kassa |0")); // as typed; the column default
     QTEST(stored(1, "ConnectionUsed, Connection1, Connection2, Connection3, Connection4") + " "
               + slots_.at(1).displayText,
           "stored");
 
-    QVERIFY(rs->seek("=", 1));
     PrinterSettings back;
-    SrvPrinterFillDialog(*rs, back, {1, 2, 3});
+    SrvPrinterFillDialog(row(1), back, {1, 2, 3});
     QTEST(describe(back), "loaded");
 }
 
@@ -172,10 +172,9 @@ void TestPrinterRecord::fillDialogFromOddRows()
 {
     QFETCH(QVariantMap, row);
     insertRow(row);
-    QVERIFY(rs->seek("=", 1));
     PrinterSettings d;
     d.netAddress = "untouched";
-    SrvPrinterFillDialog(*rs, d, {1, 2, 3, 4, 5, 6, 7, 8, 9});
+    SrvPrinterFillDialog(this->row(1), d, {1, 2, 3, 4, 5, 6, 7, 8, 9});
     QTEST(describe(d), "dialog");
 }
 
@@ -186,31 +185,31 @@ void TestPrinterRecord::slotsAreGivenAndFreed()
     // Deleting asks first; No keeps everything.
     quill::dbtest::SlotEvents rows(slots_);
     sink.answer = BoxAnswer::No;
-    QVERIFY(!SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:"));
+    QVERIFY(!SrvMainPrinterDelete(*printers, slots_, 3, "3 c på COM1:"));
     QCOMPARE(sink.texts(), QStringList{GetString(12040, "3 c på COM1:")});
     QCOMPARE(sink.boxes.value(0).defaultAnswer, BoxAnswer::No);
     QVERIFY(slots_.SrvPrinterExists(3));
     sink.answer = BoxAnswer::Yes;
-    QVERIFY(SrvMainPrinterDelete(*rs, slots_, 3, "3 c på COM1:"));
+    QVERIFY(SrvMainPrinterDelete(*printers, slots_, 3, "3 c på COM1:"));
     QCOMPARE(rows.events, QStringList{"remove 3"});
     QCOMPARE(stored(3, "Name"), QString("<no row>"));
 
     // Ids 1, 2 and 4 remain: the next printer gets the freed 3, with the
     // defaults of a new printer for what the lists leave unselected.
     const PrinterSettings d{.printerTypeId = std::nullopt};
-    QCOMPARE(SrvPrinterAddNew(*rs, slots_, d), 3);
+    QCOMPARE(SrvPrinterAddNew(*printers, slots_, d), 3);
     QCOMPARE(stored(3, "PrinterTypeId, Strobe, Speed"), QString("1|4|2"));
     QCOMPARE(addPrinter("e"), 5);
 
     // All five taken: the save path traps it, logs it and writes nothing.
     rows.events.clear();
-    QCOMPARE(SrvMainPrinterSave(*rs, slots_, d, PrinterSettings::ModeNew, -1), -1);
+    QCOMPARE(SrvMainPrinterSave(*printers, slots_, d, PrinterSettings::ModeNew, -1), -1);
     QVERIFY(rows.events.isEmpty());
     QVERIFY(CurrentLogText().contains("SrvMainPrinterSave failed. Error: 9 Subscript out of range"));
-    QCOMPARE(rs->RecordCount(), 5);
+    QCOMPARE(printers->all().value.size(), 5);
 
     // An id from no row is trapped too.
-    QVERIFY(!SrvMainPrinterDelete(*rs, slots_, -1, ""));
+    QVERIFY(!SrvMainPrinterDelete(*printers, slots_, -1, ""));
     QVERIFY(CurrentLogText().contains("SrvMainPrinterDelete failed. Error: 9 Subscript out of range"));
 }
 
@@ -219,20 +218,18 @@ void TestPrinterRecord::slotCopyAndDisplayText()
     // A long name: whole in the table, 25 characters in the slot.
     addPrinter("one");
     const QString longName = "Receptionens skrivare vid entrén";
-    QCOMPARE(SrvPrinterAddNew(*rs, slots_, {.name = longName, .serial = false, .netAddress = "192.168.1.40"}), 2);
+    QCOMPARE(SrvPrinterAddNew(*printers, slots_, {.name = longName, .serial = false, .netAddress = "192.168.1.40"}), 2);
     QCOMPARE(stored(2, "Name"), longName);
     QCOMPARE(slots_.at(2).displayText, "2 " + longName.left(25).trimmed() + " på 192.168.1.40");
 
     // Connection 4 loads unchanged; an unknown number keeps the old string.
     insertRow({{"Id", 4}, {"Name", "n"}, {"ConnectionUsed", 4}, {"Connection4", "LPT1:"}});
-    QVERIFY(rs->seek("=", 4));
     PrinterSlot four;
-    SrvPrinterLoadSlot(four, RowReader(*rs));
+    SrvPrinterLoadSlot(four, row(4));
     QCOMPARE(four.connectionString, QString("LPT1:"));
     insertRow({{"Id", 5}, {"Name", "m"}, {"ConnectionUsed", 7}});
-    QVERIFY(rs->seek("=", 5));
     PrinterSlot five{.connectionString = "COM4:#9600"};
-    SrvPrinterLoadSlot(five, RowReader(*rs));
+    SrvPrinterLoadSlot(five, row(5));
     QCOMPARE(five.displayText, QString("5 m på COM4:"));
 }
 
@@ -241,18 +238,16 @@ void TestPrinterRecord::saveRunsAfterSaveCheck()
     // A passive printer gets no device check.
     addPrinter("one");
     quill::dbtest::SlotEvents rows(slots_);
-    QCOMPARE(SrvMainPrinterSave(*rs, slots_, {.name = "two", .passive = true}, PrinterSettings::ModeNew, -1), 2);
+    QCOMPARE(SrvMainPrinterSave(*printers, slots_, {.name = "two", .passive = true}, PrinterSettings::ModeNew, -1), 2);
     QCOMPARE(rows.events, (QStringList{"add 2", "status 2 " + GetString(12083)}));
     QCOMPARE(slots_.at(2).status, qint32(StatusPassive));
 
-    // Edited while something else moved the recordset; nothing selected as
-    // type is -1 for an edited printer. With no reachable device the check
-    // ends in Error with "Ingen kontakt".
+    // Nothing selected as type is -1 for an edited printer. With no reachable
+    // device the check ends in Error with "Ingen kontakt".
     rows.events.clear();
     const PrinterSettings edit{
         .name = "Kiosk", .printerTypeId = std::nullopt, .serial = false, .netAddress = "127.0.0.1", .netPort = "1"};
-    rs->MoveFirst();
-    QCOMPARE(SrvMainPrinterSave(*rs, slots_, edit, PrinterSettings::ModeEdit, 2), 2);
+    QCOMPARE(SrvMainPrinterSave(*printers, slots_, edit, PrinterSettings::ModeEdit, 2), 2);
     QCOMPARE(stored(2, "Name, PrinterTypeId"), QString("Kiosk|-1"));
     QCOMPARE(stored(1, "Name"), QString("one"));
     QCOMPARE(slots_.at(2).displayText, QString("2 Kiosk på 127.0.0.1"));

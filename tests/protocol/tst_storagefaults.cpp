@@ -5,7 +5,7 @@
 // the write lock, brixa.mdb read-only (a read-only bind mount), the installation
 // on a tmpfs that is filled up.
 #include "database/jobstore.h"
-#include "database/recordset.h"
+#include "database/sqlite.h"
 #include "foundation/cp1252.h"
 #include "protocol/listener.h"
 #include "shell/server.h"

@@ -27,7 +27,7 @@ class TstPrintService : public QObject {
     // Stores a one-copy job as it comes, without the request checks; its id or -1.
     qint32 add(int printer, int templateId, const QString& caption, const QString& op = QStringLiteral("P"))
     {
-        const qint32 id = srv_->database().SrvDBNextId("tbJob");
+        const qint32 id = quill::JobRepository(srv_->database().database()).nextId().value;
         QString text = quill::dbtest::JobText(printer, templateId, "1", "KASSA1", "user1", caption);
         text.replace(QStringLiteral("\tP\t"), QStringLiteral("\t%1\t").arg(op));
         return srv_->jobs().SrvAddJob(PrintJob::fromText(text)) ? id : -1;

@@ -51,7 +51,7 @@ class TstOperator : public QObject {
     }
     qint32 addJob(int printer, const QString& caption)
     {
-        const qint32 id = srv_->database().SrvDBNextId("tbJob");
+        const qint32 id = quill::JobRepository(srv_->database().database()).nextId().value;
         return srv_->jobs().SrvAddJob(quill::PrintJob::fromText(quill::dbtest::JobText(printer, 1, "1", "KASSA1", "user1", caption))) ? id : -1;
     }
     int jobsInTable() { return inst_->scalar("SELECT COUNT(*) FROM tbJob").toInt(); }

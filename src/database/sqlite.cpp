@@ -1,0 +1,163 @@
+#include "database/sqlite.h"
+
+#include <QSqlError>
+
+#include <atomic>
+
+namespace quill {
+
+namespace {
+
+// Prepared statements kept per connection; past this the cache starts over.
+constexpr int MaxPrepared = 64;
+
+std::atomic<int> connectionCounter{0};
+
+Error notOpen() { return Error(3420, QStringLiteral("Object invalid or no longer set.")); }
+
+} // namespace
+
+Error NoCurrentRecord() { return Error(ErrNoCurrentRecord, QStringLiteral("No current record.")); }
+
+Error SqlError(const QSqlError& e)
+{
+    bool ok = false;
+    int n = e.nativeErrorCode().toInt(&ok);
+    if (!ok || n == 0)
+        n = 1;
+    QString text = e.databaseText();
+    if (text.isEmpty())
+        text = e.driverText();
+    if (text.isEmpty())
+        text = QStringLiteral("unknown database error");
+    return Error(n, text);
+}
+
+std::optional<Error> Trap(const std::function<void()>& f)
+{
+    try {
+        f();
+        return std::nullopt;
+    } catch (const Error& e) {
+        return e;
+    } catch (const std::exception& e) {
+        return Error(1, errorText(e));
+    }
+}
+
+Database::Database() = default;
+
+Database::~Database() { close(); }
+
+void Database::open(const QString& path)
+{
+    close();
+    name_ = QStringLiteral("quilldb-%1").arg(++connectionCounter);
+    path_ = path;
+    db_ = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name_);
+    db_.setDatabaseName(path);
+    db_.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(LockWaitMs));
+    if (!db_.open()) {
+        Error e = SqlError(db_.lastError());
+        close();
+        throw e;
+    }
+    try {
+        // journal_mode reads the file header, so a file that is not a database fails here.
+        run(QStringLiteral("PRAGMA journal_mode=WAL"), {}, {});
+        exec(QStringLiteral("PRAGMA synchronous=FULL"));
+        exec(QStringLiteral("PRAGMA foreign_keys=OFF"));
+    } catch (...) {
+        close();
+        throw;
+    }
+}
+
+void Database::close()
+{
+    if (name_.isEmpty())
+        return;
+    if (inTransaction_)
+        rollback();
+    prepared_.clear();
+    if (db_.isOpen())
+        db_.close();
+    db_ = QSqlDatabase();
+    QSqlDatabase::removeDatabase(name_);
+    name_.clear();
+    inTransaction_ = false;
+}
+
+bool Database::isOpen() const { return db_.isOpen(); }
+
+int Database::exec(const QString& sql, const QVariantList& binds)
+{
+    int changed = 0;
+    run(sql, binds, [&](QSqlQuery& q) { changed = q.numRowsAffected(); });
+    return changed;
+}
+
+void Database::run(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows)
+{
+    if (!db_.isOpen())
+        throw notOpen();
+    std::shared_ptr<Prepared> p = prepared_.value(sql);
+    if (!p || p->busy) {
+        // A text already running further up the stack gets a statement of its own.
+        auto fresh = std::make_shared<Prepared>();
+        fresh->query = QSqlQuery(db_);
+        fresh->query.setForwardOnly(true);
+        if (!fresh->query.prepare(sql))
+            throw SqlError(fresh->query.lastError());
+        if (!p) {
+            if (prepared_.size() >= MaxPrepared)
+                prepared_.clear();
+            prepared_.insert(sql, fresh);
+        }
+        p = std::move(fresh);
+    }
+    struct Reset {
+        Prepared& p;
+        ~Reset()
+        {
+            p.query.finish();
+            p.busy = false;
+        }
+    } reset{*p};
+    p->busy = true;
+    for (int i = 0; i < binds.size(); ++i)
+        p->query.bindValue(i, binds[i]);
+    if (!p->query.exec())
+        throw SqlError(p->query.lastError());
+    if (rows)
+        rows(p->query);
+}
+
+void Database::begin()
+{
+    if (inTransaction_)
+        throw Error(3251, QStringLiteral("A transaction is already open."));
+    exec(QStringLiteral("BEGIN IMMEDIATE"));
+    inTransaction_ = true;
+}
+
+void Database::commit()
+{
+    if (!inTransaction_)
+        return;
+    exec(QStringLiteral("COMMIT"));
+    inTransaction_ = false;
+}
+
+void Database::rollback()
+{
+    if (!inTransaction_)
+        return;
+    inTransaction_ = false;
+    if (db_.isOpen()) {
+        QSqlQuery q(db_);
+        q.exec(QStringLiteral("ROLLBACK"));
+    }
+}
+
+} // namespace quill

@@ -1,0 +1,89 @@
+#pragma once
+// One SQLite connection (QtSql, driver QSQLITE): WAL journal, synchronous=FULL,
+// foreign keys off, statements prepared once per text and kept. The repositories
+// (jobrepository.h, repositories.h) are built on it and turn its failures into
+// values; it throws quill::Error carrying SQLite's own number and text.
+//
+//   Database db;
+//   db.open(path);
+//   db.run("SELECT Job FROM tbJob WHERE Id = ?", {7}, [&](QSqlQuery& q) { ... });
+#include "foundation/error.h"
+
+#include <QHash>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QString>
+#include <QVariant>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class QSqlError;
+
+namespace quill {
+
+// How long a statement waits for another program's lock before it fails with
+// "database is locked". A batch of requests waits once, at its BEGIN IMMEDIATE.
+constexpr int LockWaitMs = 2000;
+
+// A one-row table or a keyed row that is not there: the number and text the
+// server's log lines have always carried for it.
+constexpr int ErrNoCurrentRecord = 3021;
+Error NoCurrentRecord();
+
+// Error from a QSqlError: SQLite's error number (1 when the driver gives none) and text.
+Error SqlError(const QSqlError& e);
+
+// A value, or the failure that kept it from being read.
+template <class T>
+struct DbResult {
+    T value{};
+    std::optional<Error> error;
+    bool ok() const { return !error; }
+};
+
+// Runs f and returns what it threw as a value.
+std::optional<Error> Trap(const std::function<void()>& f);
+
+class Database {
+public:
+    Database();
+    ~Database();
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    // Opens (or creates) the file and sets the journal mode and pragmas.
+    void open(const QString& path);
+    // Never throws.
+    void close();
+    bool isOpen() const;
+    QString path() const { return path_; }
+    QSqlDatabase& connection() { return db_; }
+
+    // Runs one statement that returns no rows; returns the rows it changed.
+    int exec(const QString& sql, const QVariantList& binds = {});
+    // Runs a statement and hands its active query to `rows`, then resets it. The
+    // statement is prepared once per text and kept: a request runs the same few
+    // statements every time.
+    void run(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows);
+
+    // Explicit transaction; while none is open every statement commits on its own.
+    void begin();
+    void commit();
+    void rollback(); // never throws
+    bool inTransaction() const { return inTransaction_; }
+
+private:
+    struct Prepared {
+        QSqlQuery query;
+        bool busy = false;
+    };
+    QSqlDatabase db_;
+    QHash<QString, std::shared_ptr<Prepared>> prepared_;
+    QString name_;
+    QString path_;
+    bool inTransaction_ = false;
+};
+
+} // namespace quill

@@ -1,0 +1,222 @@
+// The connection's kept statements and the repositories of the small tables on
+// real SQLite files: printers, the server-settings row, the template lookup and
+// the printer-type list.
+#include "database/jobdatabase.h"
+#include "database/lists.h"
+#include "database/repositories.h"
+#include "support/dbfixture.h"
+
+#include <QTest>
+
+using namespace quill;
+using namespace quill::dbtest;
+
+class TestRepositories : public QObject {
+    Q_OBJECT
+    std::unique_ptr<DbHome> home;
+    std::unique_ptr<JobDatabase> jdb;
+    QString mdb() const { return home->file("brixa.mdb"); }
+    Database& db() { return jdb->database(); }
+    int count(const QString& table)
+    {
+        int n = -1;
+        db().run("SELECT COUNT(*) FROM " + table, {}, [&](QSqlQuery& q) { n = q.next() ? q.value(0).toInt() : -1; });
+        return n;
+    }
+
+private slots:
+    void init()
+    {
+        SetSilentMode(false);
+        home = std::make_unique<DbHome>();
+        QVERIFY(home->ok());
+        jdb = std::make_unique<JobDatabase>();
+        jdb->database().open(mdb());
+    }
+    void cleanup()
+    {
+        jdb.reset();
+        home.reset();
+    }
+    void keptStatements();
+    void printerRows();
+    void currentTemplate();
+    void templateLookup();
+    void serverSettings();
+    void emptyServerRow();
+    void printerTypeList();
+};
+
+void TestRepositories::keptStatements()
+{
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (1, 1, 'x')"}));
+    const QString ids = "SELECT Id FROM tbJob ORDER BY Id";
+    db().run("PRAGMA journal_mode", {}, [](QSqlQuery& q) { QVERIFY(q.next() && q.value(0).toString() == "wal"); });
+    db().run("PRAGMA synchronous", {}, [](QSqlQuery& q) { QVERIFY(q.next() && q.value(0).toInt() == 2); });
+
+    // A kept statement ends its read even when not all its rows were read: another
+    // writer's row is seen by the next statement.
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (2, 1, 'x')"}));
+    db().run(ids, {}, [](QSqlQuery& q) { QVERIFY(q.next()); });
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (5, 1, 'x')"}));
+    QCOMPARE(count("tbJob"), 3);
+
+    // The same text run again while it is still running: each has its own rows.
+    int outer = 0, inner = 0;
+    db().run(ids, {}, [&](QSqlQuery& q) {
+        while (q.next()) {
+            ++outer;
+            db().run(ids, {}, [&](QSqlQuery& q2) {
+                while (q2.next())
+                    ++inner;
+            });
+        }
+    });
+    QCOMPARE(outer, 3);
+    QCOMPARE(inner, 9);
+
+    // A failed statement holds no lock, and the same text works with other values.
+    const QString insert = "INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, 'y')";
+    const auto failed = Trap([&] { db().exec(insert, {1}); });
+    QVERIFY(failed && QList<int>({19, 1555}).contains(failed->number));
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (3, 1, 'z')"}));
+    QCOMPARE(db().exec(insert, {4}), 1);
+    QCOMPARE(count("tbJob"), 5);
+}
+
+void TestRepositories::printerRows()
+{
+    PrinterRepository printers(db());
+    PrinterRow row;
+    row.id = 3;
+    row.name = "Kassa";
+    row.connectionUsed = 2;
+    row.connection[1] = "10.0.0.5#23";
+    QVERIFY(!printers.insert(row));
+    // Columns the row leaves Null stay Null; CurrentTemplateId gets its default.
+    const auto found = printers.find(3);
+    QVERIFY(found.ok() && found.value);
+    QCOMPARE(found.value->connectionField(2).toString(), "10.0.0.5#23");
+    QVERIFY(found.value->connectionField(1).isNull() && found.value->strobe.isNull());
+    QCOMPARE(found.value->currentTemplateId.toInt(), 0);
+    QVERIFY(!printers.find(4).value);
+
+    // The same Id again is the engine's constraint error; an update of a row that
+    // is not there is "No current record.".
+    const auto again = printers.insert(row);
+    QVERIFY(again && QList<int>({19, 1555}).contains(again->number));
+    row.id = 4;
+    QCOMPARE(printers.update(row).value_or(Error(0, {})).text(), "3021 No current record.");
+    row.id = 3;
+    row.name = "Lager";
+    QVERIFY(!printers.update(row));
+    QCOMPARE(printers.all().value.value(0).name.toString(), "Lager");
+
+    // A printer that is not there deletes without error; an unreadable table fails as a value.
+    QVERIFY(!printers.remove(9));
+    QVERIFY(!printers.remove(3));
+    QVERIFY(printers.all().value.isEmpty());
+    QVERIFY(ExecSql(mdb(), {"DROP TABLE tbPrinter"}));
+    QCOMPARE(printers.check().value_or(Error(0, {})).text(), "1 no such table: tbPrinter");
+    QVERIFY(!jdb->SrvPrinterOpenDB());
+}
+
+void TestRepositories::currentTemplate()
+{
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbPrinter (Id, Name) VALUES (1, 'a'), (2, 'b')",
+                            "UPDATE tbPrinter SET CurrentTemplateId = NULL WHERE Id = 2"}));
+    PrinterRepository printers(db());
+    QCOMPARE(printers.currentTemplate(2).value, 0); // Null reads 0
+    QVERIFY(!printers.setCurrentTemplate(1, 7) && !printers.setCurrentTemplate(2, 7));
+    QVERIFY(!printers.setCurrentTemplate(5, 7)); // no row: nothing changes
+    QCOMPARE(printers.currentTemplate(1).value, 7);
+    QCOMPARE(printers.currentTemplate(5).value, 0);
+    QVERIFY(!printers.setCurrentTemplate(2, 8));
+    QVERIFY(!printers.clearCurrentTemplate(7));
+    QCOMPARE(printers.currentTemplate(1).value, 0);
+    QCOMPARE(printers.currentTemplate(2).value, 8);
+}
+
+void TestRepositories::templateLookup()
+{
+    QVERIFY(jdb->SrvTemplateTypeOpenDB());
+    QVERIFY(jdb->SrvTemplateInDB(1));
+    QVERIFY(!jdb->SrvTemplateInDB(3));
+    // Another program adds templates after start-up: one with its type, one without.
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (3, 1), (4, 7)"}));
+    QVERIFY(jdb->SrvTemplateInDB(3)); // the miss read the ids again
+    QVERIFY(!jdb->SrvTemplateInDB(4)); // no type row: never found
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbTemplateType (Id) VALUES (7)"}));
+    QVERIFY(jdb->SrvTemplateInDB(4));
+    // One deleted since is still known until a miss reads them again.
+    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbTemplate WHERE Id = 1"}));
+    QVERIFY(jdb->SrvTemplateInDB(1));
+    QVERIFY(!jdb->SrvTemplateInDB(99));
+    QVERIFY(!jdb->SrvTemplateInDB(1));
+
+    // Unreadable: the re-read logs without a box and the template is not found.
+    RecordingSink sink;
+    QVERIFY(ExecSql(mdb(), {"DROP TABLE tbTemplateType"}));
+    QVERIFY(!jdb->SrvTemplateInDB(98));
+    QVERIFY(!jdb->SrvTemplateTypeOpenDB());
+    const QString failed = " failed. Error: 1 no such table: tbTemplateType";
+    QCOMPARE(home->logMessages(), (QStringList{"SrvTemplateTypeReOpenDB" + failed, "SrvTemplateTypeOpenDB" + failed}));
+    QCOMPARE(sink.texts().size(), 1);
+}
+
+void TestRepositories::serverSettings()
+{
+    QVERIFY(ExecSql(mdb(), {"UPDATE tbServer SET port = NULL, AutoStartService = 2, StartMinimized = 1"}));
+    QCOMPARE(jdb->SrvGetServerPort(), 20001);
+    jdb->SrvInitServerSettings();
+    QCOMPARE(jdb->autoStartService(), 1);
+    QCOMPARE(jdb->startMinimized(), 1);
+    jdb->SrvMainSaveSettings(0, 1);
+    QCOMPARE(jdb->autoStartService(), 0); // at once, without a restart
+    jdb->SrvMainSaveTCPSettings("127.0.0.1", 20555, "golfhost");
+    QCOMPARE(jdb->SrvGetServerPort(), 20555);
+    QString row;
+    db().run("SELECT IP, HostName, AutoStartService, StartMinimized FROM tbServer", {}, [&](QSqlQuery& q) {
+        while (q.next())
+            row += QStringList{q.value(0).toString(), q.value(1).toString(), q.value(2).toString(), q.value(3).toString()}.join('|');
+    });
+    QCOMPARE(row, "127.0.0.1|golfhost|0|1");
+    QCOMPARE(home->logMessages(), QStringList());
+}
+
+void TestRepositories::emptyServerRow()
+{
+    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbServer"}));
+    QCOMPARE(jdb->SrvGetServerPort(), 0);
+    jdb->SrvInitServerSettings();
+    jdb->SrvMainSaveSettings(1, 1);
+    QCOMPARE(jdb->autoStartService(), 0); // nothing was written, so nothing changed
+    jdb->SrvMainSaveTCPSettings("127.0.0.1", 20555, "golfhost");
+    QCOMPARE(count("tbServer"), 0);
+    const QString failed = " failed. Error: 3021 No current record.";
+    QCOMPARE(home->logMessages(), (QStringList{"SrvGetServerPort" + failed, "SrvInitServerSettings" + failed,
+                                               "SrvMainSaveSettings" + failed, "SrvMainSaveTCPSettings" + failed}));
+}
+
+void TestRepositories::printerTypeList()
+{
+    // Type 1 is selected wherever it lands in name order, or else the first; a Null name shows empty.
+    ValueList types;
+    QVERIFY(ExecSql(mdb(), {"UPDATE tbPrinterType SET Name = 'ZZ last' WHERE Id = 1",
+                            "UPDATE tbPrinterType SET Name = NULL WHERE Id = 4"}));
+    SrvPrinterFillPrinterType(*jdb, types);
+    QCOMPARE(types.entries.first(), (ValueList::Entry{QString(), 4}));
+    QCOMPARE(types.entries.value(types.selected).itemData, 1);
+    QCOMPARE(types.selected, types.entries.size() - 1);
+    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbPrinterType WHERE Id = 1"}));
+    SrvPrinterFillPrinterType(*jdb, types);
+    QCOMPARE(types.selected, 0);
+    // An empty table leaves the list empty, nothing selected.
+    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbPrinterType"}));
+    SrvPrinterFillPrinterType(*jdb, types);
+    QVERIFY(types.entries.isEmpty());
+    QCOMPARE(types.selected, -1);
+}
+
+QTEST_GUILESS_MAIN(TestRepositories)
+#include "tst_repositories.moc"
