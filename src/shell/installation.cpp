@@ -26,10 +26,14 @@ bool copyResource(const QString& resource, const QString& target)
 {
     if (QFile::exists(target))
         return true;
-    if (!QFile::copy(resource, target))
+    // Written as a new file rather than copied, so the umask decides who may
+    // read it (the service's makes it 0640), not the shipped file's mode.
+    QFile in(resource);
+    QFile out(target);
+    if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly | QIODevice::NewOnly))
         return false;
-    // Resource copies come out read-only.
-    return QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther);
+    const QByteArray bytes = in.readAll();
+    return out.write(bytes) == bytes.size() && out.flush();
 }
 
 } // namespace

@@ -23,6 +23,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -125,6 +126,27 @@ private slots:
         QCOMPARE(r.code, 0);
         QVERIFY2(r.out.contains(said), qPrintable(r.out));
         QVERIFY(readFile(scratch.filePath("user/Norvu/Brixa.conf")).contains("dwUseLog=" + useLog));
+    }
+
+    // Under the service's umask nothing --init makes is open to other users
+    // or writable by the group.
+    void initHonoursUmask()
+    {
+        QTemporaryDir scratch;
+        QVERIFY(scratch.isValid());
+        const mode_t saved = umask(0027);
+        const Run r = run(QUILL_BIN_DIR "/quillbase", {"--init", "--home", scratch.filePath("inst")}, scratch.path());
+        umask(saved);
+        QVERIFY2(r.code == 0, qPrintable(r.out + r.err));
+        const QFile::Permissions open = QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
+        int files = 0;
+        QDirIterator it(scratch.path(), QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QFileInfo f(it.next());
+            files += f.isFile();
+            QVERIFY2(!(f.permissions() & open), qPrintable(f.filePath()));
+        }
+        QVERIFY(files >= 5);
     }
 
     // cmake --install: binaries, shipped files, and a unit systemd accepts.
