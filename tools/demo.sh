@@ -89,10 +89,12 @@ emulator reception --listen 127.0.0.1:0
 emulator proshop --pty "$demo/run/com1" --baud 9600
 netport=$(sed -n 's/^listening //p' "$demo/run/reception.out")
 
-# COM1 of this machine is the emulator's pty; the server listens on loopback only.
+# COM1 of this machine is the emulator's pty; the server listens on loopback
+# only and lets in this machine only.
 machine=$XDG_CONFIG_DIRS/Norvu/Brixa.conf
 sed -i "s|^COM1=.*|COM1=\"$demo/run/com1\"|" "$machine"
 grep -q '^tBindAddress=' "$machine" || sed -i 's|^\[Quillbase\]$|&\ntBindAddress=127.0.0.1|' "$machine"
+grep -q '^tAllowedClients=' "$machine" || sed -i 's|^\[Quillbase\]$|&\ntAllowedClients="127.0.0.0/8, ::1"|' "$machine"
 # The printer rows as the printer dialog saves them; the network box port changes every run.
 sqlite3 "$demo/brixa.mdb" <<SQL
 INSERT OR REPLACE INTO tbPrinter (Id, Name, PrinterTypeId, ConnectionUsed, Connection1, Connection2,
