@@ -46,7 +46,10 @@ install: build
 
 # In $(BUILD)/: quillbase_<version>-1_<arch>.deb (server, quillbase-ctl, unit),
 # mp104c-emulator_<version>-1_<arch>.deb, and their -dbgsym .ddeb packages.
-package: build
+# Only what the packages hold is built (not the tests).
+PACKAGED := quillbase quillbase-ctl mp104c-emulator quill_packaging_files
+package: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS) --target $(PACKAGED)
 	cd $(BUILD) && cpack -G DEB
 
 run: build
