@@ -110,13 +110,20 @@ public:
             die(QStringLiteral("cannot write the machine settings"));
     }
 
-    // The headless server, its output in server.out; returns once it accepts on its port.
-    void startServer()
+    // The server, its output in server.out; returns once it accepts on its port.
+    // Without `headless` it opens its window on the offscreen platform.
+    void startServer(bool headless = true)
     {
-        server.setProcessEnvironment(env);
+        QProcessEnvironment e = env;
+        QStringList args{QStringLiteral("--home"), home()};
+        if (headless)
+            args.prepend(QStringLiteral("--headless"));
+        else
+            e.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        server.setProcessEnvironment(e);
         server.setProcessChannelMode(QProcess::MergedChannels);
         server.setStandardOutputFile(tmp.filePath(QStringLiteral("server.out")));
-        server.start(Bin + QStringLiteral("/quillbase"), {QStringLiteral("--headless"), QStringLiteral("--home"), home()});
+        server.start(Bin + QStringLiteral("/quillbase"), args);
         if (!server.waitForStarted(10000))
             die(QStringLiteral("the server did not start"));
         QElapsedTimer t;

@@ -6,6 +6,7 @@
 #include "foundation/texts.h"
 #include "gui/aboutbox.h"
 #include "gui/captions.h"
+#include "gui/pacer.h"
 #include "gui/pictures.h"
 #include "gui/printerdialog.h"
 #include "gui/settingsdialog.h"
@@ -40,6 +41,17 @@ class PrinterListPresenter : public QIdentityProxyModel {
 public:
     using QIdentityProxyModel::QIdentityProxyModel;
 
+    // State changes reach the view at most ten times a second: a printer
+    // working through a stream of jobs changes its row many times that.
+    void setSourceModel(QAbstractItemModel* source) override
+    {
+        QIdentityProxyModel::setSourceModel(source);
+        if (!source)
+            return;
+        disconnect(source, &QAbstractItemModel::dataChanged, this, nullptr);
+        connect(source, &QAbstractItemModel::dataChanged, &changes_, &Pacer::poke);
+    }
+
     QVariant data(const QModelIndex& index, int role) const override
     {
         if (role == Qt::DecorationRole) {
@@ -52,6 +64,14 @@ public:
             return QApplication::palette().brush(QPalette::Disabled, QPalette::Text);
         return QIdentityProxyModel::data(index, role);
     }
+
+private:
+    // The list is short: the whole of it is repainted.
+    Pacer changes_{100, [this] {
+                       if (rowCount() > 0)
+                           emit dataChanged(index(0, 0), index(rowCount() - 1, columnCount() - 1));
+                   },
+                   this};
 };
 
 namespace {
@@ -322,6 +342,7 @@ void MainWindow::present()
 
     panServer_->setText(GetString(9003) + QLatin1Char(' ') + ComputerName());
     panServer_->setToolTip(panServer_->text());
+    trafficPacer_ = new Pacer(100, [this] { paintTraffic(); }, this);
     connect(&server_.traffic(), &TrafficIndicator::changed, this, &MainWindow::showTraffic);
     showTraffic(server_.traffic().state());
     showSilentMode(SilentMode());
@@ -401,6 +422,15 @@ void MainWindow::showServiceAvailable(bool available)
 
 void MainWindow::showTraffic(TrafficIndicator::State state)
 {
+    // A client sending request after request flips the state with each one;
+    // the panel follows at most ten times a second.
+    shownTraffic_ = state;
+    trafficPacer_->poke();
+}
+
+void MainWindow::paintTraffic()
+{
+    const TrafficIndicator::State state = shownTraffic_;
     panTraffic_->setPixmap(TrafficPicture(state).pixmap(PictureSize, PictureSize));
     panTraffic_->setToolTip(TrafficIndicator::textOf(state));
     panTraffic_->setProperty("trafficState", int(state));

@@ -27,6 +27,7 @@ namespace quill {
 
 class AboutBox;
 class Operator;
+class Pacer;
 class PrinterListPresenter;
 class TrayIcon;
 
@@ -74,6 +75,7 @@ private:
     void showServiceState(bool running);
     void showServiceAvailable(bool available);
     void showTraffic(TrafficIndicator::State state);
+    void paintTraffic();
     void showSilentMode(bool on);
     void setBusy(bool busy);
 
@@ -103,6 +105,8 @@ private:
     bool columnsSet_ = false;
     int busyDepth_ = 0;
     bool loggedNoTray_ = false;
+    TrafficIndicator::State shownTraffic_ = TrafficIndicator::NoTraffic;
+    Pacer* trafficPacer_ = nullptr;
     bool focusSeen_ = false;     // a window of the program has had the focus
     bool lastFocusMine_ = false; // and the last one to have it was this one
 

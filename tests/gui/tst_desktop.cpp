@@ -1,6 +1,7 @@
-// The notification-area icon on a real X server (Xvfb) with a real
-// notification-area host (trayer). Skipped, with the reason, when either is
-// not installed or the host does not come up.
+// The window on a real X desktop: Xvfb, a window manager (openbox) and a
+// notification-area host (trayer). The notification-area icon, and dialogs
+// that stay above the main window. Skipped, with the reason, when a part is
+// not installed or does not come up.
 #include "foundation/texts.h"
 #include "gui/guitest.h"
 #include "gui/pictures.h"
@@ -42,15 +43,38 @@ std::unique_ptr<QProcess> child(const QString& program, const QStringList& args)
     return p;
 }
 
-// Xvfb on the first free display from :57, then trayer on it.
-std::unique_ptr<QProcess> xserver, trayHost;
+// Xvfb on the first free display from :57, then openbox and trayer on it.
+std::unique_ptr<QProcess> xserver, windowManager, trayHost;
+
+// What xprop prints, or nothing when it fails.
+QString xprop(const QStringList& args)
+{
+    QProcess p;
+    p.start(QStringLiteral("xprop"), args);
+    if (!p.waitForFinished(5000) || p.exitCode() != 0)
+        return {};
+    return QString::fromLocal8Bit(p.readAllStandardOutput());
+}
+
+// The managed windows, bottom to top, as the window manager stacks them.
+QList<WId> stacking()
+{
+    QList<WId> ids;
+    const QString line = xprop({"-root", "_NET_CLIENT_LIST_STACKING"});
+    const QString list = line.section(QLatin1Char('#'), 1);
+    for (const QString& id : list.split(QLatin1Char(','), Qt::SkipEmptyParts))
+        ids << id.trimmed().toULongLong(nullptr, 16);
+    return ids;
+}
 
 bool startDisplay()
 {
     const QString xvfb = QStandardPaths::findExecutable("Xvfb");
     const QString trayer = QStandardPaths::findExecutable("trayer");
-    if (xvfb.isEmpty() || trayer.isEmpty()) {
-        skipReason = "needs Xvfb and trayer (make deps installs them)";
+    const QString openbox = QStandardPaths::findExecutable("openbox");
+    if (xvfb.isEmpty() || trayer.isEmpty() || openbox.isEmpty() || QStandardPaths::findExecutable("xdotool").isEmpty() ||
+        QStandardPaths::findExecutable("xprop").isEmpty()) {
+        skipReason = "needs Xvfb, openbox, trayer, xdotool and xprop (make deps installs them)";
         return false;
     }
     for (int n = 57; n < 120 && !xserver; ++n) {
@@ -72,6 +96,14 @@ bool startDisplay()
         skipReason = "Xvfb did not start";
         return false;
     }
+    windowManager = child(openbox, {"--sm-disable"});
+    if (!windowManager) {
+        skipReason = "openbox did not start";
+        return false;
+    }
+    // The manager owns the screen once it has set its check window on the root.
+    for (int i = 0; i < 100 && !xprop({"-root", "_NET_SUPPORTING_WM_CHECK"}).contains("window id"); ++i)
+        QThread::msleep(50);
     trayHost = child(trayer, {"--edge", "bottom", "--align", "right", "--widthtype", "request", "--height", "24",
                               "--transparent", "false", "--tint", "0xd0d0d0", "--SetDockType", "true"});
     if (!trayHost) {
@@ -83,7 +115,7 @@ bool startDisplay()
 
 } // namespace
 
-class TstTray : public QObject {
+class TstDesktop : public QObject {
     Q_OBJECT
 
     std::unique_ptr<WindowSite> s_;
@@ -142,6 +174,70 @@ private slots:
         QCOMPARE(shown(), picture(false));
     }
 
+    // A dialog is transient for the window it belongs to, so a click on that
+    // (disabled) window leaves the dialog above it, where the operator can
+    // answer it. The click goes through the X server, as a person's does.
+    void dialogStaysAbove_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<bool>("advanced");
+        QTest::newRow("settings over the main window") << "mnuSettings" << false;
+        QTest::newRow("printer dialog over the main window") << "mnuPrinterNew" << false;
+        QTest::newRow("advanced dialog over the printer dialog") << "mnuPrinterNew" << true;
+    }
+    void dialogStaysAbove()
+    {
+        QFETCH(QString, command);
+        QFETCH(bool, advanced);
+        QCOMPARE(s_->start(), Server::Started);
+        QVERIFY(QTest::qWaitForWindowExposed(s_->window.get()));
+        action(qPrintable(command))->trigger();
+        QWidget* owner = s_->window.get();
+        QWidget* dialog = nullptr;
+        const char* name = command == "mnuSettings" ? "frmSrvAdj" : "frmSrvPrinter";
+        QTRY_VERIFY((dialog = quill::test::TopLevel(name)));
+        QVERIFY(QTest::qWaitForWindowExposed(dialog));
+        QList<QWidget*> opened{dialog};
+        if (advanced) {
+            owner = dialog;
+            QUILL_PRESS(dialog->findChild<QPushButton*>("cmdAdvanced"));
+            QTRY_VERIFY((dialog = quill::test::TopLevel("frmSrvPrinterAdvanced")));
+            QVERIFY(QTest::qWaitForWindowExposed(dialog));
+            opened.prepend(dialog);
+        }
+        // What the window manager is told.
+        const QString ownerId = QStringLiteral("0x%1").arg(owner->winId(), 0, 16);
+        QTRY_VERIFY(xprop({"-id", QString::number(dialog->winId()), "WM_TRANSIENT_FOR"}).trimmed().endsWith(ownerId));
+
+        // A spot of the owner the dialog does not cover.
+        const QRect covered = dialog->frameGeometry().adjusted(-8, -8, 8, 8);
+        const QRect screen = QGuiApplication::primaryScreen()->geometry().adjusted(0, 0, 0, -40);
+        QPoint spot(-1, -1);
+        const QRect area = owner->geometry();
+        for (int y = area.top() + 30; y < area.bottom() && spot.x() < 0; y += 16)
+            for (int x = area.left() + 10; x < area.right() && spot.x() < 0; x += 16)
+                if (!covered.contains(x, y) && screen.contains(x, y))
+                    spot = QPoint(x, y);
+        QVERIFY2(spot.x() >= 0, "the dialog covers all of its owner");
+
+        const auto above = [&] {
+            const QList<WId> order = stacking();
+            return order.contains(owner->winId()) && order.indexOf(dialog->winId()) > order.indexOf(owner->winId());
+        };
+        QTRY_VERIFY(above());
+        QCOMPARE(QProcess::execute("xdotool", {"mousemove", "--sync", QString::number(spot.x()),
+                                               QString::number(spot.y()), "click", "1"}),
+                 0);
+        // The manager has handled the click once the pointer is there and a
+        // round trip later; it would have raised the owner by then.
+        QTest::qWait(600);
+        QVERIFY2(above(), "the owner came up over its dialog");
+
+        for (QWidget* d : opened)
+            QUILL_PRESS(d->findChild<QPushButton*>("cmdCancel"));
+        QTRY_VERIFY(s_->window->isEnabled());
+    }
+
     // Minimising and the title bar's close hide the window in the notification
     // area; the restore entry and a double-click on the icon bring it back.
     void hideAndRestore_data()
@@ -192,9 +288,9 @@ int main(int argc, char** argv)
         qputenv("QT_QPA_PLATFORM", "xcb");
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
-    TstTray test;
+    TstDesktop test;
     const int rc = QTest::qExec(&test, argc, argv);
-    for (auto* p : {trayHost.get(), xserver.get()}) {
+    for (auto* p : {trayHost.get(), windowManager.get(), xserver.get()}) {
         if (p) {
             p->terminate();
             p->waitForFinished(5000);
@@ -203,4 +299,4 @@ int main(int argc, char** argv)
     return rc;
 }
 
-#include "tst_tray.moc"
+#include "tst_desktop.moc"
