@@ -98,7 +98,9 @@ QTreeView* makeList(const QString& name, QWidget* parent)
     view->setSelectionMode(QAbstractItemView::SingleSelection);
     view->setEditTriggers(QAbstractItemView::NoEditTriggers);
     view->setIconSize(QSize(PictureSize, PictureSize));
-    view->header()->setStretchLastSection(false);
+    // The last column takes what the others leave: no grey strip beside the
+    // header at any width, with or without the scroll bar.
+    view->header()->setStretchLastSection(true);
     view->header()->setSectionsMovable(false);
     return view;
 }

@@ -4,12 +4,14 @@
 // not installed or does not come up.
 #include "foundation/texts.h"
 #include "gui/guitest.h"
+#include "gui/messagebox.h"
 #include "gui/pictures.h"
 #include "gui/trayicon.h"
 
 #include <QAction>
 #include <QFile>
 #include <QMenu>
+#include <QMessageBox>
 #include <QProcess>
 #include <QPushButton>
 #include <QScreen>
@@ -236,6 +238,36 @@ private slots:
         for (QWidget* d : opened)
             QUILL_PRESS(d->findChild<QPushButton*>("cmdCancel"));
         QTRY_VERIFY(s_->window->isEnabled());
+    }
+
+    // A box with a short text is still as wide as its title, which the title
+    // bar shows whole (in the screenshot, with the manager's decoration).
+    void boxShowsItsTitle_data()
+    {
+        QTest::addColumn<QString>("title");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("short text") << GetString(9003) + " - " + GetString(12104) << "OK?";
+        QTest::newRow("one word") << GetString(9003) << "Klar.";
+    }
+    void boxShowsItsTitle()
+    {
+        QFETCH(QString, title);
+        QFETCH(QString, text);
+        quill::Box box;
+        box.title = title;
+        box.text = text;
+        box.icon = quill::BoxIcon::Information;
+        std::unique_ptr<QMessageBox> mb(quill::WidgetMessageSink::build(box));
+        mb->show();
+        QVERIFY(QTest::qWaitForWindowExposed(mb.get()));
+        const QFont titleFont = QApplication::font("QMdiSubWindowTitleBar");
+        const int needed = QFontMetrics(titleFont).horizontalAdvance(title);
+        QVERIFY2(mb->width() >= needed + 60, qPrintable(QStringLiteral("%1 for %2").arg(mb->width()).arg(needed)));
+        QTest::qWait(200);
+        const QRect frame = mb->frameGeometry();
+        QVERIFY(QGuiApplication::primaryScreen()
+                    ->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height())
+                    .save(quill::test::ScreenshotDir() + "/box-" + QTest::currentDataTag() + "-xvfb.png"));
     }
 
     // Minimising and the title bar's close hide the window in the notification

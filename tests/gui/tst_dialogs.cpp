@@ -223,6 +223,7 @@ private slots:
         QCOMPARE(in<QLabel>(d, "Label5")->text(), " Port:");
         QCOMPARE(in<QLabel>(d, "lblDevice")->text(), "COM3:  57600");
         in<QRadioButton>(d, "optConnection_1")->click();
+        QCOMPARE(in<QLabel>(d, "lblDevice")->text(), ""); // nothing typed yet
         in<QLineEdit>(d, "txtNetIP")->setText(" 10.1.2.3 ");
         QCOMPARE(in<QLabel>(d, "lblDevice")->text(), "10.1.2.3#"); // no port yet
         in<QRadioButton>(d, "optConnection_0")->click();
@@ -369,9 +370,13 @@ private slots:
         BoxAnswerer boxes;
         boxes.answer({Btn::Ok});
         QSignalSpy finished(s_->op, &quill::Operator::deviceOperationFinished);
+        d->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(d));
         click(d, qPrintable(button));
         QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 60000);
         QCOMPARE(boxes.texts.size(), reachable ? 0 : 1);
+        // The button pressed has the focus again once it is enabled again.
+        QTRY_COMPARE(QApplication::focusWidget(), in<QWidget>(d, qPrintable(button)));
         if (reachable)
             QVERIFY(inst().ser.log().size() > calls);
         else

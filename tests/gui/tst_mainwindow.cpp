@@ -288,18 +288,20 @@ private slots:
         QVERIFY(startWindow());
         for (const QSize size : {QSize(700, 480), QSize(1400, 900)}) {
             win().resize(size);
-            for (auto* name : {"lvwPrinter", "lvwJob"}) {
+            for (const auto& [name, share] : {std::pair{"lvwPrinter", 0.7}, std::pair{"lvwJob", 0.3}}) {
                 auto* view = find<QTreeView>(name);
+                QTRY_VERIFY(qAbs(view->columnWidth(0) - view->viewport()->width() * share) <= 2);
                 auto covered = [view] {
                     int sum = 0;
                     for (int c = 0; c < view->model()->columnCount(); ++c)
                         sum += view->columnWidth(c);
                     return sum;
                 };
-                QTRY_VERIFY2(covered() >= view->viewport()->width() - 30 && covered() <= view->viewport()->width(),
+                QTRY_VERIFY2(covered() == view->viewport()->width(),
                              qPrintable(QStringLiteral("%1: %2 of %3").arg(name).arg(covered()).arg(view->viewport()->width())));
             }
         }
+        QVERIFY(Screenshot(&win(), "mainwindow-wide"));
     }
 
     // A burst of printer changes reaches the view as at most one repaint now and
