@@ -3,7 +3,14 @@
 
 #include <QSqlQuery>
 
+#include <algorithm>
+
 namespace quill {
+
+namespace {
+// Past this many runs of adjacent ids, one statement with every id is cheaper.
+constexpr size_t MaxRanges = 16;
+} // namespace
 
 DbResult<qint32> JobRepository::nextId()
 {
@@ -29,14 +36,55 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
         return std::nullopt;
     if (ids.size() == 1)
         return Trap([&] { db_.exec(QStringLiteral("DELETE FROM tbJob WHERE Id = ?"), {ids.front()}); });
-    // The ids as one JSON array: one statement and one bound value, however many.
+    std::vector<qint32> sorted = ids;
+    std::sort(sorted.begin(), sorted.end());
+    sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
+    // Runs of adjacent ids (a whole queue, a printer's share of it) go as ranges:
+    // SQLite deletes a range without looking each id up.
+    std::vector<std::pair<qint32, qint32>> runs;
+    for (qint32 id : sorted) {
+        if (!runs.empty() && qint64(runs.back().second) + 1 == id)
+            runs.back().second = id;
+        else
+            runs.emplace_back(id, id);
+    }
+    if (runs.size() == 1) {
+        // The whole table (delete all): without a WHERE, SQLite frees the table's
+        // pages without visiting each row.
+        const auto [from, to] = runs.front();
+        return Trap([&] {
+            bool others = true;
+            db_.run(QStringLiteral("SELECT EXISTS (SELECT 1 FROM tbJob WHERE Id < ? OR Id > ?)"), {from, to},
+                    [&](QSqlQuery& q) { others = !q.next() || q.value(0).toInt() != 0; });
+            if (others)
+                db_.exec(QStringLiteral("DELETE FROM tbJob WHERE Id BETWEEN ? AND ?"), {from, to});
+            else
+                db_.exec(QStringLiteral("DELETE FROM tbJob"));
+        });
+    }
+    if (runs.size() <= MaxRanges) {
+        // All ranges or none, as one statement would be.
+        return Trap([&] {
+            db_.exec(QStringLiteral("SAVEPOINT removeJobs"));
+            try {
+                for (const auto& [from, to] : runs)
+                    db_.exec(QStringLiteral("DELETE FROM tbJob WHERE Id BETWEEN ? AND ?"), {from, to});
+            } catch (...) {
+                Trap([&] { db_.exec(QStringLiteral("ROLLBACK TO removeJobs")); });
+                Trap([&] { db_.exec(QStringLiteral("RELEASE removeJobs")); });
+                throw;
+            }
+            db_.exec(QStringLiteral("RELEASE removeJobs"));
+        });
+    }
+    // Scattered ids as one JSON array: one statement and one bound value, however many.
     QByteArray list;
-    list.reserve(qsizetype(ids.size()) * 7 + 2);
+    list.reserve(qsizetype(sorted.size()) * 7 + 2);
     list += '[';
-    for (size_t i = 0; i < ids.size(); ++i) {
+    for (size_t i = 0; i < sorted.size(); ++i) {
         if (i)
             list += ',';
-        list += QByteArray::number(ids[i]);
+        list += QByteArray::number(sorted[i]);
     }
     list += ']';
     return Trap([&] {

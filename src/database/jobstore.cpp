@@ -327,6 +327,19 @@ void logDeleteFailed(qint64 id, const QString& error)
 Error notOpen() { return Error(91, QStringLiteral("Object variable or With block variable not set")); }
 
 // The queue's form of a job whose fields through the caption are readable.
+// The text as UTF-8 in a buffer of its own size, made in one allocation when it
+// is ASCII (it nearly always is): toUtf8 makes room for three bytes a character,
+// and squeezing that afterwards leaves a hole between the rows the queue keeps.
+QByteArray compactUtf8(const QString& text)
+{
+    const bool ascii = std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.unicode() < 0x80; });
+    if (ascii)
+        return text.toLatin1();
+    QByteArray bytes = text.toUtf8();
+    bytes.squeeze();
+    return bytes;
+}
+
 QueuedJob queued(qint32 id, const PrintJob& job)
 {
     if (!job.readable(PrintJob::ListedFields))
@@ -338,7 +351,7 @@ QueuedJob queued(qint32 id, const PrintJob& job)
     q.copies = job.copies;
     q.checkMode = job.checkMode;
     q.print = job.print;
-    q.text = job.text.toUtf8();
+    q.text = compactUtf8(job.text);
     return q;
 }
 } // namespace

@@ -67,6 +67,10 @@ void Database::open(const QString& path)
         run(QStringLiteral("PRAGMA journal_mode=WAL"), {}, {});
         exec(QStringLiteral("PRAGMA synchronous=FULL"));
         exec(QStringLiteral("PRAGMA foreign_keys=OFF"));
+        // Freed pages are not wiped: wiping writes every page a large delete frees
+        // (delete all of 80,000 jobs: about 5 MB more to sync). The start-up
+        // compaction leaves no free page behind.
+        exec(QStringLiteral("PRAGMA secure_delete=OFF"));
     } catch (...) {
         close();
         throw;

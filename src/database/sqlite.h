@@ -1,6 +1,6 @@
 #pragma once
 // One SQLite connection (QtSql, driver QSQLITE): WAL journal, synchronous=FULL,
-// foreign keys off, statements prepared once per text and kept. The repositories
+// foreign keys off, freed pages not wiped, statements prepared once per text and kept. The repositories
 // (jobrepository.h, repositories.h) are built on it and turn its failures into
 // values; it throws quill::Error carrying SQLite's own number and text.
 //

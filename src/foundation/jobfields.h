@@ -9,9 +9,9 @@
 //   const JobFields job(text);
 //   if (job.printerId() == p && job.operation() == "P") ... job.templateId(), job.checkMode()
 #include <QString>
+#include <QVarLengthArray>
 
 #include <limits>
-#include <vector>
 
 namespace quill {
 
@@ -37,9 +37,12 @@ public:
 
 private:
     static constexpr int NoOverflow = std::numeric_limits<int>::max();
-    QString text_;                  // with one leading and one trailing TAB stripped
+    // Field n's place in text_; false when the text has no such field.
+    bool span(int n, qsizetype* start, qsizetype* end) const;
+    QString text_;                  // as given (shared, not copied)
+    qsizetype begin_ = 0, end_ = 0; // text_ without one leading and one trailing TAB
     bool empty_ = true;             // the text as given
-    std::vector<qsizetype> tabs_;   // positions of the separators in text_
+    QVarLengthArray<qsizetype, 16> tabs_; // positions of the separators in text_
     int overflowFrom_ = NoOverflow; // first field whose read throws
 };
 

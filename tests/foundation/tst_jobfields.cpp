@@ -51,7 +51,7 @@ private slots:
         QVERIFY(job.readable(PrintJob::ListedFields));
     }
 
-    // Every field and the count read as GetToken and CountTokens read them,
+    // Every field, number and the count read as GetToken, NullToLong and CountTokens read them,
     // the 16-bit overflow included: a separator beyond character 32767 throws
     // for the field it ends and every later one, never for those before.
     void sameAsTheFieldReaders_data()
@@ -66,6 +66,7 @@ private slots:
         QTest::newRow("separator at 32767") << QString(32767, 'x') + "\tY\tZ";
         QTest::newRow("field 9 too long") << "BRIXA\t1.00\tP\t1\t5\t1\tWS\t0\t" + QString(40000, 'v') + "\tA\tu\tcap";
         QTest::newRow("long last field") << "BRIXA\t1.00\tP\t" + QString(40000, 'v');
+        QTest::newRow("numbers") << "0\t 5\t+5\t5.6\t007\t123456789\t999999999\t1234567890\t2147483648\t&H1F\t-3\t5 \t٣\t\t1e3";
     }
     void sameAsTheFieldReaders()
     {
@@ -81,6 +82,8 @@ private slots:
         for (int n = 0; n <= 15; ++n) {
             const QVariant expected = outcome([&] { return GetToken(text, TAB, n); });
             QCOMPARE(outcome([&] { return f.field(n); }), expected);
+            QCOMPARE(outcome([&] { return f.number(n, -7); }),
+                     outcome([&] { return NullToLong(GetToken(text, TAB, n), -7); }));
         }
         QCOMPARE(outcome([&] { return f.count(); }), outcome([&] { return CountTokens(text, TAB); }));
     }
