@@ -2,7 +2,7 @@
 BUILD    ?= build
 JOBS     ?= $(shell nproc)
 PACKAGES := cmake ninja-build g++ make pkg-config qt6-base-dev qt6-base-dev-tools \
-            libqt6sql6-sqlite qt6-serialport-dev qt6-qpa-plugins sqlite3 \
+            libqt6sql6-sqlite libsqlite3-dev qt6-serialport-dev qt6-qpa-plugins sqlite3 \
             clang libclang-rt-14-dev python3 fonts-dejavu-core \
             libsystemd-dev dpkg-dev systemd lintian bash-completion \
             qt6-svg-dev xvfb xauth trayer openbox xdotool x11-utils

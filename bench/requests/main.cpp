@@ -1,15 +1,18 @@
 // How fast print requests become durable jobs, against what the disk allows.
 //
-//  1. Bare commit rate: insert-and-commit into a tbJob-like table in a temp file,
-//     opened the way the server opens brixa.mdb (WAL, synchronous=FULL).
+//  1. The floor: one-row INSERT and COMMIT after another into a tbJob-like table
+//     in a temp file on the same disk, WAL journal and synchronous=FULL as the
+//     server opens brixa.mdb, written with SQLite's own C interface (nothing of
+//     Qt or of the server in between).
 //  2. The real headless server on a temp installation: accepted print requests
 //     per second and latency with 1 and with 32 connections, every client
 //     waiting for each reply before it sends the next request.
 //     1 and 2 take turns in short slices (the disk's speed drifts with whatever
 //     else runs); the goals are judged on the median over three rounds of each
-//     round's request rate / commit rate.
-//  3. Start-up time with 100,000 queued jobs: process start to the port
-//     accepting and to the "succesfully started" log line.
+//     round's request rate / floor rate: 1 connection at least 0.9 of the
+//     floor, 32 connections at least 12 times it.
+//
+// Start-up time and memory with a long queue are bench-queue's.
 //
 // Also printed, to tell where the time of a request goes: the server's job store
 // path run in this process (begin, SrvAddJob, commit per job), the round trip
@@ -48,6 +51,7 @@
 #include <vector>
 
 #include <sched.h>
+#include <sqlite3.h>
 
 using namespace quill;
 
@@ -102,36 +106,58 @@ private:
 
 const QString JobTable = QStringLiteral("CREATE TABLE tbJob (Id INTEGER PRIMARY KEY, PrinterId INTEGER, Job TEXT)");
 
-// Insert-and-commit into a tbJob-like table; the connection is opened the way
-// the server opens brixa.mdb.
+// The floor: insert-and-commit into a tbJob-like table with SQLite's C interface,
+// journal and synchronous mode as the server sets them.
 class BareCommits : public CommitLoop {
 public:
     explicit BareCommits(const QString& path)
     {
-        db_.open(path);
-        db_.run(QStringLiteral("PRAGMA journal_mode"), {}, [&](QSqlQuery& q) { journal = q.next() ? q.value(0).toString() : QString(); });
-        db_.run(QStringLiteral("PRAGMA synchronous"), {}, [&](QSqlQuery& q) { sync = q.next() ? q.value(0).toString() : QString(); });
-        db_.exec(JobTable);
-        q_ = QSqlQuery(db_.connection());
-        q_.prepare(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)"));
+        if (sqlite3_open(path.toLocal8Bit().constData(), &db_) != SQLITE_OK) {
+            std::fprintf(stderr, "floor: cannot open %s\n", qPrintable(path));
+            return;
+        }
+        journal = pragma("PRAGMA journal_mode=WAL");
+        sqlite3_exec(db_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
+        sync = pragma("PRAGMA synchronous");
+        sqlite3_exec(db_, JobTable.toLatin1().constData(), nullptr, nullptr, nullptr);
+        sqlite3_prepare_v2(db_, "INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)", -1, &insert_, nullptr);
     }
-    ~BareCommits() override { q_.finish(); }
+    ~BareCommits() override
+    {
+        sqlite3_finalize(insert_);
+        sqlite3_close(db_);
+    }
     QString journal, sync;
 
 protected:
     bool commitOne(qint64 n) override
     {
-        q_.addBindValue(n);
-        q_.addBindValue(QString::fromLatin1(printRequest(0, n)));
-        if (q_.exec()) // autocommit: every insert is its own durable commit
+        if (!insert_)
+            return false;
+        const QByteArray text = printRequest(0, n);
+        sqlite3_bind_int64(insert_, 1, n);
+        sqlite3_bind_text(insert_, 2, text.constData(), int(text.size()), SQLITE_TRANSIENT);
+        // Autocommit: every insert is its own durable commit.
+        const int rc = sqlite3_step(insert_);
+        sqlite3_reset(insert_);
+        if (rc == SQLITE_DONE)
             return true;
-        std::fprintf(stderr, "insert failed\n");
+        std::fprintf(stderr, "floor: insert failed: %s\n", sqlite3_errmsg(db_));
         return false;
     }
 
 private:
-    Database db_;
-    QSqlQuery q_;
+    QString pragma(const char* sql)
+    {
+        sqlite3_stmt* st = nullptr;
+        QString value;
+        if (sqlite3_prepare_v2(db_, sql, -1, &st, nullptr) == SQLITE_OK && sqlite3_step(st) == SQLITE_ROW)
+            value = QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(st, 0)));
+        sqlite3_finalize(st);
+        return value;
+    }
+    sqlite3* db_ = nullptr;
+    sqlite3_stmt* insert_ = nullptr;
 };
 
 // The server's own store path without the network: one job per batch, as a
@@ -172,7 +198,7 @@ bool runInit(const QString& home)
     return p.waitForFinished(60000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
 }
 
-bool sqlOn(const QString& mdb, const QStringList& statements, int fillJobs = 0)
+bool sqlOn(const QString& mdb, const QStringList& statements)
 {
     try {
         Database db;
@@ -180,17 +206,6 @@ bool sqlOn(const QString& mdb, const QStringList& statements, int fillJobs = 0)
         db.begin();
         for (const QString& s : statements)
             db.exec(s);
-        if (fillJobs > 0) {
-            QSqlQuery q(db.connection());
-            q.prepare(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, ?)"));
-            for (int i = 1; i <= fillJobs; ++i) {
-                q.addBindValue(i);
-                q.addBindValue(QString::fromLatin1(printRequest(i % 32, i)));
-                if (!q.exec())
-                    return false;
-            }
-            q.finish();
-        }
         db.commit();
         db.exec(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
         return true;
@@ -411,7 +426,7 @@ std::vector<OneCpu> onEachCpu(qint64 serverPid, const QTemporaryDir& tmp, quint1
             one1.add(load(port, 1, sliceMs));
         }
         const OneCpu c{cpu, bare.takeRate(), one1.rate()};
-        std::printf("all on CPU %d: bare commit loop %.0f commits/s, 1 connection %.0f req/s, share %.2f\n", cpu,
+        std::printf("all on CPU %d: floor %.0f commits/s, 1 connection %.0f req/s, share %.2f\n", cpu,
                     c.commitRate, c.oneRate, c.oneRate / c.commitRate);
         result.push_back(c);
     }
@@ -525,13 +540,13 @@ int main(int argc, char** argv)
             }
             const double commitRate = bare.takeRate();
             const double storeRate = storePath.takeRate();
-            std::printf("round %d: bare commit loop %.0f commits/s, job store in this process %.0f jobs/s\n", r,
+            std::printf("round %d: floor %.0f commits/s, job store in this process %.0f jobs/s\n", r,
                         commitRate, storeRate);
             std::printf("  %-15s %7.0f req/s  p50 %6.2f ms  (round trip of a reply that stores nothing)\n",
                         "1 conn., 9003", echo.rate(), percentile(echo.latencies, 0.5));
             show("1 connection", one);
             show("32 connections", many);
-            std::printf("  share of this round's commit rate: 1 connection %.2f, 32 connections %.2f\n",
+            std::printf("  share of this round's floor: 1 connection %.2f, 32 connections %.2f\n",
                         one.rate() / commitRate, many.rate() / commitRate);
             commitRates.push_back(commitRate);
             storeRates.push_back(storeRate);
@@ -549,27 +564,6 @@ int main(int argc, char** argv)
         std::printf("server with the jobs of the load stopped (SIGTERM) in %lld ms\n", server.stop());
     }
 
-    // Start-up with 100,000 queued jobs.
-    const int queued = 100000;
-    if (!sqlOn(mdb, {QStringLiteral("DELETE FROM tbJob")}, queued))
-        return 1;
-    std::vector<qint64> portTimes, lineTimes;
-    for (int run = 0; run < 3; ++run) {
-        ServerProcess server(inst);
-        qint64 lineMs = -1;
-        const qint64 portMs = server.start(&lineMs);
-        server.stop();
-        if (portMs < 0 || lineMs < 0) {
-            std::fprintf(stderr, "server with %d jobs did not start\n", queued);
-            return 1;
-        }
-        portTimes.push_back(portMs);
-        lineTimes.push_back(lineMs);
-        std::printf("start-up with %d jobs, run %d: port accepts after %lld ms, start-up line after %lld ms\n", queued,
-                    run + 1, portMs, lineMs);
-    }
-    const qint64 worstStart = std::max(*std::max_element(portTimes.begin(), portTimes.end()),
-                                       *std::max_element(lineTimes.begin(), lineTimes.end()));
     emulator.terminate();
     emulator.waitForFinished(5000);
 
@@ -578,24 +572,22 @@ int main(int argc, char** argv)
         return v[v.size() / 2];
     };
     std::printf("\nmedians of %d rounds\n%-44s %10s %16s %8s\n", rounds, "figure", "measured", "goal", "");
-    std::printf("%-44s %10.0f %16s %8s\n", qPrintable(QStringLiteral("bare commits/s (journal %1, synchronous %2)")
+    std::printf("%-44s %10.0f %16s %8s\n", qPrintable(QStringLiteral("floor commits/s (journal %1, synchronous %2)")
                                                           .arg(journal, sync)),
                 median(commitRates), "-", "");
     std::printf("%-44s %10.0f %16s %8s\n", "job store path in-process (1 job/commit)/s", median(storeRates), "-", "");
     std::printf("%-44s %10.0f %16s %8s\n", "replies/s storing nothing (9003), 1 conn.", median(echoRates), "-", "");
     std::printf("%-44s %10.0f %16s %8s\n", "requests/s, 1 connection", median(oneRates), "-", "");
-    std::printf("%-44s %10.3f %16s %8s\n", "  as a share of the commit rate", median(oneRatios), ">= 0.50",
-                met(median(oneRatios) >= 0.5));
+    std::printf("%-44s %10.3f %16s %8s\n", "  as a share of the floor", median(oneRatios), ">= 0.90",
+                met(median(oneRatios) >= 0.9));
     for (const OneCpu& c : oneCpu)
         std::printf("%-44s %10.2f %16s\n",
                     qPrintable(QStringLiteral("  all on CPU %1 (%2 commits/s there)").arg(c.cpu).arg(c.commitRate, 0, 'f', 0)),
                     c.oneRate / c.commitRate, "-");
     std::printf("%-44s %10.2f %16s\n%-44s %10.2f %16s\n", "  p50 ms", median(oneP50), "-", "  p99 ms", median(oneP99), "-");
     std::printf("%-44s %10.0f %16s %8s\n", "requests/s, 32 connections", median(manyRates), "-", "");
-    std::printf("%-44s %10.2f %16s %8s\n", "  as a share of the commit rate", median(manyRatios), "> 1.00",
-                met(median(manyRatios) > 1.0));
+    std::printf("%-44s %10.2f %16s %8s\n", "  as a multiple of the floor", median(manyRatios), ">= 12",
+                met(median(manyRatios) >= 12.0));
     std::printf("%-44s %10.2f %16s\n%-44s %10.2f %16s\n", "  p50 ms", median(manyP50), "-", "  p99 ms", median(manyP99), "-");
-    std::printf("%-44s %10lld %16s %8s\n", "start-up ms with 100,000 jobs (worst of 3)", worstStart, "< 3000",
-                met(worstStart < 3000));
     return 0;
 }
