@@ -242,7 +242,9 @@ public:
         const QString logFile = inst_.home + QLatin1Char('/') + WeeklyLogName(QStringLiteral("Quillbase"), QDate::currentDate());
         const qsizetype logBefore = QFile(logFile).size();
         const int startedBefore = countStarted(logFile);
-        p_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        // Its log lines (a line per printed job) on the terminal would only bury the figures.
+        p_.setStandardOutputFile(QProcess::nullDevice());
+        p_.setStandardErrorFile(QProcess::nullDevice());
         QElapsedTimer t;
         t.start();
         p_.start(Bin + QStringLiteral("/quillbase"), {QStringLiteral("--headless"), QStringLiteral("--home"), inst_.home});
