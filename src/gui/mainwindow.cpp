@@ -336,6 +336,7 @@ void MainWindow::present()
     PrinterListModel& printers = server_.printService().printerList();
     printerPresenter_->setSourceModel(&printers);
     lvwPrinter_->setModel(printerPresenter_);
+    (new RepaintPacer(lvwJob_, 100))->watch(&server_.jobs().jobList());
     lvwJob_->setModel(&server_.jobs().jobList());
     if (printers.rowCount() > 0)
         lvwPrinter_->setCurrentIndex(printerPresenter_->index(0, 0));

@@ -1,5 +1,7 @@
 #pragma once
+#include <QAbstractItemView>
 #include <QElapsedTimer>
+#include <QEvent>
 #include <QObject>
 #include <QTimer>
 
@@ -42,6 +44,54 @@ private:
     std::function<void()> run_;
     QElapsedTimer last_;
     QTimer timer_;
+};
+
+// A list under a stream of changes (jobs coming in, jobs printed away) is
+// repainted at most once per period: a change within the period after the
+// last repaint holds the viewport's painting (it keeps what it shows) until
+// the period is up, then the list is repainted once. A change in a quiet list
+// shows at once. Watch the model before the view is given it, so the hold
+// comes before the view reacts.
+class RepaintPacer : public QObject {
+public:
+    RepaintPacer(QAbstractItemView* view, int periodMs) : QObject(view), view_(view), periodMs_(periodMs)
+    {
+        release_.setSingleShot(true);
+        connect(&release_, &QTimer::timeout, this, [this] { view_->viewport()->setUpdatesEnabled(true); });
+        view->viewport()->installEventFilter(this);
+    }
+
+    void watch(QAbstractItemModel* model)
+    {
+        const auto hold = [this] { changing(); };
+        connect(model, &QAbstractItemModel::rowsAboutToBeInserted, this, hold);
+        connect(model, &QAbstractItemModel::rowsAboutToBeRemoved, this, hold);
+        connect(model, &QAbstractItemModel::dataChanged, this, hold);
+        connect(model, &QAbstractItemModel::layoutAboutToBeChanged, this, hold);
+        connect(model, &QAbstractItemModel::modelAboutToBeReset, this, hold);
+    }
+
+protected:
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        if (event->type() == QEvent::Paint)
+            painted_.start();
+        return false;
+    }
+
+private:
+    void changing()
+    {
+        if (release_.isActive() || !painted_.isValid() || painted_.elapsed() >= periodMs_)
+            return;
+        view_->viewport()->setUpdatesEnabled(false);
+        release_.start(int(periodMs_ - painted_.elapsed()));
+    }
+
+    QAbstractItemView* view_;
+    int periodMs_;
+    QElapsedTimer painted_;
+    QTimer release_;
 };
 
 } // namespace quill

@@ -13,6 +13,7 @@
 
 #include <QAction>
 #include <QDialog>
+#include <QElapsedTimer>
 #include <QHeaderView>
 #include <QLabel>
 #include <QMenu>
@@ -325,6 +326,47 @@ private slots:
         const auto last = told.last();
         const int row = printerList().rowOf(id);
         QVERIFY(last.at(0).toModelIndex().row() <= row && last.at(1).toModelIndex().row() >= row);
+    }
+
+    // The job list under a stream of changes repaints at most about ten times a
+    // second, and shows the last state once the stream stops.
+    void jobListRepaintsPaced()
+    {
+        queueJobs({"A", "B", "C"});
+        QVERIFY(startWindow());
+        QVERIFY(QTest::qWaitForWindowExposed(&win()));
+        QWidget* viewport = find<QTreeView>("lvwJob")->viewport();
+        QElapsedTimer clock;
+        clock.start();
+        struct PaintCounter : QObject {
+            explicit PaintCounter(const QElapsedTimer& c) : clock(c) {}
+            const QElapsedTimer& clock;
+            int paints = 0;
+            qint64 lastPaint = -1;
+            bool eventFilter(QObject*, QEvent* e) override
+            {
+                if (e->type() == QEvent::Paint) {
+                    ++paints;
+                    lastPaint = clock.elapsed();
+                }
+                return false;
+            }
+        } counter(clock);
+        viewport->installEventFilter(&counter);
+        QAbstractItemModel& jobs = s_->server->jobs().jobList();
+        QTest::qWait(200);
+        counter.paints = 0;
+        const qint64 start = clock.elapsed();
+        qint64 lastChange = 0;
+        for (int i = 0; i < 60; ++i) {
+            lastChange = clock.elapsed();
+            emit jobs.dataChanged(jobs.index(0, 0), jobs.index(0, jobs.columnCount() - 1));
+            QTest::qWait(5);
+        }
+        const qint64 ms = clock.elapsed() - start;
+        QVERIFY2(counter.paints >= 1 && counter.paints <= ms / 100 + 2,
+                 qPrintable(QStringLiteral("%1 repaints in %2 ms").arg(counter.paints).arg(ms)));
+        QTRY_VERIFY(viewport->updatesEnabled() && counter.lastPaint >= lastChange);
     }
 
     // Editing asks the core; a printer that prints or is being checked stays as
