@@ -838,6 +838,11 @@ private slots:
         for (auto st : {quill::TrafficIndicator::NoTraffic, quill::TrafficIndicator::OtherTraffic,
                         quill::TrafficIndicator::ReceivingJob})
             icons << quill::TrafficPicture(st);
+        // Made once: the lists ask on every paint and get the same icon (its
+        // rendered pixmaps cached with it) each time.
+        QCOMPARE(quill::StatusPicture(quill::StatusWord(1)).cacheKey(), icons[1].cacheKey());
+        QCOMPARE(quill::PrinterTypePicture("PType3").cacheKey(), icons[6 + 2].cacheKey());
+        QCOMPARE(quill::TrafficPicture(quill::TrafficIndicator::ReceivingJob).cacheKey(), icons.last().cacheKey());
         QImage sheet(icons.size() * 52 + 8, 60, QImage::Format_ARGB32);
         sheet.fill(Qt::white);
         QPainter p(&sheet);
