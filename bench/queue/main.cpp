@@ -27,6 +27,7 @@
 #include "database/sqlite.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
+#include "protocol/senderfilter.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -101,7 +102,8 @@ bool fill(Database& db, int jobs)
 // The match the request handler builds for workstation "*" and user "A".
 bool userA(const QueuedJob& r)
 {
-    return r.user().trimmed().toUpper() == QLatin1String("A");
+    static const SenderFilter filter(QStringLiteral("*"), QStringLiteral("A"));
+    return filter.matches(r);
 }
 
 int tableRows(const QString& mdb)

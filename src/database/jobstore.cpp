@@ -27,8 +27,14 @@ PrintJob QueuedJob::toPrintJob() const
 
 QString QueuedJob::field(int n) const
 {
+    const QByteArrayView bytes = fieldBytes(n);
+    return QString::fromUtf8(bytes.data(), bytes.size());
+}
+
+QByteArrayView QueuedJob::fieldBytes(int n) const
+{
     // As JobFields: one TAB stripped at each end, fields numbered from 1. TAB
-    // is one byte in UTF-8, so the field is found in the bytes and only it decoded.
+    // is one byte in UTF-8, so the field is found in the bytes.
     if (n < 1 || text.isEmpty())
         return {};
     qsizetype from = text.startsWith('\t') ? 1 : 0;
@@ -44,7 +50,7 @@ QString QueuedJob::field(int n) const
     qsizetype end = text.indexOf('\t', from);
     if (end < 0 || end > to)
         end = to;
-    return QString::fromUtf8(text.constData() + from, end - from);
+    return QByteArrayView(text.constData() + from, end - from);
 }
 
 // ---------------------------------------------------------------- JobListModel

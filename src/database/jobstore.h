@@ -57,6 +57,8 @@ struct QueuedJob {
     // Fields of the text, as JobFields reads them (a queued job's fields
     // through the caption are always readable).
     QString field(int n) const;
+    // The same field's UTF-8 bytes in the text (valid while the job is).
+    QByteArrayView fieldBytes(int n) const;
     QString workstation() const { return field(7).trimmed(); }
     QString user() const { return field(11); }
     // "workstation|user", what configure sub-operation 3 matches.

@@ -6,6 +6,7 @@
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
 #include "protocol/listener.h"
+#include "protocol/senderfilter.h"
 #include "protocol/traffic.h"
 #include "database/slots.h"
 #include "foundation/texts.h"
@@ -176,26 +177,8 @@ QString RequestHandler::configureRequest(const JobFields& request)
         if (w.isEmpty() || u.isEmpty())
             return reply(0);
         // Jobs stored before it are withdrawn too; it answers once its commit is over.
-        const bool anyW = w == QLatin1String("*");
-        const bool anyU = u == QLatin1String("*");
-        svc_.deleteJobsWhere([&](const QueuedJob& job) {
-            if (anyW && anyU)
-                return true;
-            // The sender tag "workstation|user" split at "|" as the field reader
-            // splits it; without a "|" of their own the two parts are the fields.
-            const QString ws = job.workstation();
-            const QString user = job.user();
-            QString rowW, rowU;
-            if (!ws.isEmpty() && !ws.contains(QLatin1Char('|')) && !user.contains(QLatin1Char('|'))) {
-                rowW = ws;
-                rowU = user;
-            } else {
-                const QString tag = ws + QLatin1Char('|') + user;
-                rowW = GetToken(tag, QStringLiteral("|"), 1);
-                rowU = GetToken(tag, QStringLiteral("|"), 2);
-            }
-            return (anyW || w == rowW.trimmed().toUpper()) && (anyU || u == rowU.trimmed().toUpper());
-        });
+        const SenderFilter sender(w, u);
+        svc_.deleteJobsWhere([&](const QueuedJob& job) { return sender.matches(job); });
         return reply(0);
     }
     default:
