@@ -217,7 +217,7 @@ void TestRequests::configure()
              templates);
     JobListModel& list = server->jobs().jobList();
     QList<int> ids;
-    for (int r = 0; r < list.rowCount(); ++r)
+    for (int r = 0; r < list.count(); ++r)
         ids << list.rowAt(r).id;
     QCOMPARE(ids, left);
     QCOMPARE(jobCount(), left.size());
