@@ -7,7 +7,7 @@ namespace quill {
 namespace {
 // The field readers' 16-bit search positions (see GetToken).
 constexpr qsizetype MaxPosition = 32767;
-constexpr size_t MaxSeparators = 32766;
+constexpr qsizetype MaxSeparators = 32766;
 
 Error overflow() { return Error(ErrOverflow, QStringLiteral("Overflow")); }
 } // namespace
