@@ -6,6 +6,7 @@
 #include <QNetworkInterface>
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,22 +15,18 @@ namespace quill {
 
 Listener::Listener(QObject* parent) : QObject(parent)
 {
-    // Accept everything ourselves; the connection table decides who stays.
-    server_.setMaxPendingConnections(1024);
-    connect(&server_, &QTcpServer::newConnection, this, &Listener::onNewConnection);
-    // A failed accept (no descriptor left) makes Qt stop accepting for good;
-    // clients wait in the backlog and are taken once descriptors are free. The
-    // control socket's reserve is held again first, should it have been used.
+    // Qt's own accept loop keeps the first error its socket engine ever saw,
+    // and that is "try again" after any burst; out of descriptors it would
+    // then retry without end at full CPU. So QTcpServer only binds and the
+    // accepting is ours. With no descriptor left, clients wait in the backlog
+    // and are taken once some are free; the control socket's reserve is held
+    // again first, should it have been used.
     resumeAccepting_.setSingleShot(true);
     resumeAccepting_.setInterval(250);
-    connect(&server_, &QTcpServer::acceptError, this, [this](QAbstractSocket::SocketError error) {
-        if (error == QAbstractSocket::SocketResourceError)
-            NoteOutOfDescriptors(QStringLiteral("the listener"), server_.errorString());
-        resumeAccepting_.start();
-    });
     connect(&resumeAccepting_, &QTimer::timeout, this, [this] {
         ReserveDescriptor();
-        server_.resumeAccepting();
+        if (acceptNotifier_)
+            acceptNotifier_->setEnabled(true);
     });
 }
 
@@ -53,6 +50,7 @@ void sendNow(int fd, const QByteArray& bytes)
 
 Listener::~Listener()
 {
+    acceptNotifier_.reset();
     for (auto& e : entries_) {
         if (e.socket)
             e.socket->abort();
@@ -64,7 +62,7 @@ Listener::~Listener()
 
 bool Listener::MainInitTCP(qint32 port)
 {
-    server_.close();
+    close();
     const bool valid = port >= 0 && port <= 65535 && !bindAddress_.isNull();
     if (!valid || !server_.listen(bindAddress_, quint16(port))) {
         const QString err = bindAddress_.isNull()      ? QStringLiteral("Invalid bind address")
@@ -74,6 +72,9 @@ bool Listener::MainInitTCP(qint32 port)
         LogWrite(QStringLiteral("MainInitTCP failed. Error: %1 %2").arg(int(server_.serverError())).arg(err));
         return false;
     }
+    server_.pauseAccepting();
+    acceptNotifier_ = std::make_unique<QSocketNotifier>(server_.socketDescriptor(), QSocketNotifier::Read);
+    connect(acceptNotifier_.get(), &QSocketNotifier::activated, this, &Listener::onNewConnection);
     error_.clear();
     return true;
 }
@@ -93,7 +94,12 @@ QStringList Listener::setAllowedClients(const QString& list)
     return invalid;
 }
 
-void Listener::close() { server_.close(); }
+void Listener::close()
+{
+    acceptNotifier_.reset();
+    resumeAccepting_.stop();
+    server_.close();
+}
 
 int Listener::FindFreeConnection() const
 {
@@ -124,7 +130,22 @@ int Listener::connectionCount() const
 
 void Listener::onNewConnection()
 {
-    while (QTcpSocket* s = server_.nextPendingConnection()) {
+    for (;;) {
+        const int fd = ::accept4(int(server_.socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                NoteOutOfDescriptors(QStringLiteral("the listener"), QString::fromLocal8Bit(::strerror(errno)));
+                acceptNotifier_->setEnabled(false);
+                resumeAccepting_.start();
+            }
+            return; // none waiting, or a client that left before it was taken
+        }
+        auto* s = new QTcpSocket(this);
+        if (!s->setSocketDescriptor(fd)) {
+            ::close(fd);
+            delete s;
+            continue;
+        }
         NoteDescriptorsAgain();
         if (!filter_.allows(s->peerAddress())) {
             if (filter_.shouldLogRefusal(s->peerAddress()))

@@ -4,11 +4,13 @@
 #include <QByteArray>
 #include <QObject>
 #include <QPointer>
+#include <QSocketNotifier>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
 #include <array>
 #include <functional>
+#include <memory>
 #include <unordered_map>
 
 namespace quill {
@@ -93,6 +95,7 @@ private:
 
     // Out of descriptors Qt stops accepting; this takes it up again.
     QTimer resumeAccepting_;
+    std::unique_ptr<QSocketNotifier> acceptNotifier_;
     bool holdClosed_ = false;
     std::unordered_map<quint64, int> lingering_; // serial -> fd
     QTcpServer server_;
