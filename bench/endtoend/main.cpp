@@ -48,6 +48,7 @@ constexpr int Printers = 5;
 using bench::Bin;
 using bench::die;
 using bench::Failure;
+using bench::cpuMs;
 
 qint64 nowNs()
 {
@@ -57,17 +58,6 @@ qint64 nowNs()
 }
 
 
-// utime + stime of a process, in ms.
-double cpuMs(qint64 pid)
-{
-    QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray s = f.readAll();
-    const QList<QByteArray> w = s.mid(s.lastIndexOf(')') + 2).split(' ');
-    // Fields 14 and 15 of the line; w starts at field 3.
-    return double(w.value(11).toLongLong() + w.value(12).toLongLong()) * 1000.0 / double(sysconf(_SC_CLK_TCK));
-}
 
 using bench::Stats;
 using bench::stats;

@@ -5,6 +5,7 @@
 // headless server on a free loopback port. Every wait is bounded; failures
 // throw Failure, so the destructor still stops the child processes.
 #include <QElapsedTimer>
+#include <QFile>
 #include <QHostAddress>
 #include <QProcess>
 #include <QSettings>
@@ -20,7 +21,20 @@
 #include <memory>
 #include <vector>
 
+#include <unistd.h>
+
 namespace bench {
+
+// utime + stime of a process, in ms (fields 14 and 15 of its stat line).
+inline double cpuMs(qint64 pid)
+{
+    QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!f.open(QIODevice::ReadOnly))
+        return -1;
+    const QByteArray s = f.readAll();
+    const QList<QByteArray> w = s.mid(s.lastIndexOf(')') + 2).split(' ');
+    return double(w.value(11).toLongLong() + w.value(12).toLongLong()) * 1000.0 / double(sysconf(_SC_CLK_TCK));
+}
 
 // QUILL_BENCH_BIN points a bench at another build's programs, to compare.
 inline const QString Bin = qEnvironmentVariable("QUILL_BENCH_BIN", QStringLiteral(QUILL_BIN_DIR));

@@ -29,19 +29,10 @@ namespace {
 
 using bench::die;
 using bench::Failure;
+using bench::cpuMs;
 
 constexpr int Printers = 2;
 
-// utime + stime of a process, in ms.
-double cpuMs(qint64 pid)
-{
-    QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray s = f.readAll();
-    const QList<QByteArray> w = s.mid(s.lastIndexOf(')') + 2).split(' ');
-    return double(w.value(11).toLongLong() + w.value(12).toLongLong()) * 1000.0 / double(sysconf(_SC_CLK_TCK));
-}
 
 // A server's clients: `connections` sockets, each sending its next request
 // when the previous reply is complete.

@@ -1,4 +1,5 @@
 #include "database/salvage.h"
+#include "database/sqlite.h"
 
 #include <QFile>
 #include <QHash>
@@ -18,22 +19,7 @@ namespace quill {
 
 namespace {
 
-constexpr int LockWaitMs = 2000;
 constexpr qint64 KeyMax = std::numeric_limits<qint64>::max();
-
-Error sqliteError(const QSqlError& e)
-{
-    bool ok = false;
-    int n = e.nativeErrorCode().toInt(&ok);
-    if (!ok || n == 0)
-        n = 1;
-    QString text = e.databaseText();
-    if (text.isEmpty())
-        text = e.driverText();
-    if (text.isEmpty())
-        text = QStringLiteral("unknown database error");
-    return Error(n, text);
-}
 
 QString quoteIdent(const QString& name)
 {
@@ -470,7 +456,7 @@ QList<SchemaItem> backupSchema(const QString& backup)
     QSqlQuery q(c.db());
     if (!q.exec(QStringLiteral("SELECT type, name, sql FROM sqlite_master WHERE sql IS NOT NULL "
                                "AND name NOT LIKE 'sqlite_%' ORDER BY rowid")))
-        throw sqliteError(q.lastError());
+        throw SqlError(q.lastError());
     while (q.next())
         items << SchemaItem{q.value(0).toString(), q.value(1).toString(), q.value(2).toString(), 0};
     return items;
@@ -480,7 +466,7 @@ void describeColumns(FileConnection& to, Table& t)
 {
     QSqlQuery q(to.db());
     if (!q.exec(QStringLiteral("PRAGMA table_info(") + quoteIdent(t.name) + QLatin1Char(')')))
-        throw sqliteError(q.lastError());
+        throw SqlError(q.lastError());
     int pkColumns = 0, pk = -1;
     while (q.next()) {
         Column c;
@@ -525,13 +511,13 @@ qint64 insertRows(FileConnection& to, const Table& t, const QList<Cell>& rows)
         }
         QSqlQuery ins(to.db());
         if (!ins.prepare(sql))
-            throw sqliteError(ins.lastError());
+            throw SqlError(ins.lastError());
         if (t.rowidColumn < 0)
             ins.addBindValue(qlonglong(c.rowid));
         for (qsizetype i = 0; i < c.values.size(); ++i)
             ins.addBindValue(i == t.rowidColumn ? QVariant(qlonglong(c.rowid)) : c.values[i]);
         if (!ins.exec())
-            throw sqliteError(ins.lastError());
+            throw SqlError(ins.lastError());
         inserted += ins.numRowsAffected() > 0 ? 1 : 0;
     }
     return inserted;
@@ -566,7 +552,7 @@ qint64 restoreFrom(FileConnection& to, Table& t, const QString& backup)
     QSqlQuery q(from.db());
     q.setForwardOnly(true);
     if (!q.exec(QStringLiteral("SELECT rowid, * FROM ") + quoteIdent(t.name)))
-        throw sqliteError(q.lastError());
+        throw SqlError(q.lastError());
     QList<Cell> rows;
     while (q.next()) {
         Cell c;
@@ -593,7 +579,7 @@ FileConnection::FileConnection(const QString& path)
     db_.setDatabaseName(path);
     db_.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(LockWaitMs));
     if (!db_.open()) {
-        const Error e = sqliteError(db_.lastError());
+        const Error e = SqlError(db_.lastError());
         release();
         throw e;
     }
@@ -613,7 +599,7 @@ void FileConnection::exec(const QString& sql)
 {
     QSqlQuery q(db_);
     if (!q.exec(sql))
-        throw sqliteError(q.lastError());
+        throw SqlError(q.lastError());
 }
 
 QStringList FileConnection::rows(const QString& sql)
@@ -621,7 +607,7 @@ QStringList FileConnection::rows(const QString& sql)
     QSqlQuery q(db_);
     q.setForwardOnly(true);
     if (!q.exec(sql))
-        throw sqliteError(q.lastError());
+        throw SqlError(q.lastError());
     QStringList out;
     while (q.next()) {
         QStringList cols;
