@@ -51,7 +51,9 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
     if (runs.size() == 1) {
         // The whole table (delete all): without a WHERE, SQLite frees the table's
         // pages without visiting each row.
-        const auto [from, to] = runs.front();
+        // Plain copies: lambdas cannot capture structured bindings on every compiler we build with.
+        const auto from = runs.front().first;
+        const auto to = runs.front().second;
         return Trap([&] {
             bool others = true;
             db_.run(QStringLiteral("SELECT EXISTS (SELECT 1 FROM tbJob WHERE Id < ? OR Id > ?)"), {from, to},
