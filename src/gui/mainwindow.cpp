@@ -105,6 +105,20 @@ QTreeView* makeList(const QString& name, QWidget* parent)
     return view;
 }
 
+// Fits the columns to a list's new width, each keeping its share of the old
+// one: the start-up shares, or the operator's once a divider was dragged.
+// The last column stretches over what the others leave.
+void scaleColumns(QTreeView* view, int& fittedWidth)
+{
+    const int now = view->viewport()->width();
+    if (fittedWidth > 0 && now > 0 && now != fittedWidth && view->model()) {
+        const double factor = double(now) / fittedWidth;
+        for (int c = 0; c + 1 < view->model()->columnCount(); ++c)
+            view->setColumnWidth(c, qMax(view->header()->minimumSectionSize(), qRound(view->columnWidth(c) * factor)));
+    }
+    fittedWidth = now;
+}
+
 QWidget* makePanel(const QString& name, QLabel** picture, QLabel** text, QWidget* parent)
 {
     auto* panel = new QWidget(parent);
@@ -398,6 +412,8 @@ void MainWindow::applyColumnWidths()
     lvwJob_->setColumnWidth(1, qRound(wj * 1.0f / 10));
     lvwJob_->setColumnWidth(2, qRound(wj * 3.0f / 10));
     lvwJob_->setColumnWidth(3, qMax(40, qRound(wj * 3.0f / 10) - 21));
+    printerListWidth_ = wp;
+    jobListWidth_ = wj;
 }
 
 // --- what the core tells ----------------------------------------------------
@@ -662,7 +678,10 @@ void MainWindow::resizeEvent(QResizeEvent* event)
     QMainWindow::resizeEvent(event);
     // Maximised or resized, the columns keep their share of the lists' width.
     if (columnsSet_)
-        QTimer::singleShot(0, this, [this] { applyColumnWidths(); });
+        QTimer::singleShot(0, this, [this] {
+            scaleColumns(lvwPrinter_, printerListWidth_);
+            scaleColumns(lvwJob_, jobListWidth_);
+        });
 }
 
 bool MainWindow::eventFilter(QObject* watched, QEvent* event)

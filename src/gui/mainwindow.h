@@ -103,6 +103,8 @@ private:
     std::function<void()> pendingPrinterCommand_; // given during the server's own device work
     bool closing_ = false;
     bool columnsSet_ = false;
+    int printerListWidth_ = 0; // the lists' widths their columns were last fitted to
+    int jobListWidth_ = 0;
     int busyDepth_ = 0;
     bool loggedNoTray_ = false;
     TrafficIndicator::State shownTraffic_ = TrafficIndicator::NoTraffic;

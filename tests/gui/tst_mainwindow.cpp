@@ -303,6 +303,22 @@ private slots:
             }
         }
         QVERIFY(Screenshot(&win(), "mainwindow-wide"));
+
+        // The operator drags the job list's first divider to half the width;
+        // the column keeps that share when the window is made smaller.
+        auto* jobs = find<QTreeView>("lvwJob");
+        QHeaderView* header = jobs->header();
+        const int divider = header->sectionViewportPosition(0) + header->sectionSize(0) - 1;
+        const int half = jobs->viewport()->width() / 2;
+        const int y = header->height() / 2;
+        QTest::mousePress(header->viewport(), Qt::LeftButton, {}, QPoint(divider, y));
+        QTest::mouseMove(header->viewport(), QPoint((divider + half) / 2, y));
+        QTest::mouseMove(header->viewport(), QPoint(half, y));
+        QTest::mouseRelease(header->viewport(), Qt::LeftButton, {}, QPoint(half, y));
+        QTRY_VERIFY2(qAbs(jobs->columnWidth(0) - half) <= 3, qPrintable(QString::number(jobs->columnWidth(0))));
+        win().resize(700, 480);
+        QTRY_VERIFY2(qAbs(jobs->columnWidth(0) - jobs->viewport()->width() / 2) <= 3,
+                     qPrintable(QStringLiteral("%1 of %2").arg(jobs->columnWidth(0)).arg(jobs->viewport()->width())));
     }
 
     // A burst of printer changes reaches the view as at most one repaint now and
