@@ -57,22 +57,29 @@ QByteArrayView QueuedJob::fieldBytes(int n) const
 
 namespace {
 constexpr int AnnounceMs = 100;
+// Departed rows kept for views at the most; a view maps each row it asks for
+// through them.
+constexpr size_t MaxDeparted = 64;
 }
 
 JobListModel::JobListModel(const PrinterSlots* printerSlots, QObject* parent)
     : QAbstractTableModel(parent), slots_(printerSlots)
 {
     announce_.setSingleShot(true);
-    connect(&announce_, &QTimer::timeout, this, &JobListModel::flushInsertions);
+    connect(&announce_, &QTimer::timeout, this, &JobListModel::flushChanges);
 }
 
-int JobListModel::rowCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : announced_; }
+int JobListModel::rowCount(const QModelIndex& parent) const
+{
+    return parent.isValid() ? 0 : announced_ + int(departed_.size());
+}
 
 int JobListModel::columnCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : ColumnCount; }
 
-JobRow JobListModel::rowAt(int row) const
+JobRow JobListModel::rowAt(int row) const { return makeRow(jobAt(row)); }
+
+JobRow JobListModel::makeRow(const QueuedJob& j) const
 {
-    const QueuedJob& j = jobAt(row);
     JobRow r;
     r.id = j.id;
     r.printerId = j.printerId;
@@ -86,28 +93,52 @@ JobRow JobListModel::rowAt(int row) const
     return r;
 }
 
-const JobRow& JobListModel::shown(int row) const
+const JobRow& JobListModel::shown(const QueuedJob& j) const
 {
-    const quint64 seq = rows_[size_t(row)].seq;
-    if (shownRow_ != row || shownSeq_ != seq) {
-        shown_ = rowAt(row);
-        shownRow_ = row;
-        shownSeq_ = seq;
+    if (shownSeq_ != j.seq) {
+        shown_ = makeRow(j);
+        shownSeq_ = j.seq;
     }
     return shown_;
 }
 
+const std::vector<int>& JobListModel::departedRows() const
+{
+    if (!departedRowsValid_) {
+        // A departed job stands after the told jobs queued before it and the
+        // departed ones before it.
+        departedRows_.clear();
+        for (size_t k = 0; k < departed_.size(); ++k)
+            departedRows_.push_back(int(k) + std::min(rowOfSeq(departed_[k].seq), announced_));
+        departedRowsValid_ = true;
+    }
+    return departedRows_;
+}
+
+const QueuedJob& JobListModel::viewJob(int viewRow) const
+{
+    if (departed_.empty())
+        return rows_[size_t(viewRow)];
+    const std::vector<int>& at = departedRows();
+    const auto it = std::lower_bound(at.begin(), at.end(), viewRow);
+    const size_t before = size_t(it - at.begin());
+    if (it != at.end() && *it == viewRow)
+        return departed_[before];
+    return rows_[size_t(viewRow) - before];
+}
+
 QVariant JobListModel::data(const QModelIndex& index, int role) const
 {
-    if (!index.isValid() || index.row() >= announced_ || index.column() >= ColumnCount)
+    if (!index.isValid() || index.row() >= rowCount() || index.column() >= ColumnCount)
         return {};
+    const QueuedJob& job = viewJob(index.row());
     if (role == JobIdRole)
-        return jobAt(index.row()).id;
+        return job.id;
     if (role == PrinterIdRole)
-        return jobAt(index.row()).printerId;
+        return job.printerId;
     if (role != Qt::DisplayRole && role != KeyRole && role != TagRole)
         return {};
-    const JobRow& r = shown(index.row());
+    const JobRow& r = shown(job);
     switch (role) {
     case Qt::DisplayRole:
         switch (index.column()) {
@@ -198,31 +229,75 @@ void JobListModel::append(QueuedJob job)
     if (!rows_.empty() && job.id < rows_.back().id)
         idsAscending_ = false;
     rows_.push_back(std::move(job));
+    announceSoon();
+}
+
+void JobListModel::announceSoon()
+{
     if (bulk_ || announce_.isActive())
         return;
     const qint64 since = lastAnnounce_.isValid() ? lastAnnounce_.elapsed() : AnnounceMs;
     if (since >= AnnounceMs)
-        flushInsertions();
+        flushChanges();
     else
         announce_.start(int(AnnounceMs - since));
 }
 
-void JobListModel::flushInsertions()
+void JobListModel::flushChanges()
 {
     announce_.stop();
-    if (bulk_ || announced_ >= count())
+    if (bulk_ || (departed_.empty() && announced_ >= count()))
         return;
-    beginInsertRows({}, announced_, count() - 1);
-    announced_ = count();
-    endInsertRows();
+    flushRemovals();
+    if (announced_ < count()) {
+        beginInsertRows({}, announced_, count() - 1);
+        announced_ = count();
+        endInsertRows();
+    }
     lastAnnounce_.start();
 }
 
-void JobListModel::removeRowAt(int row)
+void JobListModel::flushRemovals()
+{
+    if (departed_.empty())
+        return;
+    const std::vector<int> at = departedRows();
+    // Runs of adjacent view rows, from the last back, so the earlier ones'
+    // row numbers stay true.
+    size_t end = at.size();
+    while (end > 0) {
+        size_t first = end - 1;
+        while (first > 0 && at[first - 1] + 1 == at[first])
+            --first;
+        beginRemoveRows({}, at[first], at[end - 1]);
+        departed_.erase(departed_.begin() + qsizetype(first), departed_.begin() + qsizetype(end));
+        departedRowsValid_ = false;
+        endRemoveRows();
+        end = first;
+    }
+}
+
+void JobListModel::removeRowAt(int row, Announce when)
 {
     if (row < 0 || row >= count())
         return;
     const bool told = !bulk_ && row < announced_;
+    if (told && when == Soon) {
+        QueuedJob gone = std::move(rows_[size_t(row)]);
+        rows_.erase(rows_.begin() + row);
+        --announced_;
+        const auto at = std::upper_bound(departed_.begin(), departed_.end(), gone.seq,
+                                         [](quint64 s, const QueuedJob& e) { return s < e.seq; });
+        departed_.insert(at, std::move(gone));
+        departedRowsValid_ = false;
+        if (departed_.size() >= MaxDeparted)
+            flushChanges();
+        else
+            announceSoon();
+        return;
+    }
+    // The views' row numbers are the queue's once no departed row is left.
+    flushRemovals();
     if (told)
         beginRemoveRows({}, row, row);
     rows_.erase(rows_.begin() + row);
@@ -252,6 +327,7 @@ void JobListModel::removeRowsAt(const std::vector<int>& rows)
     if (bulk_ || runs.size() > MaxRuns) {
         if (!bulk_)
             beginResetModel();
+        departed_.clear();
         if (runs.size() == 1 && size_t(runs[0].second - runs[0].first + 1) == rows_.size()) {
             rows_.clear();
         } else {
@@ -275,6 +351,7 @@ void JobListModel::removeRowsAt(const std::vector<int>& rows)
             endResetModel();
         return;
     }
+    flushRemovals();
     // From the last run back, so the row numbers of the earlier ones stay true.
     // The unannounced part of a run leaves silently.
     for (auto run = runs.rbegin(); run != runs.rend(); ++run) {
@@ -296,6 +373,7 @@ void JobListModel::clear()
         beginResetModel();
     rows_.clear();
     rows_.shrink_to_fit();
+    departed_.clear();
     scanFrom_.clear();
     idsAscending_ = true;
     announce_.stop();
@@ -309,6 +387,7 @@ void JobListModel::beginBulk()
     if (bulk_)
         return;
     beginResetModel();
+    departed_.clear();
     bulk_ = true;
 }
 
@@ -533,7 +612,10 @@ void JobStore::SrvDeleteJob(qint32 id)
         logDeleteFailed(id, notOpen().text());
     else
         lastTicket_ = writer().submitDelete({id});
-    SrvRemoveJobRow(id);
+    // Printed jobs leave the views in groups, as new ones arrive.
+    const int row = list_.findJob(id);
+    if (row >= 0)
+        list_.removeRowAt(row, JobListModel::Soon);
 }
 
 int JobStore::deleteJobsWhere(const JobMatch& match)

@@ -91,10 +91,13 @@ struct JobRow {
 //
 // Appended rows reach views in groups: an append more than 100 ms after the last
 // announcement is announced at once; later ones wait until 100 ms have passed and
-// are then announced together in one insertion (or at once by flushInsertions()).
+// are then announced together in one insertion (or at once by flushChanges()).
 // A view under a stream of jobs so lays its rows out at most ten times a second.
-// count(), jobAt() and the queue see every row at once; rowCount() is what views
-// have been told of. Removals are announced at once; an unannounced row leaves silently.
+// Printed jobs leave the same way (removeRowAt with Soon): until their removal
+// is announced, views still see them in their place. Any other removal is
+// announced at once, together with the printed ones still pending.
+// count(), jobAt() and the queue see the queue as it is; rowCount() and data()
+// are what views have been told of. An unannounced row leaves silently.
 class JobListModel : public QAbstractTableModel {
     Q_OBJECT
 public:
@@ -126,11 +129,12 @@ public:
     int firstRowOf(qint32 printerId) const;
 
     void append(QueuedJob job);
-    // Announces the rows appended since the last announcement now.
-    void flushInsertions();
+    // Announces the rows removed and appended since the last announcement now.
+    void flushChanges();
     // Rows appended but not announced to views yet.
     int unannouncedRows() const { return count() - announced_; }
-    void removeRowAt(int row);
+    enum Announce { Now, Soon };
+    void removeRowAt(int row, Announce when = Now);
     // Removes these rows (ascending) in one pass: a few runs of adjacent rows as
     // row removals, scattered rows as one reset.
     void removeRowsAt(const std::vector<int>& rows);
@@ -142,7 +146,14 @@ public:
 
 private:
     int rowOfSeq(quint64 seq) const;
-    const JobRow& shown(int row) const;
+    JobRow makeRow(const QueuedJob& j) const;
+    // The job a view's row shows: a departed one or a queued one.
+    const QueuedJob& viewJob(int viewRow) const;
+    const JobRow& shown(const QueuedJob& j) const;
+    // The view rows of the departed jobs, ascending.
+    const std::vector<int>& departedRows() const;
+    void announceSoon();
+    void flushRemovals();
 
     const PrinterSlots* slots_;
     // A deque: appending never moves the rows, and the oldest job (the one printed
@@ -151,6 +162,10 @@ private:
     quint64 nextSeq_ = 0;
     bool bulk_ = false;
     int announced_ = 0; // leading rows the views know of; the rest wait for announce_
+    // Printed jobs that left the queue but not yet the views, in seq order.
+    std::vector<QueuedJob> departed_;
+    mutable std::vector<int> departedRows_;
+    mutable bool departedRowsValid_ = false;
     QTimer announce_;
     QElapsedTimer lastAnnounce_;
     // Ids rise along the list unless another program wrote tbJob: then lookups
@@ -159,8 +174,7 @@ private:
     // Per printer, a seq no earlier job of it lies before.
     mutable std::unordered_map<qint32, quint64> scanFrom_;
     // The last row a view asked for, made once for its columns and roles.
-    mutable int shownRow_ = -1;
-    mutable quint64 shownSeq_ = 0;
+    mutable quint64 shownSeq_ = ~quint64(0);
     mutable JobRow shown_;
 };
 

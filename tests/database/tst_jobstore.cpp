@@ -26,7 +26,7 @@ qint32 linearNextJob(const JobListModel& list, qint32 printerId)
 // Every shown column of every row, "/"-joined per row, once all are announced.
 QStringList shownRows(JobListModel& list)
 {
-    list.flushInsertions();
+    list.flushChanges();
     QStringList out;
     for (int r = 0; r < list.rowCount(); ++r) {
         QStringList cols;
@@ -96,11 +96,11 @@ void TestJobStore::idsDeletesAndSignals()
     QSignalSpy reset(&list, &QAbstractItemModel::modelReset);
     for (int i = 1; i <= 7; ++i)
         QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
-    list.flushInsertions();
+    list.flushChanges();
     QCOMPARE(list.rowCount(), 7);
     store->SrvDeleteJob(7);
     store->SrvDeleteJob(99); // in neither table nor list: nothing happens
-    QCOMPARE(removed.size(), 1);
+    QTRY_COMPARE(removed.size(), 1);
     QCOMPARE(removed[0][1].toInt(), 6);
     QVERIFY(add(1, "again"));
     QCOMPARE(list.rowAt(6).text, "7 again");
@@ -152,6 +152,38 @@ void TestJobStore::appendsAnnouncedTogether()
     QTest::qWait(150);
     list.append(row(51, 1));
     QCOMPARE(list.rowCount(), 46);
+
+    // Printed jobs leave the same way: the first at once, the next ones stay
+    // in the views' rows, in their place, until they go together. Another
+    // removal takes the waiting ones with it.
+    auto shownIds = [&list] {
+        QList<int> ids;
+        for (int r = 0; r < list.rowCount(); ++r)
+            ids << list.index(r, 0).data(JobListModel::JobIdRole).toInt();
+        return ids;
+    };
+    QTest::qWait(150);
+    removed.clear();
+    const QList<int> before = shownIds();
+    for (const int id : {2, 5, 6, 7, 40})
+        list.removeRowAt(list.findJob(id), JobListModel::Soon);
+    QCOMPARE(list.count(), 41);
+    QCOMPARE(list.firstJobOf(1), 3);
+    QCOMPARE(removed.size(), 1);
+    QList<int> expected = before;
+    expected.removeOne(2);
+    QCOMPARE(shownIds(), expected);
+    QCOMPARE(list.index(2, 0).data().toString(), "5 ");
+    QTRY_COMPARE(list.rowCount(), 41);
+    QCOMPARE(removed.size(), 3); // rows of 5, 6, 7 as one run
+    for (const int id : {5, 6, 7, 40})
+        expected.removeOne(id);
+    QCOMPARE(shownIds(), expected);
+    list.removeRowAt(list.findJob(8), JobListModel::Soon);
+    list.removeRowAt(list.findJob(9), JobListModel::Soon);
+    list.removeRowAt(list.findJob(13));
+    QCOMPARE(list.rowCount(), 38);
+    QCOMPARE(shownIds().mid(0, 3), (QList<int>{3, 4, 10}));
 }
 
 void TestJobStore::rowColumns_data()
