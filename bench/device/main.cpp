@@ -1,9 +1,9 @@
-// Round-trip time of device library calls against the emulator, over TCP
+// Round-trip time of device session calls against the emulator, over TCP
 // (network box) and over a pty (serial printer at 9600), and the time of a
 // whole configuration sequence (open, status, 20 calls, close).
 // Usage: bench-device [calls per transport, default 1000]
 #include "foundation/settings.h"
-#include "printers/comapi.h"
+#include "printers/devicesession.h"
 #include "printers/deviceops.h"
 
 #include <QCoreApplication>
@@ -24,7 +24,7 @@ struct Figures {
     int failures = 0;
 };
 
-Figures measure(int handle, int calls, int (*fn)(int))
+Figures measure(DeviceSession& session, int calls, int (*fn)(DeviceSession&))
 {
     std::vector<qint64> ns;
     ns.reserve(size_t(calls));
@@ -32,7 +32,7 @@ Figures measure(int handle, int calls, int (*fn)(int))
     QElapsedTimer t;
     for (int i = 0; i < calls; ++i) {
         t.start();
-        if (fn(handle) < 0)
+        if (fn(session) < 0)
             ++f.failures;
         ns.push_back(t.nsecsElapsed());
     }
@@ -43,8 +43,8 @@ Figures measure(int handle, int calls, int (*fn)(int))
     return f;
 }
 
-int status(int h) { return Printer_GetStatus(h, 4); }
-int setParam(int h) { return Printer_SetParameter(h, 46, 200); }
+int status(DeviceSession& s) { return s.status(4); }
+int setParam(DeviceSession& s) { return s.setParameter(46, 200); }
 
 // Milliseconds of each run of op, sorted.
 template <typename Op>
@@ -121,25 +121,26 @@ int main(int argc, char** argv)
         QElapsedTimer ot;
         for (int i = 0; i < 50; ++i) {
             ot.start();
-            const int h = Printer_Open(t.device, t.settings, QStringLiteral("m"));
-            Printer_Close(h);
+            DeviceSession s;
+            const int h = s.open(t.device, t.settings, QStringLiteral("m"));
+            s.close();
             opens.push_back(ot.nsecsElapsed());
             if (h < 1)
                 rc = 1;
         }
         std::sort(opens.begin(), opens.end());
-        std::printf("%-4s %-22s calls %5d  median %8.1f us  p99 %8.1f us\n", t.name, "Printer_Open+Close", 50,
+        std::printf("%-4s %-22s calls %5d  median %8.1f us  p99 %8.1f us\n", t.name, "open+close", 50,
                     double(opens[25]) / 1000.0, double(opens[49]) / 1000.0);
 
-        const int h = Printer_Open(t.device, t.settings, QStringLiteral("m"));
+        DeviceSession session;
+        const int h = session.open(t.device, t.settings, QStringLiteral("m"));
         if (h < 1) {
             std::fprintf(stderr, "%s: open failed (%d)\n", t.name, h);
             rc = 1;
             continue;
         }
-        report(t.name, "Printer_GetStatus", calls, measure(h, calls, status));
-        report(t.name, "Printer_SetParameter", calls, measure(h, calls, setParam));
-        Printer_Close(h);
+        report(t.name, "status", calls, measure(session, calls, status));
+        report(t.name, "setParameter", calls, measure(session, calls, setParam));
     }
 
     // Whole configuration sequences as the printer dialog runs them.
@@ -148,14 +149,18 @@ int main(int argc, char** argv)
     DeviceConfig config;
     config.darkness = adj.darkness;
     config.speed = adj.speed;
+    const DeviceContext context;
     int failures = 0;
     reportRuns("tcp", "SrvMPConfigNET (connect only)",
-               runs(50, [&](int) { return SrvMPConfigNET({}, QStringLiteral("127.0.0.1"), true, {}, {}, config); },
+               runs(50, [&](int) { 
+                   return SrvMPConfigNET(context, {}, QStringLiteral("127.0.0.1"), true, {}, {}, config)
+                       == ConfigResult::Configured;
+               },
                     &failures),
                failures);
     failures = 0;
     reportRuns("pty", "SrvMPConfigCOM (at the chosen rate)",
-               runs(50, [&](int) { return SrvMPConfigCOM(QStringLiteral("1"), QStringLiteral("9600"), config); },
+               runs(50, [&](int) { return SrvMPConfigCOM(context, QStringLiteral("1"), QStringLiteral("9600"), config); },
                     &failures),
                failures);
     // Every run finds the printer at the other rate: one open times out first.
@@ -163,11 +168,11 @@ int main(int argc, char** argv)
     const std::vector<double> switches = runs(
         4,
         [&](int i) {
-            return SrvMPConfigCOM(QStringLiteral("1"), i % 2 ? QStringLiteral("9600") : QStringLiteral("57600"),
+            return SrvMPConfigCOM(context, QStringLiteral("1"), i % 2 ? QStringLiteral("9600") : QStringLiteral("57600"),
                                   config);
         },
         &failures);
-    const QByteArray what = QStringLiteral("SrvMPConfigCOM (rate switch, %1 ms timeout)").arg(Printer_Timeout()).toLatin1();
+    const QByteArray what = QStringLiteral("SrvMPConfigCOM (rate switch, %1 ms timeout)").arg(context.timeoutMs).toLatin1();
     reportRuns("pty", what.constData(), switches, failures);
     rc = rc || failures;
 

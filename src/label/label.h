@@ -1,7 +1,7 @@
 #pragma once
 // Label layouts (<template id>.lbl, docs/label-layout.md): parsing and
 // rendering to an image. The printer (and its emulator) fills the variable
-// fields from the variables sent with Printer_SendVariable: placeholder {n}
+// fields from the variables sent with VAR requests: placeholder {n}
 // stands for variable number n.
 #include <QImage>
 #include <QList>

@@ -2,18 +2,15 @@
 #include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
-#include "printers/comapi.h"
+#include "printers/devicesession.h"
 #include "printers/link.h"
-#include "printers/linkgate.h"
+#include "printers/printerlink.h"
 #include "printers/printerrecord.h"
 #include "database/slots.h"
 #include "foundation/texts.h"
 
-#include <QCoreApplication>
-#include <QThread>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -69,54 +66,44 @@ struct DeviceFailure {
 // that connects on first use would report it.
 class Device {
 public:
-    Device() = default;
+    explicit Device(const DeviceContext& context) : session_(context) {}
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
-    ~Device() { close(); }
 
     int open(const QString& name, const QString& settings)
     {
-        close();
-        handle_ = Printer_Open(name, settings, OpenMode);
-        openCode_ = handle_ >= 1 ? 1 : (handle_ < 0 ? handle_ : link::ErrGeneral);
-        return note(handle_);
+        const int r = session_.open(name, settings, OpenMode);
+        openCode_ = r >= 1 ? 1 : (r < 0 ? r : link::ErrGeneral);
+        return note(r);
     }
-    bool isOpen() const { return handle_ >= 1; }
-    void close()
-    {
-        if (handle_ >= 1)
-            Printer_Close(handle_);
-        handle_ = 0;
-    }
+    bool isOpen() const { return session_.isOpen(); }
+    void close() { session_.close(); }
     int last() const { return last_; }
 
-    int status()
-    {
-        return note(isOpen() ? Printer_GetStatus(handle_, 4) : openCode_);
-    }
+    int status() { return note(isOpen() ? session_.status(4) : openCode_); }
     int setParameter(int parameter, int value)
     {
-        return note(isOpen() ? Printer_SetParameter(handle_, parameter, value) : openCode_);
+        return note(isOpen() ? session_.setParameter(parameter, value) : openCode_);
     }
     int service(int command, const QString& input = QString())
     {
         QString reply;
-        return note(isOpen() ? Printer_ServiceCommand(handle_, command, input, &reply, ReplyLength) : openCode_);
+        return note(isOpen() ? session_.service(command, input, &reply, ReplyLength) : openCode_);
     }
-    int lock() { return note(isOpen() ? Printer_LockParameters(handle_) : openCode_); }
+    int lock() { return note(isOpen() ? session_.lockParameters() : openCode_); }
     int getCounter(int counter, int* value)
     {
         int v2 = 0, v3 = 0, v4 = 0, v5 = 0;
-        return note(isOpen() ? Printer_GetCounter(handle_, counter, value, &v2, &v3, &v4, &v5) : openCode_);
+        return note(isOpen() ? session_.counter(counter, value, &v2, &v3, &v4, &v5) : openCode_);
     }
     int setCounter(int counter, int value)
     {
-        return note(isOpen() ? Printer_SetCounter(handle_, counter, value, 1, 9, 1) : openCode_);
+        return note(isOpen() ? session_.setCounter(counter, value, 1, 9, 1) : openCode_);
     }
-    int init() { return note(isOpen() ? Printer_Init(handle_, QStringLiteral("a")) : openCode_); }
-    int sendLayout(const QString& path) { return note(isOpen() ? Printer_SendLayout(handle_, path) : openCode_); }
-    int sendVariable(const QString& text) { return note(isOpen() ? Printer_SendVariable(handle_, text, 1) : openCode_); }
-    int printLabel() { return note(isOpen() ? Printer_PrintLabel(handle_, 1, QStringLiteral("i")) : openCode_); }
+    int init() { return note(isOpen() ? session_.init(QStringLiteral("a")) : openCode_); }
+    int sendLayout(const QString& path) { return note(isOpen() ? session_.sendLayout(path) : openCode_); }
+    int sendVariable(const QString& text) { return note(isOpen() ? session_.sendVariable(text, 1) : openCode_); }
+    int printLabel() { return note(isOpen() ? session_.printLabel(1, QStringLiteral("i")) : openCode_); }
 
 private:
     int note(int r)
@@ -124,7 +111,7 @@ private:
         last_ = r;
         return r;
     }
-    int handle_ = 0;
+    DeviceSession session_;
     int openCode_ = link::ErrGeneral;
     int last_ = 0;
 };
@@ -199,15 +186,6 @@ QString resultErrorText(const QString& error)
     return ResultErr(QStringLiteral("Error: ") + error);
 }
 
-// Lets the window repaint between steps run on the event-loop thread; a
-// worker thread has nothing to process.
-void yieldToEvents()
-{
-    const QCoreApplication* app = QCoreApplication::instance();
-    if (app && QThread::currentThread() == app->thread())
-        QCoreApplication::processEvents();
-}
-
 } // namespace
 
 bool IsConfigurableType(qint32 printerType)
@@ -234,9 +212,9 @@ DeviceAdjustment ConvertAdjustment(qint32 printerType, qint32 strobeStep, qint32
     return a;
 }
 
-bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig& config)
+bool SrvMPConfigCOM(const DeviceContext& context, const QString& port, const QString& rate, const DeviceConfig& config)
 {
-    Device dev;
+    Device dev(context);
     try {
         openSerialAtRate(dev, QStringLiteral("COM") + port + QLatin1Char(':'), rate);
         need(dev.setParameter(ParamLineTimeout, 2000));
@@ -252,17 +230,11 @@ bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig
     return false;
 }
 
-bool AskConfigureThroughSerial()
+ConfigResult SrvMPConfigNET(const DeviceContext& context, const QString& newAddress, const QString& loadedAddress,
+                            bool connectOnly, const QString& port, const QString& rate, const DeviceConfig& config,
+                            bool throughSerial)
 {
-    const QString question = GetString(12036) + QLatin1Char('\r') + GetString(12037) + QStringLiteral("\r\r")
-        + GetString(12017);
-    return MsgBox(question, BoxIcon::Question, BoxButtons::YesNo) == BoxAnswer::Yes;
-}
-
-bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, bool connectOnly, const QString& port,
-                    const QString& rate, const DeviceConfig& config, const std::function<bool()>& askUseSerial)
-{
-    Device dev;
+    Device dev(context);
     try {
         if (connectOnly) {
             dev.open(NetBox + loadedAddress, QString());
@@ -271,14 +243,15 @@ bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, boo
                 throw DeviceFailure{status};
         } else {
             int status = -1;
-            if (!loadedAddress.isEmpty()) {
+            if (!loadedAddress.isEmpty() && !throughSerial) {
                 dev.open(NetBox + loadedAddress, QString());
                 status = dev.status();
             }
             if (status < 0) {
                 dev.close();
-                if (!(askUseSerial ? askUseSerial() : AskConfigureThroughSerial()))
-                    return false;
+                // The operator decides whether the serial port is used.
+                if (!throughSerial)
+                    return ConfigResult::NeedsSerial;
                 dev.open(QStringLiteral("COM") + port + QLatin1Char(':'), LineSettings(rate));
                 status = dev.status();
                 if (status < 0)
@@ -290,7 +263,7 @@ bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, boo
             need(dev.service(CmdBoxAfterCmd102, NoAddress));
         }
         sendPrintSettings(dev, config);
-        return true;
+        return ConfigResult::Configured;
     } catch (const DeviceFailure& f) {
         dev.close();
         logConfigFailure("SrvMPConfigNET", f.code);
@@ -298,12 +271,12 @@ bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, boo
         dev.close();
         logConfigTrap("SrvMPConfigNET", errorText(e), dev);
     }
-    return false;
+    return ConfigResult::NetworkFailed;
 }
 
-bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate)
+bool SrvMPConfigCOM2(const DeviceContext& context, const QString& deviceName, const QString& rate)
 {
-    Device dev;
+    Device dev(context);
     try {
         openSerialAtRate(dev, deviceName, rate);
         need(dev.setParameter(ParamLineTimeout, 2000));
@@ -335,15 +308,10 @@ QList<SerialLine> SerialLinesToReconfigure(const PrinterSlots& printerSlots)
     return lines;
 }
 
-void ReConfigCOMLines(const QList<SerialLine>& lines)
+void ReConfigCOMLines(const DeviceContext& context, const QList<SerialLine>& lines)
 {
     for (const SerialLine& line : lines)
-        SrvMPConfigCOM2(line.deviceName, line.rate);
-}
-
-void ReConfigCOMPrinters(PrinterSlots& printerSlots)
-{
-    ReConfigCOMLines(SerialLinesToReconfigure(printerSlots));
+        SrvMPConfigCOM2(context, line.deviceName, line.rate);
 }
 
 QString TestPrintTitle()
@@ -357,10 +325,10 @@ QString TestLayoutPath()
     return AddSlash(HomeDir()) + QStringLiteral("0.lbl");
 }
 
-QString SrvMPTestPrint(const QString& deviceName, const QString& settings)
+QString SrvMPTestPrint(const DeviceContext& context, const QString& deviceName, const QString& settings)
 {
     try {
-        Device dev;
+        Device dev(context);
         if (dev.open(deviceName.trimmed(), settings.trimmed()) < 1)
             return ResultErr(GetString(12038));
         try {
@@ -381,10 +349,10 @@ QString SrvMPTestPrint(const QString& deviceName, const QString& settings)
     }
 }
 
-QString SrvMPClear(const QString& deviceName, const QString& settings)
+QString SrvMPClear(const DeviceContext& context, const QString& deviceName, const QString& settings)
 {
     try {
-        Device dev;
+        Device dev(context);
         if (dev.open(deviceName.trimmed(), settings.trimmed()) < 1)
             return ResultErr(GetString(12038));
         const int r = dev.init();
@@ -395,10 +363,10 @@ QString SrvMPClear(const QString& deviceName, const QString& settings)
     }
 }
 
-QString SrvMPCal(const QString& deviceName, const QString& settings)
+QString SrvMPCal(const DeviceContext& context, const QString& deviceName, const QString& settings)
 {
     try {
-        Device dev;
+        Device dev(context);
         if (dev.open(deviceName.trimmed(), settings.trimmed()) < 1)
             return ResultErr(GetString(12038));
         try {
@@ -425,18 +393,16 @@ QString SlotLinkKey(const PrinterSlot& slot)
     return {};
 }
 
-QString SrvMPCheck(const PrinterSlot& slot)
+QString SrvMPCheck(const DeviceContext& context, const PrinterSlot& slot)
 {
     try {
-        Device dev;
+        Device dev(context);
         const QString connection = slot.connectionString.trimmed();
         if (slot.connectionType == 1) {
             const auto c = ConnectionString::parse(connection);
             dev.open(c.device, LineSettings(c.rateOrPort));
-            yieldToEvents();
         } else if (slot.connectionType == 2) {
             dev.open(NetBox + connection, QString());
-            yieldToEvents();
         }
         if (!dev.isOpen())
             return ResultErr(GetString(12038));
@@ -463,7 +429,7 @@ void DialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* s
     }
 }
 
-ConfigResult ConfigureDevice(PrinterSettings& dialog, const std::function<bool()>& askUseSerial)
+ConfigResult ConfigureDevice(const DeviceContext& context, PrinterSettings& dialog, bool throughSerial)
 {
     try {
         const qint32 type = dialog.printerTypeId.value_or(1);
@@ -480,51 +446,23 @@ ConfigResult ConfigureDevice(PrinterSettings& dialog, const std::function<bool()
         const QString rate = QString::number(dialog.comRate.value_or(9600));
 
         if (dialog.serial)
-            return SrvMPConfigCOM(port, rate, config) ? ConfigResult::Configured : ConfigResult::SerialFailed;
+            return SrvMPConfigCOM(context, port, rate, config) ? ConfigResult::Configured : ConfigResult::SerialFailed;
 
         const QString address = dialog.netAddress.trimmed();
         if (address.isEmpty())
             return ConfigResult::NoAddress;
-        if (SrvMPConfigNET(address, dialog.loadedAddress.trimmed(), dialog.netConnectOnly, port, rate, config,
-                           askUseSerial)) {
+        const ConfigResult r = SrvMPConfigNET(context, address, dialog.loadedAddress.trimmed(), dialog.netConnectOnly,
+                                              port, rate, config, throughSerial);
+        if (r == ConfigResult::Configured)
             dialog.loadedAddress = address;
-            return ConfigResult::Configured;
-        }
-        return ConfigResult::NetworkFailed;
+        return r;
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMPConfig failed. Error: ") + errorText(e));
         return ConfigResult::Trapped;
     }
 }
 
-void ReportConfigResult(ConfigResult result)
-{
-    switch (result) {
-    case ConfigResult::SerialFailed:
-        MsgBoxUnlessSilent(GetString(12032), BoxIcon::Information);
-        break;
-    case ConfigResult::NoAddress:
-        // Answers the operator's own click, so it shows in silent mode too.
-        MsgBox(GetString(12033), BoxIcon::Information);
-        break;
-    case ConfigResult::NetworkFailed:
-        MsgBoxUnlessSilent(GetString(12034) + QLatin1Char('\r') + GetString(12035), BoxIcon::Exclamation);
-        break;
-    case ConfigResult::Configured:
-    case ConfigResult::NotConfigurable:
-    case ConfigResult::Trapped:
-        break;
-    }
-}
-
-bool SrvMPConfig(PrinterSettings& dialog)
-{
-    const ConfigResult result = ConfigureDevice(dialog);
-    ReportConfigResult(result);
-    return result == ConfigResult::Configured;
-}
-
-QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure)
+QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure, bool throughSerial)
 {
     const QString com = QStringLiteral("COM") + QString::number(dialog.comPort.value_or(1)) + QLatin1Char(':');
     if (!configure) {
@@ -532,23 +470,12 @@ QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure)
         DialogDevice(dialog, &deviceName, &settings);
         return {LinkKey(deviceName)};
     }
-    if (dialog.serial)
+    if (dialog.serial || throughSerial)
         return {LinkKey(com)};
-    // The box at its loaded address, and the serial line a box without a
-    // known address is configured through.
-    QStringList keys{LinkKey(com)};
-    if (!dialog.loadedAddress.trimmed().isEmpty())
-        keys << LinkKey(NetBox + dialog.loadedAddress.trimmed());
-    return keys;
-}
-
-void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot)
-{
-    if (!StartAfterConfigCheck(printerSlots, slot))
-        return;
-    yieldToEvents();
-    FinishAfterConfigCheck(printerSlots, slot, SrvMPCheck(printerSlots.at(slot)));
-    yieldToEvents();
+    // The box at its loaded address; without one nothing is opened.
+    if (dialog.loadedAddress.trimmed().isEmpty())
+        return {};
+    return {LinkKey(NetBox + dialog.loadedAddress.trimmed())};
 }
 
 bool StartAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot)
@@ -582,7 +509,6 @@ void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot)
 {
     try {
         printerSlots.SrvSetPrinterStatus(slot, StatusPassive, GetString(12083));
-        yieldToEvents();
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvPassivePrinterAfterConfig failed. PId = ") + QString::number(slot)
                  + QStringLiteral(" Error: ") + errorText(e));

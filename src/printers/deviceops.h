@@ -1,14 +1,16 @@
 #pragma once
-// Printer set-up through the device library (comapi.h): configuration over a
-// serial port or through a network box, serial re-configuration, test print,
-// clear memory, calibrate, status check, and the checks after a printer was
-// saved. Each operation opens the device, runs a fixed call sequence, stops at
-// the first call that fails and closes the device before it returns.
+// Printer set-up through a device session (devicesession.h): configuration
+// over a serial port or through a network box, serial re-configuration, test
+// print, clear memory, calibrate, status check, and the checks after a printer
+// was saved. Each operation opens the device, runs a fixed call sequence, stops
+// at the first call that fails and closes the device before it returns. They
+// block, so they run on a printer link's worker (printerlink.h), and they
+// report as values: the boxes and questions are the operator's.
+#include "printers/devicesession.h"
+
 #include <QString>
 #include <QList>
 #include <QStringList>
-
-#include <functional>
 
 namespace quill {
 
@@ -39,43 +41,39 @@ struct DeviceConfig {
 
 // Configure button of the printer dialog, without its boxes: converts and
 // configures. A successful network configuration replaces the dialog's loaded
-// address by the new one. askUseSerial answers the question whether to go
-// through the serial port when the box cannot be reached (empty: the question
-// box). Safe on a worker thread when askUseSerial does not show a box there.
-enum class ConfigResult { Configured, NotConfigurable, SerialFailed, NoAddress, NetworkFailed, Trapped };
-ConfigResult ConfigureDevice(PrinterSettings& dialog, const std::function<bool()>& askUseSerial = {});
-// The box that tells the operator how a configuration went (none on success).
-void ReportConfigResult(ConfigResult result);
-// Both of the above; true when the printer was configured.
-bool SrvMPConfig(PrinterSettings& dialog);
-// The question 12036/12037/12017; true for Yes.
-bool AskConfigureThroughSerial();
+// address by the new one. A box that cannot be reached at its loaded address
+// (or has none) gives NeedsSerial: asked again with throughSerial, the box is
+// configured through the serial port.
+enum class ConfigResult { Configured, NotConfigurable, SerialFailed, NoAddress, NetworkFailed, NeedsSerial, Trapped };
+ConfigResult ConfigureDevice(const DeviceContext& context, PrinterSettings& dialog, bool throughSerial = false);
 // The connection (LinkKey) of a stored printer, as SrvMPCheck opens it.
 QString SlotLinkKey(const PrinterSlot& slot);
-// The connections (LinkKey) an operation on the dialog's values may use.
-QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure);
+// The connections (LinkKey) an operation on the dialog's values uses.
+QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure, bool throughSerial = false);
 
 // port: "1".."4"; rate: "9600" or "57600".
-bool SrvMPConfigCOM(const QString& port, const QString& rate, const DeviceConfig& config);
-bool SrvMPConfigNET(const QString& newAddress, const QString& loadedAddress, bool connectOnly, const QString& port,
-                    const QString& rate, const DeviceConfig& config, const std::function<bool()>& askUseSerial = {});
+bool SrvMPConfigCOM(const DeviceContext& context, const QString& port, const QString& rate, const DeviceConfig& config);
+// Configured, NetworkFailed, or NeedsSerial (nothing sent yet) when the box
+// is not reached at loadedAddress and throughSerial is not set.
+ConfigResult SrvMPConfigNET(const DeviceContext& context, const QString& newAddress, const QString& loadedAddress,
+                            bool connectOnly, const QString& port, const QString& rate, const DeviceConfig& config,
+                            bool throughSerial = false);
 // deviceName: "COM1:"; re-sends the line speed to a serial printer.
-bool SrvMPConfigCOM2(const QString& deviceName, const QString& rate);
+bool SrvMPConfigCOM2(const DeviceContext& context, const QString& deviceName, const QString& rate);
 // Every slot in use, not passive and serial, through SrvMPConfigCOM2. The
-// lines are read on the event-loop thread; the calls may run on any thread.
+// lines are read on the event-loop thread; the calls run on a link's worker.
 struct SerialLine {
     QString deviceName; // "COM2:"
     QString rate;
 };
 QList<SerialLine> SerialLinesToReconfigure(const PrinterSlots& printerSlots);
-void ReConfigCOMLines(const QList<SerialLine>& lines);
-void ReConfigCOMPrinters(PrinterSlots& printerSlots);
+void ReConfigCOMLines(const DeviceContext& context, const QList<SerialLine>& lines);
 
 // Result texts "OK" TAB, or "ERR" TAB reason.
-QString SrvMPTestPrint(const QString& deviceName, const QString& settings);
-QString SrvMPClear(const QString& deviceName, const QString& settings);
-QString SrvMPCal(const QString& deviceName, const QString& settings);
-QString SrvMPCheck(const PrinterSlot& slot);
+QString SrvMPTestPrint(const DeviceContext& context, const QString& deviceName, const QString& settings);
+QString SrvMPClear(const DeviceContext& context, const QString& deviceName, const QString& settings);
+QString SrvMPCal(const DeviceContext& context, const QString& deviceName, const QString& settings);
+QString SrvMPCheck(const DeviceContext& context, const PrinterSlot& slot);
 
 // Device name and settings the dialog's test print, clear and calibrate use
 // for the values it shows.
@@ -86,11 +84,10 @@ QString TestPrintTitle();
 // The test layout file in the installation folder.
 QString TestLayoutPath();
 
-// After a printer was saved: a device check decides Ready or Error (the slot
-// shows Checking meanwhile); a passive printer just becomes Passive.
-void SrvInitPrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot);
-// The same in two halves around a SrvMPCheck made elsewhere (a worker thread):
-// Checking first (false when the slot cannot take it), then the check's result.
+// After a printer was saved: a device check (SrvMPCheck, on a link's worker)
+// decides Ready or Error, the slot showing Checking meanwhile; a passive
+// printer just becomes Passive. Checking first (false when the slot cannot
+// take it), then the check's result.
 bool StartAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot);
 void FinishAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot, const QString& result);
 void SrvPassivePrinterAfterConfig(PrinterSlots& printerSlots, qint32 slot);

@@ -2,7 +2,7 @@
 // Printer link codec: the frames that travel between the device library (or
 // the print driver) and an MP104C printer, over a serial line or a network
 // box. Pure data in, data out: no I/O, no timers, no event loop, so the same
-// code serves a blocking caller (comapi.cpp) and an asynchronous one.
+// code serves a blocking caller (devicesession.cpp) and an asynchronous one.
 //
 // Wire format (docs/printer-link.md has the full description):
 //   request  "Q" TAB id TAB verb  { TAB argument } LF

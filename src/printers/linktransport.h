@@ -1,7 +1,7 @@
 #pragma once
 // Transports of the printer link: turns the device names and line settings
 // used for printers into a connected QIODevice (QSerialPort or QTcpSocket).
-// Shared by the blocking device library (comapi.h) and the asynchronous print
+// Shared by the blocking device sessions (devicesession.h) and the asynchronous print
 // driver.
 //
 // Device names:

@@ -170,8 +170,6 @@ qint32 SrvMainPrinterSave(PrinterRepository& printers, PrinterSlots& printerSlot
             SrvPassivePrinterAfterConfig(printerSlots, id);
         else if (check)
             check(id);
-        else
-            SrvInitPrinterAfterConfig(printerSlots, id);
         return id;
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("SrvMainPrinterSave failed. Error: ") + errorText(e));

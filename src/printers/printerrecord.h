@@ -79,8 +79,8 @@ qint32 SrvPrinterUpdate(PrinterRepository& printers, PrinterSlots& printerSlots,
                         const PrinterSettings& dialog);
 
 // The dialog's OK after validation: add (mode 1) or update printer
-// editPrinterId (mode 2), then the after-save check: `check` when given (it
-// starts the check elsewhere), else SrvInitPrinterAfterConfig here. Returns
+// editPrinterId (mode 2), then the after-save check of an active printer:
+// `check` starts it (on a printer link, deviceops.h). Returns
 // the printer's Id, or -1 when saving failed (logged).
 qint32 SrvMainPrinterSave(PrinterRepository& printers, PrinterSlots& printerSlots, const PrinterSettings& dialog,
                           int mode, qint32 editPrinterId, const std::function<void(qint32)>& check = {});

@@ -126,6 +126,7 @@ bool PrintService::CreateQuillmotor(int n)
     }
     if (obj && !failed) {
         drivers_[n] = obj;
+        obj->setLinks(&links_);
         connect(obj, &MP104C::MPCheckFinished, this,
                 [this, n](qint32, const DriverResult& result) { MainUpdatePrinterStatusAfterMPCheck(n, result); });
         connect(obj, &MP104C::MPPrintJobFinished, this,

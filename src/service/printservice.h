@@ -6,7 +6,7 @@
 //   PrintService svc(slotTable, jdb, store);
 //   if (!svc.MainCreateQuillmotors()) fail;          // start-up
 //   svc.MainAddAndInitAllPrinters();                  // printers into the slots
-//   svc.enableStatusTimer(); ReConfigCOMPrinters(slotTable); svc.statusPass();
+//   svc.enableStatusTimer(); svc.statusPass();       // serial lines reconfigured first (Operator)
 //   svc.startService();                               // operator / auto-start
 //   ...
 //   svc.shutdown();                                   // stop, release drivers
@@ -45,6 +45,9 @@ public:
     // list follows. Throws to the caller's trap, as start-up expects.
     void MainAddAndInitAllPrinters();
     PrinterSlots& printerSlots() { return slots_; }
+    // The printer connections: the drivers' runs and the operator's device
+    // work take their turns on them.
+    PrinterLinks& links() { return links_; }
 
     // --- driver objects --------------------------------------------------
     // Makes a new driver object; throws quill::Error when it cannot.
@@ -128,6 +131,8 @@ private:
     JobDatabase& jdb_;
     JobStore& store_;
     PrinterListModel list_;
+    // Before the drivers, so it outlives them.
+    PrinterLinks links_;
 
     std::array<MP104C*, 6> drivers_{};
     DriverFactory factory_;

@@ -7,7 +7,6 @@
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
 #include "printers/link.h"
-#include "printers/linkgate.h"
 #include "printers/linktransport.h"
 #include "foundation/texts.h"
 
@@ -70,6 +69,13 @@ bool MP104C::MPCheck()
     // Asked again while a check still waits for its printer: that attempt
     // is dropped (it never reports) and a fresh one starts, on a new link.
     if (current_ && !current_->print) {
+        // Still waiting for its turn: it answers for this request too.
+        const Work fresh = snapshot(false);
+        if (ticket_ && !links().granted(ticket_) && fresh.port == current_->port
+            && fresh.settings == current_->settings) {
+            current_->printerId = fresh.printerId;
+            return true;
+        }
         log(runName() + QStringLiteral(": asked again, check restarted"));
         timer_.stop();
         closeTransport();
@@ -152,17 +158,29 @@ void MP104C::startNext()
         finish(DriverResult::failure(GetString(12038)));
         return;
     }
-    // A device operation has the line: this run waits for it, untimed (the
-    // operation's own calls are bounded).
-    const QString key = LinkKey(address);
-    if (!LinkGate::instance().tryTake(key)) {
-        queue_.push_front(std::move(*current_));
-        current_.reset();
-        connect(&LinkGate::instance(), &LinkGate::released, this, &MP104C::startNext,
-                Qt::ConnectionType(Qt::QueuedConnection | Qt::SingleShotConnection));
+    // Whoever has the line before (a device operation, another printer's
+    // run) goes first: this run waits its turn, untimed (their own steps are
+    // bounded).
+    ticket_ = links().acquire({LinkKey(address)}, [this] { onLinkGranted(); });
+}
+
+PrinterLinks& MP104C::links()
+{
+    if (links_)
+        return *links_;
+    if (!ownLinks_)
+        ownLinks_ = std::make_unique<PrinterLinks>();
+    return *ownLinks_;
+}
+
+void MP104C::onLinkGranted()
+{
+    if (!current_)
         return;
-    }
-    linkKey_ = key;
+    Work& w = *current_;
+    const LinkAddress address = ParseDeviceName(w.port);
+    LineSettings line;
+    ParseLineSettings(w.settings, &line);
     QString error;
     io_ = OpenTransport(address, line, this, &error);
     if (!io_) {
@@ -332,8 +350,11 @@ void MP104C::onTimeout()
 
 void MP104C::closeTransport()
 {
-    if (!linkKey_.isEmpty())
-        LinkGate::instance().give(std::exchange(linkKey_, QString()));
+    if (ticket_ && links_)
+        links_->release(ticket_);
+    else if (ticket_ && ownLinks_)
+        ownLinks_->release(ticket_);
+    ticket_ = 0;
     if (!io_)
         return;
     QIODevice* io = io_;

@@ -3,10 +3,12 @@
 // server writes identity and connection into its properties, starts a check,
 // or a print run from a PrintJob value, and gets the run's result with the
 // matching event.
-// All work runs on the event loop over the printer link (printers/link.h):
+// All work runs on the event loop over the printer link (printers/link.h),
+// each run in its turn on the connection's link object (printerlink.h):
 // nothing here blocks, and every step has a time limit, so every run that
 // was started ends with its event.
 #include "foundation/printjob.h"
+#include "printers/printerlink.h"
 
 #include <QObject>
 #include <QPointer>
@@ -16,6 +18,7 @@
 
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 
 class QIODevice;
@@ -38,6 +41,10 @@ public:
 
     explicit MP104C(QObject* parent = nullptr);
     ~MP104C() override;
+
+    // The links its runs take their turn on (the print service's); without
+    // one the driver has links of its own.
+    void setLinks(PrinterLinks* links) { links_ = links; }
 
     qint32 PrinterId() const { return printerId_; }
     void setPrinterId(qint32 v) { printerId_ = v; }
@@ -86,6 +93,7 @@ private:
     Work snapshot(bool print) const;
     bool enqueue(Work w);
     void startNext();
+    void onLinkGranted();
     void onConnected();
     void onReadyRead();
     void onLinkLost();
@@ -107,7 +115,10 @@ private:
     std::deque<Work> queue_;
     std::optional<Work> current_;
     QIODevice* io_ = nullptr;
-    QString linkKey_; // the connection this run holds in the link gate
+    PrinterLinks& links();
+    QPointer<PrinterLinks> links_;
+    std::unique_ptr<PrinterLinks> ownLinks_;
+    PrinterLinks::Ticket ticket_ = 0; // this run's turn on its connection
     LinkDecoder* decoder_ = nullptr;
     bool connected_ = false;
     quint32 nextId_ = 1;

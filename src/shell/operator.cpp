@@ -8,9 +8,8 @@
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
 #include "foundation/texts.h"
-#include "printers/comapi.h"
 #include "printers/deviceops.h"
-#include "printers/linkgate.h"
+#include "printers/printerlink.h"
 #include "protocol/listener.h"
 #include "service/printservice.h"
 #include "shell/server.h"
@@ -20,9 +19,6 @@
 #include <QTimer>
 
 #include <functional>
-
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 
 namespace quill {
@@ -263,63 +259,34 @@ Operator::Outcome Operator::deletePrinter(qint32 printerId)
 
 // ------------------------------------------------------------------ device operations
 
-// Device work on the worker thread, and what follows it on the event loop.
-// Fields the work fills are read by `done` only after the worker has ended.
-struct Operator::DeviceJob {
-    QStringList links;                       // the connections it may use
-    QPointer<QObject> boxOwner;              // boxes it raises belong there
-    std::function<void(DeviceJob&)> work;    // worker thread: device calls only
-    std::function<void(DeviceJob&)> done;    // event loop: statuses, boxes, signals
-    bool background = true;                  // not an operator's own device operation
-    bool cancelled = false;
-
+// What a piece of device work leaves for the event loop: written on the
+// link's worker, read by `done` after the work has ended.
+struct Operator::DeviceState {
     PrinterSettings values;
     ConfigResult config = ConfigResult::Trapped;
     QString result;
-
-    // The question a configuration may ask half-way, answered on the
-    // event-loop thread; a shutdown answers No.
-    std::mutex mutex;
-    std::condition_variable answered;
-    std::optional<bool> answer;
-    bool stopping = false;
 };
 
-void Operator::startDeviceJob(const std::shared_ptr<DeviceJob>& job)
+PrinterLinks& Operator::links()
 {
-    deviceBusy_ = true;
-    backgroundWork_ = job->background;
-    deviceJob_ = job;
-    emit busyChanged(true);
-    // The print driver waits while the job has the connections; taken here
-    // when free, so a status pass started next already finds them held.
-    const auto mode = LinkGate::instance().tryTakeAll(job->links) ? LinkGate::Hold::Adopt : LinkGate::Hold::Wait;
-    deviceThread_ = QThread::create([job, mode] {
-        const LinkGate::Hold hold(LinkGate::instance(), job->links, mode);
-        if (hold.cancelled())
-            job->cancelled = true;
-        else
-            job->work(*job);
-    });
-    deviceThread_->setObjectName(QStringLiteral("device operation"));
-    connect(deviceThread_, &QThread::finished, this, [this, job] { finishDeviceJob(job); });
-    deviceThread_->start();
+    return server_.printService().links();
 }
 
-void Operator::finishDeviceJob(const std::shared_ptr<DeviceJob>& job)
+void Operator::runDeviceWork(const QStringList& keys, bool background,
+                             std::function<void(const DeviceContext&)> work, std::function<void()> done)
 {
-    if (deviceThread_) {
-        deviceThread_->wait();
-        deviceThread_->deleteLater();
-        deviceThread_ = nullptr;
+    if (!deviceBusy_) {
+        deviceBusy_ = true;
+        backgroundWork_ = background;
+        emit busyChanged(true);
     }
-    deviceJob_.reset();
+    links().run(keys, this, std::move(work), std::move(done));
+}
+
+void Operator::endDeviceWork()
+{
     deviceBusy_ = false;
     backgroundWork_ = false;
-    {
-        const BoxOwnerScope owner(job->boxOwner);
-        job->done(*job);
-    }
     emit busyChanged(false);
 }
 
@@ -337,54 +304,58 @@ Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, cons
         });
         return Outcome::Done;
     }
-    auto job = std::make_shared<DeviceJob>();
-    job->values = dialog;
-    job->background = false;
-    job->boxOwner = CurrentBoxOwner();
-    job->links = DialogLinkKeys(dialog, configure);
-    job->work = [this, operation](DeviceJob& j) {
-        if (operation == DeviceOperation::Configure) {
-            j.config = ConfigureDevice(j.values, [this, &j] { return askOnEventLoop(j); });
-            return;
-        }
-        QString deviceName, settings;
-        DialogDevice(j.values, &deviceName, &settings);
-        if (operation == DeviceOperation::TestPrint)
-            j.result = SrvMPTestPrint(deviceName, settings);
-        else if (operation == DeviceOperation::ClearMemory)
-            j.result = SrvMPClear(deviceName, settings);
-        else
-            j.result = SrvMPCal(deviceName, settings);
-    };
-    job->done = [this, operation](DeviceJob& j) {
-        Outcome outcome = Outcome::Failed;
-        if (!j.cancelled)
-            outcome = operation == DeviceOperation::Configure ? configureOutcome(j.config)
-                                                              : deviceResultOutcome(j.result);
-        emit deviceOperationFinished(operation, outcome, j.values);
-    };
-    startDeviceJob(job);
+    if (configure) {
+        startConfigure(dialog, false, CurrentBoxOwner());
+        return Outcome::Done;
+    }
+    auto state = std::make_shared<DeviceState>();
+    state->values = dialog;
+    QPointer<QObject> boxOwner = CurrentBoxOwner();
+    runDeviceWork(
+        DialogLinkKeys(dialog, false), false,
+        [state, operation](const DeviceContext& context) {
+            QString deviceName, settings;
+            DialogDevice(state->values, &deviceName, &settings);
+            if (operation == DeviceOperation::TestPrint)
+                state->result = SrvMPTestPrint(context, deviceName, settings);
+            else if (operation == DeviceOperation::ClearMemory)
+                state->result = SrvMPClear(context, deviceName, settings);
+            else
+                state->result = SrvMPCal(context, deviceName, settings);
+        },
+        [this, state, operation, boxOwner] {
+            endDeviceWork();
+            const BoxOwnerScope owner(boxOwner.data());
+            emit deviceOperationFinished(operation, deviceResultOutcome(state->result), state->values);
+        });
     return Outcome::Done;
 }
 
-bool Operator::askOnEventLoop(DeviceJob& job)
+void Operator::startConfigure(const PrinterSettings& values, bool throughSerial, const QPointer<QObject>& boxOwner)
 {
-    QMetaObject::invokeMethod(
-        this,
-        [&job] {
-            bool yes = false;
-            {
-                const BoxOwnerScope owner(job.boxOwner);
-                yes = AskConfigureThroughSerial();
-            }
-            std::lock_guard lock(job.mutex);
-            job.answer = yes;
-            job.answered.notify_all();
+    auto state = std::make_shared<DeviceState>();
+    state->values = values;
+    runDeviceWork(
+        DialogLinkKeys(values, true, throughSerial), false,
+        [state, throughSerial](const DeviceContext& context) {
+            state->config = ConfigureDevice(context, state->values, throughSerial);
         },
-        Qt::QueuedConnection);
-    std::unique_lock lock(job.mutex);
-    job.answered.wait(lock, [&job] { return job.answer.has_value() || job.stopping; });
-    return job.answer.value_or(false);
+        [this, state, boxOwner] {
+            const BoxOwnerScope owner(boxOwner.data());
+            if (state->config == ConfigResult::NeedsSerial) {
+                // The box is not reached where it was: the operator decides
+                // whether its serial line is used, the line taken afresh.
+                const QString question = GetString(12036) + QLatin1Char('\r') + GetString(12037)
+                    + QStringLiteral("\r\r") + GetString(12017);
+                if (MsgBox(question, BoxIcon::Question, BoxButtons::YesNo) == BoxAnswer::Yes) {
+                    startConfigure(state->values, true, boxOwner);
+                    return;
+                }
+                state->config = ConfigResult::NetworkFailed;
+            }
+            endDeviceWork();
+            emit deviceOperationFinished(DeviceOperation::Configure, configureOutcome(state->config), state->values);
+        });
 }
 
 void Operator::startAfterSaveCheck(qint32 printerId)
@@ -392,30 +363,42 @@ void Operator::startAfterSaveCheck(qint32 printerId)
     PrinterSlots& printers = server_.printers();
     if (!StartAfterConfigCheck(printers, printerId))
         return;
-    auto job = std::make_shared<DeviceJob>();
+    auto state = std::make_shared<DeviceState>();
     const PrinterSlot slot = printers.at(printerId);
-    job->links = {SlotLinkKey(slot)};
-    job->work = [slot](DeviceJob& j) { j.result = SrvMPCheck(slot); };
-    job->done = [this, printerId](DeviceJob& j) {
-        // Deleting or editing waited for this (Busy), so the slot is the one checked.
-        if (!j.cancelled && server_.printers().SrvPrinterExists(printerId))
-            FinishAfterConfigCheck(server_.printers(), printerId, j.result);
-        emit printerChecked(printerId);
-    };
-    startDeviceJob(job);
+    runDeviceWork(
+        {SlotLinkKey(slot)}, true,
+        [state, slot](const DeviceContext& context) { state->result = SrvMPCheck(context, slot); },
+        [this, state, printerId] {
+            endDeviceWork();
+            // Deleting or editing waited for this (Busy), so the slot is the one checked.
+            if (server_.printers().SrvPrinterExists(printerId))
+                FinishAfterConfigCheck(server_.printers(), printerId, state->result);
+            emit printerChecked(printerId);
+        });
 }
 
 Operator::Outcome Operator::configureOutcome(ConfigResult result)
 {
-    ReportConfigResult(result);
     switch (result) {
     case ConfigResult::Configured:
         return Outcome::Done;
     case ConfigResult::NotConfigurable:
         return Outcome::Refused;
-    default:
-        return Outcome::Failed;
+    case ConfigResult::SerialFailed:
+        MsgBoxUnlessSilent(GetString(12032), BoxIcon::Information);
+        break;
+    case ConfigResult::NoAddress:
+        // Answers the operator's own click, so it shows in silent mode too.
+        MsgBox(GetString(12033), BoxIcon::Information);
+        break;
+    case ConfigResult::NetworkFailed:
+        MsgBoxUnlessSilent(GetString(12034) + QLatin1Char('\r') + GetString(12035), BoxIcon::Exclamation);
+        break;
+    case ConfigResult::NeedsSerial:
+    case ConfigResult::Trapped:
+        break;
     }
+    return Outcome::Failed;
 }
 
 Operator::Outcome Operator::deviceResultOutcome(const QString& result)
@@ -433,22 +416,8 @@ Operator::Outcome Operator::deviceResultOutcome(const QString& result)
 
 void Operator::stopDeviceOperation()
 {
-    if (!deviceThread_)
-        return;
-    if (deviceJob_) {
-        std::lock_guard lock(deviceJob_->mutex);
-        deviceJob_->stopping = true;
-        deviceJob_->answered.notify_all();
-    }
-    // Every wait of the device library and the gate ends at once.
-    Printer_CancelWaits(true);
-    LinkGate::instance().cancelAll(true);
-    deviceThread_->wait();
-    Printer_CancelWaits(false);
-    LinkGate::instance().cancelAll(false);
-    delete deviceThread_;
-    deviceThread_ = nullptr;
-    deviceJob_.reset();
+    // Its waits end at once; no box and no signal follows.
+    links().stopWork(this);
 }
 
 // ------------------------------------------------------------------ printer status
@@ -477,12 +446,12 @@ void Operator::reconfigureSerialPrinters()
     const QList<SerialLine> lines = SerialLinesToReconfigure(server_.printers());
     if (lines.isEmpty())
         return;
-    auto job = std::make_shared<DeviceJob>();
+    QStringList keys;
     for (const SerialLine& line : lines)
-        job->links << LinkKey(line.deviceName);
-    job->work = [lines](DeviceJob&) { ReConfigCOMLines(lines); };
-    job->done = [](DeviceJob&) {};
-    startDeviceJob(job);
+        keys << LinkKey(line.deviceName);
+    runDeviceWork(
+        keys, true, [lines](const DeviceContext& context) { ReConfigCOMLines(context, lines); },
+        [this] { endDeviceWork(); });
 }
 
 // ------------------------------------------------------------------ settings

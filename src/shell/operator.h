@@ -16,14 +16,14 @@
 #include "printers/printerrecord.h"
 
 #include <QObject>
+#include <QPointer>
 #include <QString>
 
-#include <memory>
-
-class QThread;
+#include <functional>
 
 namespace quill {
 
+class PrinterLinks;
 class Server;
 
 class Operator : public QObject {
@@ -155,13 +155,17 @@ signals:
 
 private:
     class Busy;
-    struct DeviceJob;
-    // One job at a time (deviceBusy_); its work runs on a worker thread.
-    void startDeviceJob(const std::shared_ptr<DeviceJob>& job);
-    void finishDeviceJob(const std::shared_ptr<DeviceJob>& job);
-    bool askOnEventLoop(DeviceJob& job);         // from the worker; waits for the answer
+    struct DeviceState;
+    // Device work runs on the printer links' workers, one piece at a time
+    // (deviceBusy_); done follows on the event loop.
+    PrinterLinks& links();
+    void runDeviceWork(const QStringList& keys, bool background, std::function<void(const DeviceContext&)> work,
+                       std::function<void()> done);
+    void endDeviceWork();
+    // Configures; a box not reached asks whether to go through its serial line.
+    void startConfigure(const PrinterSettings& values, bool throughSerial, const QPointer<QObject>& boxOwner);
     void startAfterSaveCheck(qint32 printerId);
-    // The serial printers' line speed sent again, on the worker thread.
+    // The serial printers' line speed sent again, on the links' workers.
     void reconfigureSerialPrinters();
     Outcome configureOutcome(ConfigResult result);
     Outcome deviceResultOutcome(const QString& result);
@@ -176,8 +180,6 @@ private:
     bool dialogOpen_ = false;
     bool deviceBusy_ = false;
     bool backgroundWork_ = false;
-    QThread* deviceThread_ = nullptr;
-    std::shared_ptr<DeviceJob> deviceJob_;
     Field invalidField_ = Field::None;
 };
 

@@ -8,7 +8,6 @@
 #include "foundation/paths.h"
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
-#include "printers/deviceops.h"
 #include "protocol/listener.h"
 #include "protocol/requesthandler.h"
 #include "protocol/traffic.h"

@@ -3,10 +3,8 @@
 // compares the calls the printer received, in order.
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "foundation/settings.h"
-#include "printers/comapi.h"
 #include "printers/deviceops.h"
 #include "printers/printerrecord.h"
 #include "database/slots.h"
@@ -27,7 +25,8 @@ using quill::test::Emulator;
 
 namespace {
 
-quill::dbtest::RecordingSink sink;
+// Local round trips; longer means a silent printer.
+const DeviceContext ctx{1000};
 
 // The calls of the print settings, after the connection steps, up to the close.
 QStringList printSettingsCalls(int darkness, int speed, int feed = 60, int reverse = 0)
@@ -72,24 +71,30 @@ QString done(bool ok)
 
 Op configCOM(const QString& port, const QString& rate, const DeviceConfig& c = {167, 79})
 {
-    return [=](const Emulator&) { return done(SrvMPConfigCOM(port, rate, c)); };
+    return [=](const Emulator&) { return done(SrvMPConfigCOM(ctx, port, rate, c)); };
 }
 
-Op configNET(const QString& loaded, bool connectOnly)
+QString resultName(ConfigResult r)
+{
+    static const char* const names[] = {"configured", "not configurable", "serial failed", "no address",
+                                        "network failed", "needs serial", "trapped"};
+    return names[int(r)];
+}
+
+Op configNET(const QString& loaded, bool connectOnly, bool throughSerial = false)
 {
     return [=](const Emulator&) {
-        return done(SrvMPConfigNET("10.1.2.3", loaded, connectOnly, "3", "9600", DeviceConfig{700, 60, 40, 5}));
+        return resultName(SrvMPConfigNET(ctx, "10.1.2.3", loaded, connectOnly, "3", "9600",
+                                         DeviceConfig{700, 60, 40, 5}, throughSerial));
     };
 }
 
 // The dialog's configure button; also shows the loaded address it leaves.
-Op configDialog(PrinterSettings d, BoxAnswer answer = BoxAnswer::Yes, bool silentMode = false)
+Op configDialog(PrinterSettings d)
 {
     return [=](const Emulator&) mutable {
-        sink.answer = answer;
-        SetSilentMode(silentMode);
-        const bool ok = SrvMPConfig(d);
-        return done(ok) + (d.loadedAddress.isEmpty() ? QString() : ", loaded " + d.loadedAddress);
+        const ConfigResult r = ConfigureDevice(ctx, d);
+        return resultName(r) + (d.loadedAddress.isEmpty() ? QString() : ", loaded " + d.loadedAddress);
     };
 }
 
@@ -97,7 +102,7 @@ Op configDialog(PrinterSettings d, BoxAnswer answer = BoxAnswer::Yes, bool silen
 Op check(qint32 connectionType)
 {
     return [=](const Emulator& e) {
-        return SrvMPCheck(slotFor(connectionType, connectionType == 2 ? e.bareDevice() : "COM3:#9600"));
+        return SrvMPCheck(ctx, slotFor(connectionType, connectionType == 2 ? e.bareDevice() : "COM3:#9600"));
     };
 }
 
@@ -118,7 +123,7 @@ Op testPrint(bool serial, const QByteArray& layout = {}, int rounds = 1)
         f.close();
         QString results;
         for (int i = 0; i < rounds; ++i)
-            results += SrvMPTestPrint(" " + device + " ", " " + settings + " ");
+            results += SrvMPTestPrint(ctx, " " + device + " ", " " + settings + " ");
         return results;
     };
 }
@@ -127,8 +132,8 @@ Op testPrint(bool serial, const QByteArray& layout = {}, int rounds = 1)
 Op clearAndCalibrate(const QString& settings)
 {
     return [=](const Emulator&) {
-        const QString cleared = SrvMPClear("COM3:", settings);
-        return cleared + SrvMPCal("COM3:", settings);
+        const QString cleared = SrvMPClear(ctx, "COM3:", settings);
+        return cleared + SrvMPCal(ctx, "COM3:", settings);
     };
 }
 
@@ -143,7 +148,7 @@ QString reconfigureAll(const Emulator&)
     slots_.setPrinter(4, slotFor(2, "127.0.0.1#1"));
     slots_.setPrinter(5, slotFor(1, "COM3:#9600"));
     slots_.removePrinter(5);
-    ReConfigCOMPrinters(slots_);
+    ReConfigCOMLines(ctx, SerialLinesToReconfigure(slots_));
     return "done";
 }
 
@@ -164,7 +169,8 @@ Op afterSave(qint32 n)
         slots_.setPrinter(3, box);
         slots_.SrvSetPrinterStatus(3, StatusConfiguring, GetString(12074));
         quill::dbtest::SlotEvents rows(slots_);
-        SrvInitPrinterAfterConfig(slots_, n);
+        if (StartAfterConfigCheck(slots_, n))
+            FinishAfterConfigCheck(slots_, n, SrvMPCheck(ctx, slots_.at(n)));
         const PrinterSlot& s = slots_.at(3);
         return slotState(s.status, s.prevStatus, s.statusText.trimmed(), rows.events);
     };
@@ -191,10 +197,6 @@ private slots:
         QFile::remove(LogFilePath());
         QFile::remove(home.filePath("0.lbl"));
         QVERIFY(QFile::copy(":/quill/0.lbl", home.filePath("0.lbl")));
-        sink.boxes.clear();
-        sink.answer = BoxAnswer::Yes;
-        SetSilentMode(false);
-        Printer_SetTimeout(1000); // local round trips; longer means a silent printer
     }
 
     void adjustment();
@@ -217,7 +219,7 @@ void TestDeviceOps::operations_data()
     QTest::addColumn<int>("baud");       // the printer's line speed; it also sits behind the box
     QTest::addColumn<QString>("faults"); // emulator commands first, ";" between them
     QTest::addColumn<Op>("op");
-    QTest::addColumn<QString>("result"); // then " / " and each message box
+    QTest::addColumn<QString>("result");
     QTest::addColumn<QStringList>("calls");
     QTest::addColumn<QString>("logLine"); // empty: the log stays empty
     const QStringList settings = printSettingsCalls(167, 79), box = printSettingsCalls(700, 60, 40, 5);
@@ -233,10 +235,10 @@ void TestDeviceOps::operations_data()
     QTest::newRow("re-configuration of the serial slots")
         << 9600 << "" << Op(reconfigureAll) << "done"
         << from9600 + QStringList{"setparam 30 57600", "setparam 34 2000", "lock", "service 3196", "close"} << "";
-    // Only a box without a known address is asked about.
-    const QString question = "question: " + GetString(12036) + "\r" + GetString(12037) + "\r\r" + GetString(12017);
+    // A box without a known address goes through the serial port once the
+    // operator has said so; until then nothing is opened.
     QTest::newRow("network, new box through the serial port")
-        << 9600 << "" << configNET("", false) << "configured / " + question
+        << 9600 << "" << configNET("", false, true) << "configured"
         << from9600 + QStringList{"service 100 10.1.2.3", "service 102 0.0.0.0", "service 110 0.0.0.0"} + box << "";
 
     QTest::newRow("dialog, serial, type 2, highest steps, empty feed")
@@ -250,26 +252,24 @@ void TestDeviceOps::operations_data()
         << 9600 << "" << configDialog(d) << "configured, loaded 10.0.0.7"
         << fromNet + QStringList{"service 100 10.0.0.7", "service 102 0.0.0.0", "service 110 0.0.0.0"} + settings
         << "";
-    // A type without configuration support: no box, no device, no log line.
+    // A type without configuration support: no device, no log line.
     QTest::newRow("dialog, type 10")
-        << 9600 << "" << configDialog({.printerTypeId = 10, .comPort = 3}) << "failed" << QStringList{} << "";
+        << 9600 << "" << configDialog({.printerTypeId = 10, .comPort = 3}) << "not configurable" << QStringList{}
+        << "";
     // Each open is heard and goes unanswered; the retry at 57600 is noise.
     QTest::newRow("dialog, serial printer silent")
-        << 9600 << "silent on" << configDialog({.comPort = 3}) << "failed / information: " + GetString(12032)
+        << 9600 << "silent on" << configDialog({.comPort = 3}) << "serial failed"
         << openOnly << configFailed("SrvMPConfigCOM");
-    QTest::newRow("dialog, no address") << 9600 << "" << configDialog(netDialog("   ", ""))
-                                        << "failed / information: " + GetString(12033) << QStringList{} << "";
-    // A No is no device failure. A failure keeps the loaded address.
-    const QString netFailed = "exclamation: " + GetString(12034) + "\r" + GetString(12035);
-    QTest::newRow("dialog, new box, question declined")
-        << 9600 << "" << configDialog(netDialog(" 10.1.2.3 ", ""), BoxAnswer::No)
-        << "failed / " + question + " / " + netFailed << QStringList{} << "";
+    QTest::newRow("dialog, no address") << 9600 << "" << configDialog(netDialog("   ", "")) << "no address"
+                                        << QStringList{} << "";
+    // Not reached at its loaded address: the operator is asked first. A
+    // failure keeps the loaded address.
+    QTest::newRow("dialog, box silent")
+        << 9600 << "silent on" << configDialog(netDialog(" 10.1.2.3 ", "127.0.0.1"))
+        << "needs serial, loaded 127.0.0.1" << QStringList{"open"} << "";
     QTest::newRow("dialog, box silent, connect only")
         << 9600 << "silent on" << configDialog(netDialog("10.9.9.9", "127.0.0.1", true))
-        << "failed, loaded 127.0.0.1 / " + netFailed << QStringList{"open"} << configFailed("SrvMPConfigNET");
-    QTest::newRow("dialog, the same in silent mode")
-        << 9600 << "silent on" << configDialog(netDialog("10.9.9.9", "127.0.0.1", true), BoxAnswer::Yes, true)
-        << "failed, loaded 127.0.0.1" << QStringList{"open"} << configFailed("SrvMPConfigNET");
+        << "network failed, loaded 127.0.0.1" << QStringList{"open"} << configFailed("SrvMPConfigNET");
 
     // A printer that is still there hears the close; a removed one does not.
     QTest::newRow("serial printer falls silent")
@@ -277,10 +277,10 @@ void TestDeviceOps::operations_data()
         << from9600 + QStringList{"setparam 34 2000"} + settings.mid(0, 3) + QStringList{"close"}
         << configFailed("SrvMPConfigCOM");
     QTest::newRow("serial printer removed")
-        << 9600 << "on lock unplug" << Op([](const Emulator&) { return done(SrvMPConfigCOM2("COM3:", "9600")); })
+        << 9600 << "on lock unplug" << Op([](const Emulator&) { return done(SrvMPConfigCOM2(ctx, "COM3:", "9600")); })
         << "failed" << from9600 + QStringList{"setparam 34 2000", "lock"} << configFailed("SrvMPConfigCOM2");
     QTest::newRow("network box removed") << 9600 << "on setparam 46 unplug" << configNET("127.0.0.1", true)
-                                         << "failed" << fromNet + box.mid(0, 2) << configFailed("SrvMPConfigNET");
+                                         << "network failed" << fromNet + box.mid(0, 2) << configFailed("SrvMPConfigNET");
 
     QTest::newRow("clear memory, calibrate")
         << 57600 << "" << clearAndCalibrate("57600,n,8,1,x") << ok + ok
@@ -342,10 +342,7 @@ void TestDeviceOps::operations()
     for (const QString& f : faults.split(';', Qt::SkipEmptyParts))
         QCOMPARE(emu.command(f), QString("ok"));
 
-    QString result = op(emu);
-    for (const auto& box : sink.boxes)
-        result += " / " + box.described();
-    QTEST(result, "result");
+    QTEST(op(emu), "result");
     QCOMPARE(calls.value(calls.size() - 1) == "close" ? emu.settledLog() : emu.log(), calls);
     const QString log = CurrentLogText();
     QVERIFY2(logLine.isEmpty() ? log.isEmpty() : log.contains(logLine), qPrintable(log));

@@ -183,9 +183,9 @@ private slots:
             QVERIFY(drv_->MPPrintJob(job(6, longJob), true) && first.wait(10000));
             QCOMPARE(resultOf(first), Ok);
             if (before == "test print")
-                QCOMPARE(SrvMPTestPrint(drv_->Port(), drv_->Settings()), Ok);
+                QCOMPARE(SrvMPTestPrint({}, drv_->Port(), drv_->Settings()), Ok);
             else if (before == "clear")
-                QCOMPARE(SrvMPClear(drv_->Port(), drv_->Settings()), Ok);
+                QCOMPARE(SrvMPClear({}, drv_->Port(), drv_->Settings()), Ok);
         }
         if (!fault.isEmpty())
             QCOMPARE(emu_->command(fault), QStringLiteral("ok"));

@@ -11,7 +11,6 @@
 #include "service/printservice.h"
 #include "shell/operator.h"
 #include "shell/server.h"
-#include "printers/comapi.h"
 #include "support/dbfixture.h"
 #include "support/installation.h"
 
@@ -382,8 +381,8 @@ private slots:
         PrinterSettings dialog;
         QCOMPARE(op_->openEditPrinter(2, &dialog), Outcome::Done);
         QCOMPARE(inst_->ser.command("silent on"), QStringLiteral("ok"));
-        Printer_SetTimeout(60000);
-        const auto restore = qScopeGuard([] { Printer_SetTimeout(3000); });
+        srv_->printService().links().setDeviceTimeout(60000);
+        const auto restore = qScopeGuard([this] { srv_->printService().links().setDeviceTimeout(3000); });
         const qsizetype opens = inst_->ser.log().filter(QRegularExpression("^open")).size();
         QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::Configure, dialog), Outcome::Done);
         QTRY_COMPARE_WITH_TIMEOUT(inst_->ser.log().filter(QRegularExpression("^open")).size(), opens + 1, 10000);

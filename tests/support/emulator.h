@@ -4,7 +4,7 @@
 //
 //   quill::test::Emulator emu;
 //   QVERIFY2(emu.startTcp(), qPrintable(emu.errorText()));   // network box
-//   Printer_Open(emu.netDevice(), "", "m");                  // "NETBOX:127.0.0.1#<port>"
+//   session.open(emu.netDevice(), "", "m");                  // "NETBOX:127.0.0.1#<port>"
 //   emu.command("paper out");                                // "ok"
 //   QJsonObject st = emu.state();                            // parameters, counters, log...
 //   QStringList calls = emu.log();                           // ["open","status 4",...]
@@ -13,7 +13,7 @@
 //   emu.startPty(9600);   // serial printer on a pty in a private temp dir;
 //   emu.mapComPort(1);    // COM1: -> the pty (per-machine Ports setting;
 //                         // call after pointing XDG_CONFIG_DIRS at a temp dir)
-//   Printer_Open("COM1:", "9600,n,8,1,x", "m");
+//   session.open("COM1:", "9600,n,8,1,x", "m");
 //
 // Options: setOutDir(dir) before start adds --out (printed labels as PNG +
 // JSON); setName(name) adds --name. stop() (or the destructor) ends the

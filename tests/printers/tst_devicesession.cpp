@@ -1,8 +1,8 @@
-// Device library against the real emulator, over TCP (network box) and over a
+// Device sessions against the real emulator, over TCP (network box) and over a
 // pty (serial printer); the emulator's control port and command line. Line
 // speed changes are in tst_deviceops (the serial rate switch).
 #include "foundation/settings.h"
-#include "printers/comapi.h"
+#include "printers/devicesession.h"
 #include "printers/link.h"
 #include "support/emulator.h"
 
@@ -30,7 +30,7 @@ bool writeFile(const QString& path, const QByteArray& text)
 
 } // namespace
 
-class TestComapi : public QObject {
+class TestDeviceSession : public QObject {
     Q_OBJECT
     QTemporaryDir config_;
     std::unique_ptr<Emulator> emu_;
@@ -42,9 +42,9 @@ class TestComapi : public QObject {
             emu_->mapComPort(1);
         return ok;
     }
-    int open(const QString& transport)
+    int open(DeviceSession& s, const QString& transport)
     {
-        return transport == Tcp ? Printer_Open(emu_->netDevice(), "", "m") : Printer_Open("COM1:", "9600,n,8,1,x", "m");
+        return transport == Tcp ? s.open(emu_->netDevice(), "", "m") : s.open("COM1:", "9600,n,8,1,x", "m");
     }
     static void transports()
     {
@@ -63,7 +63,6 @@ private slots:
     }
     void init()
     {
-        Printer_SetTimeout(3000);
         emu_ = std::make_unique<Emulator>();
         emu_->setName("Kassa 2");
     }
@@ -74,66 +73,65 @@ private slots:
     void printResults();
     void timeouts_data() { transports(); }
     void timeouts();
-    void badDevicesAndHandles_data();
-    void badDevicesAndHandles();
+    void badDevices_data();
+    void badDevices();
     void emulatorControlAndStartup();
 };
 
-void TestComapi::parametersAndReplies()
+void TestDeviceSession::parametersAndReplies()
 {
     QFETCH(QString, transport);
     QVERIFY2(start(transport), qPrintable(emu_->errorText()));
-    const int h = open(transport);
-    QVERIFY(h >= 1);
+    DeviceSession h;
+    QCOMPARE(open(h, transport), 1);
     int v = 0;
-    QCOMPARE(Printer_SetParameter(h, 46, 250), 1);
-    QCOMPARE(Printer_GetParameter(h, 46, &v), 1);
+    QCOMPARE(h.setParameter(46, 250), 1);
+    QCOMPARE(h.parameter(46, &v), 1);
     QCOMPARE(v, 250);
     int c[5] = {-1, -1, -1, -1, -1};
-    QCOMPARE(Printer_SetCounter(h, 1, 40, 1, 9, 1), 1);
-    QCOMPARE(Printer_GetCounter(h, 1, &c[0], &c[1], &c[2], &c[3], &c[4]), 1);
+    QCOMPARE(h.setCounter(1, 40, 1, 9, 1), 1);
+    QCOMPARE(h.counter(1, &c[0], &c[1], &c[2], &c[3], &c[4]), 1);
     QCOMPARE(QList<int>(c, c + 5), (QList<int>{40, 1, 9, 1, 0}));
     QString reply;
-    QCOMPARE(Printer_ServiceCommand(h, 100, "192.168.1.40", &reply, 255), 1);
+    QCOMPARE(h.service(100, "192.168.1.40", &reply, 255), 1);
     QCOMPARE(reply, QString("192.168.1.40"));
-    QCOMPARE(Printer_ServiceCommand(h, 38153, QString(), &reply, 3), 1);
+    QCOMPARE(h.service(38153, QString(), &reply, 3), 1);
     QCOMPARE(reply, QString("MP1")); // cut to the reply buffer
-    QCOMPARE(Printer_ServiceCommand(h, 100, QString(256, '9'), &reply, 255), link::ErrGeneral);
+    QCOMPARE(h.service(100, QString(256, '9'), &reply, 255), link::ErrGeneral);
     QVERIFY(reply.isEmpty());
     // A refused line speed leaves this side's speed alone: the session goes on.
-    QCOMPARE(Printer_SetParameter(h, link::ParamBaudRate, 12345), link::ErrGeneral);
-    QCOMPARE(Printer_LockParameters(h), 1);
-    QCOMPARE(Printer_SetParameter(h, 40, 1), link::ErrGeneral);
-    Printer_Close(h);
+    QCOMPARE(h.setParameter(link::ParamBaudRate, 12345), link::ErrGeneral);
+    QCOMPARE(h.lockParameters(), 1);
+    QCOMPARE(h.setParameter(40, 1), link::ErrGeneral);
 }
 
-void TestComapi::printResults()
+void TestDeviceSession::printResults()
 {
     QVERIFY2(start(Tcp), qPrintable(emu_->errorText()));
-    const int h = open(Tcp);
-    QVERIFY2(h >= 1, qPrintable(QString::number(h)));
-    QCOMPARE(Printer_Identity(h), QString("Kassa 2"));
-    QCOMPARE(Printer_PrintLabel(h, 1, "i"), link::ErrFile); // no layout yet
-    QCOMPARE(Printer_SendLayout(h, testLayout()), 1);
-    QCOMPARE(Printer_SendLayout(h, testLayout()), link::LayoutAccepted);
-    QCOMPARE(Printer_PrintLabel(h, 1, "i"), link::PrintAccepted); // variable 1 missing
-    QCOMPARE(Printer_SendVariable(h, "v", 1), 1);
-    QCOMPARE(Printer_PrintLabel(h, 1, "i"), 1);
-    QCOMPARE(Printer_PrintLabel(h, 0, "i"), link::ErrGeneral);
-    QCOMPARE(Printer_SendVariable(h, "v", 0), link::ErrGeneral);
+    DeviceSession h;
+    QCOMPARE(open(h, Tcp), 1);
+    QCOMPARE(h.identity(), QString("Kassa 2"));
+    QCOMPARE(h.printLabel(1, "i"), link::ErrFile); // no layout yet
+    QCOMPARE(h.sendLayout(testLayout()), 1);
+    QCOMPARE(h.sendLayout(testLayout()), link::LayoutAccepted);
+    QCOMPARE(h.printLabel(1, "i"), link::PrintAccepted); // variable 1 missing
+    QCOMPARE(h.sendVariable("v", 1), 1);
+    QCOMPARE(h.printLabel(1, "i"), 1);
+    QCOMPARE(h.printLabel(0, "i"), link::ErrGeneral);
+    QCOMPARE(h.sendVariable("v", 0), link::ErrGeneral);
 
-    QCOMPARE(Printer_GetStatus(h, 4), 0);
+    QCOMPARE(h.status(4), 0);
     for (const char* fault : {"paper out", "ribbon out", "head up"})
         QCOMPARE(emu_->command(fault), QString("ok"));
-    QCOMPARE(Printer_GetStatus(h, 4), 13);
+    QCOMPARE(h.status(4), 13);
     // Ribbon before paper before head; each fault cleared lets the next show.
     // Variable 1 went with the first print that carried it.
     const std::pair<const char*, int> clears[] = {
         {"ribbon in", link::ErrPaper}, {"paper in", link::ErrGeneral}, {"head down", link::PrintAccepted}};
-    QCOMPARE(Printer_PrintLabel(h, 1, "i"), link::ErrRibbon);
+    QCOMPARE(h.printLabel(1, "i"), link::ErrRibbon);
     for (auto [clear, result] : clears) {
         QCOMPARE(emu_->command(clear), QString("ok"));
-        QCOMPARE(Printer_PrintLabel(h, 1, "i"), result);
+        QCOMPARE(h.printLabel(1, "i"), result);
     }
 
     // Unparsable for the printer, beyond its memory, beyond a frame; missing.
@@ -145,27 +143,28 @@ void TestComapi::printResults()
         {"label 100 100\n# " + QByteArray(link::MaxFrameBytes, 'x') + "\n", link::ErrMemory}};
     for (const auto& [text, result] : files) {
         QVERIFY(writeFile(path, text));
-        QCOMPARE(Printer_SendLayout(h, path), result);
+        QCOMPARE(h.sendLayout(path), result);
     }
-    QCOMPARE(Printer_SendLayout(h, dir.filePath("nope.lbl")), link::ErrFile);
+    QCOMPARE(h.sendLayout(dir.filePath("nope.lbl")), link::ErrFile);
 
     // Clearing the memory forgets the layout.
-    QCOMPARE(Printer_Init(h, "a"), 1);
-    QCOMPARE(Printer_PrintLabel(h, 1, "i"), link::ErrFile);
-    Printer_Close(h);
+    QCOMPARE(h.init("a"), 1);
+    QCOMPARE(h.printLabel(1, "i"), link::ErrFile);
 }
 
-void TestComapi::timeouts()
+void TestDeviceSession::timeouts()
 {
     QFETCH(QString, transport);
     QVERIFY2(start(transport), qPrintable(emu_->errorText()));
-    Printer_SetTimeout(500);
-    int h = open(transport);
-    QVERIFY(h >= 1);
-    QCOMPARE(emu_->command("silent on"), QString("ok"));
-    QCOMPARE(Printer_SetParameter(h, 46, 200), link::ErrComm);
-    Printer_Close(h);
-    QCOMPARE(open(transport), link::ErrComm);
+    const DeviceContext fast{500};
+    {
+        DeviceSession h(fast);
+        QCOMPARE(open(h, transport), 1);
+        QCOMPARE(emu_->command("silent on"), QString("ok"));
+        QCOMPARE(h.setParameter(46, 200), link::ErrComm);
+    }
+    DeviceSession h(fast);
+    QCOMPARE(open(h, transport), link::ErrComm);
     // The silent printer still heard the calls.
     const QStringList heard = emu_->log();
     QVERIFY(heard.contains("setparam 46 200"));
@@ -173,23 +172,21 @@ void TestComapi::timeouts()
 
     // A late answer to an earlier call is not taken for the current one's.
     QCOMPARE(emu_->command("silent off"), QString("ok"));
-    h = open(transport);
-    QVERIFY(h >= 1);
+    QCOMPARE(open(h, transport), 1);
     for (const char* command : {"paper out", "delay 1000"})
         QCOMPARE(emu_->command(command), QString("ok"));
-    QCOMPARE(Printer_GetStatus(h, 4), link::ErrComm);
+    QCOMPARE(h.status(4), link::ErrComm);
     for (const char* command : {"delay 0", "paper in"})
         QCOMPARE(emu_->command(command), QString("ok"));
     QTest::qWait(700); // the late answer (status 1) comes in meanwhile
-    QCOMPARE(Printer_GetStatus(h, 4), 0);
+    QCOMPARE(h.status(4), 0);
 
     // A slow printer inside the bound is fine.
     QCOMPARE(emu_->command("delay 100"), QString("ok"));
-    QCOMPARE(Printer_GetStatus(h, 4), 0);
-    Printer_Close(h);
+    QCOMPARE(h.status(4), 0);
 }
 
-void TestComapi::badDevicesAndHandles_data()
+void TestDeviceSession::badDevices_data()
 {
     QTest::addColumn<QString>("device");
     QTest::addColumn<QString>("settings");
@@ -203,17 +200,19 @@ void TestComapi::badDevicesAndHandles_data()
     QTest::newRow("serial port missing") << "COM4:" << "9600,n,8,1,x" << link::ErrComm;
 }
 
-void TestComapi::badDevicesAndHandles()
+void TestDeviceSession::badDevices()
 {
     QFETCH(QString, device);
     QFETCH(QString, settings);
     RegSetValue(HKEY_LOCAL_MACHINE, "SOFTWARE\\Norvu\\Brixa\\Ports", "COM4", REG_SZ, config_.filePath("no-such-tty"));
-    QTEST(Printer_Open(device, settings, "m"), "result");
-    QCOMPARE(Printer_GetStatus(77, 4), link::ErrGeneral);
-    QCOMPARE(Printer_Close(77), link::ErrGeneral);
+    DeviceSession s;
+    QTEST(s.open(device, settings, "m"), "result");
+    // A session that did not open refuses every call.
+    QCOMPARE(s.status(4), link::ErrGeneral);
+    QCOMPARE(s.close(), link::ErrGeneral);
 }
 
-void TestComapi::emulatorControlAndStartup()
+void TestDeviceSession::emulatorControlAndStartup()
 {
     // A control command the emulator does not take must not pass for "ok".
     QVERIFY2(start(Tcp), qPrintable(emu_->errorText()));
@@ -233,5 +232,5 @@ void TestComapi::emulatorControlAndStartup()
     }
 }
 
-QTEST_MAIN(TestComapi)
-#include "tst_comapi.moc"
+QTEST_MAIN(TestDeviceSession)
+#include "tst_devicesession.moc"

@@ -1,0 +1,239 @@
+#include "printers/printerlink.h"
+#include "printers/linktransport.h"
+
+#include <QFileInfo>
+#include <QMetaObject>
+#include <QThread>
+
+#include <atomic>
+#include <future>
+
+namespace quill {
+
+QString LinkKey(const LinkAddress& address)
+{
+    switch (address.kind) {
+    case LinkAddress::Serial: {
+        const QString canonical = QFileInfo(address.path).canonicalFilePath();
+        return QStringLiteral("serial:") + (canonical.isEmpty() ? address.path : canonical);
+    }
+    case LinkAddress::Network:
+        return QStringLiteral("net:") + address.host.toLower() + QLatin1Char(':') + QString::number(address.port);
+    case LinkAddress::Invalid:
+        break;
+    }
+    return {};
+}
+
+QString LinkKey(const QString& deviceName)
+{
+    return LinkKey(ParseDeviceName(deviceName.trimmed()));
+}
+
+// ------------------------------------------------------------------ PrinterLink
+
+PrinterLink::PrinterLink(const QString& key, PrinterLinks& owner) : QObject(&owner), key_(key) {}
+
+PrinterLink::~PrinterLink()
+{
+    stopWorker();
+}
+
+QObject* PrinterLink::worker()
+{
+    if (!thread_) {
+        thread_ = new QThread;
+        thread_->setObjectName(QStringLiteral("printer link"));
+        workerContext_ = new QObject;
+        workerContext_->moveToThread(thread_);
+        thread_->start();
+    }
+    return workerContext_;
+}
+
+void PrinterLink::stopWorker()
+{
+    if (!thread_)
+        return;
+    thread_->quit();
+    thread_->wait();
+    // Its thread has ended: nothing else can touch it now.
+    delete workerContext_;
+    workerContext_ = nullptr;
+    delete thread_;
+    thread_ = nullptr;
+}
+
+// ------------------------------------------------------------------ PrinterLinks
+
+struct PrinterLinks::Entry {
+    QStringList keys;
+    std::function<void()> granted;
+    bool started = false;
+    // Blocking work only.
+    bool blocking = false;
+    const QObject* owner = nullptr;
+    QPointer<QObject> context;
+    std::function<void(const DeviceContext&)> work;
+    std::function<void()> done;
+    std::shared_ptr<std::atomic<bool>> cancel;
+    std::shared_future<void> ended;
+};
+
+PrinterLinks::PrinterLinks(QObject* parent) : QObject(parent) {}
+
+PrinterLinks::~PrinterLinks()
+{
+    for (const auto& e : std::as_const(entries_))
+        if (e->cancel)
+            e->cancel->store(true);
+    for (PrinterLink* link : std::as_const(links_))
+        link->stopWorker();
+    entries_.clear();
+}
+
+PrinterLink* PrinterLinks::linkFor(const QString& key)
+{
+    PrinterLink*& link = links_[key];
+    if (!link)
+        link = new PrinterLink(key, *this);
+    return link;
+}
+
+PrinterLinks::Ticket PrinterLinks::acquire(const QStringList& keys, std::function<void()> granted)
+{
+    auto e = std::make_shared<Entry>();
+    for (const QString& k : keys)
+        if (!k.isEmpty() && !e->keys.contains(k))
+            e->keys << k;
+    // Names that name no connection still queue somewhere, so the work keeps
+    // its turn and, when blocking, has a worker.
+    if (e->keys.isEmpty())
+        e->keys << QString();
+    e->granted = std::move(granted);
+    const Ticket t = nextTicket_++;
+    entries_.insert(t, e);
+    bool first = true;
+    for (const QString& k : std::as_const(e->keys)) {
+        PrinterLink* link = linkFor(k);
+        link->queue_.push_back(t);
+        first = first && link->queue_.front() == t;
+    }
+    if (first)
+        QMetaObject::invokeMethod(this, [this, t] { grant(t); }, Qt::QueuedConnection);
+    return t;
+}
+
+bool PrinterLinks::granted(Ticket ticket) const
+{
+    const auto e = entries_.value(ticket);
+    return e && e->started;
+}
+
+void PrinterLinks::grant(Ticket ticket)
+{
+    const auto e = entries_.value(ticket);
+    if (!e || e->started)
+        return;
+    for (const QString& k : std::as_const(e->keys))
+        if (links_.value(k)->queue_.front() != ticket)
+            return;
+    e->started = true;
+    if (e->blocking)
+        dispatch(ticket);
+    else if (e->granted)
+        e->granted();
+}
+
+void PrinterLinks::release(Ticket ticket)
+{
+    const auto e = entries_.take(ticket);
+    if (!e)
+        return;
+    for (const QString& k : std::as_const(e->keys)) {
+        PrinterLink* link = links_.value(k);
+        const bool wasFront = !link->queue_.empty() && link->queue_.front() == ticket;
+        std::erase(link->queue_, ticket);
+        if (wasFront)
+            advance(link);
+    }
+}
+
+void PrinterLinks::advance(PrinterLink* link)
+{
+    if (link->queue_.empty())
+        return;
+    const Ticket next = link->queue_.front();
+    QMetaObject::invokeMethod(this, [this, next] { grant(next); }, Qt::QueuedConnection);
+}
+
+void PrinterLinks::run(const QStringList& keys, QObject* context, std::function<void(const DeviceContext&)> work,
+                       std::function<void()> done)
+{
+    const Ticket t = acquire(keys, {});
+    const auto e = entries_.value(t);
+    e->blocking = true;
+    e->owner = context;
+    e->context = context;
+    e->work = std::move(work);
+    e->done = std::move(done);
+    e->cancel = std::make_shared<std::atomic<bool>>(false);
+}
+
+void PrinterLinks::dispatch(Ticket ticket)
+{
+    const auto e = entries_.value(ticket);
+    if (!e->context) {
+        release(ticket);
+        return;
+    }
+    auto finished = std::make_shared<std::promise<void>>();
+    e->ended = finished->get_future().share();
+    const DeviceContext context{deviceTimeoutMs_, e->cancel.get()};
+    QMetaObject::invokeMethod(
+        linkFor(e->keys.first())->worker(),
+        [this, ticket, work = e->work, cancel = e->cancel, context, finished] {
+            if (!cancel->load())
+                work(context);
+            finished->set_value();
+            QMetaObject::invokeMethod(this, [this, ticket] { workEnded(ticket); }, Qt::QueuedConnection);
+        },
+        Qt::QueuedConnection);
+}
+
+void PrinterLinks::workEnded(Ticket ticket)
+{
+    const auto e = entries_.value(ticket);
+    if (!e)
+        return; // stopped meanwhile
+    release(ticket);
+    if (e->context && e->done)
+        e->done();
+}
+
+void PrinterLinks::stopWork(QObject* context)
+{
+    QList<Ticket> mine;
+    for (auto it = entries_.cbegin(); it != entries_.cend(); ++it)
+        if (it.value()->blocking && it.value()->owner == context)
+            mine << it.key();
+    std::sort(mine.begin(), mine.end());
+    for (const Ticket t : std::as_const(mine)) {
+        const auto e = entries_.value(t);
+        if (e->ended.valid()) {
+            e->cancel->store(true);
+            e->ended.wait();
+        }
+        release(t);
+    }
+}
+
+bool PrinterLinks::hasWork(const QObject* context) const
+{
+    for (const auto& e : entries_)
+        if (e->blocking && e->owner == context)
+            return true;
+    return false;
+}
+
+} // namespace quill
