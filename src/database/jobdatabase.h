@@ -45,7 +45,9 @@ public:
     JobDatabase& operator=(const JobDatabase&) = delete;
 
     // Finds the files, runs the start-up maintenance (backup, integrity check,
-    // compaction) and opens brixa.mdb. False means the server cannot start.
+    // compaction) and opens brixa.mdb, or the PostgreSQL database brixa.mda
+    // names (a dump when it names a backup folder; one server per database).
+    // False means the server cannot start.
     bool SrvOpenDatabases();
     // Forgets what was opened and closes the database; never fails.
     void SrvCloseDatabases();
@@ -79,6 +81,7 @@ public:
     bool jobsOpen() const { return jobsOpen_; }
 
 private:
+    bool openServerDatabase(const DbTarget& target);
     bool readTemplates(const QString& caller, bool withBox);
     Database db_;
     PrinterRepository printers_{db_};

@@ -79,18 +79,21 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
             db_.exec(QStringLiteral("RELEASE removeJobs"));
         });
     }
-    // Scattered ids as one JSON array: one statement and one bound value, however many.
+    // Scattered ids as one array (JSON for SQLite, PostgreSQL's own literal):
+    // one statement and one bound value, however many.
+    const bool pg = db_.postgres();
     QByteArray list;
     list.reserve(qsizetype(sorted.size()) * 7 + 2);
-    list += '[';
+    list += pg ? '{' : '[';
     for (size_t i = 0; i < sorted.size(); ++i) {
         if (i)
             list += ',';
         list += QByteArray::number(sorted[i]);
     }
-    list += ']';
+    list += pg ? '}' : ']';
     return Trap([&] {
-        db_.exec(QStringLiteral("DELETE FROM tbJob WHERE Id IN (SELECT value FROM json_each(?))"),
+        db_.exec(pg ? QStringLiteral("DELETE FROM tbJob WHERE Id = ANY (CAST(? AS integer[]))")
+                    : QStringLiteral("DELETE FROM tbJob WHERE Id IN (SELECT value FROM json_each(?))"),
                  {QString::fromLatin1(list)});
     });
 }

@@ -453,7 +453,7 @@ bool JobStore::tableOpen() const { return jdb_.jobsOpen(); }
 JobWriter& JobStore::writer()
 {
     if (!writer_) {
-        writer_ = std::make_unique<JobWriter>(jdb_.database().path(), [this] {
+        writer_ = std::make_unique<JobWriter>(jdb_.database().target(), [this] {
             // One call at a time waits in the event loop, however many commits end.
             if (!drainPosted_.exchange(true))
                 QMetaObject::invokeMethod(&list_, [this] { drain(); }, Qt::QueuedConnection);

@@ -4,7 +4,8 @@
 
 namespace quill {
 
-JobWriter::JobWriter(const QString& path, std::function<void()> ready) : path_(path), ready_(std::move(ready))
+JobWriter::JobWriter(const DbTarget& target, std::function<void()> ready)
+    : target_(target), ready_(std::move(ready))
 {
     thread_ = std::thread([this] { run(); });
 }
@@ -68,12 +69,12 @@ void JobWriter::run()
                 break; // stopping, and everything submitted is written
             batch.swap(queue_);
         }
-        // A file found read-only (or not opened) is opened again, so storing
-        // resumes once it can be written.
+        // A file found read-only (or not opened), or a lost connection, is opened
+        // again, so storing resumes once it can be written.
         if (reopen) {
             reopen = false;
             try {
-                db.open(path_);
+                db.open(target_);
                 openError.reset();
             } catch (const Error& e) {
                 openError = e;
@@ -129,6 +130,15 @@ void JobWriter::run()
             }
             out.push_back(std::move(o));
         }
+        if (db.inTransaction() && refusal && db.failureEndsTransaction()) {
+            // The engine has ended the transaction at the failure: what came before it is gone too.
+            db.rollback();
+            for (Outcome& o : out)
+                if (!o.error)
+                    o.error = refusal;
+        }
+        if (refusal && db.postgres() && !reopen && Trap([&] { db.exec(QStringLiteral("SELECT 1")); }))
+            reopen = true; // the connection itself is gone
         if (db.inTransaction()) {
             try {
                 db.commit();

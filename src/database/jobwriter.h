@@ -6,9 +6,10 @@
 // commit). Each write is answered with an outcome, in the order submitted,
 // once its transaction is over.
 //
-//   JobWriter w(path);
+//   JobWriter w(db.target());
 //   quint64 t = w.submitInsert(job);          // returns at once
 //   w.waitFor(t); for (auto& o : w.takeDone()) ... o.ok(), o.id
+#include "database/engine.h"
 #include "foundation/error.h"
 #include "foundation/printjob.h"
 
@@ -35,10 +36,10 @@ public:
         bool ok() const { return !error; }
     };
 
-    // The thread opens its own connection to the file. `ready` is called on
+    // The thread opens its own connection to the database. `ready` is called on
     // the thread whenever outcomes wait to be taken (the owner posts itself a
     // call to the event loop from it).
-    JobWriter(const QString& path, std::function<void()> ready);
+    JobWriter(const DbTarget& target, std::function<void()> ready);
     // Commits what was submitted, then ends the thread.
     ~JobWriter();
     JobWriter(const JobWriter&) = delete;
@@ -63,7 +64,7 @@ private:
     quint64 submit(Op op);
     void run();
 
-    QString path_;
+    DbTarget target_;
     std::function<void()> ready_;
     mutable std::mutex m_;
     std::condition_variable wake_;

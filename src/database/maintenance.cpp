@@ -16,6 +16,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QProcess>
 #include <QFile>
 #include <QFileInfo>
 #include <QSqlError>
@@ -211,25 +212,6 @@ void compactInto(const QString& path, const QString& target)
 QString checkInstallationText()
 {
     return GetString(12029, GetString(9003));
-}
-
-// brixa.mda names the record engine; a file naming another engine cannot be used.
-void checkAccountFile(const QString& path)
-{
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        throw Error(3028, QStringLiteral("Can't start your application. The workgroup information file can't be read: ")
-                              + f.errorString());
-    const QList<QByteArray> lines = f.readAll().split('\n');
-    for (const QByteArray& raw : lines) {
-        const QByteArray line = raw.trimmed();
-        if (!line.toLower().startsWith("engine="))
-            continue;
-        const QByteArray engine = line.mid(7).trimmed().toLower();
-        if (engine != "sqlite")
-            throw Error(3028, QStringLiteral("Can't start your application. The workgroup information file names the engine ")
-                                  + QString::fromUtf8(engine) + QLatin1Char('.'));
-    }
 }
 
 // What the check found wrong with the file itself, as opposed to what kept it
@@ -452,7 +434,97 @@ void repairDamaged(const QString& mdb, const Error& damage, const QString& good)
     }
 }
 
+// Each start writes a dated dump into the folder brixa.mda names, under
+// another name until it is whole.
+void dumpDatabase(const DbTarget& t)
+{
+    if (!QDir().mkpath(t.backupDir))
+        throw errnoError(errno ? errno : EACCES);
+    const QString target = QDir(t.backupDir).filePath(
+        QStringLiteral("brixa-") + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"))
+        + QStringLiteral(".dump"));
+    const QString partial = target + QStringLiteral(".tmp");
+    QStringList args{QStringLiteral("--format=custom"), QStringLiteral("--no-password"), QStringLiteral("--file"), partial};
+    if (!t.host.isEmpty())
+        args << QStringLiteral("--host") << t.host;
+    if (t.port > 0)
+        args << QStringLiteral("--port") << QString::number(t.port);
+    if (!t.user.isEmpty())
+        args << QStringLiteral("--username") << t.user;
+    if (!t.database.isEmpty())
+        args << QStringLiteral("--dbname") << t.database;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    if (!t.service.isEmpty())
+        env.insert(QStringLiteral("PGSERVICE"), t.service);
+    if (!t.password().isEmpty())
+        env.insert(QStringLiteral("PGPASSWORD"), t.password());
+    else if (!t.passfile.isEmpty())
+        env.insert(QStringLiteral("PGPASSFILE"), t.passfile);
+    QProcess dump;
+    dump.setProcessEnvironment(env);
+    dump.setProcessChannelMode(QProcess::SeparateChannels);
+    dump.start(QStringLiteral("pg_dump"), args);
+    // A club's database dumps in seconds; a dump that hangs must not keep the server from starting.
+    constexpr int DumpLimitMs = 10 * 60 * 1000;
+    const bool finished = dump.waitForStarted(10000) && dump.waitForFinished(DumpLimitMs);
+    if (!finished || dump.exitStatus() != QProcess::NormalExit || dump.exitCode() != 0) {
+        const QString why = !finished && dump.error() == QProcess::FailedToStart
+            ? QStringLiteral("pg_dump could not be started: ") + dump.errorString()
+            : !finished ? QStringLiteral("pg_dump did not finish within 10 minutes")
+                        : QString::fromLocal8Bit(dump.readAllStandardError()).trimmed();
+        if (dump.state() != QProcess::NotRunning) {
+            dump.kill();
+            dump.waitForFinished(5000);
+        }
+        ::unlink(QFile::encodeName(partial).constData());
+        throw Error(finished ? dump.exitCode() : 1, why.isEmpty() ? QStringLiteral("pg_dump failed") : why);
+    }
+    syncPath(partial, false);
+    if (::rename(QFile::encodeName(partial).constData(), QFile::encodeName(target).constData()) != 0)
+        throw errnoError(errno);
+    syncPath(t.backupDir, true);
+    LogWrite(QStringLiteral("SrvOpenDatabases Backup database: ") + target);
+}
+
 } // namespace
+
+// The lock one server holds on its PostgreSQL database for its whole run: the
+// queue in memory is that server's alone.
+constexpr qint64 ServerLockKey = 0x5175696c6c62; // "Quillb"
+
+bool JobDatabase::openServerDatabase(const DbTarget& target)
+{
+    // The lock comes first: a second server stops before it does anything.
+    try {
+        db_.open(target);
+        bool held = false;
+        db_.run(QStringLiteral("SELECT pg_try_advisory_lock(?)"), {ServerLockKey},
+                [&](QSqlQuery& q) { held = q.next() && q.value(0).toBool(); });
+        if (!held)
+            throw Error(3045, QStringLiteral("Could not use ") + target.describe()
+                                  + QStringLiteral("; another Quillbase server is using it."));
+        // The steps the engine has no use for say so.
+        if (target.backupDir.isEmpty()) {
+            LogWrite(QStringLiteral("SrvOpenDatabases Backup database: none (brixa.mda names no backup folder)"));
+        } else {
+            try {
+                dumpDatabase(target);
+            } catch (const std::exception& e) {
+                LogWrite(QStringLiteral("Warning SrvOpenDatabases Backup database failed. Error: ") + errorText(e));
+            }
+        }
+        crashPoint("backup");
+        LogWrite(QStringLiteral("SrvOpenDatabases Repair database: PostgreSQL's own (recovery from its write-ahead log)"));
+        LogWrite(QStringLiteral("SrvOpenDatabases Compact database: PostgreSQL's own (autovacuum)"));
+        return true;
+    } catch (const std::exception& e) {
+        const QString text = QStringLiteral("SrvOpenDatabases failed. Error: ") + errorText(e);
+        LogWrite(text);
+        MsgBoxUnlessSilent(text + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Critical);
+        SrvCloseDatabases();
+        return false;
+    }
+}
 
 void SetMaintenanceStepHook(MaintenanceStepHook hook)
 {
@@ -472,7 +544,9 @@ bool JobDatabase::SrvOpenDatabases()
             MsgBoxUnlessSilent(GetString(12030) + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Exclamation);
             return false;
         }
-        checkAccountFile(mda);
+        const DbTarget target = ReadAccountFile(mda, mdb);
+        if (target.postgres())
+            return openServerDatabase(target);
         if (!exists(mdb)) {
             LogWrite(QStringLiteral("SrvOpenDatabases failed. Can't find file brixa.mdb."));
             MsgBoxUnlessSilent(GetString(12031) + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Exclamation);

@@ -40,7 +40,12 @@ QVariantList written(const PrinterRow& r)
 }
 
 // The first row of tbServer, as the program has always taken it: lowest key first.
-const QString FirstServerRow = QStringLiteral(" FROM tbServer ORDER BY rowid LIMIT 1");
+// PostgreSQL has no row number; its tables have the key.
+QString firstServerRow(const Database& db)
+{
+    return db.postgres() ? QStringLiteral(" FROM tbServer ORDER BY Id LIMIT 1")
+                         : QStringLiteral(" FROM tbServer ORDER BY rowid LIMIT 1");
+}
 
 } // namespace
 
@@ -126,7 +131,7 @@ std::optional<Error> PrinterRepository::setCurrentTemplate(qint32 printerId, qin
     // Most jobs print with the template the printer holds already: no write then.
     return Trap([&] {
         db_.exec(QStringLiteral("UPDATE tbPrinter SET CurrentTemplateId = ? WHERE Id = ? "
-                                "AND CurrentTemplateId IS NOT ?"),
+                                "AND CurrentTemplateId IS DISTINCT FROM ?"),
                  {templateId, printerId, templateId});
     });
 }
@@ -157,7 +162,7 @@ DbResult<qint32> ServerSettingsRepository::port()
 {
     DbResult<qint32> r;
     r.error = Trap([&] {
-        db_.run(QStringLiteral("SELECT Port") + FirstServerRow, {}, [&](QSqlQuery& q) {
+        db_.run(QStringLiteral("SELECT Port") + firstServerRow(db_), {}, [&](QSqlQuery& q) {
             if (!q.next())
                 throw NoCurrentRecord();
             r.value = NullToLong(q.value(0), 20001);
@@ -170,7 +175,7 @@ DbResult<ServerSwitches> ServerSettingsRepository::switches()
 {
     DbResult<ServerSwitches> r;
     r.error = Trap([&] {
-        db_.run(QStringLiteral("SELECT AutoStartService, StartMinimized") + FirstServerRow, {}, [&](QSqlQuery& q) {
+        db_.run(QStringLiteral("SELECT AutoStartService, StartMinimized") + firstServerRow(db_), {}, [&](QSqlQuery& q) {
             if (!q.next())
                 throw NoCurrentRecord();
             r.value.autoStartService = NullToLong(q.value(0), 0);
@@ -183,8 +188,10 @@ DbResult<ServerSwitches> ServerSettingsRepository::switches()
 std::optional<Error> ServerSettingsRepository::updateFirstRow(const QString& assignments, const QVariantList& values)
 {
     return Trap([&] {
-        const int changed = db_.exec(QStringLiteral("UPDATE tbServer SET ") + assignments
-                                         + QStringLiteral(" WHERE rowid = (SELECT MIN(rowid) FROM tbServer)"),
+        const QString key = db_.postgres() ? QStringLiteral("Id") : QStringLiteral("rowid");
+        const int changed = db_.exec(QStringLiteral("UPDATE tbServer SET ") + assignments + QStringLiteral(" WHERE ")
+                                         + key + QStringLiteral(" = (SELECT MIN(") + key
+                                         + QStringLiteral(") FROM tbServer)"),
                                      values);
         if (changed < 1)
             throw NoCurrentRecord();

@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSqlQuery>
 
 namespace quill {
 
@@ -24,6 +25,49 @@ const char* const Statements[] = {
     nullptr,
 };
 
+// Every table with its first rows, in one transaction.
+void fill(Database& db)
+{
+    db.begin();
+    for (const char* const* s = Statements; *s; ++s)
+        db.exec(QString::fromLatin1(*s));
+    db.exec(QStringLiteral("INSERT INTO tbServer (Id, IP, port, HostName, AutoStartService, StartMinimized) "
+                           "VALUES (1, NULL, 20001, NULL, 0, 0)"));
+    for (int type = 1; type <= 9; ++type)
+        db.exec(QStringLiteral("INSERT INTO tbPrinterType (Id, Name) VALUES (?, ?)"),
+                {type, QStringLiteral("MP104C type %1").arg(type)});
+    db.exec(QStringLiteral("INSERT INTO tbTemplateType (Id) VALUES (1)"));
+    db.exec(QStringLiteral("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (1, 1), (2, 1)"));
+    db.commit();
+}
+
+// A PostgreSQL database made by its administrator: the tables go into it unless
+// it has any of them already.
+bool createTables(const DbTarget& target, QString* error)
+{
+    try {
+        Database db;
+        db.open(target);
+        int found = 0;
+        db.run(QStringLiteral("SELECT count(*) FROM information_schema.tables WHERE table_schema = current_schema() "
+                              "AND lower(table_name) IN ('tbprinter', 'tbjob', 'tbprintertype', 'tbtemplatetype', "
+                              "'tbtemplate', 'tbserver')"),
+               {}, [&](QSqlQuery& q) { found = q.next() ? q.value(0).toInt() : 0; });
+        if (found > 0) {
+            if (error)
+                *error = target.describe() + QStringLiteral(" already has the server's tables; it is left as it is.");
+            return false;
+        }
+        fill(db);
+        db.close();
+        return true;
+    } catch (const Error& e) {
+        if (error)
+            *error = QStringLiteral("Cannot create the tables in ") + target.describe() + QStringLiteral(": ") + e.text();
+        return false;
+    }
+}
+
 } // namespace
 
 const char* const* SchemaStatements() { return Statements; }
@@ -40,6 +84,16 @@ bool CreateInstallation(const QString& dir, QString* error)
         return fail(QStringLiteral("Cannot create the folder ") + dir);
     const QString mdb = d.filePath(QString::fromLatin1(DatabaseFileName));
     const QString mda = d.filePath(QString::fromLatin1(AccountFileName));
+    if (QFileInfo::exists(mda)) {
+        DbTarget target;
+        try {
+            target = ReadAccountFile(mda, mdb);
+        } catch (const Error& e) {
+            return fail(mda + QStringLiteral(": ") + e.text());
+        }
+        if (target.postgres())
+            return createTables(target, error);
+    }
     if (QFileInfo::exists(mdb))
         return fail(mdb + QStringLiteral(" already exists; it is left as it is."));
 
@@ -55,17 +109,7 @@ bool CreateInstallation(const QString& dir, QString* error)
     try {
         Database db;
         db.open(building);
-        db.begin();
-        for (const char* const* s = Statements; *s; ++s)
-            db.exec(QString::fromLatin1(*s));
-        db.exec(QStringLiteral("INSERT INTO tbServer (Id, IP, port, HostName, AutoStartService, StartMinimized) "
-                               "VALUES (1, NULL, 20001, NULL, 0, 0)"));
-        for (int type = 1; type <= 9; ++type)
-            db.exec(QStringLiteral("INSERT INTO tbPrinterType (Id, Name) VALUES (?, ?)"),
-                    {type, QStringLiteral("MP104C type %1").arg(type)});
-        db.exec(QStringLiteral("INSERT INTO tbTemplateType (Id) VALUES (1)"));
-        db.exec(QStringLiteral("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (1, 1), (2, 1)"));
-        db.commit();
+        fill(db);
         db.exec(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
         db.close();
     } catch (const Error& e) {

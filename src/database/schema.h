@@ -6,7 +6,8 @@
 //   QString err;
 //   if (!CreateInstallation(dir, &err)) print err;
 //
-// An existing brixa.mdb is never overwritten.
+// An existing brixa.mdb is never overwritten. When brixa.mda is there already and
+// names PostgreSQL, the tables go into the database it names, which must have none of them.
 #include <QString>
 
 namespace quill {

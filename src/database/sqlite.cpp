@@ -26,6 +26,8 @@ Error SqlError(const QSqlError& e)
     if (!ok || n == 0)
         n = 1;
     QString text = e.databaseText();
+    if (!ok && !e.nativeErrorCode().isEmpty() && !text.isEmpty())
+        text = e.nativeErrorCode() + QLatin1Char(' ') + text; // PostgreSQL's SQLSTATE
     if (text.isEmpty())
         text = e.driverText();
     if (text.isEmpty())
@@ -49,18 +51,47 @@ Database::Database() = default;
 
 Database::~Database() { close(); }
 
-void Database::open(const QString& path)
+void Database::open(const QString& path) { open(DbTarget::sqliteFile(path)); }
+
+void Database::open(const DbTarget& target)
 {
     close();
     name_ = QStringLiteral("quilldb-%1").arg(++connectionCounter);
-    path_ = path;
-    db_ = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name_);
-    db_.setDatabaseName(path);
-    db_.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(LockWaitMs));
+    target_ = target;
+    if (target.postgres()) {
+        db_ = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), name_);
+        if (!db_.isValid()) {
+            close();
+            throw Error(3028, QStringLiteral("Qt's PostgreSQL driver (QPSQL) is not installed"));
+        }
+        db_.setHostName(target.host);
+        if (target.port > 0)
+            db_.setPort(target.port);
+        db_.setDatabaseName(target.database);
+        db_.setUserName(target.user);
+        db_.setPassword(target.password());
+        db_.setConnectOptions(target.connectOptions());
+    } else {
+        db_ = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name_);
+        db_.setDatabaseName(target.file);
+        db_.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(LockWaitMs));
+    }
     if (!db_.open()) {
         Error e = SqlError(db_.lastError());
         close();
         throw e;
+    }
+    if (target.postgres()) {
+        try {
+            // A job is on disk before its client hears OK, whatever the cluster's default.
+            exec(QStringLiteral("SET synchronous_commit = on"));
+            exec(QStringLiteral("SET lock_timeout = %1").arg(LockWaitMs));
+            // Our messages are read from the log: English, whatever the server's locale.
+            exec(QStringLiteral("SET lc_messages = 'C'"));
+        } catch (const Error&) {
+            // lc_messages needs a superuser; the other two cannot fail on a live connection.
+        }
+        return;
     }
     try {
         // journal_mode reads the file header, so a file that is not a database fails here.
@@ -88,6 +119,7 @@ void Database::close()
         db_.close();
     db_ = QSqlDatabase();
     QSqlDatabase::removeDatabase(name_);
+    target_ = DbTarget();
     name_.clear();
     inTransaction_ = false;
 }
@@ -105,6 +137,17 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
 {
     if (!db_.isOpen())
         throw notOpen();
+    if (binds.isEmpty() && target_.postgres()) {
+        // PostgreSQL prepares only queries and changes (no BEGIN, SET, SAVEPOINT); one without
+        // values gains nothing from it.
+        QSqlQuery q(db_);
+        q.setForwardOnly(true);
+        if (!q.exec(sql))
+            throw SqlError(q.lastError());
+        if (rows)
+            rows(q);
+        return;
+    }
     std::shared_ptr<Prepared> p = prepared_.value(sql);
     if (!p || p->busy) {
         // A text already running further up the stack gets a statement of its own.
@@ -141,7 +184,7 @@ void Database::begin()
 {
     if (inTransaction_)
         throw Error(3251, QStringLiteral("A transaction is already open."));
-    exec(QStringLiteral("BEGIN IMMEDIATE"));
+    exec(target_.postgres() ? QStringLiteral("BEGIN") : QStringLiteral("BEGIN IMMEDIATE"));
     inTransaction_ = true;
 }
 

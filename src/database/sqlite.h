@@ -1,12 +1,16 @@
 #pragma once
-// One SQLite connection (QtSql, driver QSQLITE): WAL journal, synchronous=FULL,
-// foreign keys off, freed pages not wiped, statements prepared once per text and kept. The repositories
+// One database connection (QtSql). SQLite (driver QSQLITE): WAL journal,
+// synchronous=FULL, foreign keys off, freed pages not wiped. PostgreSQL (driver
+// QPSQL): synchronous_commit on, a lock wait as long as SQLite's. Statements
+// with values are prepared once per text and kept. The repositories
 // (jobrepository.h, repositories.h) are built on it and turn its failures into
-// values; it throws quill::Error carrying SQLite's own number and text.
+// values; it throws quill::Error carrying the engine's own number (1 for
+// PostgreSQL, whose SQLSTATE leads the text) and text.
 //
 //   Database db;
-//   db.open(path);
+//   db.open(path);                      // or db.open(InstallationTarget(dir))
 //   db.run("SELECT Job FROM tbJob WHERE Id = ?", {7}, [&](QSqlQuery& q) { ... });
+#include "database/engine.h"
 #include "foundation/error.h"
 
 #include <QHash>
@@ -53,12 +57,17 @@ public:
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
-    // Opens (or creates) the file and sets the journal mode and pragmas.
+    // Opens (or creates) the SQLite file and sets the journal mode and pragmas.
     void open(const QString& path);
+    void open(const DbTarget& target);
     // Never throws.
     void close();
     bool isOpen() const;
-    QString path() const { return path_; }
+    QString path() const { return target_.file; }
+    const DbTarget& target() const { return target_; }
+    bool postgres() const { return target_.postgres(); }
+    // PostgreSQL ends a transaction at its first failed statement; SQLite goes on.
+    bool failureEndsTransaction() const { return target_.postgres(); }
     QSqlDatabase& connection() { return db_; }
 
     // Runs one statement that returns no rows; returns the rows it changed.
@@ -82,7 +91,7 @@ private:
     QSqlDatabase db_;
     QHash<QString, std::shared_ptr<Prepared>> prepared_;
     QString name_;
-    QString path_;
+    DbTarget target_;
     bool inTransaction_ = false;
 };
 
