@@ -1,6 +1,6 @@
 #!/bin/sh
 # Runs one test program against a throw-away PostgreSQL cluster of its own
-# (pg_virtualenv, on a free loopback port), with QUILL_TEST_ENGINE=postgresql.
+# (pg_virtualenv, on a free port of localhost), with QUILL_TEST_ENGINE=postgresql.
 # Without PostgreSQL the program runs as it is and skips, saying why.
 export QUILL_TEST_ENGINE=postgresql
 if ! command -v pg_virtualenv >/dev/null 2>&1 || ! command -v initdb >/dev/null 2>&1 \
@@ -10,4 +10,4 @@ fi
 PGPORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 export PGPORT
 # -t: the cluster in a temporary folder, also for root, so test programs may run side by side.
-exec pg_virtualenv -t -o listen_addresses=127.0.0.1 "$@"
+exec pg_virtualenv -t "$@"

@@ -19,17 +19,51 @@ Error notOpen() { return Error(3420, QStringLiteral("Object invalid or no longer
 
 Error NoCurrentRecord() { return Error(ErrNoCurrentRecord, QStringLiteral("No current record.")); }
 
+namespace {
+
+// PostgreSQL's SQLSTATE as the SQLite number of the same kind of failure, so a
+// log line's number means one thing whichever engine wrote it.
+int sqliteNumberOf(const QString& state)
+{
+    if (state == QLatin1String("55P03") || state == QLatin1String("40P01") || state == QLatin1String("40001"))
+        return 5; // locked
+    if (state == QLatin1String("25006"))
+        return 8; // read-only
+    if (state == QLatin1String("42501"))
+        return 3; // no permission
+    if (state.startsWith(QLatin1String("53")))
+        return 13; // full
+    if (state.startsWith(QLatin1String("08")) || state.startsWith(QLatin1String("57P")))
+        return 14; // no connection
+    if (state.startsWith(QLatin1String("XX")))
+        return 11; // damaged
+    return 1;
+}
+
+} // namespace
+
 Error SqlError(const QSqlError& e)
 {
+    const QString code = e.nativeErrorCode();
     bool ok = false;
-    int n = e.nativeErrorCode().toInt(&ok);
-    if (!ok || n == 0)
-        n = 1;
+    int n = code.toInt(&ok);
     QString text = e.databaseText();
-    if (!ok && !e.nativeErrorCode().isEmpty() && !text.isEmpty())
-        text = e.nativeErrorCode() + QLatin1Char(' ') + text; // PostgreSQL's SQLSTATE
+    if (!ok && !code.isEmpty()) {
+        // PostgreSQL: "ERROR:  <message>\nLINE 1: ..." with its SQLSTATE; one line of it.
+        n = sqliteNumberOf(code);
+        text = text.section(QLatin1Char('\n'), 0, 0).trimmed();
+        for (const char* level : {"ERROR:", "FATAL:", "PANIC:"})
+            if (text.startsWith(QLatin1String(level)))
+                text = text.mid(int(qstrlen(level))).trimmed();
+        if (!text.isEmpty())
+            text += QStringLiteral(" (") + code + QLatin1Char(')');
+    }
+    if (!ok && code.isEmpty())
+        n = 1;
+    if (n == 0)
+        n = 1;
     if (text.isEmpty())
-        text = e.driverText();
+        text = e.driverText().section(QLatin1Char('\n'), 0, 0).trimmed();
     if (text.isEmpty())
         text = QStringLiteral("unknown database error");
     return Error(n, text);

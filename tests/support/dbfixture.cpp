@@ -1,8 +1,11 @@
 #include "support/dbfixture.h"
+#include "database/engine.h"
 #include "database/schema.h"
+#include "database/sqlite.h"
 #include "foundation/eventlog.h"
 #include "foundation/paths.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
@@ -10,6 +13,99 @@
 #include <QSqlQuery>
 
 namespace quill::dbtest {
+
+bool OnPostgres() { return qgetenv("QUILL_TEST_ENGINE") == "postgresql"; }
+
+QString EngineMissing()
+{
+    if (!OnPostgres())
+        return {};
+    if (!QSqlDatabase::isDriverAvailable(QStringLiteral("QPSQL")))
+        return QStringLiteral("PostgreSQL tests skipped: Qt's PostgreSQL driver is not installed (libqt6sql6-psql)");
+    if (qEnvironmentVariableIsEmpty("PGPORT"))
+        return QStringLiteral("PostgreSQL tests skipped: no test cluster (PostgreSQL is not installed; make test "
+                              "installs it and runs them under pg_virtualenv)");
+    return {};
+}
+
+namespace {
+
+// The test cluster as pg_virtualenv describes it in the environment.
+QSqlDatabase clusterConnection(const QString& name, const QString& database)
+{
+    QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), name);
+    db.setHostName(qEnvironmentVariable("PGHOST", QStringLiteral("localhost")));
+    db.setPort(qEnvironmentVariableIntValue("PGPORT"));
+    db.setUserName(qEnvironmentVariable("PGUSER", QStringLiteral("postgres")));
+    db.setPassword(qEnvironmentVariable("PGPASSWORD"));
+    db.setDatabaseName(database);
+    return db;
+}
+
+} // namespace
+
+bool PrepareEngine(const QString& dir)
+{
+    if (!OnPostgres())
+        return true;
+    static int counter = 0;
+    const QString database = QStringLiteral("quill_%1_%2").arg(QCoreApplication::applicationPid()).arg(++counter);
+    const QString name = QStringLiteral("dbtest-admin-%1").arg(counter);
+    bool made = false;
+    {
+        QSqlDatabase admin = clusterConnection(name, QStringLiteral("postgres"));
+        if (admin.open()) {
+            QSqlQuery q(admin);
+            made = q.exec(QStringLiteral("CREATE DATABASE ") + database);
+            if (!made)
+                qWarning("CREATE DATABASE: %s", qPrintable(q.lastError().text()));
+        } else {
+            qWarning("test cluster: %s", qPrintable(admin.lastError().text()));
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+    if (!made)
+        return false;
+    const QDir d(dir);
+    QFile pass(d.filePath(QStringLiteral("pgpass")));
+    if (!pass.open(QIODevice::WriteOnly) || !pass.setPermissions(QFile::ReadOwner | QFile::WriteOwner)
+        || pass.write(qgetenv("PGPASSWORD") + '\n') < 0)
+        return false;
+    pass.close();
+    QFile mda(d.filePath(QStringLiteral("brixa.mda")));
+    const QString text = QStringLiteral("engine=postgresql\nhost=%1\nport=%2\ndatabase=%3\nuser=%4\npassfile=%5\n")
+                             .arg(qEnvironmentVariable("PGHOST", QStringLiteral("localhost")))
+                             .arg(qEnvironmentVariableIntValue("PGPORT"))
+                             .arg(database, qEnvironmentVariable("PGUSER", QStringLiteral("postgres")), pass.fileName());
+    return mda.open(QIODevice::WriteOnly) && mda.write(text.toUtf8()) > 0;
+}
+
+QSqlDatabase AddConnection(const QString& mdbPath, const QString& name)
+{
+    if (OnPostgres()) {
+        try {
+            const DbTarget t = InstallationTarget(QFileInfo(mdbPath).path());
+            if (t.postgres()) {
+                QSqlDatabase db = clusterConnection(name, t.database);
+                return db;
+            }
+        } catch (const Error&) {
+        }
+    }
+    QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+    db.setDatabaseName(mdbPath);
+    return db;
+}
+
+void HoldWriteLock(Database& other, const QString& mdbPath)
+{
+    const DbTarget t = InstallationTarget(QFileInfo(mdbPath).path());
+    other.open(t);
+    other.begin();
+    // PostgreSQL's BEGIN takes no lock; SQLite's BEGIN IMMEDIATE takes the database's.
+    if (t.postgres())
+        other.exec(QStringLiteral("LOCK TABLE tbJob IN EXCLUSIVE MODE"));
+}
 
 BoxAnswer RecordingSink::show(const Box& box)
 {
@@ -67,7 +163,7 @@ DbHome::DbHome(bool provision)
     SetUseLog(true);
     LogInit(QStringLiteral("Quillbase"));
     QString error;
-    ok_ = !provision || CreateInstallation(dir_.path(), &error);
+    ok_ = !provision || (PrepareEngine(dir_.path()) && CreateInstallation(dir_.path(), &error));
     if (!ok_)
         qWarning("CreateInstallation: %s", qPrintable(error));
 }
@@ -91,9 +187,12 @@ QStringList DbHome::logMessages() const
 {
     // "[yyyy-MM-dd HH:mm:ss.zzz] <pid> <message>"
     static const QRegularExpression header(QStringLiteral("^\\[[^\\]]*\\] \\d+ "));
+    // What a start on PostgreSQL always notes of the maintenance it leaves to the engine.
+    static const QRegularExpression engineNote(QStringLiteral("^SrvOpenDatabases (Backup|Repair|Compact) database: "));
     QStringList out;
     for (QString line : log().split(QStringLiteral("\r\n"), Qt::SkipEmptyParts))
-        out << line.remove(header);
+        if (!line.remove(header).contains(engineNote))
+            out << line;
     return out;
 }
 

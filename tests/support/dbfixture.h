@@ -13,7 +13,34 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+namespace quill {
+class Database;
+}
+
+// Skips the whole program when the engine under test cannot be reached.
+#define QUILL_SKIP_WITHOUT_ENGINE()                                                                             \
+    do {                                                                                                        \
+        const QString missing = quill::dbtest::EngineMissing();                                                 \
+        if (!missing.isEmpty())                                                                                 \
+            QSKIP(qPrintable(missing));                                                                         \
+    } while (false)
+
 namespace quill::dbtest {
+
+// The engine under test: PostgreSQL when QUILL_TEST_ENGINE=postgresql (tools/pgtest.sh
+// runs a program so, on a cluster of its own), else SQLite.
+bool OnPostgres();
+// Why the engine under test cannot be used; empty when it can.
+QString EngineMissing();
+// Before an installation is provisioned in dir: on PostgreSQL, a new empty database
+// on the test cluster and a brixa.mda naming it (password in a 0600 file).
+bool PrepareEngine(const QString& dir);
+// A connection named `name` to what the installation of this database file uses
+// (brixa.mda beside it), not opened yet.
+QSqlDatabase AddConnection(const QString& mdbPath, const QString& name);
+// `other` opened on that database, holding the job table's write lock the way
+// another program would, until it rolls back.
+void HoldWriteLock(Database& other, const QString& mdbPath);
 
 struct ShownBox {
     QString text;
@@ -82,9 +109,8 @@ auto WithConnection(const QString& path, F f)
     const QString name = QStringLiteral("dbtest-%1").arg(++counter);
     decltype(f(std::declval<QSqlDatabase&>())) result{};
     {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(path);
-        if (QFileInfo::exists(path) && db.open())
+        QSqlDatabase db = AddConnection(path, name);
+        if ((OnPostgres() || QFileInfo::exists(path)) && db.open())
             result = f(db);
         db.close();
     }

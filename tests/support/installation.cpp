@@ -21,7 +21,7 @@ TestInstallation::TestInstallation()
     qputenv("XDG_CONFIG_HOME", dir_.filePath(QStringLiteral("user")).toUtf8());
     SetHomeDir(dir_.path());
     QString message;
-    ok_ = ProvisionInstallation(dir_.path(), &message);
+    ok_ = dbtest::PrepareEngine(dir_.path()) && ProvisionInstallation(dir_.path(), &message);
     if (!ok_)
         qWarning("provisioning failed: %s", qPrintable(message));
 }
