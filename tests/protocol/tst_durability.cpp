@@ -13,6 +13,7 @@
 #include <QJsonObject>
 #include <QLocalSocket>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -67,6 +68,7 @@ class TestDurability : public QObject {
     }
 
 private slots:
+    void initTestCase() { QUILL_SKIP_WITHOUT_ENGINE(); }
     void init()
     {
         inst = std::make_unique<TestInstallation>();
@@ -156,8 +158,15 @@ void TestDurability::secondCopyChangesNothing_data()
     QTest::addColumn<QString>("option");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("message"); // on its stderr
-    QTest::newRow("second server") << "--headless" << 0 << "är redan startad!";
-    QTest::newRow("init over an installation") << "--init" << 1 << "<home>/brixa.mdb already exists";
+    QTest::addColumn<bool>("ownFolder");  // the second copy in a folder of its own, with the same brixa.mda
+    QTest::newRow("second server") << "--headless" << 0 << "är redan startad!" << false;
+    if (!quill::dbtest::OnPostgres()) {
+        QTest::newRow("init over an installation") << "--init" << 1 << "<home>/brixa.mdb already exists" << false;
+        return;
+    }
+    QTest::newRow("init over an installation") << "--init" << 1 << "already has the server's tables" << false;
+    QTest::newRow("second server on the same database") << "--headless" << 1
+                                                        << "another Quillbase server is using it." << true;
 }
 
 // The running server's files, log and process are as they were; the second copy
@@ -167,14 +176,17 @@ void TestDurability::secondCopyChangesNothing()
     QFETCH(QString, option);
     QFETCH(int, exitCode);
     QFETCH(QString, message);
+    QFETCH(bool, ownFolder);
     QVERIFY(inst->sql("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (1, 1, 'kept')"));
+    QTemporaryDir other;
+    QVERIFY(!ownFolder || QFile::copy(inst->file("brixa.mda"), other.filePath("brixa.mda")));
     auto first = startServer();
     QVERIFY(first);
     const QString mdb = inst->file("brixa.mdb");
     const QByteArray before = fileBytes(mdb);
     const int linesBefore = inst->log().count("\r\n");
     QProcess second;
-    second.start(QUILL_BIN_DIR "/quillbase", {option, "--home", inst->path()});
+    second.start(QUILL_BIN_DIR "/quillbase", {option, "--home", ownFolder ? other.path() : inst->path()});
     QVERIFY(second.waitForFinished(20000));
     QCOMPARE(second.exitStatus(), QProcess::NormalExit);
     QCOMPARE(second.exitCode(), exitCode);

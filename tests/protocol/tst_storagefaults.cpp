@@ -2,13 +2,15 @@
 // on a temporary installation: a job that cannot be stored is answered 1005 and
 // is neither in tbJob nor in the job list; once the fault is gone requests are
 // stored again without a restart. The faults are real: another connection holding
-// the write lock, brixa.mdb read-only (a read-only bind mount), the installation
-// on a tmpfs that is filled up.
+// the write lock; brixa.mdb read-only (a read-only bind mount), or on PostgreSQL
+// the database made read-only by its administrator; the installation on a tmpfs
+// that is filled up.
 #include "database/jobstore.h"
 #include "database/sqlite.h"
 #include "foundation/cp1252.h"
 #include "protocol/listener.h"
 #include "shell/server.h"
+#include "support/dbfixture.h"
 #include "support/emulator.h"
 #include "support/installation.h"
 #include "support/mounts.h"
@@ -84,7 +86,7 @@ class TestStorageFaults : public QObject {
     // Ids in tbJob, and whether the job list shows exactly those.
     QString storedIds()
     {
-        const QString onDisk = inst->scalar("SELECT group_concat(Id, ' ') FROM (SELECT Id FROM tbJob ORDER BY Id)").toString();
+        const QString onDisk = inst->scalar("SELECT group_concat(Id, ' ') FROM (SELECT Id FROM tbJob ORDER BY Id) AS t").toString();
         QStringList listed;
         const JobListModel& list = server->jobs().jobList();
         for (int r = 0; r < list.count(); ++r)
@@ -95,6 +97,7 @@ class TestStorageFaults : public QObject {
 private slots:
     void initTestCase()
     {
+        QUILL_SKIP_WITHOUT_ENGINE();
         QVERIFY2(slowPrinter.startTcp(), qPrintable(slowPrinter.errorText()));
         QCOMPARE(slowPrinter.command("delay 9000"), QStringLiteral("ok"));
     }
@@ -114,6 +117,10 @@ void TestStorageFaults::faultAnswers1005_data()
 {
     QTest::addColumn<QString>("fault");
     QTest::newRow("write lock held by another connection") << "lock";
+    if (dbtest::OnPostgres()) {
+        QTest::newRow("database made read-only") << "read-only database";
+        return;
+    }
     QTest::newRow("brixa.mdb read-only") << "read-only";
     QTest::newRow("installation disk full") << "disk full";
 }
@@ -154,8 +161,11 @@ void TestStorageFaults::faultAnswers1005()
     std::unique_ptr<Database> holder;
     if (fault == "lock") {
         holder = std::make_unique<Database>();
-        holder->open(mdb);
-        holder->begin();
+        dbtest::HoldWriteLock(*holder, mdb);
+    } else if (fault == "read-only database") {
+        // Sessions already open follow a reload, as after a failover to a standby.
+        QVERIFY(inst->sql("ALTER SYSTEM SET default_transaction_read_only = on"));
+        QVERIFY(inst->scalar("SELECT pg_reload_conf()").toBool());
     } else if (fault == "disk full") {
         QVERIFY(test::FillUp(inst->file("filler")) > 0);
     }
@@ -168,6 +178,9 @@ void TestStorageFaults::faultAnswers1005()
     if (fault == "lock") {
         holder->rollback();
         holder.reset();
+    } else if (fault == "read-only database") {
+        QVERIFY(inst->sql("ALTER SYSTEM RESET default_transaction_read_only"));
+        QVERIFY(inst->scalar("SELECT pg_reload_conf()").toBool());
     } else if (fault == "disk full") {
         QVERIFY(QFile::remove(inst->file("filler")));
     } else {
@@ -183,6 +196,8 @@ void TestStorageFaults::faultAnswers1005()
 // texts are still whole in the file.
 void TestStorageFaults::damagedDatabaseListensOnItsPort()
 {
+    if (dbtest::OnPostgres())
+        QSKIP("a damaged file is SQLite's to repair; PostgreSQL repairs its own");
     const int jobs = 600;
     inst = std::make_unique<TestInstallation>();
     QVERIFY(inst->ok());

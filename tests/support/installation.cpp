@@ -32,10 +32,15 @@ bool TestInstallation::sql(const QString& statement, const QVariantList& binds)
 {
     return dbtest::WithConnection(file(QStringLiteral("brixa.mdb")), [&](QSqlDatabase& db) {
         QSqlQuery q(db);
-        q.prepare(statement);
-        for (const QVariant& b : binds)
-            q.addBindValue(b);
-        const bool done = q.exec();
+        bool done = false;
+        if (binds.isEmpty()) {
+            done = q.exec(statement); // PostgreSQL prepares no ALTER SYSTEM
+        } else {
+            q.prepare(statement);
+            for (const QVariant& b : binds)
+                q.addBindValue(b);
+            done = q.exec();
+        }
         if (!done)
             qWarning("sql failed: %s: %s", qPrintable(statement), qPrintable(q.lastError().text()));
         return done;
