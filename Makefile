@@ -5,7 +5,8 @@ PACKAGES := cmake ninja-build g++ make pkg-config qt6-base-dev qt6-base-dev-tool
             libqt6sql6-sqlite libsqlite3-dev qt6-serialport-dev qt6-qpa-plugins sqlite3 \
             clang libclang-rt-14-dev python3 fonts-dejavu-core \
             libsystemd-dev dpkg-dev systemd lintian bash-completion \
-            qt6-svg-dev xvfb xauth trayer openbox xdotool x11-utils
+            qt6-svg-dev xvfb xauth trayer openbox xdotool x11-utils \
+            libqt6sql6-psql postgresql postgresql-common postgresql-client
 SUDO     := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: all deps build test run fuzz fuzz-smoke bench clean install package tsan
