@@ -47,6 +47,8 @@ QString DbTarget::connectOptions() const
     if (!passfile.isEmpty() && password().isEmpty())
         o << QStringLiteral("passfile=") + quoted(passfile);
     o << QStringLiteral("application_name=quillbase");
+    // The event loop waits for a connection being opened again: not for a whole TCP time-out.
+    o << QStringLiteral("connect_timeout=10");
     return o.join(QLatin1Char(';'));
 }
 

@@ -44,6 +44,7 @@ void JobDatabase::SrvCloseDatabases()
 {
     templates_.reset();
     jobsOpen_ = false;
+    db_.setReconnected({});
     db_.close();
 }
 

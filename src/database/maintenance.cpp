@@ -495,14 +495,23 @@ constexpr qint64 ServerLockKey = 0x5175696c6c62; // "Quillb"
 bool JobDatabase::openServerDatabase(const DbTarget& target)
 {
     // The lock comes first: a second server stops before it does anything.
-    try {
-        db_.open(target);
+    auto lock = [this, target] {
         bool held = false;
         db_.run(QStringLiteral("SELECT pg_try_advisory_lock(?)"), {ServerLockKey},
                 [&](QSqlQuery& q) { held = q.next() && q.value(0).toBool(); });
         if (!held)
             throw Error(3045, QStringLiteral("Could not use ") + target.describe()
                                   + QStringLiteral("; another Quillbase server is using it."));
+    };
+    try {
+        db_.open(target);
+        lock();
+        // The lock went with a lost connection: the new one takes it again.
+        db_.setReconnected([lock, target] {
+            LogWrite(QStringLiteral("SrvOpenDatabases: the connection to ") + target.describe()
+                     + QStringLiteral(" was lost and has been opened again"));
+            lock();
+        });
         // The steps the engine has no use for say so.
         if (target.backupDir.isEmpty()) {
             LogWrite(QStringLiteral("SrvOpenDatabases Backup database: none (brixa.mda names no backup folder)"));

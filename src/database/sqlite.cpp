@@ -167,7 +167,42 @@ int Database::exec(const QString& sql, const QVariantList& binds)
     return changed;
 }
 
+bool Database::connectionLost()
+{
+    QSqlQuery probe(db_);
+    return !probe.exec(QStringLiteral("SELECT 1"));
+}
+
 void Database::run(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows)
+{
+    try {
+        runOnce(sql, binds, rows);
+    } catch (const Error&) {
+        // A connection whose reopening failed before has no driver connection left: it tries again.
+        if (!target_.postgres() || inTransaction_ || reconnecting_ || (db_.isOpen() && !connectionLost()))
+            throw;
+        const DbTarget target = target_;
+        try {
+            open(target);
+        } catch (const Error&) {
+            // Still unreachable: the statement's own failure says what happened.
+            target_ = target;
+            throw;
+        }
+        if (reconnected_) {
+            // Its own statements do not reconnect again.
+            reconnecting_ = true;
+            struct Done {
+                bool& flag;
+                ~Done() { flag = false; }
+            } done{reconnecting_};
+            reconnected_();
+        }
+        runOnce(sql, binds, rows);
+    }
+}
+
+void Database::runOnce(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows)
 {
     if (!db_.isOpen())
         throw notOpen();

@@ -74,8 +74,13 @@ public:
     int exec(const QString& sql, const QVariantList& binds = {});
     // Runs a statement and hands its active query to `rows`, then resets it. The
     // statement is prepared once per text and kept: a request runs the same few
-    // statements every time.
+    // statements every time. A PostgreSQL connection found lost outside a
+    // transaction is opened again and the statement run once more (nothing of a
+    // transaction is retried: it is gone with the connection).
     void run(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows);
+    // Called after a lost connection was opened again, before the statement runs
+    // again; what it throws fails that statement.
+    void setReconnected(std::function<void()> f) { reconnected_ = std::move(f); }
 
     // Explicit transaction; while none is open every statement commits on its own.
     void begin();
@@ -84,6 +89,8 @@ public:
     bool inTransaction() const { return inTransaction_; }
 
 private:
+    void runOnce(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows);
+    bool connectionLost();
     struct Prepared {
         QSqlQuery query;
         bool busy = false;
@@ -92,6 +99,8 @@ private:
     QHash<QString, std::shared_ptr<Prepared>> prepared_;
     QString name_;
     DbTarget target_;
+    std::function<void()> reconnected_;
+    bool reconnecting_ = false;
     bool inTransaction_ = false;
 };
 

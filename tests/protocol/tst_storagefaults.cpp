@@ -111,6 +111,7 @@ private slots:
     void faultAnswers1005_data();
     void faultAnswers1005();
     void damagedDatabaseListensOnItsPort();
+    void lostConnectionsOpenedAgain();
 };
 
 void TestStorageFaults::faultAnswers1005_data()
@@ -235,6 +236,40 @@ void TestStorageFaults::damagedDatabaseListensOnItsPort()
     const int back = server->jobs().jobList().count();
     QVERIFY2(back * 100 >= intact * 95 && back <= intact, qPrintable(QStringLiteral("%1 of %2").arg(back).arg(intact)));
     QVERIFY(inst->log().contains("tbServer: 1 rows restored from brixa_backup.mdb"));
+}
+
+// The database server ends the server's connections, as its restart would: the
+// next batch and the next lookup open theirs again, the lock of one server per
+// database included, and no request is refused for it.
+void TestStorageFaults::lostConnectionsOpenedAgain()
+{
+    if (!dbtest::OnPostgres())
+        QSKIP("only a database server has connections to lose");
+    inst = std::make_unique<TestInstallation>();
+    QVERIFY(inst->ok());
+    port = TestInstallation::freePort();
+    QVERIFY(inst->setServer(port, true));
+    QVERIFY(inst->addNetworkPrinter(1, "Skrivare 1", slowPrinter.port()));
+    inst->setUserSwitch("dwUseLog", 1);
+    server = std::make_unique<Server>(Server::Options{});
+    QCOMPARE(server->startup(), Server::Started);
+    QCOMPARE(send(1, 2), QList<QByteArray>(2, Ok));
+    QCOMPARE(inst->scalar("SELECT count(pg_terminate_backend(pid)) FROM pg_stat_activity "
+                          "WHERE application_name = 'quillbase' AND datname = current_database()")
+                 .toInt(),
+             2);
+    QCOMPARE(send(2, 2), QList<QByteArray>(4, Ok));
+    QCOMPARE(storedIds(), "1 2 3 4 5 6");
+    // A template nobody has: the miss reads the templates again on the main connection.
+    QTcpSocket client;
+    client.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(client.waitForConnected(5000));
+    client.write("BRIXA\t1.00\tP\t1\t99\t1\tWS\t0\t\t\t\tno such template");
+    QByteArray reply;
+    QVERIFY(QTest::qWaitFor([&] { client.waitForReadyRead(100); reply += client.readAll(); return whole(reply); }, 20000));
+    QVERIFY2(reply.endsWith("1004"), reply.constData());
+    QVERIFY(inst->log().contains("was lost and has been opened again"));
+    QCOMPARE(inst->scalar("SELECT count(*) FROM pg_locks WHERE locktype = 'advisory' AND granted").toInt(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestStorageFaults)
