@@ -1,9 +1,7 @@
 #include "gui/aboutbox.h"
-#include "foundation/messages.h"
-#include "foundation/texts.h"
+#include "shell/window.h"
 #include "gui/captions.h"
 #include "gui/pictures.h"
-#include "protocol/requesthandler.h"
 
 #include <QDialogButtonBox>
 #include <QHBoxLayout>
@@ -88,7 +86,7 @@ QString AboutBox::versionLine()
     const QStringList args{QString::number(QUILL_VERSION_MAJOR),
                            QString::number(QUILL_VERSION_MINOR),
                            QString::number(QUILL_VERSION_PATCH),
-                           RequestHandler::ProtocolVersion,
+                           Operator::protocolVersion(),
                            CountryCodeFromNumber(CountryNo()),
                            LanguageDisplayText()};
     return GetString(10081, args.join(QLatin1Char('|')));

@@ -1,5 +1,5 @@
 #include "gui/captions.h"
-#include "foundation/texts.h"
+#include "shell/window.h"
 
 #include <QAbstractButton>
 #include <QAction>

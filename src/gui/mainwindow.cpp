@@ -1,9 +1,5 @@
 #include "gui/mainwindow.h"
-#include "database/jobdatabase.h"
-#include "database/jobstore.h"
-#include "foundation/eventlog.h"
-#include "foundation/messages.h"
-#include "foundation/texts.h"
+#include "shell/window.h"
 #include "gui/aboutbox.h"
 #include "gui/captions.h"
 #include "gui/pacer.h"
@@ -11,9 +7,6 @@
 #include "gui/printerdialog.h"
 #include "gui/settingsdialog.h"
 #include "gui/trayicon.h"
-#include "service/printerlistmodel.h"
-#include "service/printservice.h"
-#include "shell/operator.h"
 
 #include <QAction>
 #include <QApplication>
@@ -142,8 +135,8 @@ QWidget* makePanel(const QString& name, QLabel** picture, QLabel** text, QWidget
 
 } // namespace
 
-MainWindow::MainWindow(Server& server, Operator& op, QWidget* parent)
-    : QMainWindow(parent), server_(server), op_(op)
+MainWindow::MainWindow(Operator& op, QWidget* parent)
+    : QMainWindow(parent), op_(op)
 {
     setObjectName(QStringLiteral("frmSrvMain"));
     // Captions in their marker form until the window loads (start()).
@@ -296,14 +289,14 @@ void MainWindow::connectCore()
     connect(&op_, &Operator::printerSelected, this, [this](qint32 id) {
         if (!started_)
             return;
-        const int row = server_.printService().printerList().rowOf(id);
+        const int row = op_.printerList().rowOf(id);
         if (row >= 0)
             lvwPrinter_->setCurrentIndex(printerPresenter_->index(row, 0));
     });
     // The window appears once the listener step of the start-up is done; the
     // printer checks and the service start follow with the window up.
-    connect(&server_, &Server::listenerChanged, this, [this] {
-        if (server_.starting() && !started_)
+    connect(&op_, &Operator::serviceAvailableChanged, this, [this] {
+        if (op_.starting() && !started_)
             present();
     });
     // Focus goes into the printer list when the window is activated from
@@ -329,7 +322,7 @@ Server::StartResult MainWindow::start()
     Server::StartResult result;
     {
         BusyPointer busy;
-        result = server_.startup();
+        result = op_.startup();
     }
     if (result != Server::Started)
         return result;
@@ -347,26 +340,26 @@ void MainWindow::present()
     LocaliseCaptions(this);
 
     printerPresenter_ = new PrinterListPresenter(this);
-    PrinterListModel& printers = server_.printService().printerList();
+    PrinterListModel& printers = op_.printerList();
     printerPresenter_->setSourceModel(&printers);
     lvwPrinter_->setModel(printerPresenter_);
-    (new RepaintPacer(lvwJob_, 100))->watch(&server_.jobs().jobList());
-    lvwJob_->setModel(&server_.jobs().jobList());
+    (new RepaintPacer(lvwJob_, 100))->watch(&op_.jobList());
+    lvwJob_->setModel(&op_.jobList());
     if (printers.rowCount() > 0)
         lvwPrinter_->setCurrentIndex(printerPresenter_->index(0, 0));
-    if (server_.jobs().jobList().count() > 0)
+    if (op_.jobList().count() > 0)
         selectJobRow(0);
 
-    panServer_->setText(GetString(9003) + QLatin1Char(' ') + ComputerName());
+    panServer_->setText(GetString(9003) + QLatin1Char(' ') + Operator::computerName());
     panServer_->setToolTip(panServer_->text());
     trafficPacer_ = new Pacer(100, [this] { paintTraffic(); }, this);
-    connect(&server_.traffic(), &TrafficIndicator::changed, this, &MainWindow::showTraffic);
-    showTraffic(server_.traffic().state());
+    connect(&op_.traffic(), &TrafficIndicator::changed, this, &MainWindow::showTraffic);
+    showTraffic(op_.traffic().state());
     showSilentMode(SilentMode());
     showServiceAvailable(op_.serviceAvailable());
     started_ = true;
 
-    const bool minimised = server_.database().startMinimized() != 0;
+    const bool minimised = op_.startMinimized();
     // Shown even without a notification area: one that comes up later shows it.
     tray_->STInit();
     showServiceState(op_.serviceRunning());
@@ -547,7 +540,7 @@ void MainWindow::newPrinter()
     BoxOwnerScope owner(this);
     PrinterSettings dialog;
     if (op_.openNewPrinter(&dialog) == Operator::Outcome::Done)
-        openDialog(new PrinterDialog(server_, op_, dialog, PrinterSettings::ModeNew, this));
+        openDialog(new PrinterDialog(op_, dialog, PrinterSettings::ModeNew, this));
 }
 
 void MainWindow::editSelectedPrinter()
@@ -558,7 +551,7 @@ void MainWindow::editSelectedPrinter()
     BoxOwnerScope owner(this);
     PrinterSettings dialog;
     if (op_.openEditPrinter(id, &dialog) == Operator::Outcome::Done)
-        openDialog(new PrinterDialog(server_, op_, dialog, PrinterSettings::ModeEdit, this));
+        openDialog(new PrinterDialog(op_, dialog, PrinterSettings::ModeEdit, this));
 }
 
 void MainWindow::deleteSelectedPrinter()
@@ -640,7 +633,7 @@ void MainWindow::shutdown()
 {
     closing_ = true;
     tray_->STEnd();
-    server_.shutdown();
+    op_.shutdown();
     close();
     emit finished();
 }

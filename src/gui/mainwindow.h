@@ -8,8 +8,7 @@
 //   MainWindow window(server, server.commands());
 //   if (window.start() != Server::Started) return 1;  // runs the server's start-up
 //   QObject::connect(&window, &MainWindow::finished, &app, &QApplication::quit);
-#include "protocol/traffic.h"
-#include "shell/server.h"
+#include "shell/window.h"
 
 #include <QMainWindow>
 #include <QPointer>
@@ -34,7 +33,7 @@ class TrayIcon;
 class MainWindow : public QMainWindow {
     Q_OBJECT
 public:
-    MainWindow(Server& server, Operator& op, QWidget* parent = nullptr);
+    explicit MainWindow(Operator& op, QWidget* parent = nullptr);
     ~MainWindow() override;
 
     // The server's start-up with this window: busy pointer while it runs; once
@@ -97,7 +96,6 @@ private:
     int selectedJobRow() const;
     void selectJobRow(int row);
 
-    Server& server_;
     Operator& op_;
     bool started_ = false;
     std::function<void()> pendingPrinterCommand_; // given during the server's own device work

@@ -1,5 +1,5 @@
 #include "gui/messagebox.h"
-#include "foundation/texts.h"
+#include "shell/window.h"
 
 #include <QApplication>
 #include <QGridLayout>

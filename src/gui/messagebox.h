@@ -2,7 +2,7 @@
 // The message sink of the window: every box of the server as a QMessageBox with
 // the box's title, icon, buttons and default button, modal to the window that
 // raised it. Which boxes are shown at all (silent mode) is the core's rule.
-#include "foundation/messages.h"
+#include "shell/window.h"
 
 class QMessageBox;
 class QWidget;

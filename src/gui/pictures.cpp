@@ -1,6 +1,5 @@
 #include "gui/pictures.h"
-#include "database/slots.h"
-#include "service/printerlistmodel.h"
+#include "shell/window.h"
 
 #include <QHash>
 

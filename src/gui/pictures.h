@@ -1,7 +1,7 @@
 #pragma once
 // The window's pictures: the desktop's icon theme where a standard name fits,
 // our own SVG drawings (compiled in) otherwise.
-#include "protocol/traffic.h"
+#include "shell/window.h"
 
 #include <QIcon>
 #include <QString>

@@ -1,12 +1,7 @@
 #include "gui/printerdialog.h"
-#include "database/lists.h"
-#include "foundation/messages.h"
-#include "foundation/strutil.h"
-#include "foundation/texts.h"
+#include "shell/window.h"
 #include "gui/captions.h"
 #include "gui/pictures.h"
-#include "printers/deviceops.h"
-#include "shell/server.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -134,7 +129,7 @@ void ReturnToOwner(QPointer<QWidget>& owner)
 
 // ------------------------------------------------------------------ printer dialog
 
-PrinterDialog::PrinterDialog(Server& server, Operator& op, const PrinterSettings& values, int mode, QWidget* owner)
+PrinterDialog::PrinterDialog(Operator& op, const PrinterSettings& values, int mode, QWidget* owner)
     : QDialog(nullptr), op_(op), owner_(owner), mode_(mode)
 {
     setObjectName(QStringLiteral("frmSrvPrinter"));
@@ -145,7 +140,7 @@ PrinterDialog::PrinterDialog(Server& server, Operator& op, const PrinterSettings
     LocaliseCaptions(this);
     setWindowTitle(GetString(9003) + QStringLiteral(" - ") + GetString(12132) + QLatin1Char(' ')
                    + GetString(mode == PrinterSettings::ModeNew ? 12076 : 12075));
-    fillLists(server);
+    fillLists();
     setValues(values);
     showDevice();
     connect(&op_, &Operator::deviceOperationFinished, this, &PrinterDialog::deviceFinished);
@@ -308,24 +303,23 @@ void PrinterDialog::buildUi()
     txtPrinterName_->installEventFilter(this);
 }
 
-void PrinterDialog::fillLists(Server& server)
+void PrinterDialog::fillLists()
 {
-    ValueList list;
-    SrvPrinterFillPrinterType(server.database(), list);
+    ValueList list = op_.dialogList(Operator::DialogList::PrinterType);
     for (const auto& e : list.entries)
         cboPrinterType_->addItem(e.text, e.itemData);
     cboPrinterType_->setCurrentIndex(list.selected);
     connect(cboPrinterType_, &QComboBox::currentIndexChanged, this, &PrinterDialog::showTypePicture);
-    const auto fill = [&list](QComboBox* box, void (*filler)(ValueList&)) {
-        filler(list);
+    const auto fill = [this, &list](QComboBox* box, Operator::DialogList which) {
+        list = op_.dialogList(which);
         for (const auto& e : list.entries)
             box->addItem(e.text, e.itemData);
         box->setCurrentIndex(list.selected);
     };
-    fill(cboCOMPort_, SrvFillCOMPort);
-    fill(cboCOMRate_, SrvFillCOMRate);
-    fill(cboAdjStrobe_, SrvFillStrobe);
-    fill(cboAdjSpeed_, SrvFillSpeed);
+    fill(cboCOMPort_, Operator::DialogList::ComPort);
+    fill(cboCOMRate_, Operator::DialogList::ComRate);
+    fill(cboAdjStrobe_, Operator::DialogList::Strobe);
+    fill(cboAdjSpeed_, Operator::DialogList::Speed);
 }
 
 void PrinterDialog::setValues(const PrinterSettings& v)
@@ -370,7 +364,7 @@ PrinterSettings PrinterDialog::values() const
 void PrinterDialog::showDevice()
 {
     QString deviceName, settings;
-    DialogDevice(values(), &deviceName, &settings);
+    Operator::dialogDevice(values(), &deviceName, &settings);
     // No address typed yet: nothing to show, not a lone separator.
     if (!optSerial_->isChecked() && txtNetIP_->text().trimmed().isEmpty())
         deviceName.clear();
@@ -526,8 +520,7 @@ PrinterAdvancedDialog::PrinterAdvancedDialog(PrinterDialog& printerDialog)
 
     auto* fraAdvanced = new QGroupBox(QStringLiteral("#£12147#Avancerat"), this);
     fraAdvanced->setObjectName(QStringLiteral("fraAdvanced"));
-    ValueList yesNo;
-    SrvFillYesNo(yesNo);
+    const ValueList yesNo = Operator::fixedList(Operator::DialogList::YesNo);
     cboCutterInstalled_ = makeList("cboCutterInstalled", yesNo, fraAdvanced);
     txtDispensingFeed_ = new QLineEdit(fraAdvanced);
     txtDispensingFeed_->setObjectName(QStringLiteral("txtDispensingFeed"));

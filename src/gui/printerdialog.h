@@ -6,9 +6,8 @@
 //
 //   PrinterSettings values;
 //   if (op.openEditPrinter(id, &values) == Operator::Outcome::Done)
-//       (new PrinterDialog(server, op, values, PrinterSettings::ModeEdit, window))->show();
-#include "printers/printerrecord.h"
-#include "shell/operator.h"
+//       (new PrinterDialog(op, values, PrinterSettings::ModeEdit, window))->show();
+#include "shell/window.h"
 
 #include <QDialog>
 #include <QPointer>
@@ -23,7 +22,6 @@ class QRadioButton;
 
 namespace quill {
 
-class Server;
 class PrinterAdvancedDialog;
 
 class PrinterDialog : public QDialog {
@@ -31,7 +29,7 @@ class PrinterDialog : public QDialog {
 public:
     // Opens over `owner` (the main window), which stays disabled until the
     // dialog is gone; the dialog deletes itself when it closes.
-    PrinterDialog(Server& server, Operator& op, const PrinterSettings& values, int mode, QWidget* owner);
+    PrinterDialog(Operator& op, const PrinterSettings& values, int mode, QWidget* owner);
     ~PrinterDialog() override;
 
     PrinterSettings values() const;
@@ -50,7 +48,7 @@ protected:
 
 private:
     void buildUi();
-    void fillLists(Server& server);
+    void fillLists();
     void setValues(const PrinterSettings& values);
     void setConnectionState();
     void showDevice();

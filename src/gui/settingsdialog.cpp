@@ -1,6 +1,5 @@
 #include "gui/settingsdialog.h"
-#include "foundation/messages.h"
-#include "foundation/texts.h"
+#include "shell/window.h"
 #include "gui/captions.h"
 #include "gui/printerdialog.h"
 

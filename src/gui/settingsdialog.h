@@ -1,7 +1,7 @@
 #pragma once
 // The settings dialog frmSrvAdj: the server's port and its seven switches,
 // loaded from and saved through Operator (which rebinds the listener).
-#include "shell/operator.h"
+#include "shell/window.h"
 
 #include <QDialog>
 #include <QPointer>

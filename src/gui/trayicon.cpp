@@ -1,5 +1,5 @@
 #include "gui/trayicon.h"
-#include "foundation/texts.h"
+#include "shell/window.h"
 #include "gui/pictures.h"
 
 #include <QMenu>

@@ -164,7 +164,7 @@ int main(int argc, char** argv)
     // The window exists before the start-up runs, so the boxes of the start-up
     // are the window's.
     quill::WidgetMessageSink sink;
-    quill::MainWindow window(server, server.commands());
+    quill::MainWindow window(server.commands());
     QObject::connect(&window, &quill::MainWindow::finished, app.get(), [] { QCoreApplication::exit(0); });
     const quill::Server::StartResult start = window.start();
     if (start != quill::Server::Started)

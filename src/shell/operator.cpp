@@ -11,6 +11,7 @@
 #include "printers/deviceops.h"
 #include "printers/printerlink.h"
 #include "protocol/listener.h"
+#include "protocol/requesthandler.h"
 #include "service/printservice.h"
 #include "shell/server.h"
 
@@ -45,6 +46,92 @@ Operator::Operator(Server& server, QObject* parent) : QObject(parent), server_(s
 Operator::~Operator()
 {
     stopDeviceOperation();
+}
+
+// ------------------------------------------------------------------ window
+
+Server::StartResult Operator::startup()
+{
+    return server_.startup();
+}
+
+void Operator::shutdown()
+{
+    server_.shutdown();
+}
+
+bool Operator::starting() const
+{
+    return server_.starting();
+}
+
+JobListModel& Operator::jobList()
+{
+    return server_.jobs().jobList();
+}
+
+PrinterListModel& Operator::printerList()
+{
+    return server_.printService().printerList();
+}
+
+TrafficIndicator& Operator::traffic()
+{
+    return server_.traffic();
+}
+
+bool Operator::startMinimized() const
+{
+    return server_.database().startMinimized() != 0;
+}
+
+ValueList Operator::dialogList(DialogList which) const
+{
+    if (which != DialogList::PrinterType)
+        return fixedList(which);
+    ValueList list;
+    SrvPrinterFillPrinterType(server_.database(), list);
+    return list;
+}
+
+ValueList Operator::fixedList(DialogList which)
+{
+    ValueList list;
+    switch (which) {
+    case DialogList::PrinterType:
+        break;
+    case DialogList::ComPort:
+        SrvFillCOMPort(list);
+        break;
+    case DialogList::ComRate:
+        SrvFillCOMRate(list);
+        break;
+    case DialogList::Strobe:
+        SrvFillStrobe(list);
+        break;
+    case DialogList::Speed:
+        SrvFillSpeed(list);
+        break;
+    case DialogList::YesNo:
+        SrvFillYesNo(list);
+        break;
+    }
+    return list;
+}
+
+QString Operator::computerName()
+{
+    return ComputerName();
+}
+
+QString Operator::protocolVersion()
+{
+    return RequestHandler::ProtocolVersion;
+}
+
+void Operator::dialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* settings)
+{
+    DialogDevice(dialog, deviceName, settings);
 }
 
 Operator::Outcome Operator::refused(Field field)
@@ -143,8 +230,7 @@ Operator::Outcome Operator::openNewPrinter(PrinterSettings* dialog)
     dialogOpen_ = true;
     if (dialog) {
         *dialog = PrinterSettings{};
-        ValueList types;
-        SrvPrinterFillPrinterType(server_.database(), types);
+        const ValueList types = dialogList(DialogList::PrinterType);
         dialog->printerTypeId = types.selected >= 0 ? std::optional<qint32>(types.entries[types.selected].itemData)
                                                     : std::nullopt;
     }
@@ -171,8 +257,7 @@ Operator::Outcome Operator::openEditPrinter(qint32 printerId, PrinterSettings* d
     dialogOpen_ = true;
     if (dialog) {
         *dialog = PrinterSettings{};
-        ValueList types;
-        SrvPrinterFillPrinterType(server_.database(), types);
+        const ValueList types = dialogList(DialogList::PrinterType);
         QList<qint32> typeIds;
         for (const auto& e : types.entries)
             typeIds << e.itemData;

@@ -12,8 +12,10 @@
 //   if (op.CanQuit(false)) ...                 // exit commands
 //
 // Nothing here blocks on a window: questions are answered by the sink in use.
+#include "database/lists.h"
 #include "printers/deviceops.h"
 #include "printers/printerrecord.h"
+#include "shell/server.h"
 
 #include <QObject>
 #include <QPointer>
@@ -23,8 +25,10 @@
 
 namespace quill {
 
+class JobListModel;
 class PrinterLinks;
-class Server;
+class PrinterListModel;
+class TrafficIndicator;
 
 class Operator : public QObject {
     Q_OBJECT
@@ -63,6 +67,27 @@ public:
 
     explicit Operator(Server& server, QObject* parent = nullptr);
     ~Operator() override;
+
+    // --- start-up, shutdown and what a window shows ---------------------------
+    // A window made before the start-up runs it, so the start-up's boxes are its.
+    Server::StartResult startup();
+    void shutdown();
+    bool starting() const;
+    JobListModel& jobList();
+    PrinterListModel& printerList();
+    TrafficIndicator& traffic();
+    // The window starts minimised (tbServer).
+    bool startMinimized() const;
+    // The printer dialog's drop-down lists (printer types from tbPrinterType).
+    enum class DialogList { PrinterType, ComPort, ComRate, Strobe, Speed, YesNo };
+    ValueList dialogList(DialogList which) const;
+    // The same for the lists that are fixed (all but the printer types).
+    static ValueList fixedList(DialogList which);
+    static QString computerName();
+    // The client protocol's version, for the about box.
+    static QString protocolVersion();
+    // The device name and line settings a printer dialog's values make.
+    static void dialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* settings);
 
     // --- print service --------------------------------------------------
     bool serviceRunning() const;

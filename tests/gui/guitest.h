@@ -199,7 +199,7 @@ struct WindowSite {
         options.headless = false;
         server = std::make_unique<Server>(options);
         op = &server->commands();
-        window = std::make_unique<MainWindow>(*server, *op);
+        window = std::make_unique<MainWindow>(*op);
         QObject::connect(window.get(), &MainWindow::finished, [this] { ++finished; });
     }
     Server::StartResult start()
