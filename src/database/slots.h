@@ -19,11 +19,17 @@ enum PrinterStatus : qint32 {
 // ones padded with blanks (callers trim when they show them).
 QString FixedText(const QString& text, int width);
 
+// tbPrinter.ConnectionUsed: which of the connection columns is in use.
+enum ConnectionType : qint32 {
+    ConnectionSerial = 1,  // Connection1: "COM1:#9600"
+    ConnectionNetwork = 2, // Connection2: "10.0.0.5#23"
+};
+
 struct PrinterSlot {
     qint32 printerId = 0;
     QString name;             // 25 characters
     qint32 printerTypeId = 0;
-    qint32 connectionType = 0; // 1 serial, 2 network
+    qint32 connectionType = 0; // ConnectionSerial, ConnectionNetwork, else none
     QString connectionString; // 255 characters
     QString displayText;      // 255 characters
     bool inUse = false;

@@ -54,7 +54,6 @@ constexpr int CmdBoxAfterCmd102 = 110;
 constexpr int ReplyLength = 255;
 const QString NoAddress = QStringLiteral("0.0.0.0");
 const QString OpenMode = QStringLiteral("m");
-const QString NetBox = QStringLiteral("NETBOX:");
 
 // A library result that ends the sequence.
 struct DeviceFailure {
@@ -216,7 +215,7 @@ bool SrvMPConfigCOM(const DeviceContext& context, const QString& port, const QSt
 {
     Device dev(context);
     try {
-        openSerialAtRate(dev, QStringLiteral("COM") + port + QLatin1Char(':'), rate);
+        openSerialAtRate(dev, SerialDeviceName(port.toInt()), rate);
         need(dev.setParameter(ParamLineTimeout, 2000));
         sendPrintSettings(dev, config);
         return true;
@@ -237,14 +236,14 @@ ConfigResult SrvMPConfigNET(const DeviceContext& context, const QString& newAddr
     Device dev(context);
     try {
         if (connectOnly) {
-            dev.open(NetBox + loadedAddress, QString());
+            dev.open(NetworkDeviceName(loadedAddress), QString());
             const int status = dev.status();
             if (status < 0)
                 throw DeviceFailure{status};
         } else {
             int status = -1;
             if (!loadedAddress.isEmpty() && !throughSerial) {
-                dev.open(NetBox + loadedAddress, QString());
+                dev.open(NetworkDeviceName(loadedAddress), QString());
                 status = dev.status();
             }
             if (status < 0) {
@@ -252,7 +251,7 @@ ConfigResult SrvMPConfigNET(const DeviceContext& context, const QString& newAddr
                 // The operator decides whether the serial port is used.
                 if (!throughSerial)
                     return ConfigResult::NeedsSerial;
-                dev.open(QStringLiteral("COM") + port + QLatin1Char(':'), LineSettings(rate));
+                dev.open(SerialDeviceName(port.toInt()), LineSettings(rate));
                 status = dev.status();
                 if (status < 0)
                     throw DeviceFailure{status};
@@ -300,7 +299,7 @@ QList<SerialLine> SerialLinesToReconfigure(const PrinterSlots& printerSlots)
         if (!printerSlots.SrvPrinterExists(n) || printerSlots.SrvPrinterIsPassive(n))
             continue;
         const PrinterSlot& s = printerSlots.at(n);
-        if (s.connectionType != 1)
+        if (s.connectionType != ConnectionSerial)
             continue;
         const auto c = ConnectionString::parse(s.connectionString);
         lines.append({c.device.trimmed(), c.rateOrPort.trimmed()});
@@ -385,25 +384,17 @@ QString SrvMPCal(const DeviceContext& context, const QString& deviceName, const 
 
 QString SlotLinkKey(const PrinterSlot& slot)
 {
-    const QString connection = slot.connectionString.trimmed();
-    if (slot.connectionType == 1)
-        return LinkKey(ConnectionString::parse(connection).device);
-    if (slot.connectionType == 2)
-        return LinkKey(NetBox + connection);
-    return {};
+    const PrinterDevice device = SlotDevice(slot);
+    return device.name.isEmpty() ? QString() : LinkKey(device.name);
 }
 
 QString SrvMPCheck(const DeviceContext& context, const PrinterSlot& slot)
 {
     try {
         Device dev(context);
-        const QString connection = slot.connectionString.trimmed();
-        if (slot.connectionType == 1) {
-            const auto c = ConnectionString::parse(connection);
-            dev.open(c.device, LineSettings(c.rateOrPort));
-        } else if (slot.connectionType == 2) {
-            dev.open(NetBox + connection, QString());
-        }
+        const PrinterDevice device = SlotDevice(slot);
+        if (!device.name.isEmpty())
+            dev.open(device.name, device.settings);
         if (!dev.isOpen())
             return ResultErr(GetString(12038));
         const int status = dev.status();
@@ -415,17 +406,6 @@ QString SrvMPCheck(const DeviceContext& context, const PrinterSlot& slot)
         LogWrite(QStringLiteral("SrvMPCheck failed. PId = ") + QString::number(slot.printerId)
                  + QStringLiteral(" Error: ") + error);
         return resultErrorText(error);
-    }
-}
-
-void DialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* settings)
-{
-    if (dialog.serial) {
-        *deviceName = QStringLiteral("COM") + QString::number(dialog.comPort.value_or(1)) + QLatin1Char(':');
-        *settings = LineSettings(QString::number(dialog.comRate.value_or(9600)));
-    } else {
-        *deviceName = ConnectionString::network(dialog.netAddress, dialog.netPort);
-        settings->clear();
     }
 }
 
@@ -464,18 +444,15 @@ ConfigResult ConfigureDevice(const DeviceContext& context, PrinterSettings& dial
 
 QStringList DialogLinkKeys(const PrinterSettings& dialog, bool configure, bool throughSerial)
 {
-    const QString com = QStringLiteral("COM") + QString::number(dialog.comPort.value_or(1)) + QLatin1Char(':');
-    if (!configure) {
-        QString deviceName, settings;
-        DialogDevice(dialog, &deviceName, &settings);
-        return {LinkKey(deviceName)};
-    }
+    const QString com = SerialDeviceName(dialog.comPort.value_or(1));
+    if (!configure)
+        return {LinkKey(DialogDevice(dialog).name)};
     if (dialog.serial || throughSerial)
         return {LinkKey(com)};
     // The box at its loaded address; without one nothing is opened.
     if (dialog.loadedAddress.trimmed().isEmpty())
         return {};
-    return {LinkKey(NetBox + dialog.loadedAddress.trimmed())};
+    return {LinkKey(NetworkDeviceName(dialog.loadedAddress))};
 }
 
 bool StartAfterConfigCheck(PrinterSlots& printerSlots, qint32 slot)

@@ -75,9 +75,6 @@ QString SrvMPClear(const DeviceContext& context, const QString& deviceName, cons
 QString SrvMPCal(const DeviceContext& context, const QString& deviceName, const QString& settings);
 QString SrvMPCheck(const DeviceContext& context, const PrinterSlot& slot);
 
-// Device name and settings the dialog's test print, clear and calibrate use
-// for the values it shows.
-void DialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* settings);
 
 // The test label's text: display title, " v", major.minor.revision.
 QString TestPrintTitle();

@@ -30,6 +30,38 @@ QString LineSettings(const QString& rate)
     return rate + QStringLiteral(",n,8,1,x");
 }
 
+QString SerialDeviceName(qint32 comPort)
+{
+    return QStringLiteral("COM") + QString::number(comPort) + QLatin1Char(':');
+}
+
+QString NetworkDeviceName(const QString& connection)
+{
+    return QStringLiteral("NETBOX:") + connection.trimmed();
+}
+
+PrinterDevice SlotDevice(const PrinterSlot& slot)
+{
+    const QString connection = slot.connectionString.trimmed();
+    switch (slot.connectionType) {
+    case ConnectionSerial: {
+        const auto c = ConnectionString::parse(connection);
+        return {c.device.trimmed(), LineSettings(c.rateOrPort.trimmed())};
+    }
+    case ConnectionNetwork:
+        return {NetworkDeviceName(connection), {}};
+    default:
+        return {};
+    }
+}
+
+PrinterDevice DialogDevice(const PrinterSettings& dialog)
+{
+    if (dialog.serial)
+        return {SerialDeviceName(dialog.comPort.value_or(1)), LineSettings(QString::number(dialog.comRate.value_or(9600)))};
+    return {ConnectionString::network(dialog.netAddress, dialog.netPort), {}};
+}
+
 QString AdvancedSettingsText(qint32 cutterInstalled, qint32 dispensingFeed, qint32 reverseFeed)
 {
     return QString::number(cutterInstalled >= 1 ? 1 : 0) + Semicolon + QString::number(dispensingFeed) + Semicolon
@@ -58,9 +90,9 @@ void SrvPrinterFillDialog(const PrinterRow& row, PrinterSettings& dialog, const 
     if (type >= 1 && type <= 9) {
         // Rows with another connection number name no option; the dialog keeps its own.
         const qint16 used = NullToInt(row.connectionUsed, 0);
-        if (used == 1)
+        if (used == ConnectionSerial)
             dialog.serial = true;
-        else if (used == 2)
+        else if (used == ConnectionNetwork)
             dialog.serial = false;
 
         const auto serial = ConnectionString::parse(NullToStr(row.connection[0], QString()));
@@ -95,7 +127,7 @@ PrinterRow PrinterRowFromDialog(qint32 id, const PrinterSettings& dialog, bool n
     row.id = id;
     row.name = dialog.name;
     row.printerTypeId = dialog.printerTypeId.value_or(newPrinter ? 1 : -1);
-    row.connectionUsed = dialog.serial ? 1 : 2;
+    row.connectionUsed = dialog.serial ? ConnectionSerial : ConnectionNetwork;
     row.connection[0] = ConnectionString::serial(dialog.comPort.value_or(1), dialog.comRate.value_or(9600));
     const QString address = dialog.netAddress.trimmed();
     row.connection[1] = address.isEmpty() ? QVariant() : QVariant(ConnectionString::network(address, dialog.netPort));

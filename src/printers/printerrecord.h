@@ -46,9 +46,19 @@ constexpr int SpeedSteps = 8;   // item data 0..7
 constexpr qint32 DefaultDispensingFeed = 60;
 constexpr quint16 DefaultNetPort = 23;
 
-// Connection strings and the device-library names derived from them
-// (foundation/connection.h splits and builds the strings).
+// The one place a printer's device name and line settings are made, from the
+// connection strings (foundation/connection.h splits and builds those).
 QString LineSettings(const QString& rate); // rate + ",n,8,1,x"
+QString SerialDeviceName(qint32 comPort);   // "COM3:"
+QString NetworkDeviceName(const QString& connection); // "NETBOX:10.0.0.5#23"
+struct PrinterDevice {
+    QString name;     // linktransport.h's device names
+    QString settings; // line settings of a serial device; empty for a box
+};
+// A stored printer's device (empty for a connection type that names none).
+PrinterDevice SlotDevice(const PrinterSlot& slot);
+// The device the printer dialog's values name.
+PrinterDevice DialogDevice(const PrinterSettings& dialog);
 
 // The advanced-settings text and its three parts.
 struct AdvancedSettings {

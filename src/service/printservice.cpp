@@ -3,7 +3,7 @@
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
 #include "service/printerload.h"
-#include "foundation/connection.h"
+#include "printers/printerrecord.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
 #include "foundation/messages.h"
@@ -28,28 +28,6 @@ QString trappedText(const std::exception& e)
     if (const auto* q = dynamic_cast<const Error*>(&e))
         return q->text();
     return errorText(e);
-}
-
-// Port and Settings of a driver for a slot's connection.
-void connectionTexts(const PrinterSlot& record, QString* port, QString* settings)
-{
-    const QString cs = record.connectionString;
-    switch (record.connectionType) {
-    case 1: {
-        const auto c = ConnectionString::parse(cs);
-        *port = c.device.trimmed();
-        *settings = (c.rateOrPort + QStringLiteral(",n,8,1,x")).trimmed();
-        break;
-    }
-    case 2:
-        *port = (QStringLiteral("NETBOX:") + cs).trimmed();
-        settings->clear();
-        break;
-    default:
-        port->clear();
-        settings->clear();
-        break;
-    }
 }
 
 MP104C* need(MP104C* obj)
@@ -178,10 +156,9 @@ void PrintService::MainSetQuillmotorConnection(MP104C* obj, const PrinterSlot& r
     if (record.printerTypeId != 1 && record.printerTypeId != 2)
         return;
     need(obj)->setPrinterId(record.printerId);
-    QString port, settings;
-    connectionTexts(record, &port, &settings);
-    obj->setPort(port);
-    obj->setSettings(settings);
+    const PrinterDevice device = SlotDevice(record);
+    obj->setPort(device.name);
+    obj->setSettings(device.settings);
 }
 
 qint32 PrintService::currentTemplate(qint32 printerId)
@@ -386,11 +363,10 @@ void PrintService::MainCheckPrinterStatus(qint32 n)
         if (id >= 1 && id <= 5) {
             MP104C* obj = need(MainSetQuillmotorRef(id));
             obj->setPrinterId(id);
-            if (record.connectionType == 1 || record.connectionType == 2) {
-                QString port, settings;
-                connectionTexts(record, &port, &settings);
-                obj->setPort(port);
-                obj->setSettings(settings);
+            const PrinterDevice device = SlotDevice(record);
+            if (!device.name.isEmpty()) {
+                obj->setPort(device.name);
+                obj->setSettings(device.settings);
             }
             obj->MPCheck();
         }

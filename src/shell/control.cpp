@@ -393,7 +393,7 @@ QJsonObject ControlServer::printerJson(qint32 id) const
         {QStringLiteral("display"), s.displayText.trimmed()},
         {QStringLiteral("type"), s.printerTypeId},
         {QStringLiteral("connection"), s.connectionString.trimmed()},
-        {QStringLiteral("serial"), s.connectionType == 1},
+        {QStringLiteral("serial"), s.connectionType == ConnectionSerial},
         {QStringLiteral("passive"), s.passive},
         {QStringLiteral("status"), s.status},
         {QStringLiteral("statusWord"), StatusWord(s.status)},
@@ -583,12 +583,10 @@ ControlServer::Reply ControlServer::savePrinter(const QJsonObject& args, bool is
             field = args.value(QLatin1String(key)).toString();
     };
 
-    ValueList types, ports, rates, strobe, speed;
-    SrvPrinterFillPrinterType(server_.database(), types);
-    SrvFillCOMPort(ports);
-    SrvFillCOMRate(rates);
-    SrvFillStrobe(strobe);
-    SrvFillSpeed(speed);
+    using List = Operator::DialogList;
+    const ValueList types = commands_.dialogList(List::PrinterType), ports = Operator::fixedList(List::ComPort),
+                    rates = Operator::fixedList(List::ComRate), strobe = Operator::fixedList(List::Strobe),
+                    speed = Operator::fixedList(List::Speed);
     text("name", dialog.name);
     list("type", types, dialog.printerTypeId,
          [](const ValueList::Entry& e) { return QStringList{QString::number(e.itemData)}; });

@@ -131,7 +131,9 @@ QString Operator::protocolVersion()
 
 void Operator::dialogDevice(const PrinterSettings& dialog, QString* deviceName, QString* settings)
 {
-    DialogDevice(dialog, deviceName, settings);
+    const PrinterDevice device = DialogDevice(dialog);
+    *deviceName = device.name;
+    *settings = device.settings;
 }
 
 Operator::Outcome Operator::refused(Field field)
@@ -399,14 +401,13 @@ Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, cons
     runDeviceWork(
         DialogLinkKeys(dialog, false), false,
         [state, operation](const DeviceContext& context) {
-            QString deviceName, settings;
-            DialogDevice(state->values, &deviceName, &settings);
+            const PrinterDevice device = DialogDevice(state->values);
             if (operation == DeviceOperation::TestPrint)
-                state->result = SrvMPTestPrint(context, deviceName, settings);
+                state->result = SrvMPTestPrint(context, device.name, device.settings);
             else if (operation == DeviceOperation::ClearMemory)
-                state->result = SrvMPClear(context, deviceName, settings);
+                state->result = SrvMPClear(context, device.name, device.settings);
             else
-                state->result = SrvMPCal(context, deviceName, settings);
+                state->result = SrvMPCal(context, device.name, device.settings);
         },
         [this, state, operation, boxOwner] {
             endDeviceWork();

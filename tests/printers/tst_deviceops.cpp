@@ -102,7 +102,7 @@ Op configDialog(PrinterSettings d)
 Op check(qint32 connectionType)
 {
     return [=](const Emulator& e) {
-        return SrvMPCheck(ctx, slotFor(connectionType, connectionType == 2 ? e.bareDevice() : "COM3:#9600"));
+        return SrvMPCheck(ctx, slotFor(connectionType, connectionType == ConnectionNetwork ? e.bareDevice() : "COM3:#9600"));
     };
 }
 
@@ -113,8 +113,7 @@ Op testPrint(bool serial, const QByteArray& layout = {}, int rounds = 1)
     return [=](const Emulator& e) {
         const PrinterSettings d{.serial = serial, .comPort = 3, .netAddress = " 127.0.0.1 ",
                                 .netPort = QString::number(e.port()) + " "};
-        QString device, settings;
-        DialogDevice(d, &device, &settings);
+        const PrinterDevice device = DialogDevice(d);
         QFile f(QDir(HomeDir()).filePath("0.lbl"));
         if (!layout.isEmpty() && !f.remove())
             return QStringLiteral("cannot remove the layout");
@@ -123,7 +122,7 @@ Op testPrint(bool serial, const QByteArray& layout = {}, int rounds = 1)
         f.close();
         QString results;
         for (int i = 0; i < rounds; ++i)
-            results += SrvMPTestPrint(ctx, " " + device + " ", " " + settings + " ");
+            results += SrvMPTestPrint(ctx, " " + device.name + " ", " " + device.settings + " ");
         return results;
     };
 }

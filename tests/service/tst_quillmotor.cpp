@@ -101,7 +101,7 @@ private slots:
         QTest::addColumn<QString>("settings");
         QTest::addColumn<int>("printerId");
 
-        QTest::newRow("serial, blanks") << 2 << 1 << " COM1: # 9600 " << "COM1:" << "9600 ,n,8,1,x" << 4;
+        QTest::newRow("serial, blanks") << 2 << 1 << " COM1: # 9600 " << "COM1:" << "9600,n,8,1,x" << 4;
         QTest::newRow("network") << 1 << 2 << "192.168.1.40#23" << "NETBOX:192.168.1.40#23" << "" << 4;
         QTest::newRow("connection 3") << 2 << 3 << "whatever" << "" << "" << 4;
         // Other printer types leave identity and connection as they were.
