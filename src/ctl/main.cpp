@@ -3,6 +3,8 @@
 // runs each command through the same code as its window and sends back the
 // outcome, the texts of its boxes and the data to show; this program only
 // parses the command line and prints.
+#include "shell/controlprotocol.h"
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
@@ -21,6 +23,8 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
+
+namespace control = quill::control;
 
 namespace {
 
@@ -83,29 +87,29 @@ struct Command {
 const QList<Command>& commands()
 {
     static const QList<Command> list{
-        {"status", "status", "", "Service state, listener, every printer with its status and queue length.", {}},
-        {"jobs", "jobs", "[--printer N]", "The queue in print order.",
+        {"status", control::command::Status, "", "Service state, listener, every printer with its status and queue length.", {}},
+        {"jobs", control::command::Jobs, "[--printer N]", "The queue in print order.",
          {{"printer", "N", "only the jobs of printer N", "printer", Option::Number}}},
-        {"delete", "delete", "ID... | --all",
+        {"delete", control::command::Delete, "ID... | --all",
          "Delete queued jobs (only while the print service is stopped). Every id is checked before any is deleted.",
          {{"all", nullptr, "delete every queued job", "all", Option::Flag}}, 0, -1},
-        {"start", "start", "", "Start the print service.", {}},
-        {"stop", "stop", "", "Stop the print service.", {}},
-        {"refresh", "refresh", "[--full]", "Check every printer now.",
+        {"start", control::command::Start, "", "Start the print service.", {}},
+        {"stop", control::command::Stop, "", "Stop the print service.", {}},
+        {"refresh", control::command::Refresh, "[--full]", "Check every printer now.",
          {{"full", nullptr, "reconfigure the serial printers first", "full", Option::Flag}}},
-        {"printer add", "printer-add", "[OPTIONS]",
+        {"printer add", control::command::PrinterAdd, "[OPTIONS]",
          "Register a printer in the lowest free slot (1..5); it is checked at once.", printerOptions},
-        {"printer edit", "printer-edit", "ID [OPTIONS]",
+        {"printer edit", control::command::PrinterEdit, "ID [OPTIONS]",
          "Change printer ID; options not given keep their stored values. It is checked at once.", printerOptions, 1,
          1, true},
-        {"printer remove", "printer-remove", "ID", "Remove printer ID (its queued jobs stay).", {}, 1, 1, true},
-        {"printer configure", "printer-configure", "ID",
+        {"printer remove", control::command::PrinterRemove, "ID", "Remove printer ID (its queued jobs stay).", {}, 1, 1, true},
+        {"printer configure", control::command::PrinterConfigure, "ID",
          "Send printer ID its stored configuration (connection, darkness, speed, feeds).", {}, 1, 1, true, true},
-        {"printer test", "printer-test", "ID", "Print a test label on printer ID.", {}, 1, 1, true, true},
-        {"printer clear", "printer-clear", "ID", "Clear the memory of printer ID.", {}, 1, 1, true, true},
-        {"printer calibrate", "printer-calibrate", "ID", "Calibrate printer ID.", {}, 1, 1, true, true},
-        {"settings", "settings", "", "Show the TCP port and the switches ('settings set' changes them).", {}},
-        {"settings set", "settings-set", "OPTIONS",
+        {"printer test", control::command::PrinterTest, "ID", "Print a test label on printer ID.", {}, 1, 1, true, true},
+        {"printer clear", control::command::PrinterClear, "ID", "Clear the memory of printer ID.", {}, 1, 1, true, true},
+        {"printer calibrate", control::command::PrinterCalibrate, "ID", "Calibrate printer ID.", {}, 1, 1, true, true},
+        {"settings", control::command::Settings, "", "Show the TCP port and the switches ('settings set' changes them).", {}},
+        {"settings set", control::command::SettingsSet, "OPTIONS",
          "Change the port and switches. A running print service is stopped first, as the settings dialog does; "
          "start it again with 'start'.",
          settingsOptions},
@@ -339,35 +343,37 @@ QString optionOf(const QString& field)
 
 QString reasonText(const QJsonObject& r, const QStringList& args)
 {
-    const QString reason = r[QLatin1String("reason")].toString();
+    const QString name = r[QLatin1String("reason")].toString();
+    using control::Reason;
+    const Reason reason = control::reasonFromName(name);
     const QString id = args.value(0);
-    if (reason == QLatin1String("starting"))
+    if (reason == Reason::Starting)
         return QStringLiteral("the server is still starting; try again in a moment");
-    if (reason == QLatin1String("busy"))
+    if (reason == Reason::Busy)
         return QStringLiteral("a printer operation (configure, test...) is under way; try again when it is over");
-    if (reason == QLatin1String("dialog-open"))
+    if (reason == Reason::DialogOpen)
         return QStringLiteral("a printer dialog is open in the server's window; close it first");
-    if (reason == QLatin1String("service-running"))
+    if (reason == Reason::ServiceRunning)
         return QStringLiteral("jobs can only be deleted while the print service is stopped ('quillbase-ctl stop')");
-    if (reason == QLatin1String("no-listener"))
+    if (reason == Reason::NoListener)
         return QStringLiteral("the print service cannot start while the server has no TCP listener "
                               "(see 'quillbase-ctl status'; change the port with 'settings set --port N')");
-    if (reason == QLatin1String("unknown-job")) {
+    if (reason == Reason::UnknownJob) {
         QStringList ids;
         for (const QJsonValue& v : r[QLatin1String("ids")].toArray())
             ids << QString::number(v.toInt());
         return ids.isEmpty() ? QStringLiteral("no job ids given")
                              : QStringLiteral("no queued job with id %1; nothing was deleted").arg(ids.join(", "));
     }
-    if (reason == QLatin1String("printer-range"))
+    if (reason == Reason::PrinterRange)
         return QStringLiteral("printer id %1 is outside 1..5").arg(id);
-    if (reason == QLatin1String("no-printer"))
+    if (reason == Reason::NoPrinter)
         return QStringLiteral("there is no printer %1").arg(id);
-    if (reason == QLatin1String("printer-working"))
+    if (reason == Reason::PrinterWorking)
         return QStringLiteral("printer %1 is printing or being checked; try again shortly").arg(id);
-    if (reason == QLatin1String("printers-full"))
+    if (reason == Reason::PrintersFull)
         return QStringLiteral("all five printer slots are in use");
-    if (reason == QLatin1String("bad-value")) {
+    if (reason == Reason::BadValue) {
         QStringList allowed;
         for (const QJsonValue& v : r[QLatin1String("allowed")].toArray())
             allowed << v.toString();
@@ -376,18 +382,18 @@ QString reasonText(const QJsonObject& r, const QStringList& args)
                  allowed.isEmpty() ? QStringLiteral("a number of digits only")
                                    : QStringLiteral("one of: ") + allowed.join(QStringLiteral(", ")));
     }
-    if (reason == QLatin1String("invalid"))
+    if (reason == Reason::Invalid)
         return QStringLiteral("%1 was not accepted; nothing was changed").arg(optionOf(r[QLatin1String("field")].toString()));
-    if (reason == QLatin1String("rebind-failed"))
+    if (reason == Reason::RebindFailed)
         return QStringLiteral("the new port could not be opened: the server has no TCP listener until a port "
                               "change works or it restarts (the stored port is unchanged)");
-    if (reason == QLatin1String("no-device-support"))
+    if (reason == Reason::NoDeviceSupport)
         return QStringLiteral("this printer type has no device support");
-    if (reason == QLatin1String("failed"))
+    if (reason == Reason::Failed)
         return QStringLiteral("the command failed; the server's event log has the details");
-    if (reason == QLatin1String("bad-request"))
+    if (reason == Reason::BadRequest)
         return QStringLiteral("the server did not understand the request (is it another version?)");
-    return QStringLiteral("refused (%1)").arg(reason);
+    return QStringLiteral("refused (%1)").arg(name);
 }
 
 void printMessages(const QJsonObject& r, QTextStream& to)
@@ -403,21 +409,21 @@ void printResult(const Command& c, const QJsonObject& r, const QStringList& args
 {
     const bool nothing = r[QLatin1String("outcome")].toString() == QLatin1String("NothingToDo");
     const QString req = c.request;
-    if (req == QLatin1String("status"))
+    if (req == control::command::Status)
         printStatus(r);
-    else if (req == QLatin1String("jobs"))
+    else if (req == control::command::Jobs)
         printJobs(r);
-    else if (req == QLatin1String("settings") || req == QLatin1String("settings-set")) {
-        if (req == QLatin1String("settings-set") && !r[QLatin1String("serviceRunning")].toBool())
+    else if (req == control::command::Settings || req == control::command::SettingsSet) {
+        if (req == control::command::SettingsSet && !r[QLatin1String("serviceRunning")].toBool())
             out << "Settings saved; the print service is stopped.\n";
-        else if (req == QLatin1String("settings-set"))
+        else if (req == control::command::SettingsSet)
             out << "Settings saved.\n";
-        if (req == QLatin1String("settings"))
+        if (req == control::command::Settings)
             printSettings(r);
-    } else if (req == QLatin1String("start") || req == QLatin1String("stop")) {
+    } else if (req == control::command::Start || req == control::command::Stop) {
         out << "Print service: " << r[QLatin1String("service")].toObject()[QLatin1String("text")].toString()
             << (nothing ? QStringLiteral(" (no change)") : QString()) << '\n';
-    } else if (req == QLatin1String("delete")) {
+    } else if (req == control::command::Delete) {
         if (nothing)
             out << "The queue is empty.\n";
         else if (r.contains(QLatin1String("deleted"))) {
@@ -427,13 +433,13 @@ void printResult(const Command& c, const QJsonObject& r, const QStringList& args
             out << "Deleted job " << ids.join(", ") << ".\n";
         } else
             out << "Deleted every job.\n";
-    } else if (req == QLatin1String("refresh")) {
+    } else if (req == control::command::Refresh) {
         out << "Status check started; 'quillbase-ctl status' shows the results.\n";
-    } else if (req == QLatin1String("printer-remove")) {
+    } else if (req == control::command::PrinterRemove) {
         out << "Printer " << r[QLatin1String("removed")].toInt() << " removed.\n";
     } else if (r.contains(QLatin1String("printer"))) {
         const QJsonObject p = r[QLatin1String("printer")].toObject();
-        if (req == QLatin1String("printer-add") || req == QLatin1String("printer-edit"))
+        if (req == control::command::PrinterAdd || req == control::command::PrinterEdit)
             out << "Printer " << p[QLatin1String("id")].toInt() << " saved.\n";
         else
             out << "Done.\n";
@@ -521,7 +527,8 @@ int send(const QString& home, const Command& c, const QJsonObject& args, bool js
     out.flush();
     if (!ok) {
         err << "quillbase-ctl: " << reasonText(reply, positional) << Qt::endl;
-        return reply[QLatin1String("reason")].toString() == QLatin1String("bad-request") ? Usage : Refused;
+        return control::reasonFromName(reply[QLatin1String("reason")].toString()) == control::Reason::BadRequest ? Usage
+                                                                                                            : Refused;
     }
     return Success;
 }

@@ -209,12 +209,9 @@ qint32 SrvMainPrinterSave(PrinterRepository& printers, PrinterSlots& printerSlot
     }
 }
 
-bool SrvMainPrinterDelete(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 printerId,
-                          const QString& rowText)
+bool SrvMainPrinterDelete(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 printerId)
 {
     try {
-        if (AskNoDefault(GetString(12040, rowText)) != BoxAnswer::Yes)
-            return false;
         if (auto failed = printers.remove(printerId))
             throw *failed;
         printerSlots.removePrinter(printerId);

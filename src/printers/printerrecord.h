@@ -95,10 +95,9 @@ qint32 SrvPrinterUpdate(PrinterRepository& printers, PrinterSlots& printerSlots,
 qint32 SrvMainPrinterSave(PrinterRepository& printers, PrinterSlots& printerSlots, const PrinterSettings& dialog,
                           int mode, qint32 editPrinterId, const std::function<void(qint32)>& check = {});
 
-// Asks (No is the default), then deletes the printer and frees its slot.
-// rowText is the printer's row text. True when deleted.
-bool SrvMainPrinterDelete(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 printerId,
-                          const QString& rowText);
+// Deletes the printer and frees its slot (the operator asked first). True
+// when deleted; a failure is logged.
+bool SrvMainPrinterDelete(PrinterRepository& printers, PrinterSlots& printerSlots, qint32 printerId);
 
 // The slot's one-line description: "2 Kassa på COM2:".
 QString PrinterDisplayText(qint32 printerId, const QString& name, const QString& connection);

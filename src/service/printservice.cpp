@@ -205,7 +205,6 @@ bool PrintService::startService()
     }
     SrvStopService();
     running_ = false;
-    MsgBoxUnlessSilent(GetString(12007) + QStringLiteral("\r") + GetString(12008), BoxIcon::Information);
     emit serviceStateChanged(false);
     emit serviceStartFailed();
     return false;

@@ -72,7 +72,7 @@ public:
     // --- service control -------------------------------------------------
     bool SrvStartService();
     void SrvStopService();
-    // The service button: starts (telling the operator when it cannot) or stops.
+    // The service button: starts (false when it cannot; the operator says so) or stops.
     bool startService();
     void stopService();
     void toggleService();
@@ -119,7 +119,7 @@ signals:
     void jobStarted(int printerId, int jobId);
     void jobFinished(int printerId, int jobId, bool ok, const QString& reason);
     void checkFinished(int printerId, bool ok, const QString& reason);
-    // Start of the service failed and the operator was told.
+    // Start of the service failed.
     void serviceStartFailed();
 
 private:

@@ -115,15 +115,20 @@ void takeFlag(const QJsonObject& args, const char* key, bool& field)
 } // namespace
 
 namespace {
-// A command's outcome as a reply; `reason` words anything but Done/NothingToDo.
-ControlServer::Reply outcomeReply(Outcome o, const QString& reason = {})
+// A command's outcome as a reply, with the reason the command gave.
+ControlServer::Reply outcomeReply(const Operator::Result& result)
 {
     ControlServer::Reply r;
-    r.outcome = enumKey(o);
-    r.ok = o == Outcome::Done || o == Outcome::NothingToDo;
+    r.outcome = enumKey(result.outcome);
+    r.ok = result.outcome == Outcome::Done || result.outcome == Outcome::NothingToDo;
     if (!r.ok)
-        r.reason = o == Outcome::Busy ? QStringLiteral("busy") : reason.isEmpty() ? r.outcome.toLower() : reason;
+        r.reason = control::reasonName(result.reason);
     return r;
+}
+
+ControlServer::Reply outcomeReply(Outcome o, control::Reason reason)
+{
+    return outcomeReply(Operator::Result(o, reason));
 }
 } // namespace
 
@@ -298,7 +303,7 @@ void ControlServer::runNext()
         const QPointer<QLocalSocket>& head = waiting_.first();
         if (head && head->canReadLine() && commands_.backgroundWorkRunning()) {
             const QString command = peekCommand(head);
-            if (command.startsWith(QLatin1String("printer")) || command == QLatin1String("refresh"))
+            if (command.startsWith(control::command::PrinterPrefix) || command == control::command::Refresh)
                 return;
         }
         QPointer<QLocalSocket> client = waiting_.takeFirst();
@@ -335,23 +340,23 @@ bool ControlServer::run(QLocalSocket* client, const QJsonObject& request, Reply&
     const QString command = request.value(QStringLiteral("command")).toString();
     const QJsonObject args = request.value(QStringLiteral("args")).toObject();
     if (server_.starting() || server_.shutDown()) {
-        reply = outcomeReply(Outcome::Refused, QStringLiteral("starting"));
+        reply = outcomeReply(Outcome::Refused, control::Reason::Starting);
         return true;
     }
     auto sink = std::make_unique<CommandSink>();
     bool answered = true;
-    if (command == QLatin1String("status"))
+    if (command == control::command::Status)
         reply = status();
-    else if (command == QLatin1String("jobs"))
+    else if (command == control::command::Jobs)
         reply = jobs(args);
-    else if (command == QLatin1String("delete"))
+    else if (command == control::command::Delete)
         reply = deleteJobs(args);
-    else if (command == QLatin1String("start") || command == QLatin1String("stop"))
-        reply = service(command == QLatin1String("start"));
-    else if (command == QLatin1String("refresh"))
+    else if (command == control::command::Start || command == control::command::Stop)
+        reply = service(command == control::command::Start);
+    else if (command == control::command::Refresh)
         reply = refresh(args.value(QStringLiteral("full")).toBool());
-    else if (command == QLatin1String("printer-add") || command == QLatin1String("printer-edit")) {
-        reply = savePrinter(args, command == QLatin1String("printer-add"));
+    else if (command == control::command::PrinterAdd || command == control::command::PrinterEdit) {
+        reply = savePrinter(args, command == control::command::PrinterAdd);
         // The check after the save runs off the event loop: the reply tells its result.
         if (reply.ok && commands_.deviceOperationRunning()) {
             checkPending_ = std::make_unique<Reply>(reply);
@@ -359,16 +364,16 @@ bool ControlServer::run(QLocalSocket* client, const QJsonObject& request, Reply&
             answered = false;
         }
     }
-    else if (command == QLatin1String("printer-remove"))
+    else if (command == control::command::PrinterRemove)
         reply = removePrinter(args);
-    else if (command.startsWith(QLatin1String("printer-")))
-        answered = startDeviceOperation(client, command.mid(8), args, reply);
-    else if (command == QLatin1String("settings"))
+    else if (command.startsWith(control::command::PrinterPrefix))
+        answered = startDeviceOperation(client, command, args, reply);
+    else if (command == control::command::Settings)
         reply = settings();
-    else if (command == QLatin1String("settings-set"))
+    else if (command == control::command::SettingsSet)
         reply = setSettings(args);
     else
-        reply = outcomeReply(Outcome::Refused, QStringLiteral("bad-request"));
+        reply = outcomeReply(Outcome::Refused, control::Reason::BadRequest);
     if (!answered) {
         // The device operation's boxes come later; its sink stays in place until then.
         deviceSink_ = std::move(sink);
@@ -459,7 +464,7 @@ ControlServer::Reply ControlServer::jobs(const QJsonObject& args)
 ControlServer::Reply ControlServer::deleteJobs(const QJsonObject& args)
 {
     if (args.value(QStringLiteral("all")).toBool()) {
-        Reply r = outcomeReply(commands_.deleteAllJobs(), QStringLiteral("service-running"));
+        Reply r = outcomeReply(commands_.deleteAllJobs());
         r.data[QStringLiteral("queued")] = server_.jobs().jobList().count();
         return r;
     }
@@ -472,16 +477,16 @@ ControlServer::Reply ControlServer::deleteJobs(const QJsonObject& args)
         if (server_.jobs().jobList().findJob(id) < 0)
             unknown.append(id);
     if (!unknown.isEmpty() || ids.isEmpty()) {
-        Reply r = outcomeReply(Outcome::Invalid, QStringLiteral("unknown-job"));
+        Reply r = outcomeReply(Outcome::Invalid, control::Reason::UnknownJob);
         r.data[QStringLiteral("ids")] = unknown;
         return r;
     }
     QJsonArray deleted;
     for (qint32 id : ids) {
-        const Outcome o = commands_.deleteJob(id);
+        const Operator::Result o = commands_.deleteJob(id);
         if (o != Outcome::Done) {
-            Reply r = outcomeReply(o == Outcome::NothingToDo ? Outcome::Invalid : o,
-                                   o == Outcome::Refused ? QStringLiteral("service-running") : QStringLiteral("unknown-job"));
+            // Gone meanwhile (the queue emptied): not deleted by this command.
+            Reply r = outcomeReply(o == Outcome::NothingToDo ? Operator::Result(Outcome::Invalid, o.reason) : o);
             r.data[QStringLiteral("ids")] = QJsonArray{id};
             r.data[QStringLiteral("deleted")] = deleted;
             return r;
@@ -495,9 +500,7 @@ ControlServer::Reply ControlServer::deleteJobs(const QJsonObject& args)
 
 ControlServer::Reply ControlServer::service(bool start)
 {
-    Reply r = outcomeReply(start ? commands_.startService() : commands_.stopService(), QStringLiteral("no-listener"));
-    if (r.outcome == QLatin1String("Failed"))
-        r.reason = QStringLiteral("failed");
+    Reply r = outcomeReply(start ? commands_.startService() : commands_.stopService());
     const bool running = commands_.serviceRunning();
     r.data[QStringLiteral("service")] = QJsonObject{{QStringLiteral("running"), running},
                                                     {QStringLiteral("text"), GetString(running ? 12084 : 12085)}};
@@ -510,19 +513,6 @@ ControlServer::Reply ControlServer::refresh(bool full)
 }
 
 // ------------------------------------------------------------------ printers
-
-QString ControlServer::printerRefusal(qint32 id) const
-{
-    const PrinterSlots& printers = server_.printers();
-    if (!printers.valid(id))
-        return QStringLiteral("printer-range");
-    if (!printers.SrvPrinterExists(id))
-        return QStringLiteral("no-printer");
-    const qint32 status = printers.at(id).status;
-    if (status == StatusWorking || status == StatusChecking)
-        return QStringLiteral("printer-working");
-    return QStringLiteral("refused");
-}
 
 namespace {
 
@@ -557,12 +547,12 @@ bool digitsOnly(const QString& value)
 ControlServer::Reply ControlServer::savePrinter(const QJsonObject& args, bool isNew)
 {
     if (commands_.printerDialogOpen())
-        return outcomeReply(Outcome::Refused, QStringLiteral("dialog-open"));
+        return outcomeReply(Outcome::Refused, control::Reason::DialogOpen);
     const qint32 id = argId(args);
     PrinterSettings dialog;
-    const Outcome opened = isNew ? commands_.openNewPrinter(&dialog) : commands_.openEditPrinter(id, &dialog);
+    const Operator::Result opened = isNew ? commands_.openNewPrinter(&dialog) : commands_.openEditPrinter(id, &dialog);
     if (opened != Outcome::Done)
-        return outcomeReply(opened, isNew ? QStringLiteral("printers-full") : printerRefusal(id));
+        return outcomeReply(opened);
 
     // The fields given, as the dialog's controls would take them.
     QString badField;
@@ -627,7 +617,7 @@ ControlServer::Reply ControlServer::savePrinter(const QJsonObject& args, bool is
 
     if (!badField.isEmpty()) {
         commands_.cancelPrinter();
-        Reply r = outcomeReply(Outcome::Invalid, QStringLiteral("bad-value"));
+        Reply r = outcomeReply(Outcome::Invalid, control::Reason::BadValue);
         r.data[QStringLiteral("field")] = badField;
         r.data[QStringLiteral("value")] = args.value(badField).toVariant().toString();
         r.data[QStringLiteral("allowed")] = allowed;
@@ -635,7 +625,7 @@ ControlServer::Reply ControlServer::savePrinter(const QJsonObject& args, bool is
     }
 
     qint32 saved = -1;
-    const Outcome o = commands_.savePrinter(dialog, &saved);
+    const Operator::Result o = commands_.savePrinter(dialog, &saved);
     if (o != Outcome::Done) {
         commands_.cancelPrinter(); // an Invalid save leaves the dialog open
         Reply r = outcomeReply(o);
@@ -651,47 +641,44 @@ ControlServer::Reply ControlServer::savePrinter(const QJsonObject& args, bool is
 ControlServer::Reply ControlServer::removePrinter(const QJsonObject& args)
 {
     const qint32 id = argId(args);
-    const Outcome o = commands_.deletePrinter(id);
-    QString reason = printerRefusal(id);
-    if (o == Outcome::Refused && reason == QLatin1String("refused"))
-        reason = QStringLiteral("dialog-open");
-    Reply r = outcomeReply(o, reason);
+    const Operator::Result o = commands_.deletePrinter(id);
+    Reply r = outcomeReply(o);
     if (o == Outcome::Done)
         r.data[QStringLiteral("removed")] = id;
     return r;
 }
 
-bool ControlServer::startDeviceOperation(QLocalSocket* client, const QString& name, const QJsonObject& args,
+bool ControlServer::startDeviceOperation(QLocalSocket* client, const QString& command, const QJsonObject& args,
                                          Reply& reply)
 {
     static const QHash<QString, Operator::DeviceOperation> operations{
-        {QStringLiteral("configure"), Operator::DeviceOperation::Configure},
-        {QStringLiteral("test"), Operator::DeviceOperation::TestPrint},
-        {QStringLiteral("clear"), Operator::DeviceOperation::ClearMemory},
-        {QStringLiteral("calibrate"), Operator::DeviceOperation::Calibrate},
+        {control::command::PrinterConfigure, Operator::DeviceOperation::Configure},
+        {control::command::PrinterTest, Operator::DeviceOperation::TestPrint},
+        {control::command::PrinterClear, Operator::DeviceOperation::ClearMemory},
+        {control::command::PrinterCalibrate, Operator::DeviceOperation::Calibrate},
     };
-    if (!operations.contains(name)) {
-        reply = outcomeReply(Outcome::Refused, QStringLiteral("bad-request"));
+    if (!operations.contains(command)) {
+        reply = outcomeReply(Outcome::Refused, control::Reason::BadRequest);
         return true;
     }
     if (commands_.deviceOperationRunning()) {
-        reply = outcomeReply(Outcome::Busy);
+        reply = outcomeReply(Operator::Result(Outcome::Busy));
         return true;
     }
     if (commands_.printerDialogOpen()) {
-        reply = outcomeReply(Outcome::Refused, QStringLiteral("dialog-open"));
+        reply = outcomeReply(Outcome::Refused, control::Reason::DialogOpen);
         return true;
     }
     // The stored printer's values, as its dialog would show them; its status
     // shows Configuring until the operation is over.
     const qint32 id = argId(args);
     PrinterSettings dialog;
-    const Outcome opened = commands_.openEditPrinter(id, &dialog);
+    const Operator::Result opened = commands_.openEditPrinter(id, &dialog);
     if (opened != Outcome::Done) {
-        reply = outcomeReply(opened, printerRefusal(id));
+        reply = outcomeReply(opened);
         return true;
     }
-    const Outcome started = commands_.startDeviceOperation(operations.value(name), dialog);
+    const Operator::Result started = commands_.startDeviceOperation(operations.value(command), dialog);
     if (started != Outcome::Done) {
         commands_.cancelPrinter();
         reply = outcomeReply(started);
@@ -710,8 +697,10 @@ void ControlServer::deviceOperationFinished(int outcome)
     deviceOperationPending_ = false;
     const qint32 id = commands_.editingPrinter();
     commands_.cancelPrinter(); // the printer gets its status back
-    Reply r = outcomeReply(Outcome(outcome), Outcome(outcome) == Outcome::Refused ? QStringLiteral("no-device-support")
-                                                                                : QString());
+    // The one refusal a started operation ends with.
+    Reply r = outcomeReply(Outcome(outcome) == Outcome::Refused
+                               ? Operator::Result(Outcome::Refused, control::Reason::NoDeviceSupport)
+                               : Operator::Result(Outcome(outcome)));
     finishDeferred(r, id);
 }
 
@@ -788,13 +777,13 @@ ControlServer::Reply ControlServer::setSettings(const QJsonObject& args)
     // A port the save would refuse changes nothing, not even the service: the
     // save says why before the dialog's stop question is reached.
     if (Operator::validPort(s.port)) {
-        const Outcome opened = commands_.openSettings();
+        const Operator::Result opened = commands_.openSettings();
         if (opened != Outcome::Done)
             return outcomeReply(opened);
     }
     Operator::PortChange change = Operator::PortChange::Unchanged;
-    const Outcome o = commands_.saveSettings(s, &change);
-    Reply r = outcomeReply(o, o == Outcome::Failed ? QStringLiteral("rebind-failed") : QString());
+    const Operator::Result o = commands_.saveSettings(s, &change);
+    Reply r = outcomeReply(o);
     if (o == Outcome::Invalid)
         r.data[QStringLiteral("field")] = enumKey(commands_.invalidField());
     r.data[QStringLiteral("portChange")] = enumKey(change);

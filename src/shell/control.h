@@ -60,13 +60,11 @@ private:
     Reply refresh(bool full);
     Reply savePrinter(const QJsonObject& args, bool isNew);
     Reply removePrinter(const QJsonObject& args);
-    bool startDeviceOperation(QLocalSocket* client, const QString& name, const QJsonObject& args, Reply& reply);
+    bool startDeviceOperation(QLocalSocket* client, const QString& command, const QJsonObject& args, Reply& reply);
     void deviceOperationFinished(int outcome);
     Reply settings();
     Reply setSettings(const QJsonObject& args);
 
-    // Why openEditPrinter / deletePrinter refused printer id.
-    QString printerRefusal(qint32 id) const;
     QJsonObject printerJson(qint32 id) const;
 
     Server& server_;

@@ -48,6 +48,32 @@ Operator::~Operator()
     stopDeviceOperation();
 }
 
+Operator::Result::Result(Outcome o) : outcome(o)
+{
+    using control::Reason;
+    switch (o) {
+    case Outcome::Done:
+    case Outcome::NothingToDo:
+        reason = Reason::None;
+        break;
+    case Outcome::Busy:
+        reason = Reason::Busy;
+        break;
+    case Outcome::Declined:
+        reason = Reason::Declined;
+        break;
+    case Outcome::Invalid:
+        reason = Reason::Invalid;
+        break;
+    case Outcome::Failed:
+        reason = Reason::Failed;
+        break;
+    case Outcome::Refused:
+        reason = Reason::Refused;
+        break;
+    }
+}
+
 // ------------------------------------------------------------------ window
 
 Server::StartResult Operator::startup()
@@ -136,10 +162,19 @@ void Operator::dialogDevice(const PrinterSettings& dialog, QString* deviceName, 
     *settings = device.settings;
 }
 
-Operator::Outcome Operator::refused(Field field)
+Operator::Result Operator::refused(Field field)
 {
     invalidField_ = field;
     return field == Field::None ? Outcome::Refused : Outcome::Invalid;
+}
+
+control::Reason Operator::printerMissing(qint32 printerId) const
+{
+    if (!server_.printers().valid(printerId))
+        return control::Reason::PrinterRange;
+    if (!server_.printers().SrvPrinterExists(printerId))
+        return control::Reason::NoPrinter;
+    return control::Reason::None;
 }
 
 // ------------------------------------------------------------------ service
@@ -154,17 +189,20 @@ bool Operator::serviceAvailable() const
     return server_.listener().isListening();
 }
 
-Operator::Outcome Operator::startService()
+Operator::Result Operator::startService()
 {
     if (serviceRunning())
         return Outcome::NothingToDo;
     if (!serviceAvailable())
-        return Outcome::Refused;
-    server_.startService();
-    return serviceRunning() ? Outcome::Done : Outcome::Failed;
+        return {Outcome::Refused, control::Reason::NoListener};
+    if (!server_.startService()) {
+        MsgBoxUnlessSilent(GetString(12007) + QStringLiteral("\r") + GetString(12008), BoxIcon::Information);
+        return Outcome::Failed;
+    }
+    return Outcome::Done;
 }
 
-Operator::Outcome Operator::stopService()
+Operator::Result Operator::stopService()
 {
     if (!serviceRunning())
         return Outcome::NothingToDo;
@@ -172,45 +210,45 @@ Operator::Outcome Operator::stopService()
     return Outcome::Done;
 }
 
-Operator::Outcome Operator::toggleService()
+Operator::Result Operator::toggleService()
 {
     return serviceRunning() ? stopService() : startService();
 }
 
 // ------------------------------------------------------------------ jobs
 
-Operator::Outcome Operator::deleteJob(qint32 jobId)
+Operator::Result Operator::deleteJob(qint32 jobId)
 {
     if (serviceRunning())
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::ServiceRunning};
     JobStore& jobs = server_.jobs();
     if (jobs.jobList().count() == 0)
-        return Outcome::NothingToDo;
+        return {Outcome::NothingToDo, control::Reason::UnknownJob};
     const int row = jobs.jobList().findJob(jobId);
     if (row < 0)
-        return Outcome::Invalid;
+        return {Outcome::Invalid, control::Reason::UnknownJob};
     if (AskNoDefault(GetString(12041, jobs.jobList().rowAt(row).text)) != BoxAnswer::Yes)
         return Outcome::Declined;
     // The service may have been started while the question was open.
     if (serviceRunning())
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::ServiceRunning};
     Busy busy(*this);
     jobs.SrvDBDeleteJob(jobId);
     jobs.SrvRemoveJobRow(jobId);
     return Outcome::Done;
 }
 
-Operator::Outcome Operator::deleteAllJobs()
+Operator::Result Operator::deleteAllJobs()
 {
     if (serviceRunning())
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::ServiceRunning};
     JobStore& jobs = server_.jobs();
     if (jobs.jobList().count() == 0)
         return Outcome::NothingToDo;
     if (AskNoDefault(GetString(12042)) != BoxAnswer::Yes)
         return Outcome::Declined;
     if (serviceRunning())
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::ServiceRunning};
     Busy busy(*this);
     // One transaction and one pass over the list, however long the queue.
     jobs.deleteJobsWhere([](const QueuedJob&) { return true; });
@@ -219,13 +257,13 @@ Operator::Outcome Operator::deleteAllJobs()
 
 // ------------------------------------------------------------------ printers
 
-Operator::Outcome Operator::openNewPrinter(PrinterSettings* dialog)
+Operator::Result Operator::openNewPrinter(PrinterSettings* dialog)
 {
     if (deviceBusy_)
         return Outcome::Busy;
     if (server_.printers().FreeSlot() < 1) {
         MsgBox(GetString(12028), BoxIcon::Information);
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::PrintersFull};
     }
     EditPrinterId = -1;
     mode_ = PrinterSettings::ModeNew;
@@ -239,20 +277,20 @@ Operator::Outcome Operator::openNewPrinter(PrinterSettings* dialog)
     return Outcome::Done;
 }
 
-Operator::Outcome Operator::openEditPrinter(qint32 printerId, PrinterSettings* dialog)
+Operator::Result Operator::openEditPrinter(qint32 printerId, PrinterSettings* dialog)
 {
     if (deviceBusy_)
         return Outcome::Busy;
     EditPrinterId = -1;
     PrinterSlots& printers = server_.printers();
-    if (!printers.SrvPrinterExists(printerId))
-        return Outcome::Refused;
+    if (const control::Reason missing = printerMissing(printerId); missing != control::Reason::None)
+        return {Outcome::Refused, missing};
     const DbResult<std::optional<PrinterRow>> row = server_.database().printers().find(printerId);
     if (!row.value)
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::NoPrinter};
     const qint32 status = printers.at(printerId).status;
     if (status == StatusWorking || status == StatusChecking)
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::PrinterWorking};
     printers.SrvSetPrinterStatus(printerId, StatusConfiguring, GetString(12074));
     EditPrinterId = printerId;
     mode_ = PrinterSettings::ModeEdit;
@@ -273,7 +311,7 @@ qint32 Operator::editingPrinter() const
     return EditPrinterId;
 }
 
-Operator::Outcome Operator::savePrinter(PrinterSettings& dialog, qint32* printerId)
+Operator::Result Operator::savePrinter(PrinterSettings& dialog, qint32* printerId)
 {
     invalidField_ = Field::None;
     if (deviceBusy_)
@@ -311,7 +349,7 @@ Operator::Outcome Operator::savePrinter(PrinterSettings& dialog, qint32* printer
     return Outcome::Done;
 }
 
-Operator::Outcome Operator::cancelPrinter()
+Operator::Result Operator::cancelPrinter()
 {
     if (deviceBusy_)
         return Outcome::Busy;
@@ -328,19 +366,21 @@ Operator::Outcome Operator::cancelPrinter()
     return Outcome::Done;
 }
 
-Operator::Outcome Operator::deletePrinter(qint32 printerId)
+Operator::Result Operator::deletePrinter(qint32 printerId)
 {
     if (deviceBusy_)
         return Outcome::Busy;
     PrinterSlots& printers = server_.printers();
-    if (!printers.SrvPrinterExists(printerId))
-        return Outcome::Refused;
+    if (const control::Reason missing = printerMissing(printerId); missing != control::Reason::None)
+        return {Outcome::Refused, missing};
     // Not while its dialog is open: the save would write a row that is gone.
     if (dialogOpen_ && EditPrinterId == printerId)
-        return Outcome::Refused;
+        return {Outcome::Refused, control::Reason::DialogOpen};
     const QString rowText = printers.at(printerId).displayText.trimmed();
-    if (!SrvMainPrinterDelete(server_.database().printers(), printers, printerId, rowText))
-        return printers.SrvPrinterExists(printerId) ? Outcome::Declined : Outcome::Failed;
+    if (AskNoDefault(GetString(12040, rowText)) != BoxAnswer::Yes)
+        return Outcome::Declined;
+    if (!SrvMainPrinterDelete(server_.database().printers(), printers, printerId))
+        return Outcome::Failed;
     return Outcome::Done;
 }
 
@@ -377,7 +417,7 @@ void Operator::endDeviceWork()
     emit busyChanged(false);
 }
 
-Operator::Outcome Operator::startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog)
+Operator::Result Operator::startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog)
 {
     if (deviceBusy_)
         return Outcome::Busy;
@@ -508,7 +548,7 @@ void Operator::stopDeviceOperation()
 
 // ------------------------------------------------------------------ printer status
 
-Operator::Outcome Operator::refresh()
+Operator::Result Operator::refresh()
 {
     if (deviceBusy_)
         return Outcome::Busy;
@@ -517,7 +557,7 @@ Operator::Outcome Operator::refresh()
     return Outcome::Done;
 }
 
-Operator::Outcome Operator::fullRefresh()
+Operator::Result Operator::fullRefresh()
 {
     if (deviceBusy_)
         return Outcome::Busy;
@@ -557,7 +597,7 @@ Operator::ServerSettings Operator::serverSettings() const
     return s;
 }
 
-Operator::Outcome Operator::openSettings()
+Operator::Result Operator::openSettings()
 {
     if (!serviceRunning())
         return Outcome::Done;
@@ -575,7 +615,7 @@ bool Operator::validPort(const QString& port)
     return ok && n >= 1 && n <= 65535;
 }
 
-Operator::Outcome Operator::saveSettings(const ServerSettings& settings, PortChange* portChange)
+Operator::Result Operator::saveSettings(const ServerSettings& settings, PortChange* portChange)
 {
     invalidField_ = Field::None;
     if (portChange)
@@ -619,7 +659,7 @@ Operator::Outcome Operator::saveSettings(const ServerSettings& settings, PortCha
     MsgBox(GetString(12006), BoxIcon::Exclamation);
     if (portChange)
         *portChange = PortChange::RebindFailed;
-    return Outcome::Failed;
+    return {Outcome::Failed, control::Reason::RebindFailed};
 }
 
 // ------------------------------------------------------------------ quitting

@@ -15,6 +15,7 @@
 #include "database/lists.h"
 #include "printers/deviceops.h"
 #include "printers/printerrecord.h"
+#include "shell/controlprotocol.h"
 #include "shell/server.h"
 
 #include <QObject>
@@ -43,6 +44,17 @@ public:
         NothingToDo, // e.g. delete with an empty queue
     };
     Q_ENUM(Outcome)
+
+    // An outcome with its reason: what was not done, and why, in the control
+    // protocol's names (controlprotocol.h), which the control socket sends as is.
+    struct Result {
+        Outcome outcome = Outcome::Done;
+        control::Reason reason = control::Reason::None;
+        // The reason an outcome has by itself (Busy, Declined, Invalid, Failed, Refused).
+        Result(Outcome o = Outcome::Done);
+        Result(Outcome o, control::Reason r) : outcome(o), reason(r) {}
+        operator Outcome() const { return outcome; }
+    };
 
     // Dialog fields a refused save or settings change points at.
     enum class Field { None, PrinterName, NetAddress, NetPort, ServerPort };
@@ -92,26 +104,26 @@ public:
     // --- print service --------------------------------------------------
     bool serviceRunning() const;
     // Starting tells the operator (box) when it cannot; Refused without a listener.
-    Outcome startService();
-    Outcome stopService();
-    Outcome toggleService();
+    Result startService();
+    Result stopService();
+    Result toggleService();
     // The service button can be pressed: the listener is open.
     bool serviceAvailable() const;
 
     // --- jobs (only while the service is stopped) ------------------------
     // Asks 12041 (No the default) with the job's row text; Refused while the
     // service runs, Invalid for a job that is not queued.
-    Outcome deleteJob(qint32 jobId);
+    Result deleteJob(qint32 jobId);
     // Asks 12042 (No the default), then deletes every queued job.
-    Outcome deleteAllJobs();
+    Result deleteAllJobs();
 
     // --- printers ---------------------------------------------------------
     // New: Refused with box 12028 when five printers are in use; otherwise
     // the dialog's fields start empty (defaults) and no printer is being edited.
-    Outcome openNewPrinter(PrinterSettings* dialog);
+    Result openNewPrinter(PrinterSettings* dialog);
     // Edit: Refused (no box) when the printer does not exist or is Working or
     // Checking; otherwise its status becomes Configuring and the dialog is filled.
-    Outcome openEditPrinter(qint32 printerId, PrinterSettings* dialog);
+    Result openEditPrinter(qint32 printerId, PrinterSettings* dialog);
     // The printer being edited (-1 for a new printer or when no dialog is open).
     qint32 editingPrinter() const;
     bool printerDialogOpen() const { return dialogOpen_; }
@@ -120,11 +132,11 @@ public:
     // Invalid leaves it open. printerId gets the saved Id. The after-save
     // check of an active printer runs like a device operation: the printer
     // shows Checking until printerChecked.
-    Outcome savePrinter(PrinterSettings& dialog, qint32* printerId = nullptr);
+    Result savePrinter(PrinterSettings& dialog, qint32* printerId = nullptr);
     // Cancel, Escape, close box: the edited printer gets its previous status back.
-    Outcome cancelPrinter();
+    Result cancelPrinter();
     // Asks 12040 with the printer's row text, deletes the row and frees the slot.
-    Outcome deletePrinter(qint32 printerId);
+    Result deletePrinter(qint32 printerId);
     // Which field savePrinter or saveSettings refused last.
     Field invalidField() const { return invalidField_; }
 
@@ -134,7 +146,7 @@ public:
     // always later, with its outcome (Refused for a type without device
     // support) and the values (a successful network configuration updates the
     // loaded address). While it runs, printer commands answer Busy.
-    Outcome startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog);
+    Result startDeviceOperation(DeviceOperation operation, const PrinterSettings& dialog);
     bool deviceOperationRunning() const { return deviceBusy_; }
     // Device work the server started itself (start-up reconfiguration, the
     // check after a save) is under way; it ends by itself, soon.
@@ -144,18 +156,18 @@ public:
     // Uppdatera: one status pass now. Fullständig uppdatering (also at
     // start-up): serial printers reconfigured on the worker thread, and one
     // pass whose checks of those printers wait for their lines.
-    Outcome refresh();
-    Outcome fullRefresh();
+    Result refresh();
+    Result fullRefresh();
 
     // --- settings -----------------------------------------------------------------
     ServerSettings serverSettings() const;
     // Before the dialog opens: with the service running asks 12016/12017 and,
     // on Yes, stops it. Declined on No.
-    Outcome openSettings();
+    Result openSettings();
     // Saves the switches and, when the port changed, rebinds the listener
     // (box 12001.. on success, 12006 on failure). Invalid (nothing saved) when
     // the port is not a number 1..65535.
-    Outcome saveSettings(const ServerSettings& settings, PortChange* portChange = nullptr);
+    Result saveSettings(const ServerSettings& settings, PortChange* portChange = nullptr);
     // The port as typed is one saveSettings takes: a number 1..65535.
     static bool validPort(const QString& port);
 
@@ -196,7 +208,9 @@ private:
     Outcome deviceResultOutcome(const QString& result);
     // Ends a running operation at once (its waits cancelled), for shutdown.
     void stopDeviceOperation();
-    Outcome refused(Field field);
+    Result refused(Field field);
+    // PrinterRange or NoPrinter, None when the printer is there.
+    control::Reason printerMissing(qint32 printerId) const;
 
     Server& server_;
     // The printer whose dialog is open for editing, -1 when none.

@@ -224,7 +224,7 @@ Server::StartResult Server::startup()
         // first checks wait for it.
         commands_->fullRefresh();
         if (listening && db_->autoStartService())
-            startService();
+            commands_->startService();
         LogWrite(QStringLiteral("Quillbase succesfully started") +
                  (SilentMode() ? QStringLiteral(" in silent mode") : QString()));
         starting_ = false;
@@ -258,9 +258,9 @@ bool Server::serviceRunning() const
     return service_->serviceRunning();
 }
 
-void Server::startService()
+bool Server::startService()
 {
-    service_->startService();
+    return service_->startService();
 }
 
 void Server::stopService()

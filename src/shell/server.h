@@ -38,7 +38,8 @@ public:
     bool shutDown() const { return shutDown_; }
     // The service button, for callers without a window.
     bool serviceRunning() const;
-    void startService();
+    // False when the service could not start (the operator tells why).
+    bool startService();
     void stopService();
 
     // Operator switches read at start-up.

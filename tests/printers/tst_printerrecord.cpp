@@ -181,15 +181,8 @@ void TestPrinterRecord::slotsAreGivenAndFreed()
 {
     for (const char* name : {"a", "b", "c", "d"})
         addPrinter(name);
-    // Deleting asks first; No keeps everything.
     quill::dbtest::SlotEvents rows(slots_);
-    sink.answer = BoxAnswer::No;
-    QVERIFY(!SrvMainPrinterDelete(*printers, slots_, 3, "3 c på COM1:"));
-    QCOMPARE(sink.texts(), QStringList{GetString(12040, "3 c på COM1:")});
-    QCOMPARE(sink.boxes.value(0).defaultAnswer, BoxAnswer::No);
-    QVERIFY(slots_.SrvPrinterExists(3));
-    sink.answer = BoxAnswer::Yes;
-    QVERIFY(SrvMainPrinterDelete(*printers, slots_, 3, "3 c på COM1:"));
+    QVERIFY(SrvMainPrinterDelete(*printers, slots_, 3));
     QCOMPARE(rows.events, QStringList{"remove 3"});
     QCOMPARE(stored(3, "Name"), QString("<no row>"));
 
@@ -208,7 +201,7 @@ void TestPrinterRecord::slotsAreGivenAndFreed()
     QCOMPARE(printers->all().value.size(), 5);
 
     // An id from no row is trapped too.
-    QVERIFY(!SrvMainPrinterDelete(*printers, slots_, -1, ""));
+    QVERIFY(!SrvMainPrinterDelete(*printers, slots_, -1));
     QVERIFY(CurrentLogText().contains("SrvMainPrinterDelete failed. Error: 9 Subscript out of range"));
 }
 
