@@ -30,6 +30,56 @@ std::optional<Error> JobRepository::insert(qint32 id, qint32 printerId, const QS
     });
 }
 
+namespace {
+
+// An element of a PostgreSQL array literal: quoted, with " and \ escaped.
+void appendElement(QString& list, const QString& text)
+{
+    list += QLatin1Char('"');
+    for (const QChar c : text) {
+        if (c == QLatin1Char('"') || c == QLatin1Char('\\'))
+            list += QLatin1Char('\\');
+        list += c;
+    }
+    list += QLatin1Char('"');
+}
+
+} // namespace
+
+DbResult<qint32> JobRepository::insertRun(const std::vector<std::pair<qint32, QString>>& printerAndText)
+{
+    QString printers = QStringLiteral("{"), texts = QStringLiteral("{");
+    for (size_t i = 0; i < printerAndText.size(); ++i) {
+        if (i) {
+            printers += QLatin1Char(',');
+            texts += QLatin1Char(',');
+        }
+        printers += QString::number(printerAndText[i].first);
+        appendElement(texts, printerAndText[i].second);
+    }
+    printers += QLatin1Char('}');
+    texts += QLatin1Char('}');
+    DbResult<qint32> r;
+    r.error = Trap([&] {
+        qint32 first = 0;
+        int rows = 0;
+        db_.run(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) SELECT b.base + v.n, v.p, v.j "
+                               "FROM (SELECT COALESCE(MAX(Id), 0) AS base FROM tbJob) AS b, "
+                               "unnest(CAST(? AS integer[]), CAST(? AS text[])) WITH ORDINALITY AS v(p, j, n) "
+                               "RETURNING Id"),
+                {printers, texts}, [&](QSqlQuery& q) {
+                    while (q.next()) {
+                        const qint32 id = NullToLong(q.value(0), 0);
+                        first = rows++ ? std::min(first, id) : id;
+                    }
+                });
+        if (rows != int(printerAndText.size()))
+            throw Error(3021, QStringLiteral("No current record."));
+        r.value = first;
+    });
+    return r;
+}
+
 std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
 {
     if (ids.empty())

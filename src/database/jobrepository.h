@@ -24,6 +24,10 @@ public:
     // One more than the largest Id (1 for an empty table).
     DbResult<qint32> nextId();
     std::optional<Error> insert(qint32 id, qint32 printerId, const QString& text);
+    // PostgreSQL: the jobs as one statement (one round trip to the database
+    // server however many), the first with MAX(Id) + 1 and each next one more, as
+    // one insert after the other would have them. Returns the first job's id.
+    DbResult<qint32> insertRun(const std::vector<std::pair<qint32, QString>>& printerAndText);
     // Deletes the rows of these ids in one statement; ids without a row are no error.
     std::optional<Error> remove(const std::vector<qint32>& ids);
     DbResult<bool> exists(qint32 id);

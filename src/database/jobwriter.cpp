@@ -2,6 +2,8 @@
 #include "database/jobrepository.h"
 #include "database/sqlite.h"
 
+#include <algorithm>
+
 namespace quill {
 
 JobWriter::JobWriter(const DbTarget& target, std::function<void()> ready)
@@ -90,7 +92,13 @@ void JobWriter::run()
             if (!refusal)
                 refusal = e;
         };
-        if (!refusal) {
+        // PostgreSQL: each run of inserts is one statement, a round trip to the
+        // database server for all of them; a batch that is one such run needs no
+        // transaction of its own, and so no BEGIN and COMMIT to wait for.
+        const bool runs = target_.postgres();
+        const bool oneStatement =
+            runs && std::all_of(batch.begin(), batch.end(), [](const Op& op) { return op.insert; });
+        if (!refusal && !oneStatement) {
             try {
                 db.begin();
             } catch (const Error& e) {
@@ -99,7 +107,40 @@ void JobWriter::run()
         }
         std::vector<Outcome> out;
         out.reserve(batch.size());
-        for (Op& op : batch) {
+        for (size_t i = 0; i < batch.size(); ++i) {
+            Op& op = batch[i];
+            if (runs && op.insert) {
+                size_t end = i;
+                std::vector<std::pair<qint32, QString>> jobs;
+                while (end < batch.size() && batch[end].insert) {
+                    jobs.emplace_back(batch[end].job.printerId, batch[end].job.text);
+                    ++end;
+                }
+                DbResult<qint32> first{0, refusal};
+                if (!refusal) {
+                    first = repo.insertRun(jobs);
+                    if (!first.ok()) {
+                        note(*first.error);
+                        // The ids they would have had, for the log lines.
+                        const DbResult<qint32> next = repo.nextId();
+                        first.value = next.ok() ? next.value : 0;
+                    }
+                } else if (!openError) {
+                    const DbResult<qint32> next = repo.nextId();
+                    first.value = next.ok() ? next.value : 0;
+                }
+                for (size_t k = i; k < end; ++k) {
+                    Outcome o;
+                    o.ticket = batch[k].ticket;
+                    o.insert = true;
+                    o.job = std::move(batch[k].job);
+                    o.job.id = first.ok() ? first.value + qint32(k - i) : first.value;
+                    o.error = first.error;
+                    out.push_back(std::move(o));
+                }
+                i = end - 1;
+                continue;
+            }
             Outcome o;
             o.ticket = op.ticket;
             o.insert = op.insert;

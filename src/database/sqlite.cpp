@@ -177,7 +177,7 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
 {
     try {
         runOnce(sql, binds, rows);
-    } catch (const Error&) {
+    } catch (const Error& failure) {
         // A connection whose reopening failed before has no driver connection left: it tries again.
         if (!target_.postgres() || inTransaction_ || reconnecting_ || (db_.isOpen() && !connectionLost()))
             throw;
@@ -198,6 +198,13 @@ void Database::run(const QString& sql, const QVariantList& binds, const std::fun
             } done{reconnecting_};
             reconnected_();
         }
+        // A change may have been made before the connection went, its answer lost
+        // with it: it is not made twice. Its caller hears of the failure; the
+        // connection is there for the next statement.
+        const bool repeatable = sql.startsWith(QLatin1String("SELECT")) || sql.startsWith(QLatin1String("BEGIN"))
+            || sql.startsWith(QLatin1String("SET"));
+        if (!repeatable)
+            throw failure;
         runOnce(sql, binds, rows);
     }
 }

@@ -75,7 +75,8 @@ public:
     // Runs a statement and hands its active query to `rows`, then resets it. The
     // statement is prepared once per text and kept: a request runs the same few
     // statements every time. A PostgreSQL connection found lost outside a
-    // transaction is opened again and the statement run once more (nothing of a
+    // transaction is opened again, and a query (or BEGIN) run once more; a
+    // change fails as it did, since it may have been made (nothing of a
     // transaction is retried: it is gone with the connection).
     void run(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows);
     // Called after a lost connection was opened again, before the statement runs

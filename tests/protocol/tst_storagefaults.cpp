@@ -239,8 +239,10 @@ void TestStorageFaults::damagedDatabaseListensOnItsPort()
 }
 
 // The database server ends the server's connections, as its restart would: the
-// next batch and the next lookup open theirs again, the lock of one server per
-// database included, and no request is refused for it.
+// batch that finds its connection gone is answered 1005 (whether its insert was
+// made cannot be known, so it is not made again), the next one is stored, and
+// the next lookup opens the main connection again, with the lock of one server
+// per database.
 void TestStorageFaults::lostConnectionsOpenedAgain()
 {
     if (!dbtest::OnPostgres())
@@ -258,6 +260,7 @@ void TestStorageFaults::lostConnectionsOpenedAgain()
                           "WHERE application_name = 'quillbase' AND datname = current_database()")
                  .toInt(),
              2);
+    QCOMPARE(send(1, 1), QList<QByteArray>{NotStored});
     QCOMPARE(send(2, 2), QList<QByteArray>(4, Ok));
     QCOMPARE(storedIds(), "1 2 3 4 5 6");
     // A template nobody has: the miss reads the templates again on the main connection.
