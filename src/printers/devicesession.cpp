@@ -7,9 +7,10 @@
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QRandomGenerator>
 #include <QSerialPort>
 #include <QTcpSocket>
+
+#include <random>
 
 namespace quill {
 
@@ -55,7 +56,7 @@ DeviceSession::DeviceSession(const DeviceContext& context)
     : context_(context),
       // A late answer on a serial line may still come from an earlier
       // session: ids start where that one is unlikely to have been.
-      nextId_(QRandomGenerator::global()->bounded(1U, 0x7fffffffU))
+      nextId_(1 + std::random_device{}() % 0x7ffffffeU)
 {
     context_.timeoutMs = qMax(1, context_.timeoutMs);
 }

@@ -3,7 +3,6 @@
 
 #include <QFileInfo>
 #include <QMetaObject>
-#include <QThread>
 
 #include <atomic>
 #include <future>
@@ -39,29 +38,45 @@ PrinterLink::~PrinterLink()
     stopWorker();
 }
 
-QObject* PrinterLink::worker()
+void PrinterLink::post(std::function<void()> job)
 {
-    if (!thread_) {
-        thread_ = new QThread;
-        thread_->setObjectName(QStringLiteral("printer link"));
-        workerContext_ = new QObject;
-        workerContext_->moveToThread(thread_);
-        thread_->start();
+    {
+        std::lock_guard lock(mutex_);
+        jobs_.push_back(std::move(job));
+        stopping_ = false;
     }
-    return workerContext_;
+    if (!thread_.joinable())
+        thread_ = std::thread([this] { workerLoop(); });
+    wake_.notify_one();
+}
+
+void PrinterLink::workerLoop()
+{
+    for (;;) {
+        std::function<void()> job;
+        {
+            std::unique_lock lock(mutex_);
+            wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
+            if (stopping_)
+                return;
+            job = std::move(jobs_.front());
+            jobs_.pop_front();
+        }
+        job();
+    }
 }
 
 void PrinterLink::stopWorker()
 {
-    if (!thread_)
+    if (!thread_.joinable())
         return;
-    thread_->quit();
-    thread_->wait();
-    // Its thread has ended: nothing else can touch it now.
-    delete workerContext_;
-    workerContext_ = nullptr;
-    delete thread_;
-    thread_ = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+        jobs_.clear();
+    }
+    wake_.notify_one();
+    thread_.join();
 }
 
 // ------------------------------------------------------------------ PrinterLinks
@@ -190,15 +205,28 @@ void PrinterLinks::dispatch(Ticket ticket)
     auto finished = std::make_shared<std::promise<void>>();
     e->ended = finished->get_future().share();
     const DeviceContext context{deviceTimeoutMs_, e->cancel.get()};
-    QMetaObject::invokeMethod(
-        linkFor(e->keys.first())->worker(),
-        [this, ticket, work = e->work, cancel = e->cancel, context, finished] {
-            if (!cancel->load())
-                work(context);
-            finished->set_value();
-            QMetaObject::invokeMethod(this, [this, ticket] { workEnded(ticket); }, Qt::QueuedConnection);
-        },
-        Qt::QueuedConnection);
+    linkFor(e->keys.first())->post([this, ticket, work = e->work, cancel = e->cancel, context, finished] {
+        if (!cancel->load())
+            work(context);
+        finished->set_value();
+        {
+            std::lock_guard lock(endedMutex_);
+            ended_.push_back(ticket);
+        }
+        // By name: nothing of ours crosses threads inside Qt's posted event.
+        QMetaObject::invokeMethod(this, "takeEnded", Qt::QueuedConnection);
+    });
+}
+
+void PrinterLinks::takeEnded()
+{
+    std::deque<Ticket> ended;
+    {
+        std::lock_guard lock(endedMutex_);
+        ended.swap(ended_);
+    }
+    for (const Ticket t : ended)
+        workEnded(t);
 }
 
 void PrinterLinks::workEnded(Ticket ticket)

@@ -25,11 +25,12 @@
 #include <QString>
 #include <QStringList>
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-
-class QThread;
+#include <mutex>
+#include <thread>
 
 namespace quill {
 
@@ -56,14 +57,20 @@ public:
 
 private:
     friend class PrinterLinks;
-    // The thread blocking work of this link runs on, made when first needed.
-    QObject* worker();
+    // Runs a job on the link's worker thread, started when first needed. The
+    // hand-over goes through std primitives only, so ThreadSanitizer sees it.
+    void post(std::function<void()> job);
+    // Ends the worker after the job under way; jobs not started are dropped.
     void stopWorker();
+    void workerLoop();
 
     QString key_;
     std::deque<quint64> queue_; // front: the work that has the link
-    QThread* thread_ = nullptr;
-    QObject* workerContext_ = nullptr;
+    std::thread thread_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::function<void()>> jobs_;
+    bool stopping_ = false;
 };
 
 class PrinterLinks : public QObject {
@@ -107,12 +114,17 @@ private:
     void advance(PrinterLink* link);
     void grant(Ticket ticket);
     void dispatch(Ticket ticket);
+    // Called on the event loop after a worker noted its ticket in ended_.
+    Q_INVOKABLE void takeEnded();
     void workEnded(Ticket ticket);
 
     QHash<QString, PrinterLink*> links_;
     QHash<Ticket, std::shared_ptr<Entry>> entries_;
     Ticket nextTicket_ = 1;
     int deviceTimeoutMs_ = 3000;
+    std::mutex endedMutex_;
+    std::deque<Ticket> ended_; // blocking work over, from the workers
+
 };
 
 } // namespace quill
