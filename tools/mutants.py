@@ -65,7 +65,14 @@ def run(cmd, cwd, log, timeout=None):
 
 def copy_tree(dest):
     files = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, capture_output=True, check=True).stdout
-    for rel in filter(None, files.decode().split("\0")):
+    tracked = set(filter(None, files.decode().split("\0")))
+    # Files the tree no longer has leave the copy too (tests are found by name).
+    for top, _, names in os.walk(dest):
+        for name in names:
+            path = os.path.join(top, name)
+            if os.path.relpath(path, dest) not in tracked:
+                os.remove(path)
+    for rel in sorted(tracked):
         src, dst = os.path.join(ROOT, rel), os.path.join(dest, rel)
         if not os.path.isfile(src):
             continue
