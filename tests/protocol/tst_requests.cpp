@@ -196,6 +196,7 @@ void TestRequests::configure_data()
     QTest::newRow("template cleared where current") << "7" << "1" << "1:0 2:8 4:0" << QList<int>{1, 2, 3, 4};
     QTest::newRow("withdraw everything") << "" << "3\t*\t*" << unchanged << QList<int>{};
     QTest::newRow("empty workstation withdraws nothing") << "" << "3\t\t*" << unchanged << QList<int>{1, 2, 3, 4};
+    QTest::newRow("empty user withdraws nothing") << "" << "3\tKASSA2\t" << unchanged << QList<int>{1, 2, 3, 4};
     QTest::newRow("one workstation, any user") << "" << "3\t kassa1 \t*" << unchanged << QList<int>{3, 4};
     QTest::newRow("user on any workstation") << "" << "3\t*\tANNA" << unchanged << QList<int>{2, 4};
     QTest::newRow("both must match") << "" << "3\tKASSA1\tanna" << unchanged << QList<int>{2, 3, 4};
