@@ -140,7 +140,14 @@ QString state(const QString& path, const QByteArray& before = {})
 class TestMaintenance : public QObject {
     Q_OBJECT
 private slots:
-    void init() { SetSilentMode(false); }
+    void initTestCase() { QUILL_SKIP_WITHOUT_ENGINE(); }
+    void init()
+    {
+        // The steps on files are SQLite's; PostgreSQL has only its own.
+        if (OnPostgres() && std::strcmp(QTest::currentTestFunction(), "postgresMaintenance") != 0)
+            QSKIP("a database file's maintenance: SQLite's only");
+        SetSilentMode(false);
+    }
     void outcomes_data();
     void outcomes();
     void crashAfterEveryStep_data();
@@ -151,6 +158,8 @@ private slots:
     void backupGenerations();
     void unreadableStartsKeepTheGoodBackup_data();
     void unreadableStartsKeepTheGoodBackup();
+    void postgresMaintenance_data();
+    void postgresMaintenance();
 };
 
 void TestMaintenance::outcomes_data()
@@ -469,6 +478,50 @@ void TestMaintenance::unreadableStartsKeepTheGoodBackup()
     QCOMPARE(IntegrityCheck(home.file("brixa_backup.mdb")), "ok");
     QCOMPARE(JobRows(home.file("brixa_backup.mdb")).size(), jobs);
     QCOMPARE(readFile(home.file("brixa_backup.mdb.check")).left(3), QByteArray("ok\n"));
+}
+
+void TestMaintenance::postgresMaintenance_data()
+{
+    QTest::addColumn<QString>("backup"); // the backup line of brixa.mda; <home> for the folder
+    QTest::addColumn<QString>("logged"); // the backup step's line, up to the file's name
+    QTest::newRow("none named") << "" << "SrvOpenDatabases Backup database: none (brixa.mda names no backup folder)";
+    QTest::newRow("dump written") << "backup=<home>/dumps" << "SrvOpenDatabases Backup database: <home>/dumps/brixa-";
+    QTest::newRow("folder cannot be made") << "backup=<home>/brixa.mda/dumps"
+                                           << "Warning SrvOpenDatabases Backup database failed. Error: ";
+}
+
+// Each start on PostgreSQL: a dated dump when brixa.mda names a folder (one that
+// fails is logged and the start goes on), and a line each for the repair and the
+// compaction, which are the engine's own.
+void TestMaintenance::postgresMaintenance()
+{
+    if (!OnPostgres())
+        QSKIP("PostgreSQL's maintenance");
+    QFETCH(QString, backup);
+    QFETCH(QString, logged);
+    DbHome home;
+    QVERIFY(home.ok());
+    QVERIFY(storeJobs(home.path(), 3));
+    QFile mda(home.file("brixa.mda"));
+    QVERIFY(mda.open(QIODevice::Append));
+    mda.write(backup.replace("<home>", home.path()).toUtf8() + '\n');
+    mda.close();
+    QCOMPARE(startAndList().size(), 3);
+    const QStringList lines = CurrentLogText().split("\r\n").filter("SrvOpenDatabases");
+    QCOMPARE(lines.size(), 3);
+    QVERIFY2(lines[0].contains(logged.replace("<home>", home.path())), qPrintable(lines[0]));
+    QVERIFY(lines[1].endsWith("SrvOpenDatabases Repair database: PostgreSQL's own (recovery from its write-ahead log)"));
+    QVERIFY(lines[2].endsWith("SrvOpenDatabases Compact database: PostgreSQL's own (autovacuum)"));
+    const QStringList dumps = QDir(home.file("dumps")).entryList({"brixa-*.dump"}, QDir::Files);
+    QCOMPARE(dumps.size(), QTest::currentDataTag() == QByteArray("dump written") ? 1 : 0);
+    // pg_restore's custom format, whole: it lists the job table's data.
+    if (!dumps.isEmpty()) {
+        QVERIFY(readFile(home.file("dumps/" + dumps[0])).startsWith("PGDMP"));
+        QProcess list;
+        list.start("pg_restore", {"--list", home.file("dumps/" + dumps[0])});
+        QVERIFY(list.waitForFinished(30000));
+        QVERIFY(list.readAllStandardOutput().contains("TABLE DATA public tbjob"));
+    }
 }
 
 int main(int argc, char** argv)
