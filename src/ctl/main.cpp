@@ -456,7 +456,8 @@ QString defaultHome()
 {
     const QString own = QCoreApplication::applicationDirPath();
     const QString service = QStringLiteral("/var/lib/quillbase");
-    if (!QFileInfo::exists(own + QStringLiteral("/brixa.mdb")) && QFileInfo::exists(service + QStringLiteral("/brixa.mdb")))
+    // brixa.mda, which every installation has (one on PostgreSQL has no brixa.mdb).
+    if (!QFileInfo::exists(own + QStringLiteral("/brixa.mda")) && QFileInfo::exists(service + QStringLiteral("/brixa.mda")))
         return service;
     return own;
 }
