@@ -3,6 +3,9 @@
 
 #include <QFileInfo>
 #include <QMetaObject>
+#include <QSerialPort>
+#include <QTcpSocket>
+#include <QTimer>
 
 #include <atomic>
 #include <future>
@@ -36,6 +39,35 @@ PrinterLink::PrinterLink(const QString& key, PrinterLinks& owner) : QObject(&own
 PrinterLink::~PrinterLink()
 {
     stopWorker();
+}
+
+QIODevice* PrinterLink::openTransport(const LinkAddress& address, const struct LineSettings& line, QString* error)
+{
+    return OpenTransport(address, line, this, error);
+}
+
+void PrinterLink::closeTransport(QIODevice* io, const QByteArray& goodbye, int lingerMs)
+{
+    if (!io)
+        return;
+    if (!goodbye.isEmpty() && io->isOpen())
+        io->write(goodbye);
+    if (auto* s = qobject_cast<QTcpSocket*>(io)) {
+        // The goodbye is still buffered: the socket goes once it has left.
+        s->disconnectFromHost();
+        if (s->state() == QAbstractSocket::UnconnectedState) {
+            s->deleteLater();
+        } else {
+            connect(s, &QTcpSocket::disconnected, s, &QObject::deleteLater);
+            QTimer::singleShot(lingerMs, s, &QObject::deleteLater);
+        }
+        return;
+    }
+    if (auto* p = qobject_cast<QSerialPort*>(io))
+        p->flush();
+    // Leaves the line's speed as it is, as a device session does.
+    CloseTransport(io);
+    io->deleteLater();
 }
 
 void PrinterLink::post(std::function<void()> job)

@@ -4,7 +4,9 @@
 // A piece of work is a print driver's run or check (asynchronous steps on the
 // event loop) or a device operation (blocking calls on the link's own worker
 // thread: configure, test print, clear, calibrate, the check after a save, the
-// serial lines' reconfiguration). Nobody else touches a connection.
+// serial lines' reconfiguration). Nobody else touches a connection: a driver's
+// run takes its transport from the link (openTransport), blocking work opens a
+// device session on the link's worker.
 //
 //   PrinterLinks links;                                  // owned by the print service
 //   auto t = links.acquire({key}, [&] { ...steps... });  // event loop; runs when it is our turn
@@ -32,9 +34,12 @@
 #include <mutex>
 #include <thread>
 
+class QIODevice;
+
 namespace quill {
 
 struct LinkAddress;
+struct LineSettings;
 
 // One name per physical connection: the resolved path of a serial line
 // (COMn through the Ports settings, links followed), or host:port of a box.
@@ -51,6 +56,14 @@ public:
     ~PrinterLink() override;
 
     const QString& key() const { return key_; }
+
+    // The connection of asynchronous work (a driver's run), owned by the link:
+    // opened by the work that has the link (nullptr and *error when it cannot
+    // be) and closed by it before it gives the link back. `goodbye` (when not
+    // empty) is written first; a socket lingers at most lingerMs for it to leave.
+    QIODevice* openTransport(const LinkAddress& address, const struct LineSettings& line, QString* error);
+    void closeTransport(QIODevice* io, const QByteArray& goodbye, int lingerMs);
+
     // Work under way or waiting.
     bool busy() const { return !queue_.empty(); }
     int waiting() const { return int(queue_.size()); }

@@ -161,7 +161,8 @@ void MP104C::startNext()
     // Whoever has the line before (a device operation, another printer's
     // run) goes first: this run waits its turn, untimed (their own steps are
     // bounded).
-    ticket_ = links().acquire({LinkKey(address)}, [this] { onLinkGranted(); });
+    linkKey_ = LinkKey(address);
+    ticket_ = links().acquire({linkKey_}, [this] { onLinkGranted(); });
 }
 
 PrinterLinks& MP104C::links()
@@ -182,7 +183,8 @@ void MP104C::onLinkGranted()
     LineSettings line;
     ParseLineSettings(w.settings, &line);
     QString error;
-    io_ = OpenTransport(address, line, this, &error);
+    PrinterLink* link = links().link(linkKey_);
+    io_ = link ? link->openTransport(address, line, &error) : nullptr;
     if (!io_) {
         log(runName() + QStringLiteral(": cannot open ") + w.port + QStringLiteral(" ") + error);
         finish(DriverResult::failure(GetString(12038)));
@@ -350,35 +352,19 @@ void MP104C::onTimeout()
 
 void MP104C::closeTransport()
 {
-    if (ticket_ && links_)
-        links_->release(ticket_);
-    else if (ticket_ && ownLinks_)
-        ownLinks_->release(ticket_);
-    ticket_ = 0;
-    if (!io_)
-        return;
-    QIODevice* io = io_;
-    io_ = nullptr;
-    io->disconnect(this);
-    if (connected_ && io->isOpen())
-        io->write(EncodeRequest(nextId_++, link::Close));
-    connected_ = false;
-    if (auto* s = qobject_cast<QTcpSocket*>(io)) {
-        // The goodbye is still buffered: the socket goes once it has left.
-        s->disconnectFromHost();
-        if (s->state() == QAbstractSocket::UnconnectedState) {
-            s->deleteLater();
-        } else {
-            connect(s, &QTcpSocket::disconnected, s, &QObject::deleteLater);
-            QTimer::singleShot(answerTimeoutMs_, s, &QObject::deleteLater);
-        }
-        return;
+    PrinterLinks* links = links_ ? links_.data() : ownLinks_.get();
+    if (QIODevice* io = io_.data()) {
+        io_.clear();
+        io->disconnect(this);
+        // The printer hears the goodbye only once the session had begun.
+        const QByteArray goodbye = connected_ ? EncodeRequest(nextId_++, link::Close) : QByteArray();
+        if (PrinterLink* link = links ? links->link(linkKey_) : nullptr)
+            link->closeTransport(io, goodbye, answerTimeoutMs_);
     }
-    if (auto* p = qobject_cast<QSerialPort*>(io))
-        p->flush();
-    // Leaves the line's speed as it is, like the device library does.
-    CloseTransport(io);
-    io->deleteLater();
+    connected_ = false;
+    if (ticket_ && links)
+        links->release(ticket_);
+    ticket_ = 0;
 }
 
 void MP104C::finish(const DriverResult& result)

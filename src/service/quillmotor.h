@@ -114,7 +114,8 @@ private:
 
     std::deque<Work> queue_;
     std::optional<Work> current_;
-    QIODevice* io_ = nullptr;
+    QPointer<QIODevice> io_; // the link's (PrinterLink::openTransport)
+    QString linkKey_;
     PrinterLinks& links();
     QPointer<PrinterLinks> links_;
     std::unique_ptr<PrinterLinks> ownLinks_;
