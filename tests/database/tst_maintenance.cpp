@@ -207,6 +207,13 @@ void TestMaintenance::outcomes_data()
     QTest::newRow("account file names another engine")
         << QStringList{"brixa.mda=engine=jet\n"} << false << QStringList{engine}
         << box(BoxIcon::Critical, engine + checkInstallation) << "kept, absent, absent";
+    // libpq would only warn and connect without the password.
+    const QString readable = QStringLiteral("SrvOpenDatabases failed. Error: 3028 Can't start your application. The "
+                                            "workgroup information file names the password file pgpass, which others "
+                                            "may read: it must have mode 0600.");
+    QTest::newRow("password file others may read")
+        << QStringList{"pgpass=secret\n", "brixa.mda=engine=postgresql\npassfile=pgpass\n"} << false
+        << QStringList{readable} << box(BoxIcon::Critical, readable + checkInstallation) << "kept, absent, absent";
 }
 
 void TestMaintenance::outcomes()
@@ -230,6 +237,8 @@ void TestMaintenance::outcomes()
         else {
             QFile file(home.file(fault.section('=', 0, 0)));
             QVERIFY(file.open(QIODevice::WriteOnly) && file.write(fault.section('=', 1).toLatin1()) > 0);
+            // As an installer writes it, whatever the umask of this run.
+            QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther));
         }
     }
     const QByteArray before = readFile(mdb);
