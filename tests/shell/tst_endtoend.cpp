@@ -100,6 +100,7 @@ class TstEndToEnd : public QObject {
     quint16 port_ = 0;
 
 private slots:
+    void initTestCase() { QUILL_SKIP_WITHOUT_ENGINE(); }
     void init()
     {
         inst_ = std::make_unique<PrinterSite>();
