@@ -246,8 +246,12 @@ void TestRequests::addinFraming()
     c->write("{STARTBRIXA;1.00;P;1;1;1;KA");
     QTest::qWait(200);
     QCOMPARE(jobCount(), 2);
+    // ... and for the line end after its end marker.
+    c->write("SSA3;0;;;Bo;Cap;x;y;z}\r\n{ENDBRIXA}");
+    QTest::qWait(200);
+    QCOMPARE(jobCount(), 2);
     // More than 12 fields: the rest stay joined to field 13.
-    c->write("SSA3;0;;;Bo;Cap;x;y;z}\r\n{ENDBRIXA}\n");
+    c->write("\n");
     QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 3, 5000);
     QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 3").toString(),
              QStringLiteral("BRIXA\t1.00\tP\t1\t1\t1\tKASSA3\t0\t\t\tBo\tCap\tx;y;z \t\t\r\n"));
