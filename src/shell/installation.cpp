@@ -98,7 +98,7 @@ QString NextSteps(const QString& dir)
     const QString exe = QCoreApplication::applicationFilePath();
     const QString ctl = QCoreApplication::applicationDirPath() + QStringLiteral("/quillbase-ctl");
     const bool logging = NullToLong(RegGetValue(HKEY_CURRENT_USER, KeyQuillbase, QStringLiteral("dwUseLog")), 0) > 0;
-    QString database = QStringLiteral("brixa.mdb");
+    QString database = QStringLiteral("database brixa.mdb");
     try {
         const DbTarget target = InstallationTarget(home);
         if (target.postgres())
@@ -108,7 +108,7 @@ QString NextSteps(const QString& dir)
     }
     QString t;
     QTextStream out(&t);
-    out << "Installation: " << home << " (database " << database << ", layouts <template>.lbl, weekly logs)\n"
+    out << "Installation: " << home << " (" << database << ", layouts <template>.lbl, weekly logs)\n"
         << "Settings: " << SettingsFile(HKEY_LOCAL_MACHINE) << " (machine: serial ports, tBindAddress, "
         << "tAllowedClients), " << SettingsFile(HKEY_CURRENT_USER) << " (this user: log switches)\n"
         << "Event logging is " << (logging ? "on" : "off") << " (dwUseLog in the user settings).\n"
