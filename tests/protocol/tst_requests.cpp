@@ -125,6 +125,17 @@ private slots:
     void replyCodes();
     void configure_data();
     void configure();
+    // Another program adds a template while the server runs: the next request
+    // for it is accepted.
+    void templateAddedWhileRunning()
+    {
+        auto c = connectClient();
+        QVERIFY(c);
+        QCOMPARE(exchange(*c, print("1", "5"), expected(1004)), expected(1004));
+        QVERIFY(inst->sql("INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (5, 1)"));
+        QCOMPARE(exchange(*c, print("1", "5"), expected(0)), expected(0));
+        QCOMPARE(jobCount(), 1);
+    }
     void addinFraming();
     void connectionLimit();
     void oddClients_data();
