@@ -30,6 +30,8 @@ private slots:
         QTest::newRow("letters beyond ASCII") << "Kassa å" << "Åsa" << "KASSA Å" << "ÅSA" << true;
         QTest::newRow("ASCII job, request beyond") << "KASSA1" << "asa" << "KASSA1" << "ÅSA" << false;
         QTest::newRow("job beyond, ASCII request") << "KASSA1" << "åsa" << "KASSA1" << "ASA" << false;
+        QTest::newRow("last letter of the alphabet") << "kassaz" << "Anna" << "KASSAZ" << "ANNA" << true;
+        QTest::newRow("line end trimmed") << "KASSA1" << "anna\r" << "KASSA1" << "ANNA" << true;
         QTest::newRow("no-break space trimmed") << "KASSA1" << "anna\u00a0" << "KASSA1" << "ANNA" << true;
         QTest::newRow("request not trimmed") << "KASSA1" << "Anna" << "KASSA1" << " ANNA" << false;
     }
