@@ -18,6 +18,7 @@
 #include "database/repositories.h"
 #include "database/sqlite.h"
 
+#include <exception>
 #include <optional>
 
 namespace quill {
@@ -82,6 +83,8 @@ public:
 
 private:
     bool openServerDatabase(const DbTarget& target);
+    // Logs and shows why the databases could not be opened, closes them; false.
+    bool openFailed(const std::exception& e);
     bool readTemplates(const QString& caller, bool withBox);
     Database db_;
     PrinterRepository printers_{db_};

@@ -492,6 +492,15 @@ void dumpDatabase(const DbTarget& t)
 // queue in memory is that server's alone.
 constexpr qint64 ServerLockKey = 0x5175696c6c62; // "Quillb"
 
+bool JobDatabase::openFailed(const std::exception& e)
+{
+    const QString text = QStringLiteral("SrvOpenDatabases failed. Error: ") + errorText(e);
+    LogWrite(text);
+    MsgBoxUnlessSilent(text + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Critical);
+    SrvCloseDatabases();
+    return false;
+}
+
 bool JobDatabase::openServerDatabase(const DbTarget& target)
 {
     // The lock comes first: a second server stops before it does anything.
@@ -527,11 +536,7 @@ bool JobDatabase::openServerDatabase(const DbTarget& target)
         LogWrite(QStringLiteral("SrvOpenDatabases Compact database: PostgreSQL's own (autovacuum)"));
         return true;
     } catch (const std::exception& e) {
-        const QString text = QStringLiteral("SrvOpenDatabases failed. Error: ") + errorText(e);
-        LogWrite(text);
-        MsgBoxUnlessSilent(text + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Critical);
-        SrvCloseDatabases();
-        return false;
+        return openFailed(e);
     }
 }
 
@@ -667,11 +672,7 @@ bool JobDatabase::SrvOpenDatabases()
         db_.open(mdb);
         return true;
     } catch (const std::exception& e) {
-        const QString text = QStringLiteral("SrvOpenDatabases failed. Error: ") + errorText(e);
-        LogWrite(text);
-        MsgBoxUnlessSilent(text + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Critical);
-        SrvCloseDatabases();
-        return false;
+        return openFailed(e);
     }
 }
 
