@@ -2,9 +2,7 @@
 #include "database/jobrepository.h"
 #include "database/slots.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/strutil.h"
-#include "foundation/texts.h"
 
 #include <QSysInfo>
 
@@ -12,13 +10,12 @@ namespace quill {
 
 namespace {
 
-// The open operations' failure: one log line and, for the ones start-up depends on, a box.
-void reportOpenFailure(const QString& operation, const Error& e, bool box)
+// The open operations' failure: one log line, and the value for the caller.
+DatabaseFailure unreadable(const QString& operation, const Error& e)
 {
-    const QString text = operation + QStringLiteral(" failed. Error: ") + e.text();
-    LogWrite(text);
-    if (box)
-        MsgBoxUnlessSilent(text + QLatin1Char('\n') + GetString(12029, GetString(9003)), BoxIcon::None);
+    const DatabaseFailure failed{DatabaseFailure::Kind::Unreadable, Failure{operation, e}};
+    LogWrite(failed.failure.line());
+    return failed;
 }
 
 // The settings operations' failure: one log line.
@@ -48,46 +45,40 @@ void JobDatabase::SrvCloseDatabases()
     db_.close();
 }
 
-bool JobDatabase::SrvPrinterOpenDB()
+OpenResult JobDatabase::SrvPrinterOpenDB()
 {
-    if (auto failed = printers_.check()) {
-        reportOpenFailure(QStringLiteral("SrvPrinterOpenDB"), *failed, true);
-        return false;
-    }
-    return true;
+    if (auto failed = printers_.check())
+        return unreadable(QStringLiteral("SrvPrinterOpenDB"), *failed);
+    return {};
 }
 
-bool JobDatabase::SrvJobOpenDB()
+OpenResult JobDatabase::SrvJobOpenDB()
 {
     jobsOpen_ = false;
-    if (auto failed = JobRepository(db_).check()) {
-        reportOpenFailure(QStringLiteral("SrvJobOpenDB"), *failed, true);
-        return false;
-    }
+    if (auto failed = JobRepository(db_).check())
+        return unreadable(QStringLiteral("SrvJobOpenDB"), *failed);
     jobsOpen_ = true;
-    return true;
+    return {};
 }
 
-bool JobDatabase::readTemplates(const QString& caller, bool withBox)
+OpenResult JobDatabase::readTemplates(const QString& caller)
 {
     templates_.reset();
     DbResult<QSet<qint32>> ids = TemplateRepository(db_).ids();
-    if (ids.error) {
-        reportOpenFailure(caller, *ids.error, withBox);
-        return false;
-    }
+    if (ids.error)
+        return unreadable(caller, *ids.error);
     templates_ = std::move(ids.value);
-    return true;
+    return {};
 }
 
-bool JobDatabase::SrvTemplateTypeOpenDB()
+OpenResult JobDatabase::SrvTemplateTypeOpenDB()
 {
-    return readTemplates(QStringLiteral("SrvTemplateTypeOpenDB"), true);
+    return readTemplates(QStringLiteral("SrvTemplateTypeOpenDB"));
 }
 
 bool JobDatabase::SrvTemplateTypeReOpenDB()
 {
-    return readTemplates(QStringLiteral("SrvTemplateTypeReOpenDB"), false);
+    return bool(readTemplates(QStringLiteral("SrvTemplateTypeReOpenDB")));
 }
 
 bool JobDatabase::SrvTemplateInDB(qint32 templateId)

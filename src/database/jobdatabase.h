@@ -4,7 +4,7 @@
 // start-up sequence and lives until shutdown:
 //
 //   JobDatabase jdb;
-//   if (!jdb.SrvOpenDatabases()) exit;            // maintenance, then open
+//   if (auto opened = jdb.SrvOpenDatabases(); !opened) exit;   // maintenance, then open
 //   jdb.SrvInitServerSettings();                   // autoStartService(), startMinimized()
 //   if (!jdb.SrvPrinterOpenDB()) exit;
 //   MainAddAndInitAllPrinters(jdb, printerSlots);         // service/printerload.h
@@ -14,7 +14,8 @@
 //   jdb.SrvCloseDatabases();
 //
 // Every Srv... operation writes its own failure to the event log as the
-// server's log lines have it; none throws.
+// server's log lines have it; none throws. The open steps also hand their
+// failure up as a value (DatabaseFailure): the start-up tells the operator.
 #include "database/repositories.h"
 #include "database/sqlite.h"
 
@@ -35,6 +36,19 @@ inline constexpr const char* CompactFileName = "brixa_compact.mdb";
 using MaintenanceStepHook = void (*)(const char* step);
 void SetMaintenanceStepHook(MaintenanceStepHook hook);
 
+// Why the database could not be opened or read at start-up.
+struct DatabaseFailure {
+    enum class Kind {
+        NoAccountFile,  // brixa.mda is not there
+        NoDatabaseFile, // brixa.mdb is not there
+        NotOpened,      // the database could not be opened (failure says why)
+        Unreadable,     // a table start-up reads could not be read (failure says which step)
+    };
+    Kind kind = Kind::NotOpened;
+    Failure failure; // the operation, and the engine's number and text where it said something
+};
+using OpenResult = Checked<DatabaseFailure>;
+
 // The operating system's computer name (empty when unknown).
 QString ComputerName();
 
@@ -48,17 +62,17 @@ public:
     // Finds the files, runs the start-up maintenance (backup, integrity check,
     // compaction) and opens brixa.mdb, or the PostgreSQL database brixa.mda
     // names (a dump when it names a backup folder; one server per database).
-    // False means the server cannot start.
-    bool SrvOpenDatabases();
+    // A failure means the server cannot start.
+    OpenResult SrvOpenDatabases();
     // Forgets what was opened and closes the database; never fails.
     void SrvCloseDatabases();
 
-    // Can tbPrinter and tbJob be read? Failures are logged and shown in a box.
-    bool SrvPrinterOpenDB();
-    bool SrvJobOpenDB();
-    // Reads the ids of the templates (logged and shown when that fails; the
-    // re-read only logged).
-    bool SrvTemplateTypeOpenDB();
+    // Can tbPrinter and tbJob be read? Failures are logged and handed up.
+    OpenResult SrvPrinterOpenDB();
+    OpenResult SrvJobOpenDB();
+    // Reads the ids of the templates (a failure logged and handed up; the
+    // re-read's only logged).
+    OpenResult SrvTemplateTypeOpenDB();
     bool SrvTemplateTypeReOpenDB();
 
     // Is the template known? The ids are those read at start-up: one stored by
@@ -82,10 +96,10 @@ public:
     bool jobsOpen() const { return jobsOpen_; }
 
 private:
-    bool openServerDatabase(const DbTarget& target);
-    // Logs and shows why the databases could not be opened, closes them; false.
-    bool openFailed(const std::exception& e);
-    bool readTemplates(const QString& caller, bool withBox);
+    OpenResult openServerDatabase(const DbTarget& target);
+    // Logs why the databases could not be opened and closes them.
+    OpenResult openFailed(const std::exception& e);
+    OpenResult readTemplates(const QString& caller);
     Database db_;
     PrinterRepository printers_{db_};
     ServerSettingsRepository settings_{db_};

@@ -10,9 +10,7 @@
 #include "database/jobdatabase.h"
 #include "database/salvage.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/paths.h"
-#include "foundation/texts.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -207,11 +205,6 @@ void compactInto(const QString& path, const QString& target)
     QString quoted = target;
     quoted.replace(QLatin1Char('\''), QLatin1String("''"));
     c.rows(QStringLiteral("VACUUM INTO '") + quoted + QLatin1Char('\''));
-}
-
-QString checkInstallationText()
-{
-    return GetString(12029, GetString(9003));
 }
 
 // What the check found wrong with the file itself, as opposed to what kept it
@@ -492,16 +485,16 @@ void dumpDatabase(const DbTarget& t)
 // queue in memory is that server's alone.
 constexpr qint64 ServerLockKey = 0x5175696c6c62; // "Quillb"
 
-bool JobDatabase::openFailed(const std::exception& e)
+OpenResult JobDatabase::openFailed(const std::exception& e)
 {
-    const QString text = QStringLiteral("SrvOpenDatabases failed. Error: ") + errorText(e);
-    LogWrite(text);
-    MsgBoxUnlessSilent(text + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Critical);
+    const DatabaseFailure failed{DatabaseFailure::Kind::NotOpened,
+                                 Failure{QStringLiteral("SrvOpenDatabases"), asError(e)}};
+    LogWrite(failed.failure.line());
     SrvCloseDatabases();
-    return false;
+    return failed;
 }
 
-bool JobDatabase::openServerDatabase(const DbTarget& target)
+OpenResult JobDatabase::openServerDatabase(const DbTarget& target)
 {
     // The lock comes first: a second server stops before it does anything.
     auto lock = [this, target] {
@@ -534,7 +527,7 @@ bool JobDatabase::openServerDatabase(const DbTarget& target)
         crashPoint("backup");
         LogWrite(QStringLiteral("SrvOpenDatabases Repair database: PostgreSQL's own (recovery from its write-ahead log)"));
         LogWrite(QStringLiteral("SrvOpenDatabases Compact database: PostgreSQL's own (autovacuum)"));
-        return true;
+        return {};
     } catch (const std::exception& e) {
         return openFailed(e);
     }
@@ -545,7 +538,7 @@ void SetMaintenanceStepHook(MaintenanceStepHook hook)
     stepHook = hook;
 }
 
-bool JobDatabase::SrvOpenDatabases()
+OpenResult JobDatabase::SrvOpenDatabases()
 {
     const QString mda = HomePath(QString::fromLatin1(AccountFileName));
     const QString mdb = HomePath(QString::fromLatin1(DatabaseFileName));
@@ -555,16 +548,14 @@ bool JobDatabase::SrvOpenDatabases()
     try {
         if (!exists(mda)) {
             LogWrite(QStringLiteral("SrvOpenDatabases failed. Can't find file brixa.mda."));
-            MsgBoxUnlessSilent(GetString(12030) + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Exclamation);
-            return false;
+            return DatabaseFailure{DatabaseFailure::Kind::NoAccountFile, Failure{QStringLiteral("SrvOpenDatabases")}};
         }
         const DbTarget target = ReadAccountFile(mda, mdb);
         if (target.postgres())
             return openServerDatabase(target);
         if (!exists(mdb)) {
             LogWrite(QStringLiteral("SrvOpenDatabases failed. Can't find file brixa.mdb."));
-            MsgBoxUnlessSilent(GetString(12031) + QLatin1Char('\n') + checkInstallationText(), BoxIcon::Exclamation);
-            return false;
+            return DatabaseFailure{DatabaseFailure::Kind::NoDatabaseFile, Failure{QStringLiteral("SrvOpenDatabases")}};
         }
 
         // Each step either completes or logs its warning and skips the rest.
@@ -670,7 +661,7 @@ bool JobDatabase::SrvOpenDatabases()
         }();
 
         db_.open(mdb);
-        return true;
+        return {};
     } catch (const std::exception& e) {
         return openFailed(e);
     }

@@ -1,6 +1,7 @@
 #pragma once
 #include <QString>
 #include <exception>
+#include <optional>
 
 namespace quill {
 
@@ -21,5 +22,25 @@ constexpr int ErrTypeMismatch = 13;
 
 // E for any exception that reached a trap.
 QString errorText(const std::exception& e);
+// The same as a value: an Error as it is, any other exception as -1 and its what().
+Error asError(const std::exception& e);
+
+// An operation that failed, handed up as a value to whoever tells the operator;
+// where it failed has written its log line already.
+struct Failure {
+    QString operation;
+    Error error{0, QString()};
+    // "<operation> failed. Error: <number> <description>"
+    QString line() const { return operation + QStringLiteral(" failed. Error: ") + error.text(); }
+};
+
+// What a step that works or fails gives: true when it worked, else why not.
+template <class F>
+struct Checked {
+    std::optional<F> failure;
+    Checked() = default;
+    Checked(F f) : failure(std::move(f)) {}
+    explicit operator bool() const { return !failure; }
+};
 
 } // namespace quill

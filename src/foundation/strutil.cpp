@@ -9,9 +9,14 @@ namespace quill {
 
 QString errorText(const std::exception& e)
 {
+    return asError(e).text();
+}
+
+Error asError(const std::exception& e)
+{
     if (auto* q = dynamic_cast<const Error*>(&e))
-        return q->text();
-    return QStringLiteral("-1 ") + QString::fromLocal8Bit(e.what());
+        return *q;
+    return Error(-1, QString::fromLocal8Bit(e.what()));
 }
 
 namespace {

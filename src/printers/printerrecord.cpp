@@ -2,7 +2,6 @@
 #include "foundation/connection.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/strutil.h"
 #include "printers/deviceops.h"
 #include "database/slots.h"

@@ -6,7 +6,6 @@
 #include "printers/printerrecord.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "foundation/strutil.h"
 #include "database/slots.h"
@@ -22,13 +21,6 @@ namespace quill {
 namespace {
 
 constexpr int ErrObjectNotSet = 91;
-
-QString trappedText(const std::exception& e)
-{
-    if (const auto* q = dynamic_cast<const Error*>(&e))
-        return q->text();
-    return errorText(e);
-}
 
 MP104C* need(MP104C* obj)
 {
@@ -72,7 +64,7 @@ MP104C* PrintService::MainSetQuillmotorRef(int n) const
     return n >= 1 && n <= 5 ? drivers_[n] : nullptr;
 }
 
-bool PrintService::CreateQuillmotor(int n)
+Checked<Failure> PrintService::CreateQuillmotor(int n)
 {
     delete drivers_[n];
     drivers_[n] = nullptr;
@@ -111,31 +103,27 @@ bool PrintService::CreateQuillmotor(int n)
                 [this, n](qint32 printerId, const PrintJob& job, const DriverResult& result) {
                     MainUpdatePrinterStatusAfterMPPrintJob(n, printerId, job, result);
                 });
-        return true;
+        return {};
     }
     if (!failed && !obj)
         last = Error(0, QString());
-    const QString line = QStringLiteral("CreateQuillmotor%1 failed. Error: ").arg(n) + last.text();
-    LogWrite(line);
-    MsgBoxUnlessSilent(line + QStringLiteral("\r\r") + GetString(12018) + QStringLiteral("\r") + GetString(12019),
-                       BoxIcon::Critical);
+    const Failure failure{QStringLiteral("CreateQuillmotor%1").arg(n), last};
+    LogWrite(failure.line());
     delete obj;
-    return false;
+    return failure;
 }
 
-bool PrintService::MainCreateQuillmotors()
+Checked<Failure> PrintService::MainCreateQuillmotors()
 {
     try {
         for (int n = 1; n <= 5; ++n)
-            if (!CreateQuillmotor(n))
-                return false;
-        return true;
+            if (Checked<Failure> created = CreateQuillmotor(n); !created)
+                return created;
+        return {};
     } catch (const std::exception& e) {
-        const QString line = QStringLiteral("MainCreateQuillmotors failed. Error: ") + trappedText(e);
-        LogWrite(line);
-        MsgBoxUnlessSilent(line + QStringLiteral("\r\r") + GetString(12018) + QStringLiteral("\r") + GetString(12019),
-                           BoxIcon::Critical);
-        return false;
+        const Failure failure{QStringLiteral("MainCreateQuillmotors"), asError(e)};
+        LogWrite(failure.line());
+        return failure;
     }
 }
 
@@ -183,7 +171,7 @@ bool PrintService::SrvStartService()
             jobTimers_.at(size_t(k)).start();
         return true;
     } catch (const std::exception& e) {
-        LogWrite(QStringLiteral("SrvStartService failed. Error: ") + trappedText(e));
+        LogWrite(QStringLiteral("SrvStartService failed. Error: ") + errorText(e));
         return false;
     }
 }
@@ -288,7 +276,7 @@ void PrintService::jobTimerTick(int k)
         }
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("JobTimer failed.  PId = ") + QString::number(p) + QStringLiteral(" Error: ")
-                 + trappedText(e));
+                 + errorText(e));
     }
     if (running_)
         timer.start();
@@ -388,7 +376,7 @@ void PrintService::MainUpdatePrinterStatusAfterMPCheck(int n, const DriverResult
             setStatus(n, StatusError, result.text);
     } catch (const std::exception& e) {
         LogWrite(QStringLiteral("MainUpdatePrinterStatusAfterMPCheck failed.  PId = ") + QString::number(n)
-                 + QStringLiteral(" Error: ") + trappedText(e));
+                 + QStringLiteral(" Error: ") + errorText(e));
     }
     emit checkFinished(n, result.ok, result.text);
 }
@@ -409,7 +397,7 @@ void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(int n, qint32 printerI
         // The slot keeps its status: the status pass asks the printer again
         // once the Working limit has passed.
         LogWrite(QStringLiteral("MainUpdatePrinterStatusAfterMPPrintJob failed.  PId = ") + QString::number(n)
-                 + QStringLiteral(" Error: ") + trappedText(e));
+                 + QStringLiteral(" Error: ") + errorText(e));
     }
     emit jobFinished(n, job.id, result.ok, result.text);
     reenableJobTimer(n);

@@ -4,7 +4,7 @@
 // the status pass that asks every printer how it is.
 //
 //   PrintService svc(slotTable, jdb, store);
-//   if (!svc.MainCreateQuillmotors()) fail;          // start-up
+//   if (!svc.MainCreateQuillmotors()) fail;          // start-up (the failure as a value)
 //   svc.MainAddAndInitAllPrinters();                  // printers into the slots
 //   svc.enableStatusTimer(); svc.statusPass();       // serial lines reconfigured first (Operator)
 //   svc.startService();                               // operator / auto-start
@@ -15,6 +15,7 @@
 // default). A printer stays Checking for checkingLimit() and Working for
 // workingLimit() before its driver is asked again; unless set explicitly the
 // limits are one and two status intervals (60 s and 120 s by default).
+#include "foundation/error.h"
 #include "service/printerlistmodel.h"
 #include "service/quillmotor.h"
 
@@ -55,9 +56,10 @@ public:
     void setDriverFactory(DriverFactory f) { factory_ = std::move(f); }
     // How long a failing creation is retried (5000 ms).
     void setCreateRetryWindow(int ms) { retryWindowMs_ = ms; }
-    // Creates the five objects in slot order; stops at the first failure.
-    bool MainCreateQuillmotors();
-    bool CreateQuillmotor(int n);
+    // Creates the five objects in slot order; stops at the first failure,
+    // which is logged and handed up.
+    Checked<Failure> MainCreateQuillmotors();
+    Checked<Failure> CreateQuillmotor(int n);
     // The driver object of slot n (1..5), or null.
     MP104C* MainSetQuillmotorRef(int n) const;
     MP104C* driver(int n) const { return MainSetQuillmotorRef(n); }

@@ -4,7 +4,7 @@
 #include "database/slots.h"
 #include "foundation/descriptors.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
+#include "shell/messages.h"
 #include "foundation/paths.h"
 #include "foundation/texts.h"
 #include "protocol/listener.h"

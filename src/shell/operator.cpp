@@ -4,7 +4,7 @@
 #include "database/lists.h"
 #include "database/slots.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
+#include "shell/messages.h"
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
 #include "foundation/texts.h"
@@ -79,6 +79,48 @@ Operator::Result::Result(Outcome o) : outcome(o)
 Server::StartResult Operator::startup()
 {
     return server_.startup();
+}
+
+void Operator::startupFailed(const StartupFailure& failure)
+{
+    using Step = StartupFailure::Step;
+    const QString checkInstallation = QLatin1Char('\n') + GetString(12029, GetString(9003));
+    switch (failure.step) {
+    case Step::HomeNotWritable:
+        // Shown even in silent mode: the log may be in that very folder.
+        MsgBox(GetString(12144, failure.folder + QLatin1Char('|') + failure.why), BoxIcon::Critical);
+        break;
+    case Step::OtherInstance:
+        MsgBoxUnlessSilent(GetString(12009, GetString(9003)), BoxIcon::Information);
+        break;
+    case Step::Database:
+        switch (failure.database.kind) {
+        case DatabaseFailure::Kind::NoAccountFile:
+            MsgBoxUnlessSilent(GetString(12030) + checkInstallation, BoxIcon::Exclamation);
+            break;
+        case DatabaseFailure::Kind::NoDatabaseFile:
+            MsgBoxUnlessSilent(GetString(12031) + checkInstallation, BoxIcon::Exclamation);
+            break;
+        case DatabaseFailure::Kind::NotOpened:
+            MsgBoxUnlessSilent(failure.database.failure.line() + checkInstallation, BoxIcon::Critical);
+            break;
+        case DatabaseFailure::Kind::Unreadable:
+            MsgBoxUnlessSilent(failure.database.failure.line() + checkInstallation, BoxIcon::None);
+            break;
+        }
+        break;
+    case Step::Drivers:
+        MsgBoxUnlessSilent(failure.failure.line() + QStringLiteral("\r\r") + GetString(12018) + QStringLiteral("\r")
+                               + GetString(12019),
+                           BoxIcon::Critical);
+        break;
+    case Step::Listener:
+        MsgBoxUnlessSilent(GetString(12014), BoxIcon::Exclamation);
+        break;
+    case Step::Unexpected:
+        MsgBoxUnlessSilent(failure.failure.line() + QLatin1Char('\n') + GetString(12015), BoxIcon::None);
+        break;
+    }
 }
 
 void Operator::shutdown()

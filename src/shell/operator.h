@@ -2,7 +2,7 @@
 // The operator's command surface: every action the main window, its dialogs
 // and a headless operator can take. Each command runs the server's own steps,
 // asks its questions and shows its boxes through the message sink
-// (foundation/messages.h), and returns what happened as a value, so a window,
+// (shell/messages.h), and returns what happened as a value, so a window,
 // a control command and a test all see the same outcome.
 //
 //   Operator op(server);                       // after Server is constructed
@@ -83,6 +83,9 @@ public:
     // --- start-up, shutdown and what a window shows ---------------------------
     // A window made before the start-up runs it, so the start-up's boxes are its.
     Server::StartResult startup();
+    // The start-up's failures reach the operator here, as boxes (the server
+    // calls it; start-up goes on or ends as the step decides).
+    void startupFailed(const StartupFailure& failure);
     void shutdown();
     bool starting() const;
     JobListModel& jobList();

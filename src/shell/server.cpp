@@ -4,8 +4,8 @@
 #include "service/printerload.h"
 #include "foundation/error.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/paths.h"
+#include "shell/messages.h" // the silent-mode switch
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
 #include "protocol/listener.h"
@@ -120,6 +120,11 @@ void Server::logSettings()
     LogWrite(QStringLiteral("Network traffic logging") + activated(UseTrafficLog()));
 }
 
+void Server::report(const StartupFailure& failure)
+{
+    commands_->startupFailed(failure);
+}
+
 Server::StartResult Server::fail(StartResult r)
 {
     starting_ = false;
@@ -139,10 +144,12 @@ Server::StartResult Server::startup()
         // Without a writable folder the lock file cannot be made either, which
         // must not read as another copy running.
         auto notWritable = [this](const QString& why) {
-            const QString text = GetString(12144, QDir::toNativeSeparators(HomeDir()) + QLatin1Char('|') + why);
-            LogWrite(QStringLiteral("Startup failed. ") + text);
-            // Shown even in silent mode: the log may be in that very folder.
-            MsgBox(text, BoxIcon::Critical);
+            const QString folder = QDir::toNativeSeparators(HomeDir());
+            LogWrite(QStringLiteral("Startup failed. ") + GetString(12144, folder + QLatin1Char('|') + why));
+            StartupFailure failure{StartupFailure::Step::HomeNotWritable};
+            failure.folder = folder;
+            failure.why = why;
+            report(failure);
             instanceLock_.reset();
             starting_ = false;
             shutDown_ = true;
@@ -165,7 +172,7 @@ Server::StartResult Server::startup()
             instanceLock_.reset();
             // The running copy owns the log: this one ends without a line there.
             SetUseLog(false);
-            MsgBoxUnlessSilent(GetString(12009, GetString(9003)), BoxIcon::Information);
+            report(StartupFailure{StartupFailure::Step::OtherInstance});
             starting_ = false;
             shutDown_ = true; // nothing was started
             return OtherInstance;
@@ -179,25 +186,41 @@ Server::StartResult Server::startup()
                      .arg(QUILL_VERSION_PATCH)
                      .arg(RequestHandler::ProtocolVersion));
 
-        if (!db_->SrvOpenDatabases()) {
+        auto databaseFailed = [this](const OpenResult& opened) {
+            StartupFailure failure{StartupFailure::Step::Database};
+            failure.database = *opened.failure;
+            report(failure);
+        };
+        if (const OpenResult opened = db_->SrvOpenDatabases(); !opened) {
+            databaseFailed(opened);
             starting_ = false;
             shutDown_ = true;
             return NoDatabase;
         }
         db_->SrvInitServerSettings();
         logSettings();
-        if (!db_->SrvPrinterOpenDB()) {
+        if (const OpenResult opened = db_->SrvPrinterOpenDB(); !opened) {
+            databaseFailed(opened);
             db_->SrvCloseDatabases();
             starting_ = false;
             shutDown_ = true;
             return NoDatabase;
         }
         printers_.reset();
-        if (!service_->MainCreateQuillmotors())
+        if (const Checked<Failure> created = service_->MainCreateQuillmotors(); !created) {
+            StartupFailure failure{StartupFailure::Step::Drivers};
+            failure.failure = *created.failure;
+            report(failure);
             return fail(StartupFailed);
+        }
         service_->MainAddAndInitAllPrinters();
-        if (!db_->SrvTemplateTypeOpenDB() || !db_->SrvJobOpenDB())
+        OpenResult opened = db_->SrvTemplateTypeOpenDB();
+        if (opened)
+            opened = db_->SrvJobOpenDB();
+        if (!opened) {
+            databaseFailed(opened);
             return fail(StartupFailed);
+        }
         jobs_->SrvInitAllJobs();
 
         listener_->resetConnections();
@@ -213,7 +236,7 @@ Server::StartResult Server::startup()
             // server runs on without a listener, so say so where it shows.
             WriteStderrLine(QStringLiteral("Quillbase is not listening: ") + listener_->errorText());
             LogWrite(QStringLiteral("Could not initialize TCP-port."));
-            MsgBoxUnlessSilent(GetString(12014), BoxIcon::Exclamation);
+            report(StartupFailure{StartupFailure::Step::Listener});
         }
         // The operator's commands from a shell, with or without a window.
         control_->open();
@@ -231,9 +254,10 @@ Server::StartResult Server::startup()
         emit startupFinished();
         return Started;
     } catch (const std::exception& e) {
-        const QString text = QStringLiteral("Startup failed. Error: ") + errorText(e);
-        LogWrite(text);
-        MsgBoxUnlessSilent(text + QLatin1Char('\n') + GetString(12015), BoxIcon::None);
+        StartupFailure failure{StartupFailure::Step::Unexpected};
+        failure.failure = Failure{QStringLiteral("Startup"), asError(e)};
+        LogWrite(failure.failure.line());
+        report(failure);
         return fail(StartupFailed);
     }
 }

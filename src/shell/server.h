@@ -1,4 +1,5 @@
 #pragma once
+#include "database/jobdatabase.h"
 #include "database/slots.h"
 
 #include <QLockFile>
@@ -15,6 +16,25 @@ class Operator;
 class PrintService;
 class RequestHandler;
 class TrafficIndicator;
+
+// Why a start-up step stopped the start or fell short, as a value: the server
+// logs it, the operator's commands tell the operator (Operator::startupFailed).
+struct StartupFailure {
+    enum class Step {
+        HomeNotWritable, // nothing can be written in the installation folder (folder, why)
+        OtherInstance,   // another copy runs from this folder
+        Database,        // the database could not be opened or read (database)
+        Drivers,         // the driver objects could not be made (failure)
+        Listener,        // the port could not be opened; the server runs on without it
+        Unexpected,      // any other error that ended the start (failure)
+    };
+    explicit StartupFailure(Step s) : step(s) {}
+    Step step;
+    QString folder;
+    QString why;
+    DatabaseFailure database;
+    Failure failure;
+};
 
 // The whole server without its window: start-up in its fixed order, the parts
 // it owns for the run, and the shutdown.
@@ -74,6 +94,8 @@ signals:
 
 private:
     StartResult fail(StartResult r);
+    // Hands a failure of the start-up to the operator's commands.
+    void report(const StartupFailure& failure);
     void readRegistrySettings();
     void logSettings();
     // Per-machine tBindAddress and tAllowedClients into the listener.

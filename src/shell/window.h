@@ -7,7 +7,7 @@
 #include "database/jobstore.h"        // JobListModel
 #include "database/slots.h"           // printer status codes
 #include "foundation/eventlog.h"      // LogWrite
-#include "foundation/messages.h"      // MessageSink, MsgBox
+#include "shell/messages.h"      // MessageSink, MsgBox
 #include "foundation/strutil.h"       // NullToLong
 #include "foundation/texts.h"         // GetString
 #include "protocol/traffic.h"         // TrafficIndicator

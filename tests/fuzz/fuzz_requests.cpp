@@ -3,7 +3,6 @@
 // throw-away installation. The first byte picks the framing mode and the
 // connection; the rest is the arrival.
 #include "database/jobstore.h"
-#include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "protocol/requesthandler.h"
 #include "shell/installation.h"

@@ -3,7 +3,7 @@
 // real QMessageBox of the window's sink, found as the active modal widget),
 // the whole server with its window over a throw-away installation, and
 // screenshots into build/screenshots/.
-#include "foundation/messages.h"
+#include "shell/messages.h"
 #include "foundation/texts.h"
 #include "gui/mainwindow.h"
 #include "gui/messagebox.h"

@@ -2,7 +2,6 @@
 // free slot, the slot copy and its display text, update and delete.
 #include "database/schema.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
 #include "foundation/paths.h"
 #include "printers/printerrecord.h"
 #include "database/slots.h"
@@ -42,7 +41,6 @@ class TestPrinterRecord : public QObject {
     std::unique_ptr<Database> db;
     std::unique_ptr<PrinterRepository> printers;
     PrinterSlots slots_;
-    dbtest::RecordingSink sink;
 
     // A row written straight into the table, Null where the map has no value.
     void insertRow(const QVariantMap& fields)
@@ -85,8 +83,6 @@ private slots:
         db->exec(SchemaStatements()[0]); // tbPrinter
         printers = std::make_unique<PrinterRepository>(*db);
         slots_.reset();
-        sink.boxes.clear();
-        sink.answer = BoxAnswer::Yes;
     }
     void cleanup()
     {

@@ -4,7 +4,7 @@
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
 #include "foundation/eventlog.h"
-#include "foundation/messages.h"
+#include "shell/messages.h"
 #include "foundation/settings.h"
 #include "foundation/texts.h"
 #include "protocol/listener.h"

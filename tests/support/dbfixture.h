@@ -3,7 +3,7 @@
 // message boxes recorded instead of shown, and direct reads of a database file
 // through a connection of its own.
 #include "database/slots.h"
-#include "foundation/messages.h"
+#include "shell/messages.h"
 
 #include <QFileInfo>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "foundation/messages.h"
+#include "shell/messages.h"
 #include "foundation/eventlog.h"
 #include "foundation/texts.h"
 
