@@ -58,6 +58,11 @@ QString xprop(const QStringList& args)
     return QString::fromLocal8Bit(p.readAllStandardOutput());
 }
 
+bool wmReady()
+{
+    return xprop({"-root", "_NET_SUPPORTING_WM_CHECK"}).contains("window id");
+}
+
 // The managed windows, bottom to top, as the window manager stacks them.
 QList<WId> stacking()
 {
@@ -83,7 +88,10 @@ bool startDisplay()
         if (QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(n)) ||
             QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(n)))
             continue;
-        auto x = child(xvfb, {QStringLiteral(":%1").arg(n), "-screen", "0", "800x600x24", "-nolisten", "tcp"});
+        // -noreset: otherwise the server resets whenever its last client leaves,
+        // and a probe that leaves just before the manager connects resets it
+        // from under the manager.
+        auto x = child(xvfb, {QStringLiteral(":%1").arg(n), "-screen", "0", "800x600x24", "-nolisten", "tcp", "-noreset"});
         if (!x)
             continue;
         const QString socket = QStringLiteral("/tmp/.X11-unix/X%1").arg(n);
@@ -98,14 +106,20 @@ bool startDisplay()
         skipReason = "Xvfb did not start";
         return false;
     }
-    windowManager = child(openbox, {"--sm-disable"});
-    if (!windowManager) {
-        skipReason = "openbox did not start";
+    // The socket is there before the server answers; xprop answers once it does.
+    for (int i = 0; i < 200 && xprop({"-root", "-len", "0"}).isEmpty(); ++i)
+        QThread::msleep(50);
+    // The manager owns the screen once it has set its check window on the root.
+    // On a loaded machine it may take a while, or die before it gets there.
+    for (int attempt = 0; attempt < 3 && !wmReady(); ++attempt) {
+        windowManager = child(openbox, {"--sm-disable"});
+        for (int i = 0; i < 400 && windowManager && windowManager->state() == QProcess::Running && !wmReady(); ++i)
+            QThread::msleep(50);
+    }
+    if (!wmReady()) {
+        skipReason = "openbox did not take the screen";
         return false;
     }
-    // The manager owns the screen once it has set its check window on the root.
-    for (int i = 0; i < 100 && !xprop({"-root", "_NET_SUPPORTING_WM_CHECK"}).contains("window id"); ++i)
-        QThread::msleep(50);
     trayHost = child(trayer, {"--edge", "bottom", "--align", "right", "--widthtype", "request", "--height", "24",
                               "--transparent", "false", "--tint", "0xd0d0d0", "--SetDockType", "true"});
     if (!trayHost) {
@@ -226,14 +240,26 @@ private slots:
             const QList<WId> order = stacking();
             return order.contains(owner->winId()) && order.indexOf(dialog->winId()) > order.indexOf(owner->winId());
         };
-        QTRY_VERIFY(above());
-        QCOMPARE(QProcess::execute("xdotool", {"mousemove", "--sync", QString::number(spot.x()),
-                                               QString::number(spot.y()), "click", "1"}),
+        // What the manager stacks, for the failure message.
+        const auto stack = [&] {
+            QStringList ids;
+            for (WId w : stacking())
+                ids << QString::number(w, 16);
+            return QStringLiteral("owner %1, dialog %2, stacking (bottom up) %3, manager %4")
+                .arg(owner->winId(), 0, 16)
+                .arg(dialog->winId(), 0, 16)
+                .arg(ids.join(QLatin1Char(' ')), wmReady() ? "up" : "gone");
+        };
+        QTRY_VERIFY2_WITH_TIMEOUT(above(), qPrintable(stack()), 20000);
+        // Away first: with the pointer already on the spot, --sync would wait for
+        // a move that never comes.
+        QCOMPARE(QProcess::execute("xdotool", {"mousemove", "--sync", "0", "0", "mousemove", "--sync",
+                                               QString::number(spot.x()), QString::number(spot.y()), "click", "1"}),
                  0);
         // The manager has handled the click once the pointer is there and a
         // round trip later; it would have raised the owner by then.
         QTest::qWait(600);
-        QVERIFY2(above(), "the owner came up over its dialog");
+        QVERIFY2(above(), qPrintable("the owner came up over its dialog: " + stack()));
 
         for (QWidget* d : opened)
             QUILL_PRESS(d->findChild<QPushButton*>("cmdCancel"));
@@ -325,7 +351,8 @@ int main(int argc, char** argv)
     for (auto* p : {trayHost.get(), windowManager.get(), xserver.get()}) {
         if (p) {
             p->terminate();
-            p->waitForFinished(5000);
+            if (!p->waitForFinished(2000))
+                p->kill();
         }
     }
     return rc;
