@@ -113,6 +113,18 @@ void TestJobStore::idsDeletesAndSignals()
     store->SrvInitAllJobs(); // the rebuild is one reset, not a row per job
     QCOMPARE(reset.size(), 1);
     QCOMPARE(list.rowCount(), 1);
+    // Another program deletes the last job: the next id is lower than one
+    // still listed, and lookups by id find it all the same.
+    QVERIFY(add(1, "d"));
+    store->SrvDeleteJob(1);
+    store->SrvInitAllJobs();
+    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbJob WHERE Id = 2"}));
+    QVERIFY(add(1, "e"));
+    QCOMPARE(list.rowAt(1).text, "1 e");
+    QCOMPARE(list.findJob(1), 1);
+    store->SrvDeleteJob(1);
+    QCOMPARE(list.findJob(1), -1);
+    QCOMPARE(list.count(), 1);
     QCOMPARE(home->logMessages(), QStringList());
 }
 
