@@ -434,12 +434,16 @@ private slots:
         QCOMPARE(s.port, QString::number(port_));
         QVERIFY(!s.silentMode && !s.autoStartService);
 
-        // A port that is no number changes nothing at all.
-        s.port = "12a";
+        // A port that is no number or out of range changes nothing at all.
         s.silentMode = true;
-        QCOMPARE(op_->saveSettings(s), Outcome::Invalid);
-        QCOMPARE(op_->invalidField(), Operator::Field::ServerPort);
+        for (const char* bad : {"12a", "", "0", "65536", "-1"}) {
+            s.port = bad;
+            QCOMPARE(op_->saveSettings(s), Outcome::Invalid);
+            QCOMPARE(op_->invalidField(), Operator::Field::ServerPort);
+            QCOMPARE(sink_.texts().last(), GetString(12143));
+        }
         QVERIFY(!SilentMode());
+        sink_.boxes.clear();
 
         // Switches: two to tbServer, four to the per-user store, at once.
         s.port = QString::number(port_);
