@@ -166,6 +166,7 @@ inline QString ScreenshotDir()
     return QDir(dir).absolutePath();
 }
 
+// A picture for a person to look at (build/screenshots/), not a check.
 inline bool Screenshot(QWidget* w, const QString& name)
 {
     return w->grab().save(ScreenshotDir() + QLatin1Char('/') + name + QStringLiteral(".png"));

@@ -53,7 +53,7 @@ private slots:
         QCOMPARE(box.findChild<QLabel*>("lblVersion")->text(),
                  QStringLiteral("Version " QUILL_VERSION ",  Kedra Version 1.00,  ") + tail);
         QVERIFY(!box.findChild<QPushButton*>("cmdOK")->text().startsWith('#'));
-        QVERIFY(quill::test::Screenshot(&box, "aboutbox-" + code.toLower()));
+        quill::test::Screenshot(&box, "aboutbox-" + code.toLower());
         QTest::mouseClick(box.findChild<QPushButton*>("cmdOK"), Qt::LeftButton);
         QVERIFY(!box.isVisible());
     }

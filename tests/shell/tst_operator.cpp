@@ -403,13 +403,19 @@ private slots:
         QCOMPARE(op_->cancelPrinter(), Outcome::Done);
     }
 
+    // A refresh checks every printer once; a full one configures the serial
+    // printer first (a session of its own before the check's).
     void refreshRunsAPass()
     {
+        const auto serialOpens = [&] { return inst_->ser.log().filter(QRegularExpression("^open")).size(); };
         for (const bool full : {false, true}) {
-            const int checks = inst_->net.log().count("open");
+            const qsizetype checks = inst_->net.log().count("open"), serial = serialOpens();
+            srv_->printers().SrvSetPrinterStatus(1, StatusError, "Papper slut");
             QCOMPARE(full ? op_->fullRefresh() : op_->refresh(), Outcome::Done);
-            QTRY_VERIFY_WITH_TIMEOUT(inst_->net.log().count("open") > checks, 10000);
             QTRY_COMPARE_WITH_TIMEOUT(slot(1).status, qint32(StatusReady), 10000);
+            QTRY_COMPARE_WITH_TIMEOUT(slot(2).status, qint32(StatusReady), 10000);
+            QVERIFY(inst_->net.log().count("open") > checks);
+            QTRY_COMPARE_WITH_TIMEOUT(serialOpens(), serial + (full ? 2 : 1), 10000);
         }
     }
 
