@@ -3,13 +3,17 @@
 // runs each command through the same code as its window and sends back the
 // outcome, the texts of its boxes and the data to show; this program only
 // parses the command line and prints.
+#include "label/label.h"
 #include "shell/controlprotocol.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QGuiApplication>
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -22,6 +26,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <functional>
 
 namespace control = quill::control;
@@ -109,6 +115,24 @@ const QList<Command>& commands()
         {"printer clear", control::command::PrinterClear, "ID", "Clear the memory of printer ID.", {}, 1, 1, true, true},
         {"printer calibrate", control::command::PrinterCalibrate, "ID", "Calibrate printer ID.", {}, 1, 1, true, true},
         {"settings", control::command::Settings, "", "Show the TCP port and the switches ('settings set' changes them).", {}},
+        {"preview", control::command::Preview, "ID -o FILE",
+         "Draw queued job ID as its printer would print it (its layout and fields) into a PNG file.",
+         {{"output", "FILE", "the PNG file to write (-o FILE)", "output", Option::Text}}, 1, 1},
+        {"move", control::command::Move, "ID... --to N | --from N --to N",
+         "Give queued jobs to printer N (registered, not passive); each keeps its place in the queue. "
+         "--from moves every queued job of a printer but the one being printed. One transaction.",
+         {{"to", "N", "the printer that gets the jobs", "to", Option::Number},
+          {"from", "N", "move every queued job of printer N", "from", Option::Number}},
+         0, -1},
+        {"cancel", control::command::Cancel, "ID",
+         "Cancel queued job ID while the print service runs (not one being printed); it goes into the history.", {}, 1,
+         1},
+        {"history", control::command::History, "[--limit N]",
+         "Jobs printed or cancelled, newest first (the history keeps the last 10,000, at most 30 days).",
+         {{"limit", "N", "show at most N entries (default 50)", "limit", Option::Number}}},
+        {"reprint", control::command::Reprint, "ID [--printer N]",
+         "Queue a copy of history entry ID as a new job, on its printer or printer N.",
+         {{"printer", "N", "print it on printer N instead", "printer", Option::Number}}, 1, 1},
         {"settings set", control::command::SettingsSet, "OPTIONS",
          "Change the port and switches. A running print service is stopped first, as the settings dialog does; "
          "start it again with 'start'.",
@@ -341,12 +365,28 @@ QString optionOf(const QString& field)
     return field;
 }
 
-QString reasonText(const QJsonObject& r, const QStringList& args)
+QString reasonText(const Command& c, const QJsonObject& r, const QStringList& args)
 {
     const QString name = r[QLatin1String("reason")].toString();
     using control::Reason;
     const Reason reason = control::reasonFromName(name);
-    const QString id = args.value(0);
+    // The printer a refusal is about: the command's argument, or the one jobs were to go to.
+    const QString id = r.contains(QLatin1String("targetPrinter")) && r[QLatin1String("targetPrinter")].toInt() > 0
+        ? QString::number(r[QLatin1String("targetPrinter")].toInt())
+        : args.value(0);
+    if (reason == Reason::UnknownJob && c.request != control::command::Delete)
+        return args.isEmpty() ? QStringLiteral("no job ids given")
+                              : QStringLiteral("no queued job with id %1").arg(args.join(QStringLiteral(", ")));
+    if (reason == Reason::JobPrinting)
+        return QStringLiteral("the job is being printed; it cannot be moved or cancelled now");
+    if (reason == Reason::PrinterPassive)
+        return QStringLiteral("printer %1 is passive; it takes no jobs").arg(id);
+    if (reason == Reason::NotInHistory)
+        return QStringLiteral("no history entry %1 (the history keeps the last 10,000 jobs of at most 30 days; "
+                              "see 'quillbase-ctl history')")
+            .arg(args.value(0));
+    if (reason == Reason::NoLayout)
+        return QStringLiteral("the job's layout %1 cannot be read").arg(r[QLatin1String("layoutFile")].toString());
     if (reason == Reason::Starting)
         return QStringLiteral("the server is still starting; try again in a moment");
     if (reason == Reason::Busy)
@@ -433,6 +473,38 @@ void printResult(const Command& c, const QJsonObject& r, const QStringList& args
             out << "Deleted job " << ids.join(", ") << ".\n";
         } else
             out << "Deleted every job.\n";
+    } else if (req == control::command::Preview) {
+        out << "Job " << r[QLatin1String("job")].toInt() << " (layout " << r[QLatin1String("layoutFile")].toString()
+            << "): " << r[QLatin1String("file")].toString() << ", " << r[QLatin1String("width")].toInt() << " x "
+            << r[QLatin1String("height")].toInt() << " dots.\n";
+    } else if (req == control::command::Move) {
+        const int moved = r[QLatin1String("moved")].toInt();
+        if (nothing)
+            out << "Nothing to move: the jobs are printer " << r[QLatin1String("targetPrinter")].toInt() << "'s already.\n";
+        else
+            out << "Moved " << moved << (moved == 1 ? " job" : " jobs") << " to printer "
+                << r[QLatin1String("targetPrinter")].toInt() << ".\n";
+    } else if (req == control::command::Cancel) {
+        out << "Cancelled job " << r[QLatin1String("id")].toInt() << ".\n";
+    } else if (req == control::command::Reprint) {
+        out << "Queued job " << r[QLatin1String("job")].toInt() << ", a reprint of history entry " << args.value(0)
+            << ".\n";
+    } else if (req == control::command::History) {
+        QList<QStringList> rows;
+        for (const QJsonValue& v : r[QLatin1String("history")].toArray()) {
+            const QJsonObject h = v.toObject();
+            const QDateTime at = QDateTime::fromString(h[QLatin1String("finished")].toString(), Qt::ISODate).toLocalTime();
+            rows << QStringList{QString::number(h[QLatin1String("id")].toInt()),
+                                QString::number(h[QLatin1String("job")].toInt()),
+                                QStringLiteral("%1 %2").arg(h[QLatin1String("printerId")].toInt())
+                                    .arg(h[QLatin1String("printer")].toString()).trimmed(),
+                                at.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")), h[QLatin1String("outcome")].toString(),
+                                h[QLatin1String("workstation")].toString(), h[QLatin1String("caption")].toString()};
+        }
+        if (rows.isEmpty())
+            out << "The history is empty.\n";
+        else
+            table({"ID", "JOB", "PRINTER", "FINISHED", "OUTCOME", "SENDER", "CAPTION"}, rows);
     } else if (req == control::command::Refresh) {
         out << "Status check started; 'quillbase-ctl status' shows the results.\n";
     } else if (req == control::command::PrinterRemove) {
@@ -445,7 +517,6 @@ void printResult(const Command& c, const QJsonObject& r, const QStringList& args
             out << "Done.\n";
         printPrinters({p});
     }
-    Q_UNUSED(args);
 }
 
 // ------------------------------------------------------------------ request
@@ -477,7 +548,7 @@ bool serverHoldsLock(const QString& home)
     return ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
 }
 
-int send(const QString& home, const Command& c, const QJsonObject& args, bool json, const QStringList& positional,
+int send(const QString& home, const Command& c, QJsonObject args, bool json, const QStringList& positional,
          int timeoutSeconds)
 {
     const QString path = QDir(home).filePath(QStringLiteral("quillbase.sock"));
@@ -512,11 +583,32 @@ int send(const QString& home, const Command& c, const QJsonObject& args, bool js
                            ? QStringLiteral("the server in %1 did not answer within %2 s").arg(folder).arg(limitMs / 1000)
                            : QStringLiteral("the server in %1 closed the connection without an answer").arg(folder));
     QJsonParseError parseError;
-    const QJsonObject reply = QJsonDocument::fromJson(socket.readLine(), &parseError).object();
+    QJsonObject reply = QJsonDocument::fromJson(socket.readLine(), &parseError).object();
     if (parseError.error != QJsonParseError::NoError)
         return failure(Refused, QStringLiteral("unreadable-answer"),
                        QStringLiteral("unreadable answer from the server: ") + parseError.errorString());
     const bool ok = reply[QLatin1String("ok")].toBool();
+    if (ok && c.request == control::command::Preview) {
+        // Drawn here by the label renderer the emulator prints with.
+        quill::LabelLayout layout;
+        QString why;
+        if (!quill::ParseLabelLayout(reply[QLatin1String("layout")].toString(), &layout, &why))
+            return failure(Refused, QStringLiteral("bad-layout"),
+                           QStringLiteral("layout %1: %2").arg(reply[QLatin1String("layoutFile")].toString(), why));
+        QMap<int, QString> variables;
+        const QJsonObject vars = reply[QLatin1String("variables")].toObject();
+        for (auto it = vars.begin(); it != vars.end(); ++it)
+            variables.insert(it.key().toInt(), it.value().toString());
+        const QString file = args[QLatin1String("output")].toString();
+        const QImage label = quill::RenderLabel(layout, variables);
+        if (!label.save(file, "PNG"))
+            return failure(Refused, QStringLiteral("cannot-write"), QStringLiteral("cannot write %1").arg(file));
+        reply[QLatin1String("file")] = QFileInfo(file).absoluteFilePath();
+        reply[QLatin1String("width")] = label.width();
+        reply[QLatin1String("height")] = label.height();
+        reply.remove(QLatin1String("layout"));
+        reply.remove(QLatin1String("variables"));
+    }
     if (json) {
         out << QJsonDocument(reply).toJson(QJsonDocument::Compact) << Qt::endl;
     } else {
@@ -527,7 +619,7 @@ int send(const QString& home, const Command& c, const QJsonObject& args, bool js
     }
     out.flush();
     if (!ok) {
-        err << "quillbase-ctl: " << reasonText(reply, positional) << Qt::endl;
+        err << "quillbase-ctl: " << reasonText(c, reply, positional) << Qt::endl;
         return control::reasonFromName(reply[QLatin1String("reason")].toString()) == control::Reason::BadRequest ? Usage
                                                                                                             : Refused;
     }
@@ -588,9 +680,13 @@ int run(const QStringList& arguments)
     parser.addOption({QStringLiteral("json"), QString()});
     parser.addOption({QStringLiteral("timeout"), QString(), QStringLiteral("S")});
     parser.addOption({{QStringLiteral("help"), QStringLiteral("h")}, QString()});
-    for (const Option& o : command->options)
-        parser.addOption(o.value ? QCommandLineOption(QLatin1String(o.name), QString(), QLatin1String(o.value))
-                                 : QCommandLineOption(QLatin1String(o.name), QString()));
+    for (const Option& o : command->options) {
+        QStringList names{QLatin1String(o.name)};
+        if (names[0] == QLatin1String("output"))
+            names.prepend(QStringLiteral("o"));
+        parser.addOption(o.value ? QCommandLineOption(names, QString(), QLatin1String(o.value))
+                                 : QCommandLineOption(names, QString()));
+    }
     if (!parser.parse(arguments))
         return usageError(parser.errorText(), command);
     if (parser.isSet(QStringLiteral("help"))) {
@@ -611,9 +707,24 @@ int run(const QStringList& arguments)
             return usageError(QStringLiteral("printer id '%1' is not a number").arg(positional[0]), command);
         args[QStringLiteral("id")] = id;
     }
-    if (command->request == QLatin1String("delete")) {
-        const bool all = parser.isSet(QStringLiteral("all"));
-        if (all == !positional.isEmpty())
+    const bool jobIds = command->request == control::command::Delete || command->request == control::command::Move;
+    if (command->request == control::command::Preview || command->request == control::command::Cancel
+        || command->request == control::command::Reprint) {
+        const int id = positional[0].toInt(&ok);
+        if (!ok)
+            return usageError(QStringLiteral("id '%1' is not a number").arg(positional[0]), command);
+        args[QStringLiteral("id")] = id;
+    }
+    if (command->request == control::command::Preview && !parser.isSet(QStringLiteral("output")))
+        return usageError(QStringLiteral("give the PNG file to write with -o FILE"), command);
+    if (command->request == control::command::Move) {
+        if (!parser.isSet(QStringLiteral("to")))
+            return usageError(QStringLiteral("give the printer that gets the jobs with --to N"), command);
+        if (parser.isSet(QStringLiteral("from")) == !positional.isEmpty())
+            return usageError(QStringLiteral("give job ids or --from N"), command);
+    }
+    if (jobIds) {
+        if (command->request == control::command::Delete && parser.isSet(QStringLiteral("all")) == !positional.isEmpty())
             return usageError(QStringLiteral("give job ids or --all"), command);
         QJsonArray ids;
         for (const QString& p : positional) {
@@ -669,7 +780,16 @@ int run(const QStringList& arguments)
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
+    // A preview is drawn here, which needs fonts: a GUI application without a display.
+    bool preview = false;
+    for (int i = 1; i < argc; ++i)
+        preview = preview || std::strcmp(argv[i], "preview") == 0;
+    if (preview && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    std::unique_ptr<QCoreApplication> owned = preview ? std::make_unique<QGuiApplication>(argc, argv)
+                                                      : std::make_unique<QCoreApplication>(argc, argv);
+    QCoreApplication& app = *owned;
+    Q_UNUSED(app);
     QCoreApplication::setApplicationName(QStringLiteral("quillbase-ctl"));
     return run(QCoreApplication::arguments());
 }

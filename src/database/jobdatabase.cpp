@@ -58,6 +58,12 @@ OpenResult JobDatabase::SrvJobOpenDB()
     if (auto failed = JobRepository(db_).check())
         return unreadable(QStringLiteral("SrvJobOpenDB"), *failed);
     jobsOpen_ = true;
+    // Without the history the queue still works: finished jobs are then only deleted.
+    historyOpen_ = false;
+    if (auto failed = HistoryRepository(db_).ensure())
+        logFailure("SrvJobHistoryOpenDB", *failed);
+    else
+        historyOpen_ = true;
     return {};
 }
 

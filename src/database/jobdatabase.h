@@ -94,6 +94,8 @@ public:
     PrinterRepository& printers() { return printers_; }
     // tbJob was found readable by SrvJobOpenDB (the job store reads and writes it).
     bool jobsOpen() const { return jobsOpen_; }
+    // tbJobHistory is there (made by SrvJobOpenDB where it was missing).
+    bool historyOpen() const { return historyOpen_; }
 
 private:
     OpenResult openServerDatabase(const DbTarget& target);
@@ -104,6 +106,7 @@ private:
     PrinterRepository printers_{db_};
     ServerSettingsRepository settings_{db_};
     bool jobsOpen_ = false;
+    bool historyOpen_ = false;
     std::optional<QSet<qint32>> templates_;
     int autoStartService_ = 0;
     int startMinimized_ = 0;

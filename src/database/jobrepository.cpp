@@ -148,6 +148,14 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
     });
 }
 
+std::optional<Error> JobRepository::move(const std::vector<std::pair<qint32, QString>>& idAndText, qint32 printerId)
+{
+    return Trap([&] {
+        for (const auto& [id, text] : idAndText)
+            db_.exec(QStringLiteral("UPDATE tbJob SET PrinterId = ?, Job = ? WHERE Id = ?"), {printerId, text, id});
+    });
+}
+
 DbResult<bool> JobRepository::exists(qint32 id)
 {
     DbResult<bool> r;
@@ -170,6 +178,88 @@ std::optional<Error> JobRepository::readAll(const std::function<void(qint32 id, 
                 row(NullToLong(q.value(0), -1), q.value(1).toString());
         });
     });
+}
+
+// ------------------------------------------------------------------ history
+
+namespace {
+// Sortable as text on both engines, so the age bound is a plain comparison.
+QString stamp(const QDateTime& t)
+{
+    return t.toUTC().toString(QStringLiteral("yyyy-MM-ddTHH:mm:ss.zzzZ"));
+}
+
+HistoryEntry readEntry(QSqlQuery& q)
+{
+    HistoryEntry e;
+    e.id = NullToLong(q.value(0), 0);
+    e.jobId = NullToLong(q.value(1), 0);
+    e.printerId = NullToLong(q.value(2), -1);
+    e.finished = QDateTime::fromString(q.value(3).toString(), Qt::ISODateWithMs);
+    e.outcome = q.value(4).toString();
+    e.text = q.value(5).toString();
+    return e;
+}
+
+const QString EntryColumns = QStringLiteral("Id, JobId, PrinterId, Finished, Outcome, Job");
+} // namespace
+
+std::optional<Error> HistoryRepository::ensure()
+{
+    // There already (every start but the first): nothing to make, and nothing
+    // for PostgreSQL to remark on.
+    if (!Trap([&] { db_.run(QStringLiteral("SELECT Id FROM tbJobHistory LIMIT 0"), {}, {}); }))
+        return std::nullopt;
+    return Trap([&] {
+        db_.exec(QStringLiteral("CREATE TABLE IF NOT EXISTS tbJobHistory (Id INTEGER PRIMARY KEY, JobId INTEGER, "
+                                "PrinterId INTEGER, Finished TEXT, Outcome TEXT, Job TEXT)"));
+        db_.exec(QStringLiteral("CREATE INDEX IF NOT EXISTS ixJobHistoryFinished ON tbJobHistory (Finished)"));
+    });
+}
+
+std::optional<Error> HistoryRepository::add(const HistoryEntry& e)
+{
+    return Trap([&] {
+        db_.exec(QStringLiteral("INSERT INTO tbJobHistory (Id, JobId, PrinterId, Finished, Outcome, Job) "
+                                "SELECT COALESCE(MAX(Id), 0) + 1, CAST(? AS integer), CAST(? AS integer), ?, ?, ? "
+                                "FROM tbJobHistory"),
+                 {e.jobId, e.printerId, stamp(e.finished), e.outcome, e.text});
+    });
+}
+
+std::optional<Error> HistoryRepository::prune(int maxRows, const QDateTime& oldest)
+{
+    return Trap([&] {
+        db_.exec(QStringLiteral("DELETE FROM tbJobHistory WHERE Id <= (SELECT MAX(Id) FROM tbJobHistory) - ?"),
+                 {qMax(0, maxRows)});
+        db_.exec(QStringLiteral("DELETE FROM tbJobHistory WHERE Finished < ?"), {stamp(oldest)});
+    });
+}
+
+DbResult<std::vector<HistoryEntry>> HistoryRepository::newest(int limit)
+{
+    DbResult<std::vector<HistoryEntry>> r;
+    r.error = Trap([&] {
+        db_.run(QStringLiteral("SELECT ") + EntryColumns + QStringLiteral(" FROM tbJobHistory ORDER BY Id DESC LIMIT ?"),
+                {qMax(0, limit)}, [&](QSqlQuery& q) {
+                    while (q.next())
+                        r.value.push_back(readEntry(q));
+                });
+    });
+    return r;
+}
+
+DbResult<HistoryEntry> HistoryRepository::entry(qint32 id)
+{
+    DbResult<HistoryEntry> r;
+    r.error = Trap([&] {
+        db_.run(QStringLiteral("SELECT ") + EntryColumns + QStringLiteral(" FROM tbJobHistory WHERE Id = ?"), {id},
+                [&](QSqlQuery& q) {
+                    if (q.next())
+                        r.value = readEntry(q);
+                });
+    });
+    return r;
 }
 
 } // namespace quill

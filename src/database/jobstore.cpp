@@ -53,6 +53,10 @@ QByteArrayView QueuedJob::fieldBytes(int n) const
     return QByteArrayView(text.constData() + from, end - from);
 }
 
+namespace {
+QByteArray compactUtf8(const QString& text);
+}
+
 // ---------------------------------------------------------------- JobListModel
 
 namespace {
@@ -382,6 +386,18 @@ void JobListModel::clear()
         endResetModel();
 }
 
+void JobListModel::retarget(int row, qint32 printerId, const QString& text)
+{
+    QueuedJob& j = rows_.at(size_t(row));
+    j.printerId = printerId;
+    j.text = compactUtf8(text);
+    // The printer's scan hint may lie past this row now.
+    scanFrom_.erase(printerId);
+    shownSeq_ = ~quint64(0);
+    if (rowCount() > 0)
+        emit dataChanged(index(0, 0), index(rowCount() - 1, ColumnCount - 1));
+}
+
 void JobListModel::beginBulk()
 {
     if (bulk_)
@@ -458,6 +474,7 @@ JobWriter& JobStore::writer()
             if (!drainPosted_.exchange(true))
                 QMetaObject::invokeMethod(&list_, [this] { drain(); }, Qt::QueuedConnection);
         });
+        writer_->setHistoryLimits(historyRows_, historyDays_);
     }
     return *writer_;
 }
@@ -487,7 +504,11 @@ std::vector<JobWriter::Outcome> JobStore::drain()
         } else if (!o.ok()) {
             failed.push_back(o.ticket);
             for (qint32 id : o.ids)
-                logDeleteFailed(id, o.error->text());
+                if (o.move)
+                    LogWrite(QStringLiteral("SrvMoveJob failed. JId = ") + QString::number(id)
+                             + QStringLiteral(" Error: ") + o.error->text());
+                else
+                    logDeleteFailed(id, o.error->text());
         }
     }
     if (onCommitted)
@@ -556,8 +577,16 @@ std::optional<quint64> JobStore::submitJob(const PrintJob& job)
 
 bool JobStore::SrvAddJob(const PrintJob& job)
 {
+    return addJob(job) > 0;
+}
+
+qint32 JobStore::addJob(const PrintJob& job)
+{
     const std::optional<quint64> ticket = submitJob(job);
-    return ticket && await(*ticket).ok();
+    if (!ticket)
+        return 0;
+    const JobWriter::Outcome o = await(*ticket);
+    return o.ok() ? o.job.id : 0;
 }
 
 void JobStore::SrvInitAllJobs()
@@ -608,14 +637,86 @@ void JobStore::SrvRemoveJobRow(qint32 id)
 
 void JobStore::SrvDeleteJob(qint32 id)
 {
+    const int row = list_.findJob(id);
     if (!tableOpen())
         logDeleteFailed(id, notOpen().text());
-    else
+    else if (row < 0 || !jdb_.historyOpen())
         lastTicket_ = writer().submitDelete({id});
+    else {
+        const QueuedJob& j = list_.jobAt(row);
+        lastTicket_ = writer().submitFinished({id, j.printerId, QString::fromUtf8(j.text), HistoryPrinted});
+    }
     // Printed jobs leave the views in groups, as new ones arrive.
-    const int row = list_.findJob(id);
     if (row >= 0)
         list_.removeRowAt(row, JobListModel::Soon);
+}
+
+bool JobStore::cancelJob(qint32 id)
+{
+    const int row = list_.findJob(id);
+    if (row < 0)
+        return true;
+    if (!tableOpen()) {
+        logDeleteFailed(id, notOpen().text());
+        return false;
+    }
+    const QueuedJob& j = list_.jobAt(row);
+    const quint64 ticket = jdb_.historyOpen()
+        ? writer().submitFinished({id, j.printerId, QString::fromUtf8(j.text), HistoryCancelled})
+        : writer().submitDelete({id});
+    if (!await(lastTicket_ = ticket).ok())
+        return false;
+    SrvRemoveJobRow(id);
+    return true;
+}
+
+bool JobStore::moveJobs(const std::vector<qint32>& ids, qint32 printerId)
+{
+    sync();
+    std::vector<std::pair<int, QString>> rows;
+    std::vector<std::pair<qint32, QString>> jobs;
+    for (qint32 id : ids) {
+        const int row = list_.findJob(id);
+        if (row < 0)
+            continue;
+        const QString text = JobFields(QString::fromUtf8(list_.jobAt(row).text)).withField(4, QString::number(printerId));
+        rows.emplace_back(row, text);
+        jobs.emplace_back(id, text);
+    }
+    if (jobs.empty())
+        return true;
+    if (!tableOpen()) {
+        for (const auto& j : jobs)
+            LogWrite(QStringLiteral("SrvMoveJob failed. JId = ") + QString::number(j.first) + QStringLiteral(" Error: ")
+                     + notOpen().text());
+        return false;
+    }
+    // A failure is logged per job as the outcome is taken.
+    if (!await(lastTicket_ = writer().submitMove(std::move(jobs), printerId)).ok())
+        return false;
+    for (const auto& [row, text] : rows)
+        list_.retarget(row, printerId, text);
+    return true;
+}
+
+void JobStore::setHistoryLimits(int maxRows, int maxDays)
+{
+    historyRows_ = qMax(0, maxRows);
+    historyDays_ = qMax(0, maxDays);
+    if (writer_)
+        writer_->setHistoryLimits(historyRows_, historyDays_);
+}
+
+DbResult<std::vector<HistoryEntry>> JobStore::history(int limit)
+{
+    sync();
+    return HistoryRepository(jdb_.database()).newest(limit);
+}
+
+DbResult<HistoryEntry> JobStore::historyEntry(qint32 id)
+{
+    sync();
+    return HistoryRepository(jdb_.database()).entry(id);
 }
 
 int JobStore::deleteJobsWhere(const JobMatch& match)

@@ -138,6 +138,9 @@ public:
     // Removes these rows (ascending) in one pass: a few runs of adjacent rows as
     // row removals, scattered rows as one reset.
     void removeRowsAt(const std::vector<int>& rows);
+    // The job in this row now belongs to the printer, with the text that says
+    // so; it keeps its place in the queue.
+    void retarget(int row, qint32 printerId, const QString& text);
     void clear();
 
     // Many appends as one model reset (start-up rebuild).
@@ -206,13 +209,33 @@ public:
     bool SrvAddJob(const PrintJob& job);
     // Clears the list and fills it from tbJob in Id order.
     void SrvInitAllJobs();
+    // Stores the job and appends its row; the id it got, or 0 when it was not
+    // stored (logged as SrvAddJob logs it).
+    qint32 addJob(const PrintJob& job);
     // Deletes the job row of tbJob (nothing when absent) and waits for it.
     // Traps its errors; false when a row may still be there.
     bool SrvDBDeleteJob(qint32 id);
     // Removes the job's entry from the list (nothing when absent).
     void SrvRemoveJobRow(qint32 id);
-    // A printed job: its row leaves the list now, tbJob's row with the next commit.
+    // A printed job: its row leaves the list now, tbJob's row with the next
+    // commit, which also enters it in the history.
     void SrvDeleteJob(qint32 id);
+    // A queued job the operator cancels: out of tbJob and into the history in
+    // one transaction (waited for), then out of the list. False when the
+    // commit failed (logged); the job is still queued then.
+    bool cancelJob(qint32 id);
+    // Gives these queued jobs to the printer in one transaction (waited for):
+    // field 4 of each text names it, and each keeps its place in the queue.
+    // False when the commit failed (logged); nothing moved then.
+    bool moveJobs(const std::vector<qint32>& ids, qint32 printerId);
+    // The history's bounds: the newest maxRows entries, none older than maxDays.
+    void setHistoryLimits(int maxRows, int maxDays);
+    int historyRows() const { return historyRows_; }
+    int historyDays() const { return historyDays_; }
+    // The newest history entries first (the writes handed over before included).
+    DbResult<std::vector<HistoryEntry>> history(int limit);
+    // One history entry; id 0 when there is none.
+    DbResult<HistoryEntry> historyEntry(qint32 id);
     // Deletes every job that matches (jobs handed over before included), from
     // tbJob in one statement and one transaction, and from the list in one
     // pass. When that fails, nothing is deleted, each job is logged as
@@ -241,6 +264,8 @@ private:
     JobListModel list_;
     std::atomic<bool> drainPosted_{false};
     quint64 lastTicket_ = 0;
+    int historyRows_ = 10000;
+    int historyDays_ = 30;
     std::unique_ptr<JobWriter> writer_;
 };
 

@@ -2,9 +2,27 @@
 #include "database/jobrepository.h"
 #include "database/sqlite.h"
 
+#include <QDateTime>
+
 #include <algorithm>
 
 namespace quill {
+
+namespace {
+// Runs f as one step inside the batch's transaction: all of it or nothing,
+// whichever engine, and the transaction goes on after a failure.
+std::optional<Error> atomically(Database& db, const std::function<std::optional<Error>()>& f)
+{
+    if (auto failed = Trap([&] { db.exec(QStringLiteral("SAVEPOINT step")); }))
+        return failed;
+    std::optional<Error> failed = f();
+    if (failed)
+        Trap([&] { db.exec(QStringLiteral("ROLLBACK TO step")); });
+    if (auto released = Trap([&] { db.exec(QStringLiteral("RELEASE step")); }); released && !failed)
+        failed = released;
+    return failed;
+}
+} // namespace
 
 JobWriter::JobWriter(const DbTarget& target, std::function<void()> ready)
     : target_(target), ready_(std::move(ready))
@@ -34,9 +52,47 @@ quint64 JobWriter::submit(Op op)
     return ticket;
 }
 
-quint64 JobWriter::submitInsert(const PrintJob& job) { return submit(Op{0, true, job, {}}); }
+quint64 JobWriter::submitInsert(const PrintJob& job)
+{
+    Op op;
+    op.kind = Kind::Insert;
+    op.job = job;
+    return submit(std::move(op));
+}
 
-quint64 JobWriter::submitDelete(std::vector<qint32> ids) { return submit(Op{0, false, {}, std::move(ids)}); }
+quint64 JobWriter::submitDelete(std::vector<qint32> ids)
+{
+    Op op;
+    op.ids = std::move(ids);
+    return submit(std::move(op));
+}
+
+quint64 JobWriter::submitFinished(Finished job)
+{
+    Op op;
+    op.kind = Kind::Finish;
+    op.ids = {job.id};
+    op.finished = std::move(job);
+    return submit(std::move(op));
+}
+
+quint64 JobWriter::submitMove(std::vector<std::pair<qint32, QString>> jobs, qint32 printerId)
+{
+    Op op;
+    op.kind = Kind::Move;
+    for (const auto& j : jobs)
+        op.ids.push_back(j.first);
+    op.moves = std::move(jobs);
+    op.printerId = printerId;
+    return submit(std::move(op));
+}
+
+void JobWriter::setHistoryLimits(int maxRows, int maxDays)
+{
+    std::lock_guard lock(m_);
+    historyRows_ = maxRows;
+    historyDays_ = maxDays;
+}
 
 void JobWriter::waitFor(quint64 ticket)
 {
@@ -62,14 +118,18 @@ void JobWriter::run()
     std::optional<Error> openError;
     bool reopen = true;
     JobRepository repo(db);
+    HistoryRepository history(db);
     for (;;) {
         std::deque<Op> batch;
+        int rows = 0, days = 0;
         {
             std::unique_lock lock(m_);
             wake_.wait(lock, [&] { return stop_ || !queue_.empty(); });
             if (queue_.empty())
                 break; // stopping, and everything submitted is written
             batch.swap(queue_);
+            rows = historyRows_;
+            days = historyDays_;
         }
         // A file found read-only (or not opened), or a lost connection, is opened
         // again, so storing resumes once it can be written.
@@ -97,7 +157,7 @@ void JobWriter::run()
         // transaction of its own, and so no BEGIN and COMMIT to wait for.
         const bool runs = target_.postgres();
         const bool oneStatement =
-            runs && std::all_of(batch.begin(), batch.end(), [](const Op& op) { return op.insert; });
+            runs && std::all_of(batch.begin(), batch.end(), [](const Op& op) { return op.insert(); });
         if (!refusal && !oneStatement) {
             try {
                 db.begin();
@@ -107,12 +167,13 @@ void JobWriter::run()
         }
         std::vector<Outcome> out;
         out.reserve(batch.size());
+        bool addedHistory = false;
         for (size_t i = 0; i < batch.size(); ++i) {
             Op& op = batch[i];
-            if (runs && op.insert) {
+            if (runs && op.insert()) {
                 size_t end = i;
                 std::vector<std::pair<qint32, QString>> jobs;
-                while (end < batch.size() && batch[end].insert) {
+                while (end < batch.size() && batch[end].insert()) {
                     jobs.emplace_back(batch[end].job.printerId, batch[end].job.text);
                     ++end;
                 }
@@ -143,8 +204,8 @@ void JobWriter::run()
             }
             Outcome o;
             o.ticket = op.ticket;
-            o.insert = op.insert;
-            if (op.insert) {
+            o.insert = op.insert();
+            if (op.insert()) {
                 o.job = std::move(op.job);
                 o.job.id = 0;
                 const DbResult<qint32> next = openError ? DbResult<qint32>{0, openError} : repo.nextId();
@@ -161,16 +222,38 @@ void JobWriter::run()
                     }
                 }
             } else {
+                o.move = op.kind == Kind::Move;
                 o.ids = std::move(op.ids);
-                if (refusal)
-                    o.error = refusal;
-                else if (auto failed = repo.remove(o.ids)) {
+                std::optional<Error> failed = refusal;
+                if (!failed && op.kind == Kind::Move)
+                    failed = atomically(db, [&] { return repo.move(op.moves, op.printerId); });
+                else if (!failed && op.kind == Kind::Finish) {
+                    HistoryEntry e;
+                    e.jobId = op.finished.id;
+                    e.printerId = op.finished.printerId;
+                    e.finished = QDateTime::currentDateTimeUtc();
+                    e.outcome = op.finished.outcome;
+                    e.text = op.finished.text;
+                    failed = atomically(db, [&] {
+                        if (auto removed = repo.remove(o.ids))
+                            return removed;
+                        return history.add(e);
+                    });
+                    addedHistory = addedHistory || !failed;
+                } else if (!failed)
+                    failed = repo.remove(o.ids);
+                if (failed) {
                     o.error = failed;
-                    note(*failed);
+                    if (!refusal)
+                        note(*failed);
                 }
             }
             out.push_back(std::move(o));
         }
+        // The history keeps its bounds as it grows; a prune that fails is
+        // tried again with the next batch and fails none of this one's writes.
+        if (addedHistory && !refusal)
+            atomically(db, [&] { return history.prune(rows, QDateTime::currentDateTimeUtc().addDays(-days)); });
         if (db.inTransaction() && refusal && db.failureEndsTransaction()) {
             // The engine has ended the transaction at the failure: what came before it is gone too.
             db.rollback();

@@ -30,10 +30,20 @@ public:
     struct Outcome {
         quint64 ticket = 0;
         bool insert = false;
+        bool move = false;
         PrintJob job;             // an insert's job, with the id it got (0 when none)
-        std::vector<qint32> ids;  // a deletion's ids
+        std::vector<qint32> ids;  // a deletion's or a move's ids
         std::optional<Error> error;
         bool ok() const { return !error; }
+    };
+
+    // A job that leaves the queue and goes into the history (printed or
+    // cancelled): its id, printer and text, and how it ended.
+    struct Finished {
+        qint32 id = 0;
+        qint32 printerId = -1;
+        QString text;
+        QString outcome;
     };
 
     // The thread opens its own connection to the database. `ready` is called on
@@ -47,6 +57,12 @@ public:
 
     quint64 submitInsert(const PrintJob& job);
     quint64 submitDelete(std::vector<qint32> ids);
+    // Deletes the job and adds its history entry in the same transaction.
+    quint64 submitFinished(Finished job);
+    // Gives each job (id, text with the new printer) to the printer.
+    quint64 submitMove(std::vector<std::pair<qint32, QString>> jobs, qint32 printerId);
+    // The history's bounds, applied after each batch that added to it.
+    void setHistoryLimits(int maxRows, int maxDays);
     // Blocks until the write of this ticket is over.
     void waitFor(quint64 ticket);
     // Outcomes not taken yet, oldest first.
@@ -55,11 +71,16 @@ public:
     quint64 transactions() const;
 
 private:
+    enum class Kind { Insert, Delete, Finish, Move };
     struct Op {
-        quint64 ticket;
-        bool insert;
+        quint64 ticket = 0;
+        Kind kind = Kind::Delete;
         PrintJob job;
         std::vector<qint32> ids;
+        Finished finished;
+        std::vector<std::pair<qint32, QString>> moves;
+        qint32 printerId = -1;
+        bool insert() const { return kind == Kind::Insert; }
     };
     quint64 submit(Op op);
     void run();
@@ -75,6 +96,8 @@ private:
     quint64 doneThrough_ = 0;
     quint64 transactions_ = 0;
     bool stop_ = false;
+    int historyRows_ = 10000;
+    int historyDays_ = 30;
     std::thread thread_;
 };
 

@@ -49,6 +49,14 @@ QString JobFields::field(int n) const
     return span(n, &start, &end) ? text_.mid(start, end - start) : QString();
 }
 
+QString JobFields::withField(int n, const QString& value) const
+{
+    qsizetype start = 0, end = 0;
+    if (!span(n, &start, &end))
+        return text_;
+    return text_.left(start) + value + text_.mid(end);
+}
+
 qint32 JobFields::number(int n, qint32 def) const
 {
     qsizetype start = 0, end = 0;

@@ -35,6 +35,10 @@ public:
     QString user() const { return field(11); }
     QString caption() const { return field(12); }
 
+    // The text with field n replaced by value (the text as given when it has
+    // no field n).
+    QString withField(int n, const QString& value) const;
+
 private:
     static constexpr int NoOverflow = std::numeric_limits<int>::max();
     // Field n's place in text_; false when the text has no such field.

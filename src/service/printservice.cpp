@@ -11,6 +11,7 @@
 #include "database/slots.h"
 #include "foundation/texts.h"
 
+#include <algorithm>
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -127,8 +128,26 @@ Checked<Failure> PrintService::MainCreateQuillmotors()
     }
 }
 
+qint32 PrintService::jobInProgress(qint32 n) const
+{
+    // A printer a status check has answered for since is no longer printing it.
+    if (n < 1 || n > 5 || !slots_.SrvPrinterExists(n) || slots_.at(n).status != StatusWorking)
+        return 0;
+    return printing_[size_t(n)];
+}
+
+bool PrintService::printing(qint32 jobId) const
+{
+    for (qint32 n = 1; n <= 5; ++n)
+        if (jobId > 0 && jobInProgress(n) == jobId)
+            return true;
+    return false;
+}
+
 void PrintService::releaseDrivers()
 {
+    // A run still under way is dropped with its driver.
+    printing_.fill(0);
     for (MP104C*& d : drivers_) {
         if (!d)
             continue;
@@ -269,6 +288,7 @@ void PrintService::jobTimerTick(int k)
                 setStatus(p, StatusWorking, GetString(12077));
                 MainSetQuillmotorConnection(obj, slots_.at(p));
                 if (obj->MPPrintJob(*job, needsLayout(obj, *job))) {
+                    printing_[size_t(p)] = job->id;
                     emit jobStarted(p, job->id);
                     return; // the timer waits for the end of the run
                 }
@@ -384,6 +404,8 @@ void PrintService::MainUpdatePrinterStatusAfterMPCheck(int n, const DriverResult
 void PrintService::MainUpdatePrinterStatusAfterMPPrintJob(int n, qint32 printerId, const PrintJob& job,
                                                          const DriverResult& result)
 {
+    if (n >= 1 && n <= 5)
+        printing_[size_t(n)] = 0;
     try {
         if (result.ok) {
             store_.SrvDeleteJob(job.id);

@@ -113,6 +113,11 @@ public:
     // One job-timer tick for slot k + 1.
     void jobTimerTick(int k);
 
+    // The job a driver is printing now on printer n (which shows Working), 0 when none.
+    qint32 jobInProgress(qint32 n) const;
+    // Is this job being printed on any printer?
+    bool printing(qint32 jobId) const;
+
 signals:
     void serviceStateChanged(bool running);
     // Every status change of a slot, whoever made it.
@@ -137,6 +142,7 @@ private:
     PrinterLinks links_;
 
     std::array<MP104C*, 6> drivers_{};
+    std::array<qint32, 6> printing_{};
     DriverFactory factory_;
     int retryWindowMs_ = 5000;
 

@@ -4,6 +4,7 @@
 #include "database/slots.h"
 #include "foundation/descriptors.h"
 #include "foundation/eventlog.h"
+#include "foundation/jobfields.h"
 #include "shell/messages.h"
 #include "foundation/paths.h"
 #include "foundation/texts.h"
@@ -20,11 +21,13 @@
 #include <QLocalSocket>
 #include <QMetaEnum>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSocketNotifier>
 #include <QTimer>
 
 #include <cerrno>
 #include <cstring>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -344,6 +347,16 @@ bool ControlServer::run(QLocalSocket* client, const QJsonObject& request, Reply&
         return true;
     }
     auto sink = std::make_unique<CommandSink>();
+    // The event log names who asked: the user at the other end of the socket.
+    QString who = QStringLiteral("control socket");
+    ucred cred = {};
+    socklen_t credLen = sizeof cred;
+    if (::getsockopt(int(client->socketDescriptor()), SOL_SOCKET, SO_PEERCRED, &cred, &credLen) == 0) {
+        const passwd* pw = ::getpwuid(cred.uid);
+        who += QStringLiteral(" user ") + (pw ? QString::fromLocal8Bit(pw->pw_name) : QString::number(cred.uid));
+    }
+    commands_.setRequester(who);
+    const auto restore = qScopeGuard([this] { commands_.setRequester(QStringLiteral("window")); });
     bool answered = true;
     if (command == control::command::Status)
         reply = status();
@@ -372,6 +385,16 @@ bool ControlServer::run(QLocalSocket* client, const QJsonObject& request, Reply&
         reply = settings();
     else if (command == control::command::SettingsSet)
         reply = setSettings(args);
+    else if (command == control::command::Preview)
+        reply = preview(args);
+    else if (command == control::command::Move)
+        reply = move(args);
+    else if (command == control::command::Cancel)
+        reply = cancel(args);
+    else if (command == control::command::History)
+        reply = history(args);
+    else if (command == control::command::Reprint)
+        reply = reprint(args);
     else
         reply = outcomeReply(Outcome::Refused, control::Reason::BadRequest);
     if (!answered) {
@@ -789,6 +812,90 @@ ControlServer::Reply ControlServer::setSettings(const QJsonObject& args)
     r.data[QStringLiteral("portChange")] = enumKey(change);
     r.data[QStringLiteral("settings")] = settingsJson(commands_.serverSettings());
     r.data[QStringLiteral("serviceRunning")] = commands_.serviceRunning();
+    return r;
+}
+
+// ------------------------------------------------------------------ queue tools
+
+ControlServer::Reply ControlServer::preview(const QJsonObject& args)
+{
+    Operator::JobPreview p;
+    Reply r = outcomeReply(commands_.previewJob(argId(args), &p));
+    if (p.jobId == 0)
+        return r;
+    QJsonObject vars;
+    for (const auto& [n, value] : p.variables)
+        vars[QString::number(n)] = value;
+    r.data[QStringLiteral("job")] = p.jobId;
+    r.data[QStringLiteral("printerId")] = p.printerId;
+    r.data[QStringLiteral("template")] = p.templateId;
+    r.data[QStringLiteral("caption")] = p.caption;
+    r.data[QStringLiteral("layoutFile")] = p.layoutFile;
+    if (r.ok) {
+        r.data[QStringLiteral("layout")] = p.layoutText;
+        r.data[QStringLiteral("variables")] = vars;
+    }
+    return r;
+}
+
+ControlServer::Reply ControlServer::move(const QJsonObject& args)
+{
+    const qint32 to = args.value(QStringLiteral("to")).toInt(-1);
+    int moved = 0;
+    Operator::Result o;
+    if (args.contains(QStringLiteral("from"))) {
+        o = commands_.movePrinterJobs(args.value(QStringLiteral("from")).toInt(-1), to, &moved);
+    } else {
+        QList<qint32> ids;
+        for (const QJsonValue& v : args.value(QStringLiteral("ids")).toArray())
+            ids << v.toInt(-1);
+        o = commands_.moveJobs(ids, to, &moved);
+    }
+    Reply r = outcomeReply(o);
+    r.data[QStringLiteral("moved")] = moved;
+    r.data[QStringLiteral("targetPrinter")] = to;
+    return r;
+}
+
+ControlServer::Reply ControlServer::cancel(const QJsonObject& args)
+{
+    Reply r = outcomeReply(commands_.cancelJob(argId(args)));
+    r.data[QStringLiteral("id")] = argId(args);
+    return r;
+}
+
+ControlServer::Reply ControlServer::history(const QJsonObject& args)
+{
+    std::vector<HistoryEntry> entries;
+    Reply r = outcomeReply(commands_.history(args.value(QStringLiteral("limit")).toInt(50), &entries));
+    QJsonArray rows;
+    for (const HistoryEntry& e : entries) {
+        const JobFields f(e.text);
+        rows.append(QJsonObject{
+            {QStringLiteral("id"), e.id},
+            {QStringLiteral("job"), e.jobId},
+            {QStringLiteral("printerId"), e.printerId},
+            {QStringLiteral("printer"), server_.printers().SrvPrinterExists(e.printerId)
+                                            ? server_.printers().at(e.printerId).name.trimmed()
+                                            : QString()},
+            {QStringLiteral("finished"), e.finished.toString(Qt::ISODate)},
+            {QStringLiteral("outcome"), e.outcome},
+            {QStringLiteral("workstation"), f.workstation()},
+            {QStringLiteral("caption"), f.caption()},
+        });
+    }
+    r.data[QStringLiteral("history")] = rows;
+    return r;
+}
+
+ControlServer::Reply ControlServer::reprint(const QJsonObject& args)
+{
+    qint32 job = 0;
+    const qint32 printer = args.value(QStringLiteral("printer")).toInt(0);
+    Reply r = outcomeReply(commands_.reprint(argId(args), printer, &job));
+    if (job > 0)
+        r.data[QStringLiteral("job")] = job;
+    r.data[QStringLiteral("targetPrinter")] = printer;
     return r;
 }
 

@@ -64,6 +64,11 @@ private:
     void deviceOperationFinished(int outcome);
     Reply settings();
     Reply setSettings(const QJsonObject& args);
+    Reply preview(const QJsonObject& args);
+    Reply move(const QJsonObject& args);
+    Reply cancel(const QJsonObject& args);
+    Reply history(const QJsonObject& args);
+    Reply reprint(const QJsonObject& args);
 
     QJsonObject printerJson(qint32 id) const;
 

@@ -26,6 +26,11 @@ inline const QString PrinterClear = QStringLiteral("printer-clear");
 inline const QString PrinterCalibrate = QStringLiteral("printer-calibrate");
 inline const QString Settings = QStringLiteral("settings");
 inline const QString SettingsSet = QStringLiteral("settings-set");
+inline const QString Preview = QStringLiteral("preview");
+inline const QString Move = QStringLiteral("move");
+inline const QString Cancel = QStringLiteral("cancel");
+inline const QString History = QStringLiteral("history");
+inline const QString Reprint = QStringLiteral("reprint");
 } // namespace command
 
 // Why a command was not done. The operator's commands return it with their
@@ -49,7 +54,11 @@ enum class Reason {
     Failed,          // it ran and failed (the event log says why)
     Declined,        // a question was answered No
     Refused,         // the server's rules do not allow it now
-    BadRequest,      // the server did not understand the request
+    JobPrinting,     // the job is being printed
+    PrinterPassive,  // the printer is registered as passive
+    NotInHistory,    // no history entry with that id
+    NoLayout,        // the job's layout file cannot be read
+    BadRequest,      // the server did not understand the request (keep last)
 };
 
 inline QString reasonName(Reason r)
@@ -73,6 +82,10 @@ inline QString reasonName(Reason r)
     case Reason::Failed: return QStringLiteral("failed");
     case Reason::Declined: return QStringLiteral("declined");
     case Reason::Refused: return QStringLiteral("refused");
+    case Reason::JobPrinting: return QStringLiteral("job-printing");
+    case Reason::PrinterPassive: return QStringLiteral("printer-passive");
+    case Reason::NotInHistory: return QStringLiteral("not-in-history");
+    case Reason::NoLayout: return QStringLiteral("no-layout");
     case Reason::BadRequest: return QStringLiteral("bad-request");
     }
     return QStringLiteral("refused");

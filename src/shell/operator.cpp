@@ -3,7 +3,10 @@
 #include "database/jobstore.h"
 #include "database/lists.h"
 #include "database/slots.h"
+#include "foundation/cp1252.h"
 #include "foundation/eventlog.h"
+#include "foundation/jobfields.h"
+#include "foundation/paths.h"
 #include "shell/messages.h"
 #include "foundation/settings.h"
 #include "foundation/strutil.h"
@@ -13,8 +16,10 @@
 #include "protocol/listener.h"
 #include "protocol/requesthandler.h"
 #include "service/printservice.h"
+#include "service/quillmotor.h"
 #include "shell/server.h"
 
+#include <QFile>
 #include <QPointer>
 #include <QThread>
 #include <QTimer>
@@ -294,6 +299,207 @@ Operator::Result Operator::deleteAllJobs()
     Busy busy(*this);
     // One transaction and one pass over the list, however long the queue.
     jobs.deleteJobsWhere([](const QueuedJob&) { return true; });
+    return Outcome::Done;
+}
+
+// ------------------------------------------------------------------ queue tools
+
+namespace {
+constexpr size_t LongMove = 1000;
+} // namespace
+
+control::Reason Operator::unusableTarget(qint32 printerId) const
+{
+    if (const control::Reason missing = printerMissing(printerId); missing != control::Reason::None)
+        return missing;
+    if (server_.printers().SrvPrinterIsPassive(printerId))
+        return control::Reason::PrinterPassive;
+    return control::Reason::None;
+}
+
+bool Operator::jobPrinting(qint32 jobId) const
+{
+    return server_.printService().printing(jobId);
+}
+
+Operator::Result Operator::failed()
+{
+    MsgBoxUnlessSilent(GetString(12176), BoxIcon::Exclamation);
+    return Outcome::Failed;
+}
+
+void Operator::logAction(const QString& what) const
+{
+    LogWrite(what + QStringLiteral(" Asked by ") + requester_ + QLatin1Char('.'));
+}
+
+Operator::Result Operator::previewJob(qint32 jobId, JobPreview* preview)
+{
+    const JobListModel& list = server_.jobs().jobList();
+    const int row = list.findJob(jobId);
+    if (row < 0)
+        return {Outcome::Invalid, control::Reason::UnknownJob};
+    const QueuedJob& job = list.jobAt(row);
+    JobPreview p;
+    p.jobId = jobId;
+    p.printerId = job.printerId;
+    p.templateId = job.templateId;
+    p.caption = job.field(12);
+    // The layout and the variables as the driver sends them, through the
+    // wire's code page, so the picture shows what the printer gets.
+    QFile f(HomePath(QString::number(job.templateId) + QStringLiteral(".lbl")));
+    p.layoutFile = f.fileName();
+    logAction(QStringLiteral("Preview of job %1.").arg(jobId));
+    if (!f.open(QIODevice::ReadOnly)) {
+        LogWrite(QStringLiteral("Preview of job %1: layout %2 not readable: %3").arg(jobId).arg(f.fileName(), f.errorString()));
+        MsgBoxUnlessSilent(GetString(12162, f.fileName()), BoxIcon::Exclamation);
+        *preview = p;
+        return {Outcome::Failed, control::Reason::NoLayout};
+    }
+    p.layoutText = FromCp1252(f.readAll());
+    try {
+        for (const auto& [n, value] : JobVariables(QString::fromUtf8(job.text)))
+            p.variables.append({n, FromCp1252(ToCp1252(value))});
+    } catch (const std::exception&) {
+        // A queued job's text is readable through the caption; what lies
+        // beyond the readers' reach is not sent either.
+    }
+    *preview = p;
+    return Outcome::Done;
+}
+
+Operator::Result Operator::moveChecked(const std::vector<qint32>& ids, qint32 toPrinter, int* moved)
+{
+    if (moved)
+        *moved = 0;
+    JobStore& jobs = server_.jobs();
+    std::vector<qint32> moving;
+    qint32 from = -1;
+    for (qint32 id : ids) {
+        const int row = jobs.jobList().findJob(id);
+        if (jobs.jobList().jobAt(row).printerId == toPrinter)
+            continue;
+        from = from == -1 || from == jobs.jobList().jobAt(row).printerId ? jobs.jobList().jobAt(row).printerId : 0;
+        moving.push_back(id);
+    }
+    if (moving.empty())
+        return Outcome::NothingToDo;
+    // A long move says when it starts, too.
+    if (moving.size() >= LongMove)
+        logAction(QStringLiteral("Moving %1 jobs to printer %2.").arg(moving.size()).arg(toPrinter));
+    Busy busy(*this);
+    if (!jobs.moveJobs(moving, toPrinter))
+        return failed();
+    if (moved)
+        *moved = int(moving.size());
+    QStringList names;
+    for (qint32 id : moving)
+        names << QString::number(id);
+    const QString source = from > 0 ? QStringLiteral(" from printer %1").arg(from) : QString();
+    logAction(moving.size() == 1 ? QStringLiteral("Job %1 moved%2 to printer %3.").arg(names[0], source).arg(toPrinter)
+                                 : QStringLiteral("%1 jobs moved%2 to printer %3: %4.")
+                                       .arg(moving.size())
+                                       .arg(source)
+                                       .arg(toPrinter)
+                                       .arg(names.join(QStringLiteral(", "))));
+    return Outcome::Done;
+}
+
+Operator::Result Operator::moveJobs(const QList<qint32>& jobIds, qint32 toPrinter, int* moved)
+{
+    if (moved)
+        *moved = 0;
+    if (const control::Reason r = unusableTarget(toPrinter); r != control::Reason::None)
+        return {Outcome::Refused, r};
+    std::vector<qint32> ids;
+    for (qint32 id : jobIds) {
+        if (server_.jobs().jobList().findJob(id) < 0)
+            return {Outcome::Invalid, control::Reason::UnknownJob};
+        if (server_.printService().printing(id))
+            return {Outcome::Refused, control::Reason::JobPrinting};
+        ids.push_back(id);
+    }
+    if (ids.empty())
+        return {Outcome::Invalid, control::Reason::UnknownJob};
+    return moveChecked(ids, toPrinter, moved);
+}
+
+Operator::Result Operator::movePrinterJobs(qint32 fromPrinter, qint32 toPrinter, int* moved)
+{
+    if (moved)
+        *moved = 0;
+    if (const control::Reason r = printerMissing(fromPrinter); r != control::Reason::None)
+        return {Outcome::Refused, r};
+    if (const control::Reason r = unusableTarget(toPrinter); r != control::Reason::None)
+        return {Outcome::Refused, r};
+    const JobListModel& list = server_.jobs().jobList();
+    const qint32 printing = server_.printService().jobInProgress(fromPrinter);
+    std::vector<qint32> ids;
+    for (int row = 0; row < list.count(); ++row)
+        if (list.jobAt(row).printerId == fromPrinter && list.jobAt(row).id != printing)
+            ids.push_back(list.jobAt(row).id);
+    return moveChecked(ids, toPrinter, moved);
+}
+
+Operator::Result Operator::cancelJob(qint32 jobId)
+{
+    JobStore& jobs = server_.jobs();
+    const int row = jobs.jobList().findJob(jobId);
+    if (row < 0)
+        return {Outcome::Invalid, control::Reason::UnknownJob};
+    if (server_.printService().printing(jobId))
+        return {Outcome::Refused, control::Reason::JobPrinting};
+    if (AskNoDefault(GetString(12154, jobs.jobList().rowAt(row).text)) != BoxAnswer::Yes)
+        return Outcome::Declined;
+    // While the question was open the job may have been printed or started.
+    if (jobs.jobList().findJob(jobId) < 0)
+        return {Outcome::Invalid, control::Reason::UnknownJob};
+    if (server_.printService().printing(jobId))
+        return {Outcome::Refused, control::Reason::JobPrinting};
+    Busy busy(*this);
+    if (!jobs.cancelJob(jobId))
+        return failed();
+    logAction(QStringLiteral("Job %1 cancelled.").arg(jobId));
+    return Outcome::Done;
+}
+
+Operator::Result Operator::history(int limit, std::vector<HistoryEntry>* entries)
+{
+    DbResult<std::vector<HistoryEntry>> r = server_.jobs().history(limit);
+    if (!r.ok()) {
+        LogWrite(QStringLiteral("SrvJobHistory failed. Error: ") + r.error->text());
+        return failed();
+    }
+    *entries = std::move(r.value);
+    return Outcome::Done;
+}
+
+Operator::Result Operator::reprint(qint32 historyId, qint32 toPrinter, qint32* newJobId)
+{
+    if (newJobId)
+        *newJobId = 0;
+    const DbResult<HistoryEntry> r = server_.jobs().historyEntry(historyId);
+    if (!r.ok()) {
+        LogWrite(QStringLiteral("SrvJobHistory failed. Error: ") + r.error->text());
+        return failed();
+    }
+    if (r.value.id == 0)
+        return {Outcome::Invalid, control::Reason::NotInHistory};
+    const qint32 printer = toPrinter > 0 ? toPrinter : r.value.printerId;
+    if (const control::Reason why = unusableTarget(printer); why != control::Reason::None)
+        return {Outcome::Refused, why};
+    const QString text = JobFields(r.value.text).withField(4, QString::number(printer));
+    Busy busy(*this);
+    const qint32 id = server_.jobs().addJob(PrintJob::fromText(text));
+    if (id <= 0)
+        return failed();
+    if (newJobId)
+        *newJobId = id;
+    logAction(QStringLiteral("Job %1 queued on printer %2, a reprint of job %3 (history %4).")
+                  .arg(id)
+                  .arg(printer)
+                  .arg(r.value.jobId)
+                  .arg(historyId));
     return Outcome::Done;
 }
 

@@ -12,6 +12,7 @@
 //   if (op.CanQuit(false)) ...                 // exit commands
 //
 // Nothing here blocks on a window: questions are answered by the sink in use.
+#include "database/jobrepository.h"
 #include "database/lists.h"
 #include "printers/deviceops.h"
 #include "printers/printerrecord.h"
@@ -120,6 +121,46 @@ public:
     // Asks 12042 (No the default), then deletes every queued job.
     Result deleteAllJobs();
 
+    // --- queue tools (the service may run) ------------------------------------
+    // Who asks the commands below, named in their event-log lines: "window"
+    // unless the control socket sets its client's user for a command.
+    void setRequester(const QString& who) { requester_ = who; }
+    QString requester() const { return requester_; }
+
+    // What a queued job prints: its layout (<template>.lbl, as the driver
+    // sends it) and the variables its run sends. The label itself is drawn by
+    // the label renderer, which the core does not link.
+    struct JobPreview {
+        qint32 jobId = 0;
+        qint32 printerId = -1;
+        qint32 templateId = -1;
+        QString caption;
+        QString layoutFile;
+        QString layoutText;
+        QList<QPair<int, QString>> variables;
+    };
+    // Is the job being printed now (it can be neither moved nor cancelled)?
+    bool jobPrinting(qint32 jobId) const;
+    // Invalid (UnknownJob) for a job not queued; Failed (NoLayout) when the
+    // layout file cannot be read.
+    Result previewJob(qint32 jobId, JobPreview* preview);
+    // Gives queued jobs to another registered printer that is not passive, in
+    // one transaction; each keeps its place in the queue. Refused
+    // (JobPrinting) when one of them is being printed; NothingToDo when all
+    // are that printer's already. `moved` gets the number moved.
+    Result moveJobs(const QList<qint32>& jobIds, qint32 toPrinter, int* moved = nullptr);
+    // Every queued job of a printer but the one being printed.
+    Result movePrinterJobs(qint32 fromPrinter, qint32 toPrinter, int* moved = nullptr);
+    // Asks 12154 (No the default), then removes the queued job into the
+    // history. Refused (JobPrinting) while it is being printed.
+    Result cancelJob(qint32 jobId);
+    // The newest history entries first.
+    Result history(int limit, std::vector<HistoryEntry>* entries);
+    // Queues a copy of a history entry's text as a new job, on its printer
+    // (toPrinter 0) or another one. Invalid (NotInHistory) for an entry that
+    // is not kept (any more).
+    Result reprint(qint32 historyId, qint32 toPrinter, qint32* newJobId = nullptr);
+
     // --- printers ---------------------------------------------------------
     // New: Refused with box 12028 when five printers are in use; otherwise
     // the dialog's fields start empty (defaults) and no printer is being edited.
@@ -214,6 +255,13 @@ private:
     Result refused(Field field);
     // PrinterRange or NoPrinter, None when the printer is there.
     control::Reason printerMissing(qint32 printerId) const;
+    // printerMissing, or PrinterPassive: a printer jobs can be given to.
+    control::Reason unusableTarget(qint32 printerId) const;
+    // One event-log line for a queue tool, naming who asked.
+    void logAction(const QString& what) const;
+    // A queue tool's storage failed: box 12176 (the event log has the line).
+    Result failed();
+    Result moveChecked(const std::vector<qint32>& ids, qint32 toPrinter, int* moved);
 
     Server& server_;
     // The printer whose dialog is open for editing, -1 when none.
@@ -223,6 +271,7 @@ private:
     bool deviceBusy_ = false;
     bool backgroundWork_ = false;
     Field invalidField_ = Field::None;
+    QString requester_ = QStringLiteral("window");
 };
 
 } // namespace quill

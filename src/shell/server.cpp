@@ -180,6 +180,10 @@ Server::StartResult Server::startup()
         LogCleanup(QStringLiteral("Quillbase"));
         LogCleanup(QStringLiteral("Quillmotor"));
         addinScala_ = switchOn(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwAddinScala"));
+        // The history of finished jobs: the last dwHistoryJobs of at most dwHistoryDays days.
+        jobs_->setHistoryLimits(
+            NullToLong(RegGetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwHistoryJobs")), 10000),
+            NullToLong(RegGetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwHistoryDays")), 30));
         LogWrite(QStringLiteral("Quillbase version %1.%2.%3 Kedra version %4")
                      .arg(QUILL_VERSION_MAJOR)
                      .arg(QUILL_VERSION_MINOR)

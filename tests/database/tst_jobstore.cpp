@@ -85,6 +85,11 @@ private slots:
     void deleteJobsWhereTakesJobsHandedOver();
     void deleteJobsWhereFailures();
     void failuresAreLogged();
+    void moveKeepsPlaces();
+    void moveFailsWhole();
+    void historyOfFinishedJobs();
+    void historyBounds_data();
+    void historyBounds();
 };
 
 void TestJobStore::idsDeletesAndSignals()
@@ -412,6 +417,120 @@ void TestJobStore::failuresAreLogged()
                           "SrvInitAllJobs failed. Error: 91 Object variable or With block variable not set"}));
     // The open operation also hands its failure up, for the start-up to show.
     QCOMPARE(opened.failure->failure.line(), "SrvJobOpenDB failed. " + noTable);
+}
+
+// Moved jobs name their new printer in their text and keep their places in
+// the queue, in the list and in tbJob alike.
+void TestJobStore::moveKeepsPlaces()
+{
+    for (const auto& [printer, caption] : {std::pair{1, "a"}, {1, "b"}, {2, "c"}, {1, "d"}})
+        QVERIFY(add(printer, caption));
+    QVERIFY(store->moveJobs({4, 1}, 2));
+    const QStringList moved{"1|2|" + JobText(2, 1, "1", "KASSA1", QString(), "a"),
+                            "2|1|" + JobText(1, 1, "1", "KASSA1", QString(), "b"),
+                            "3|2|" + JobText(2, 1, "1", "KASSA1", QString(), "c"),
+                            "4|2|" + JobText(2, 1, "1", "KASSA1", QString(), "d")};
+    QCOMPARE(JobRows(mdb()), moved);
+    JobListModel& list = store->jobList();
+    QCOMPARE(listIds(list), (QList<int>{1, 2, 3, 4}));
+    QCOMPARE(store->SrvNextJobId(2), 1);
+    QCOMPARE(store->SrvNextJobId(1), 2);
+    QCOMPARE(store->nextJob(2)->printerId, 2);
+    QCOMPARE(store->nextJob(2)->text, JobText(2, 1, "1", "KASSA1", QString(), "a"));
+    // Printed on its new printer, the rest of that printer's queue follows in order.
+    store->SrvDeleteJob(1);
+    QCOMPARE(store->SrvNextJobId(2), 3);
+    start();
+    QCOMPARE(JobRows(mdb()), moved.mid(1));
+    QCOMPARE(store->SrvNextJobId(2), 3);
+    QCOMPARE(home->logMessages(), QStringList());
+}
+
+void TestJobStore::moveFailsWhole()
+{
+    for (int i = 1; i <= 3; ++i)
+        QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
+    const QStringList before = JobRows(mdb());
+    Database other;
+    HoldWriteLock(other, mdb());
+    QVERIFY(!store->moveJobs({1, 3}, 2));
+    other.rollback();
+    QCOMPARE(JobRows(mdb()), before);
+    QCOMPARE(store->SrvNextJobId(2), 0);
+    QCOMPARE(store->SrvNextJobId(1), 1);
+    const QString locked = OnPostgres() ? " Error: 5 canceling statement due to lock timeout (55P03)"
+                                        : " Error: 5 database is locked";
+    QCOMPARE(home->logMessages(),
+             (QStringList{"SrvMoveJob failed. JId = 1" + locked, "SrvMoveJob failed. JId = 3" + locked}));
+}
+
+// A printed job and a cancelled one leave tbJob into the history, each with
+// its printer, text and how it ended; newest first.
+void TestJobStore::historyOfFinishedJobs()
+{
+    QVERIFY(add(1, "printed"));
+    QVERIFY(add(2, "cancelled"));
+    QVERIFY(add(2, "stays"));
+    const QDateTime before = QDateTime::currentDateTimeUtc().addSecs(-1);
+    store->SrvDeleteJob(1);
+    QVERIFY(store->cancelJob(2));
+    QCOMPARE(listIds(store->jobList()), QList<int>{3});
+    QCOMPARE(tableIds(mdb()), QList<int>{3});
+    const DbResult<std::vector<HistoryEntry>> h = store->history(10);
+    QVERIFY(h.ok());
+    QCOMPARE(h.value.size(), size_t(2));
+    const auto described = [](const HistoryEntry& e) {
+        return QStringLiteral("%1 job %2 printer %3 %4 %5").arg(e.id).arg(e.jobId).arg(e.printerId).arg(e.outcome, e.text);
+    };
+    QCOMPARE(described(h.value[0]), "2 job 2 printer 2 cancelled " + JobText(2, 1, "1", "KASSA1", QString(), "cancelled"));
+    QCOMPARE(described(h.value[1]), "1 job 1 printer 1 printed " + JobText(1, 1, "1", "KASSA1", QString(), "printed"));
+    QVERIFY(h.value[0].finished >= before && h.value[0].finished <= QDateTime::currentDateTimeUtc());
+    QCOMPARE(store->history(1).value.size(), size_t(1));
+    QCOMPARE(described(store->historyEntry(1).value), described(h.value[1]));
+    QCOMPARE(store->historyEntry(7).value.id, 0);
+    // A new job takes the next id of tbJob; the history keeps its own numbers.
+    QVERIFY(add(1, "next"));
+    store->SrvDeleteJob(4);
+    QCOMPARE(store->history(10).value.front().id, 3);
+}
+
+void TestJobStore::historyBounds_data()
+{
+    QTest::addColumn<int>("maxRows");
+    QTest::addColumn<int>("maxDays");
+    QTest::addColumn<int>("aged");    // entries 40 days old before the jobs print
+    QTest::addColumn<int>("printed");
+    QTest::addColumn<QList<int>>("kept"); // history ids, newest first
+    QTest::newRow("within both") << 10 << 30 << 0 << 3 << QList<int>{3, 2, 1};
+    QTest::newRow("rows bound") << 3 << 30 << 0 << 5 << QList<int>{5, 4, 3};
+    QTest::newRow("age bound") << 10 << 30 << 2 << 2 << QList<int>{4, 3};
+    QTest::newRow("age bound, rows smaller") << 1 << 30 << 2 << 2 << QList<int>{4};
+    QTest::newRow("older entries within the days kept") << 10 << 60 << 2 << 1 << QList<int>{3, 2, 1};
+}
+
+void TestJobStore::historyBounds()
+{
+    QFETCH(int, maxRows);
+    QFETCH(int, maxDays);
+    QFETCH(int, aged);
+    QFETCH(int, printed);
+    QFETCH(QList<int>, kept);
+    store->setHistoryLimits(maxRows, maxDays);
+    const QString old = QDateTime::currentDateTimeUtc().addDays(-40).toString("yyyy-MM-ddTHH:mm:ss.zzzZ");
+    for (int i = 1; i <= aged; ++i)
+        QVERIFY(ExecSql(mdb(), {QStringLiteral("INSERT INTO tbJobHistory (Id, JobId, PrinterId, Finished, Outcome, Job) "
+                                               "VALUES (%1, %1, 1, '%2', 'printed', 'x')")
+                                    .arg(i)
+                                    .arg(old)}));
+    for (int i = 1; i <= printed; ++i) {
+        QVERIFY(add(1, QStringLiteral("c%1").arg(i)));
+        store->SrvDeleteJob(store->SrvNextJobId(1));
+        store->sync(); // one commit each, as printed jobs come
+    }
+    QList<int> ids;
+    for (const HistoryEntry& e : store->history(100).value)
+        ids << e.id;
+    QCOMPARE(ids, kept);
 }
 
 QTEST_GUILESS_MAIN(TestJobStore)

@@ -5,6 +5,7 @@
 #include "support/dbfixture.h"
 #include "support/installation.h"
 #include "support/mounts.h"
+#include "foundation/jobfields.h"
 
 #include <QDir>
 #include <QSet>
@@ -82,6 +83,7 @@ private slots:
 
     void killKeepsEveryAnsweredJobInOrder_data();
     void killKeepsEveryAnsweredJobInOrder();
+    void killDuringAMoveLosesAndDoublesNothing();
     void secondCopyChangesNothing_data();
     void secondCopyChangesNothing();
     void outOfDescriptorsControlAnswers();
@@ -150,6 +152,67 @@ void TestDurability::killKeepsEveryAnsweredJobInOrder()
         QVERIFY2(stored[k].size() >= answered[k] && stored[k].size() <= sent[k], qPrintable(stored[k].join(", ")));
         for (int i = 0; i < stored[k].size(); ++i)
             QCOMPARE(stored[k][i], QStringLiteral("job %1-%2").arg(k).arg(i + 1));
+    }
+}
+
+// A move of a long queue to another printer is one transaction: a SIGKILL at
+// any moment of it leaves every job once, all on the one printer or all on
+// the other, its text naming the printer its row names.
+void TestDurability::killDuringAMoveLosesAndDoublesNothing()
+{
+    constexpr int Jobs = 20000;
+    QVERIFY(inst->addNetworkPrinter(2, "Skrivare 2", 9));
+    QVERIFY(inst->sql(QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) WITH RECURSIVE n(i) AS (SELECT 1 UNION "
+                                     "ALL SELECT i + 1 FROM n WHERE i < %1) SELECT i, 1, ? || i FROM n")
+                          .arg(Jobs),
+                      {QStringLiteral("BRIXA\t1.00\tP\t1\t1\t1\tWS\t0\t\t\t\tjob ")}));
+    // Where the jobs are: the printer all of them are on, or a description of
+    // what is wrong.
+    const auto holder = [&]() -> QString {
+        QSet<int> ids, printers;
+        for (const QString& row : quill::dbtest::JobRows(inst->file("brixa.mdb"))) {
+            const int printer = row.section('|', 1, 1).toInt();
+            if (quill::JobFields(row.section('|', 2)).printerId() != printer)
+                return QStringLiteral("text and row disagree: ") + row;
+            ids.insert(row.section('|', 0, 0).toInt());
+            printers.insert(printer);
+        }
+        if (ids.size() != Jobs)
+            return QStringLiteral("%1 jobs").arg(ids.size());
+        return printers.size() == 1 ? QString::number(*printers.begin()) : QStringLiteral("split");
+    };
+    const auto move = [&](const QString& from) {
+        auto ctl = std::make_unique<QProcess>();
+        ctl->start(QUILL_BIN_DIR "/quillbase-ctl",
+                   {"--home", inst->path(), "move", "--from", from, "--to", from == "1" ? "2" : "1"});
+        return ctl;
+    };
+    // Killed once each move has begun, each the other way round; then one
+    // that is let be.
+    auto server = startServer();
+    QVERIFY(server);
+    QString last = QStringLiteral("1");
+    int undone = 0;
+    for (int round = 1; round <= 4; ++round) {
+        const QString from = holder();
+        QVERIFY2(from == "1" || from == "2", qPrintable(from));
+        undone += from == last && round > 1;
+        last = from;
+        auto ctl = move(from);
+        if (round == 4) {
+            QVERIFY(ctl->waitForFinished(120000));
+            QCOMPARE(ctl->exitCode(), 0);
+            QCOMPARE(holder(), from == "1" ? QStringLiteral("2") : QStringLiteral("1"));
+            qInfo("killed moves that were undone: %d of 3", undone);
+            break;
+        }
+        QVERIFY(QTest::qWaitFor([&] { return inst->log().count(QStringLiteral("Moving %1 jobs").arg(Jobs)) == round; },
+                                30000));
+        server->kill();
+        QVERIFY(server->waitForFinished(10000));
+        QVERIFY(ctl->waitForFinished(120000));
+        server = startServer();
+        QVERIFY(server);
     }
 }
 

@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -22,6 +23,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <pwd.h>
 #include <unistd.h>
 
 using quill::GetString;
@@ -150,7 +152,7 @@ private slots:
         port_ = TestInstallation::freePort();
         QVERIFY(inst_->setServer(port_, false));
         inst_->setUserSwitch("dwUseLog", 1);
-        if (test == "serviceAndJobs")
+        if (test == "serviceAndJobs" || test == "queueTools")
             queueJobs();
         if (test == "printerCommandsWaitForStartUpWork")
             QCOMPARE(inst_->ser.command("silent on"), QStringLiteral("ok"));
@@ -318,6 +320,15 @@ private slots:
         QTest::newRow("group without subcommand") << QStringList{"printer"} << 2 << "needs a subcommand";
         QTest::newRow("unknown subcommand") << QStringList{"printer", "reboot"} << 2 << "unknown printer subcommand";
         QTest::newRow("timeout not a number") << QStringList{"--timeout", "x", "status"} << 2 << "--timeout";
+        QTest::newRow("move an unknown job") << QStringList{"move", "77", "--to", "2"} << 1 << "no queued job with id 77";
+        QTest::newRow("move to a missing printer") << QStringList{"move", "--from", "1", "--to", "4"} << 1
+                                                   << "no printer 4";
+        QTest::newRow("move without --to") << QStringList{"move", "1"} << 2 << "--to N";
+        QTest::newRow("move ids and --from") << QStringList{"move", "1", "--from", "2", "--to", "1"} << 2
+                                             << "job ids or --from";
+        QTest::newRow("reprint out of history") << QStringList{"reprint", "99"} << 1 << "no history entry 99";
+        QTest::newRow("preview without a file") << QStringList{"preview", "1"} << 2 << "-o FILE";
+        QTest::newRow("cancel an unknown job") << QStringList{"cancel", "77"} << 1 << "no queued job with id 77";
     }
     void refusals()
     {
@@ -475,6 +486,79 @@ private slots:
         r = ctlIn(inst_->path(), {"status"}, asNobody);
         QVERIFY(QFile::setPermissions(socketPath(), mode));
         QCOMPARE(r.code, 0);
+    }
+
+    // The queue tools through the socket: a preview is the picture the
+    // printer prints, moves and cancels change the queue, the history
+    // reprints; the event log names the socket's user.
+    void queueTools()
+    {
+        const QString preview = inst_->file("preview-1.png");
+        Run r = ctl({"preview", "1", "-o", preview});
+        QCOMPARE(r.code, 0);
+        QVERIFY2(r.out.contains(preview) && r.out.contains("480 x 640"), qPrintable(r.out));
+        r = ctl({"move", "1", "--to", "2"});
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.out, QString("Moved 1 job to printer 2.\n"));
+        QCOMPARE(ctl({"start"}).code, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(quill::test::PrintedLabels(inst_->serOut.path()),
+                                  (QStringList{"Ett 1/1 t1", "Två 1/1 t1"}), 20000);
+        const QImage printed(QDir(inst_->serOut.path()).filePath("label-000001.png"));
+        QVERIFY(!printed.isNull());
+        QCOMPARE(QImage(preview).convertToFormat(QImage::Format_RGB32), printed.convertToFormat(QImage::Format_RGB32));
+
+        // History, newest first; a reprint on another printer prints there.
+        QTRY_COMPARE_WITH_TIMEOUT(status()["queued"].toInt(), 0, 10000);
+        r = ctl({"--json", "history"});
+        QCOMPARE(r.code, 0);
+        QStringList history;
+        int ett = 0;
+        for (const QJsonValue& v : r.json()["history"].toArray()) {
+            history << QStringLiteral("%1 %2 %3 %4")
+                           .arg(v["job"].toInt())
+                           .arg(v["printer"].toString(), v["outcome"].toString(), v["caption"].toString());
+            if (v["caption"].toString() == "Ett")
+                ett = v["id"].toInt();
+        }
+        // Printer 1 prints its own job meanwhile; Bar's two come in their order.
+        history.removeAll("3 Kassa printed Tre");
+        QCOMPARE(history, (QStringList{"2 Bar printed Två", "1 Bar printed Ett"}));
+        r = ctl({"reprint", QString::number(ett), "--printer", "1"});
+        QCOMPARE(r.code, 0);
+        QTRY_VERIFY_WITH_TIMEOUT(quill::test::PrintedLabels(inst_->netOut.path()).contains("Ett 1/1 t1"), 20000);
+
+        // A job behind a printer in error is cancelled while the service runs.
+        QCOMPARE(inst_->net.command("paper out"), QString("ok"));
+        QCOMPARE(ctl({"refresh"}).code, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(printer(1)["status"].toInt(), 4, 15000);
+        r = ctl({"reprint", QString::number(ett)});
+        QCOMPARE(r.code, 0);
+        const int copy = r.out.section(' ', 2, 2).remove(',').toInt();
+        r = ctl({"cancel", QString::number(copy)});
+        QCOMPARE(r.code, 0);
+        QVERIFY2(r.out.contains(GetString(12154, QString::number(copy) + " Ett")), qPrintable(r.out));
+        QCOMPARE(status()["queued"].toInt(), 0);
+        QCOMPARE(ctl({"--json", "history", "--limit", "1"}).json()["history"].toArray().at(0).toObject()["outcome"].toString(),
+                 QString("cancelled"));
+        const passwd* pw = ::getpwuid(::getuid());
+        QVERIFY(pw);
+        QVERIFY2(inst_->log().contains(QStringLiteral("Job %1 cancelled. Asked by control socket user %2.")
+                                           .arg(copy)
+                                           .arg(QString::fromLocal8Bit(pw->pw_name))),
+                 qPrintable(inst_->log()));
+
+        // A layout the renderer cannot read: the line and what is wrong.
+        QFile bad(inst_->file("2.lbl"));
+        QVERIFY(bad.open(QIODevice::WriteOnly) && bad.write("label 480 640\ntext 10 20 30\n") > 0);
+        bad.close();
+        QVERIFY(stopServer()); // the queue is read from tbJob at start-up
+        QVERIFY(inst_->sql("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (50, 1, ?)",
+                           {JobText(1, 2, "1", "KASSA1", "Anna", "Trasig")}));
+        QVERIFY(startServer());
+        r = ctl({"preview", "50", "-o", inst_->file("bad.png")});
+        QCOMPARE(r.code, 1);
+        QVERIFY2(r.err.contains(inst_->file("2.lbl") + ": line 2: text X Y SIZE"), qPrintable(r.err));
+        QVERIFY(!QFile::exists(inst_->file("bad.png")));
     }
 
     void help_data()

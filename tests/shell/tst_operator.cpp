@@ -9,6 +9,7 @@
 #include "foundation/texts.h"
 #include "protocol/listener.h"
 #include "service/printservice.h"
+#include "service/quillmotor.h"
 #include "shell/operator.h"
 #include "shell/server.h"
 #include "support/dbfixture.h"
@@ -16,6 +17,7 @@
 
 #include <QAbstractItemModelTester>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QRegularExpression>
 #include <QScopeGuard>
 #include <QThread>
@@ -542,6 +544,160 @@ private slots:
         QVERIFY(sink_.texts().contains(GetString(12020)));
         QVERIFY(!op_->serviceAvailable());
         QVERIFY(op_->CanQuit(false));
+    }
+
+    // --- queue tools: printer 1 holds its first job in a print run (its
+    // emulator answers late), printer 3 is passive.
+    qint32 holdFirstJobOfPrinter1()
+    {
+        PrinterSettings dialog;
+        if (op_->openNewPrinter(&dialog) != Outcome::Done)
+            return -1;
+        dialog.name = QStringLiteral("Passiv");
+        dialog.passive = true;
+        if (op_->savePrinter(dialog) != Outcome::Done)
+            return -1;
+        const qint32 held = addJob(1, "Pågår");
+        if (inst_->net.command("delay 60000") != "ok" || op_->startService() != Outcome::Done)
+            return -1;
+        return QTest::qWaitFor([&] { return op_->jobPrinting(held); }, 10000) ? held : -1;
+    }
+
+    void queueToolRefusals_data()
+    {
+        // Jobs: "held" (being printed on 1), "waiting" (queued on 1).
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QString>("job"); // held, waiting or unknown
+        QTest::addColumn<int>("printer");
+        QTest::addColumn<Outcome>("outcome");
+        QTest::addColumn<control::Reason>("reason");
+        using R = control::Reason;
+        QTest::newRow("move a job being printed") << "move" << "held" << 2 << Outcome::Refused << R::JobPrinting;
+        QTest::newRow("move to a passive printer") << "move" << "waiting" << 3 << Outcome::Refused << R::PrinterPassive;
+        QTest::newRow("move to a missing printer") << "move" << "waiting" << 4 << Outcome::Refused << R::NoPrinter;
+        QTest::newRow("move to printer 0") << "move" << "waiting" << 0 << Outcome::Refused << R::PrinterRange;
+        QTest::newRow("move to its own printer") << "move" << "waiting" << 1 << Outcome::NothingToDo << R::None;
+        QTest::newRow("move an unknown job") << "move" << "unknown" << 2 << Outcome::Invalid << R::UnknownJob;
+        QTest::newRow("move all to a passive printer") << "move-all" << "waiting" << 3 << Outcome::Refused
+                                                       << R::PrinterPassive;
+        QTest::newRow("cancel a job being printed") << "cancel" << "held" << 0 << Outcome::Refused << R::JobPrinting;
+        QTest::newRow("cancel an unknown job") << "cancel" << "unknown" << 0 << Outcome::Invalid << R::UnknownJob;
+        QTest::newRow("preview an unknown job") << "preview" << "unknown" << 0 << Outcome::Invalid << R::UnknownJob;
+        QTest::newRow("reprint out of history") << "reprint" << "unknown" << 0 << Outcome::Invalid << R::NotInHistory;
+    }
+    void queueToolRefusals()
+    {
+        QFETCH(QString, command);
+        QFETCH(QString, job);
+        QFETCH(int, printer);
+        QFETCH(Outcome, outcome);
+        QFETCH(control::Reason, reason);
+        const qint32 held = holdFirstJobOfPrinter1();
+        QVERIFY(held > 0);
+        const qint32 waiting = addJob(1, "Väntar");
+        const qint32 id = job == "held" ? held : job == "waiting" ? waiting : 99;
+        const int rowsBefore = inst_->scalar("SELECT COUNT(*) FROM tbJob WHERE PrinterId = 1").toInt();
+        Operator::JobPreview preview;
+        const Operator::Result r = command == "move"       ? op_->moveJobs({id}, printer)
+                                   : command == "move-all" ? op_->movePrinterJobs(1, printer)
+                                   : command == "cancel"   ? op_->cancelJob(id)
+                                   : command == "preview"  ? op_->previewJob(id, &preview)
+                                                           : op_->reprint(id, 0);
+        QCOMPARE(r.outcome, outcome);
+        QCOMPARE(r.reason, reason);
+        // Nothing asked, nothing changed.
+        QCOMPARE(sink_.boxes.size(), 0);
+        QCOMPARE(inst_->scalar("SELECT COUNT(*) FROM tbJob WHERE PrinterId = 1").toInt(), rowsBefore);
+        QCOMPARE(rowsBefore, 2);
+        QCOMPARE(srv_->jobs().jobList().count(), 2);
+    }
+
+    void moveEveryJobOfAPrinterButTheOneBeingPrinted()
+    {
+        const qint32 held = holdFirstJobOfPrinter1();
+        QVERIFY(held > 0);
+        QCOMPARE(op_->stopService(), Outcome::Done); // printer 2 keeps what it gets
+        const qint32 a = addJob(1, "A"), b = addJob(2, "B"), c = addJob(1, "C");
+        int moved = 0;
+        QCOMPARE(op_->movePrinterJobs(1, 2, &moved), Outcome::Done);
+        QCOMPARE(moved, 2);
+        const JobListModel& list = srv_->jobs().jobList();
+        QList<QPair<int, int>> jobs;
+        for (int row = 0; row < list.count(); ++row)
+            jobs << qMakePair(list.jobAt(row).id, list.jobAt(row).printerId);
+        QCOMPARE(jobs, (QList<QPair<int, int>>{{held, 1}, {a, 2}, {b, 2}, {c, 2}}));
+        QCOMPARE(inst_->scalar("SELECT COUNT(*) FROM tbJob WHERE PrinterId = 2").toInt(), 3);
+        QVERIFY(inst_->log().contains(QStringLiteral("2 jobs moved from printer 1 to printer 2: %1, %2. Asked by window.")
+                                          .arg(a)
+                                          .arg(c)));
+    }
+
+    void cancelAsksFirst()
+    {
+        QCOMPARE(op_->startService(), Outcome::Done);
+        QVERIFY(inst_->net.command("delay 60000") == "ok");
+        const qint32 held = addJob(1, "Först");
+        QTRY_VERIFY_WITH_TIMEOUT(op_->jobPrinting(held), 10000);
+        const qint32 id = addJob(1, "Andra");
+        answer(BoxAnswer::No);
+        QCOMPARE(op_->cancelJob(id), Outcome::Declined);
+        QCOMPARE(sink_.boxes.size(), 1);
+        QCOMPARE(sink_.boxes[0].text, GetString(12154, QString::number(id) + " Andra"));
+        QCOMPARE(sink_.boxes[0].defaultAnswer, BoxAnswer::No);
+        QCOMPARE(jobsInTable(), 2);
+        answer(BoxAnswer::Yes);
+        op_->setRequester(QStringLiteral("control socket user anna"));
+        QCOMPARE(op_->cancelJob(id), Outcome::Done);
+        QCOMPARE(jobsInTable(), 1);
+        QCOMPARE(srv_->jobs().jobList().findJob(id), -1);
+        QVERIFY(inst_->log().contains(QStringLiteral("Job %1 cancelled. Asked by control socket user anna.").arg(id)));
+        // Gone while the question was up: nothing left to cancel.
+        const qint32 late = addJob(1, "Sist");
+        sink_.whileShown = [&](const Box&) { srv_->jobs().cancelJob(late); };
+        QCOMPARE(op_->cancelJob(late), Outcome::Invalid);
+    }
+
+    void previewIsWhatTheDriverSends()
+    {
+        const qint32 id = addJob(2, "Förhandsvisning");
+        Operator::JobPreview p;
+        QCOMPARE(op_->previewJob(id, &p), Outcome::Done);
+        QFile layout(inst_->file("1.lbl"));
+        QVERIFY(layout.open(QIODevice::ReadOnly));
+        QCOMPARE(p.layoutText, QString::fromLatin1(layout.readAll()));
+        QCOMPARE(p.templateId, 1);
+        QCOMPARE(p.printerId, 2);
+        QCOMPARE(p.variables, JobVariables(srv_->jobs().jobList().jobAt(0).toPrintJob().text));
+        // A layout that is not there: the operator is told which.
+        QVERIFY(QFile::remove(inst_->file("1.lbl")));
+        QCOMPARE(op_->previewJob(id, &p), Operator::Result(Outcome::Failed, control::Reason::NoLayout).outcome);
+        QCOMPARE(sink_.texts(), QStringList{GetString(12162, inst_->file("1.lbl"))});
+    }
+
+    void reprintFromHistory()
+    {
+        QCOMPARE(op_->startService(), Outcome::Done);
+        const qint32 id = addJob(2, "Greenfee");
+        QTRY_COMPARE_WITH_TIMEOUT(srv_->jobs().jobList().count(), 0, 10000);
+        std::vector<HistoryEntry> history;
+        QCOMPARE(op_->history(10, &history), Outcome::Done);
+        QCOMPARE(history.size(), size_t(1));
+        QCOMPARE(history[0].jobId, id);
+        QCOMPARE(history[0].outcome, HistoryPrinted);
+        QCOMPARE(history[0].printerId, 2);
+        // On another printer: the copy names it; on a passive one: refused.
+        QCOMPARE(op_->stopService(), Outcome::Done);
+        qint32 copy = 0;
+        QCOMPARE(op_->reprint(history[0].id, 1, &copy), Outcome::Done);
+        QCOMPARE(srv_->jobs().jobList().count(), 1);
+        QCOMPARE(srv_->jobs().jobList().jobAt(0).id, copy);
+        QCOMPARE(srv_->jobs().jobList().jobAt(0).toPrintJob().text,
+                 quill::dbtest::JobText(1, 1, "1", "KASSA1", "user1", "Greenfee"));
+        QCOMPARE(op_->reprint(history[0].id, 0, &copy), Outcome::Done);
+        QCOMPARE(srv_->jobs().jobList().jobAt(1).printerId, 2);
+        QCOMPARE(op_->reprint(history[0].id, 4), Operator::Result(Outcome::Refused, control::Reason::NoPrinter).outcome);
+        QVERIFY(inst_->log().contains(
+            QStringLiteral("Job %1 queued on printer 2, a reprint of job %2 (history 1). Asked by window.").arg(copy).arg(id)));
     }
 };
 
