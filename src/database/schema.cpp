@@ -17,6 +17,10 @@ const char* const Statements[] = {
     "Strobe INTEGER DEFAULT 4, Speed INTEGER DEFAULT 2, Passive INTEGER DEFAULT 0, CutterInstalled INTEGER DEFAULT 0, "
     "DispensingFeed INTEGER DEFAULT 60, ReverseFeed INTEGER DEFAULT 0, CurrentTemplateId INTEGER DEFAULT 0)",
     "CREATE TABLE tbJob (Id INTEGER PRIMARY KEY, PrinterId INTEGER, Job TEXT)",
+    // Made at start-up too, for installations older than it (HistoryRepository::ensure).
+    "CREATE TABLE tbJobHistory (Id INTEGER PRIMARY KEY, JobId INTEGER, PrinterId INTEGER, Finished TEXT, "
+    "Outcome TEXT, Job TEXT)",
+    "CREATE INDEX ixJobHistoryFinished ON tbJobHistory (Finished)",
     "CREATE TABLE tbPrinterType (Id INTEGER PRIMARY KEY, Name TEXT)",
     "CREATE TABLE tbTemplateType (Id INTEGER PRIMARY KEY)",
     "CREATE TABLE tbTemplate (Id INTEGER PRIMARY KEY, TemplateTypeId INTEGER)",
@@ -51,7 +55,7 @@ bool createTables(const DbTarget& target, QString* error)
         int found = 0;
         db.run(QStringLiteral("SELECT count(*) FROM information_schema.tables WHERE table_schema = current_schema() "
                               "AND lower(table_name) IN ('tbprinter', 'tbjob', 'tbprintertype', 'tbtemplatetype', "
-                              "'tbtemplate', 'tbserver')"),
+                              "'tbtemplate', 'tbserver', 'tbjobhistory')"),
                {}, [&](QSqlQuery& q) { found = q.next() ? q.value(0).toInt() : 0; });
         if (found > 0) {
             if (error)

@@ -489,7 +489,7 @@ private slots:
     {
         QTest::addColumn<QString>("line");
         QTest::addColumn<QStringList>("expected");
-        QTest::newRow("command") << "quillbase-ctl pr" << QStringList{"printer"};
+        QTest::newRow("command") << "quillbase-ctl pr" << QStringList{"preview", "printer"};
         QTest::newRow("subcommand") << "quillbase-ctl printer c"
                                     << QStringList{"calibrate", "clear", "configure"};
         QTest::newRow("after --home") << "quillbase-ctl --home /tmp st" << QStringList{"start", "status", "stop"};
