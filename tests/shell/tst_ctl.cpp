@@ -531,11 +531,11 @@ private slots:
         QCOMPARE(inst_->net.command("paper out"), QString("ok"));
         QCOMPARE(ctl({"refresh"}).code, 0);
         QTRY_COMPARE_WITH_TIMEOUT(printer(1)["status"].toInt(), 4, 15000);
-        r = ctl({"reprint", QString::number(ett)});
+        r = ctl({"reprint", QString::number(ett), "--printer", "1"});
         QCOMPARE(r.code, 0);
         const int copy = r.out.section(' ', 2, 2).remove(',').toInt();
         r = ctl({"cancel", QString::number(copy)});
-        QCOMPARE(r.code, 0);
+        QVERIFY2(r.code == 0, qPrintable(r.err));
         QVERIFY2(r.out.contains(GetString(12154, QString::number(copy) + " Ett")), qPrintable(r.out));
         QCOMPARE(status()["queued"].toInt(), 0);
         QCOMPARE(ctl({"--json", "history", "--limit", "1"}).json()["history"].toArray().at(0).toObject()["outcome"].toString(),
