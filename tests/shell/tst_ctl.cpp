@@ -566,12 +566,10 @@ private slots:
         QTest::addColumn<QStringList>("args");
         QTest::addColumn<QString>("text");
         QTest::newRow("main") << QStringList{"--help"} << "printer configure";
-        QTest::newRow("main: whole summaries") << QStringList{"--help"} << "in the lowest free slot (1..5); it is checked at once.";
         QTest::newRow("main: exit status") << QStringList{"--help"} << "4 a server runs there but does not answer";
         QTest::newRow("printer group") << QStringList{"printer", "--help"} << "printer calibrate ID";
         QTest::newRow("version") << QStringList{"--version"} << "quillbase-ctl " QUILL_VERSION;
         QTest::newRow("printer add") << QStringList{"printer", "add", "--help"} << "--reverse-feed";
-        QTest::newRow("settings set") << QStringList{"settings", "set", "--help"} << "--quit-question";
         QTest::newRow("delete") << QStringList{"delete", "--help"} << "--all";
     }
     void help()
