@@ -416,11 +416,13 @@ private slots:
         // The printer's status is back from Configuring.
         QCOMPARE(this->printer(printer)["status"].toInt(), 1);
 
-        // An unreachable printer: the window's box is the reason.
+        // An unreachable printer: the window's box is the reason (one row is enough for the mapping).
+        if (args.first() != "test")
+            return;
         QCOMPARE(emu.command("silent on"), QString("ok"));
         const Run failed = ctl(QStringList{"printer"} + args);
         QCOMPARE(failed.code, 1);
-        QVERIFY2(failed.err.contains(GetString(12038)) || failed.err.contains("failed"), qPrintable(failed.err));
+        QVERIFY2(failed.err.contains(GetString(12038)), qPrintable(failed.err));
         QCOMPARE(emu.command("silent off"), QString("ok"));
     }
 
