@@ -5,6 +5,7 @@
 #include "gui/pacer.h"
 #include "gui/pictures.h"
 #include "gui/printerdialog.h"
+#include "gui/queuetools.h"
 #include "gui/settingsdialog.h"
 #include "gui/trayicon.h"
 
@@ -16,6 +17,7 @@
 #include <QIdentityProxyModel>
 #include <QKeyEvent>
 #include <QLabel>
+#include <QMenu>
 #include <QMenuBar>
 #include <QPushButton>
 #include <QShortcut>
@@ -185,8 +187,13 @@ void MainWindow::buildUi()
     cmdDeleteJob_->setObjectName(QStringLiteral("cmdDeleteJob"));
     cmdDeleteAllJob_ = new QPushButton(QStringLiteral("#£12102#Radera ALLA jobb"), central);
     cmdDeleteAllJob_->setObjectName(QStringLiteral("cmdDeleteAllJob"));
-    for (QPushButton* b : {cmdService_, cmdDeleteJob_, cmdDeleteAllJob_})
+    cmdHistory_ = new QPushButton(QStringLiteral("#£12159#&Historik..."), central);
+    cmdHistory_->setObjectName(QStringLiteral("cmdHistory"));
+    for (QPushButton* b : {cmdService_, cmdDeleteJob_, cmdDeleteAllJob_, cmdHistory_})
         b->setAutoDefault(false);
+    connect(cmdHistory_, &QPushButton::clicked, this, &MainWindow::openHistory);
+    lvwJob_->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(lvwJob_, &QWidget::customContextMenuRequested, this, &MainWindow::showJobMenu);
     connect(cmdService_, &QPushButton::clicked, this, &MainWindow::toggleService);
     connect(cmdDeleteJob_, &QPushButton::clicked, this, &MainWindow::deleteSelectedJob);
     connect(cmdDeleteAllJob_, &QPushButton::clicked, this, &MainWindow::deleteAllJobs);
@@ -194,6 +201,7 @@ void MainWindow::buildUi()
     auto* buttons = new QHBoxLayout;
     buttons->addWidget(cmdDeleteJob_);
     buttons->addWidget(cmdDeleteAllJob_);
+    buttons->addWidget(cmdHistory_);
     buttons->addStretch(1);
     buttons->addWidget(cmdService_);
     layout->addLayout(buttons);
@@ -252,6 +260,8 @@ void MainWindow::buildMenus()
     // The add-in entry has no action of its own.
     action(mnuAddin, "mnuAddinScala", QStringLiteral("#£12134#&Scala"), [] {});
     mnuFunction->addMenu(mnuAddin);
+    mnuFunction->addSeparator();
+    action(mnuFunction, "mnuHistory", QStringLiteral("#£12159#&Historik..."), &MainWindow::openHistory);
     mnuFunction->addSeparator();
     action(mnuFunction, "mnuSettings", QStringLiteral("#£12095#&Inställningar"), &MainWindow::openSettings);
 
@@ -515,6 +525,105 @@ void MainWindow::deleteAllJobs()
         return;
     BoxOwnerScope owner(this);
     op_.deleteAllJobs();
+}
+
+qint32 MainWindow::selectedJobId() const
+{
+    const int row = selectedJobRow();
+    return row < 0 ? 0 : lvwJob_->model()->index(row, 0).data(JobListModel::JobIdRole).toInt();
+}
+
+void MainWindow::showJobMenu(const QPoint& at)
+{
+    if (!started_)
+        return;
+    const QModelIndex index = lvwJob_->indexAt(at);
+    if (index.isValid())
+        lvwJob_->setCurrentIndex(index.siblingAtColumn(0));
+    const qint32 jobId = selectedJobId();
+    if (jobId <= 0)
+        return;
+    const qint32 printerId = lvwJob_->currentIndex().data(JobListModel::PrinterIdRole).toInt();
+    const bool printing = op_.jobPrinting(jobId);
+    // Built anew each time: the printers and the job's state change.
+    delete mnuJob_;
+    mnuJob_ = new QMenu(this);
+    mnuJob_->setObjectName(QStringLiteral("mnuJob"));
+    QAction* preview = mnuJob_->addAction(GetString(12155), this, &MainWindow::previewSelectedJob);
+    preview->setObjectName(QStringLiteral("mnuJobPreview"));
+    const auto targets = [&](const char* name, int caption, bool all) {
+        QMenu* sub = mnuJob_->addMenu(GetString(caption));
+        sub->setObjectName(QLatin1String(name));
+        const PrinterListModel& printers = op_.printerList();
+        for (int row = 0; row < printers.rowCount(); ++row) {
+            const QModelIndex p = printers.index(row, PrinterListModel::ColPrinter);
+            const qint32 id = p.data(PrinterListModel::PrinterIdRole).toInt();
+            if (id == printerId || p.data(PrinterListModel::PassiveRole).toBool())
+                continue;
+            QAction* a = sub->addAction(op_.printerName(id), this, [this, id, all] { moveSelectedJob(id, all); });
+            a->setObjectName(QLatin1String(name) + QString::number(id));
+        }
+        // A job being printed stays where it is; the rest of its printer's may go.
+        sub->setEnabled(!sub->isEmpty() && (all || !printing));
+    };
+    targets("mnuJobMove", 12156, false);
+    targets("mnuJobMoveAll", 12157, true);
+    mnuJob_->addSeparator();
+    QAction* cancel = mnuJob_->addAction(GetString(12158), this, &MainWindow::cancelSelectedJob);
+    cancel->setObjectName(QStringLiteral("mnuJobCancel"));
+    cancel->setEnabled(!printing);
+    mnuJob_->popup(lvwJob_->viewport()->mapToGlobal(at));
+}
+
+void MainWindow::previewSelectedJob()
+{
+    const qint32 jobId = selectedJobId();
+    if (jobId <= 0)
+        return;
+    BoxOwnerScope owner(this);
+    Operator::JobPreview preview;
+    if (op_.previewJob(jobId, &preview) != Operator::Outcome::Done)
+        return;
+    auto* dialog = new PreviewDialog(preview, this);
+    dialog->show();
+    dialog->raise();
+    dialog->activateWindow();
+}
+
+void MainWindow::moveSelectedJob(qint32 toPrinter, bool allOfItsPrinter)
+{
+    const qint32 jobId = selectedJobId();
+    if (jobId <= 0)
+        return;
+    BoxOwnerScope owner(this);
+    if (allOfItsPrinter)
+        op_.movePrinterJobs(lvwJob_->currentIndex().data(JobListModel::PrinterIdRole).toInt(), toPrinter);
+    else
+        op_.moveJobs({jobId}, toPrinter);
+}
+
+void MainWindow::cancelSelectedJob()
+{
+    const int row = selectedJobRow();
+    const qint32 jobId = selectedJobId();
+    if (jobId <= 0)
+        return;
+    BoxOwnerScope owner(this);
+    if (op_.cancelJob(jobId) == Operator::Outcome::Done)
+        selectJobRow(qMin(row, lvwJob_->model()->rowCount() - 1));
+}
+
+void MainWindow::openHistory()
+{
+    if (!started_)
+        return;
+    if (!history_)
+        history_ = new HistoryDialog(op_, this);
+    else
+        history_->reload();
+    history_->show();
+    history_->raise();
+    history_->activateWindow();
 }
 
 qint32 MainWindow::selectedPrinter() const

@@ -25,6 +25,7 @@ class QTreeView;
 namespace quill {
 
 class AboutBox;
+class HistoryDialog;
 class Operator;
 class Pacer;
 class PrinterListPresenter;
@@ -82,6 +83,13 @@ private:
     void toggleService();
     void deleteSelectedJob();
     void deleteAllJobs();
+    // The job list's context menu: preview, move, cancel.
+    void showJobMenu(const QPoint& at);
+    void previewSelectedJob();
+    void moveSelectedJob(qint32 toPrinter, bool allOfItsPrinter);
+    void cancelSelectedJob();
+    void openHistory();
+    qint32 selectedJobId() const;
     void newPrinter();
     void editSelectedPrinter();
     bool afterBackgroundWork(std::function<void()> command);
@@ -116,6 +124,9 @@ private:
     QPushButton* cmdService_ = nullptr;
     QPushButton* cmdDeleteJob_ = nullptr;
     QPushButton* cmdDeleteAllJob_ = nullptr;
+    QPushButton* cmdHistory_ = nullptr;
+    QMenu* mnuJob_ = nullptr;
+    QPointer<HistoryDialog> history_;
     QLabel* panServer_ = nullptr;
     QLabel* panServerPicture_ = nullptr;
     QLabel* panService_ = nullptr;

@@ -317,6 +317,12 @@ control::Reason Operator::unusableTarget(qint32 printerId) const
     return control::Reason::None;
 }
 
+QString Operator::printerName(qint32 printerId) const
+{
+    return server_.printers().SrvPrinterExists(printerId) ? server_.printers().at(printerId).name.trimmed()
+                                                          : GetString(12049);
+}
+
 bool Operator::jobPrinting(qint32 jobId) const
 {
     return server_.printService().printing(jobId);
@@ -343,6 +349,7 @@ Operator::Result Operator::previewJob(qint32 jobId, JobPreview* preview)
     JobPreview p;
     p.jobId = jobId;
     p.printerId = job.printerId;
+    p.printerName = printerName(job.printerId);
     p.templateId = job.templateId;
     p.caption = job.field(12);
     // The layout and the variables as the driver sends them, through the

@@ -133,12 +133,15 @@ public:
     struct JobPreview {
         qint32 jobId = 0;
         qint32 printerId = -1;
+        QString printerName;
         qint32 templateId = -1;
         QString caption;
         QString layoutFile;
         QString layoutText;
         QList<QPair<int, QString>> variables;
     };
+    // A printer's name as the job list shows it ("Okänd" for one not registered).
+    QString printerName(qint32 printerId) const;
     // Is the job being printed now (it can be neither moved nor cancelled)?
     bool jobPrinting(qint32 jobId) const;
     // Invalid (UnknownJob) for a job not queued; Failed (NoLayout) when the
