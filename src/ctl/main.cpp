@@ -128,7 +128,7 @@ const QList<Command>& commands()
          "Cancel queued job ID while the print service runs (not one being printed); it goes into the history.", {}, 1,
          1},
         {"history", control::command::History, "[--limit N]",
-         "Jobs printed or cancelled, newest first (the history keeps the last 10,000, at most 30 days).",
+         "Jobs printed or cancelled, newest first (the history keeps the last 10,000 of at most 30 days, or as set).",
          {{"limit", "N", "show at most N entries (default 50)", "limit", Option::Number}}},
         {"reprint", control::command::Reprint, "ID [--printer N]",
          "Queue a copy of history entry ID as a new job, on its printer or printer N.",

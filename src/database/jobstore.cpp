@@ -386,12 +386,14 @@ void JobListModel::clear()
         endResetModel();
 }
 
-void JobListModel::retarget(int row, qint32 printerId, const QString& text)
+void JobListModel::retarget(const std::vector<std::pair<int, QString>>& rowAndText, qint32 printerId)
 {
-    QueuedJob& j = rows_.at(size_t(row));
-    j.printerId = printerId;
-    j.text = compactUtf8(text);
-    // The printer's scan hint may lie past this row now.
+    for (const auto& [row, text] : rowAndText) {
+        QueuedJob& j = rows_.at(size_t(row));
+        j.printerId = printerId;
+        j.text = compactUtf8(text);
+    }
+    // The printer's scan hint may lie past these rows now.
     scanFrom_.erase(printerId);
     shownSeq_ = ~quint64(0);
     if (rowCount() > 0)
@@ -694,8 +696,7 @@ bool JobStore::moveJobs(const std::vector<qint32>& ids, qint32 printerId)
     // A failure is logged per job as the outcome is taken.
     if (!await(lastTicket_ = writer().submitMove(std::move(jobs), printerId)).ok())
         return false;
-    for (const auto& [row, text] : rows)
-        list_.retarget(row, printerId, text);
+    list_.retarget(rows, printerId);
     return true;
 }
 

@@ -138,9 +138,9 @@ public:
     // Removes these rows (ascending) in one pass: a few runs of adjacent rows as
     // row removals, scattered rows as one reset.
     void removeRowsAt(const std::vector<int>& rows);
-    // The job in this row now belongs to the printer, with the text that says
-    // so; it keeps its place in the queue.
-    void retarget(int row, qint32 printerId, const QString& text);
+    // The jobs in these rows now belong to the printer, each with the text
+    // that says so; they keep their places in the queue. Views are told once.
+    void retarget(const std::vector<std::pair<int, QString>>& rowAndText, qint32 printerId);
     void clear();
 
     // Many appends as one model reset (start-up rebuild).

@@ -478,6 +478,7 @@ Operator::Result Operator::history(int limit, std::vector<HistoryEntry>* entries
         return failed();
     }
     *entries = std::move(r.value);
+    logAction(QStringLiteral("History read (%1 entries).").arg(entries->size()));
     return Outcome::Done;
 }
 
