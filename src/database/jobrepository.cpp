@@ -46,6 +46,33 @@ void appendElement(QString& list, const QString& text)
 
 } // namespace
 
+std::optional<Error> JobRepository::move(const std::vector<std::pair<qint32, QString>>& idAndText, qint32 printerId)
+{
+    if (!db_.postgres()) {
+        return Trap([&] {
+            for (const auto& [id, text] : idAndText)
+                db_.exec(QStringLiteral("UPDATE tbJob SET PrinterId = ?, Job = ? WHERE Id = ?"), {printerId, text, id});
+        });
+    }
+    // PostgreSQL: one statement, one round trip to the database server however many.
+    QString ids = QStringLiteral("{"), texts = QStringLiteral("{");
+    for (size_t i = 0; i < idAndText.size(); ++i) {
+        if (i) {
+            ids += QLatin1Char(',');
+            texts += QLatin1Char(',');
+        }
+        ids += QString::number(idAndText[i].first);
+        appendElement(texts, idAndText[i].second);
+    }
+    ids += QLatin1Char('}');
+    texts += QLatin1Char('}');
+    return Trap([&] {
+        db_.exec(QStringLiteral("UPDATE tbJob SET PrinterId = CAST(? AS integer), Job = v.j "
+                                "FROM unnest(CAST(? AS integer[]), CAST(? AS text[])) AS v(i, j) WHERE tbJob.Id = v.i"),
+                 {printerId, ids, texts});
+    });
+}
+
 DbResult<qint32> JobRepository::insertRun(const std::vector<std::pair<qint32, QString>>& printerAndText)
 {
     QString printers = QStringLiteral("{"), texts = QStringLiteral("{");
@@ -145,14 +172,6 @@ std::optional<Error> JobRepository::remove(const std::vector<qint32>& ids)
         db_.exec(pg ? QStringLiteral("DELETE FROM tbJob WHERE Id = ANY (CAST(? AS integer[]))")
                     : QStringLiteral("DELETE FROM tbJob WHERE Id IN (SELECT value FROM json_each(?))"),
                  {QString::fromLatin1(list)});
-    });
-}
-
-std::optional<Error> JobRepository::move(const std::vector<std::pair<qint32, QString>>& idAndText, qint32 printerId)
-{
-    return Trap([&] {
-        for (const auto& [id, text] : idAndText)
-            db_.exec(QStringLiteral("UPDATE tbJob SET PrinterId = ?, Job = ? WHERE Id = ?"), {printerId, text, id});
     });
 }
 

@@ -68,6 +68,26 @@ private slots:
         QTest::newRow("long last field") << "BRIXA\t1.00\tP\t" + QString(40000, 'v');
         QTest::newRow("numbers") << "0\t 5\t+5\t5.6\t007\t123456789\t999999999\t1234567890\t2147483648\t&H1F\t-3\t5 \t٣\t\t1e3";
     }
+    // A field replaced (the printer of a moved job); the rest of the text as it was.
+    void withField_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("field");
+        QTest::addColumn<QString>("result");
+        QTest::newRow("a middle field") << "BRIXA\t1.00\tP\t1\t5" << 4 << "BRIXA\t1.00\tP\t2\t5";
+        QTest::newRow("the last field") << "BRIXA\t1.00\tP\t1" << 4 << "BRIXA\t1.00\tP\t2";
+        QTest::newRow("an empty field") << "BRIXA\t1.00\tP\t\t5" << 4 << "BRIXA\t1.00\tP\t2\t5";
+        QTest::newRow("leading and trailing TAB kept") << "\tBRIXA\t1.00\tP\t1\t" << 4 << "\tBRIXA\t1.00\tP\t2\t";
+        QTest::newRow("no such field: unchanged") << "BRIXA\t1.00\tP" << 4 << "BRIXA\t1.00\tP";
+    }
+    void withField()
+    {
+        QFETCH(QString, text);
+        QFETCH(int, field);
+        QFETCH(QString, result);
+        QCOMPARE(JobFields(text).withField(field, "2"), result);
+    }
+
     void sameAsTheFieldReaders()
     {
         QFETCH(QString, text);
