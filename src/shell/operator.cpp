@@ -399,9 +399,13 @@ Operator::Result Operator::moveChecked(const std::vector<qint32>& ids, qint32 to
         return failed();
     if (moved)
         *moved = int(moving.size());
+    // A long queue's line names its first jobs and how many more.
+    constexpr size_t Named = 20;
     QStringList names;
-    for (qint32 id : moving)
-        names << QString::number(id);
+    for (size_t i = 0; i < moving.size() && i < Named; ++i)
+        names << QString::number(moving[i]);
+    if (moving.size() > Named)
+        names << QStringLiteral("and %1 more").arg(moving.size() - Named);
     const QString source = from > 0 ? QStringLiteral(" from printer %1").arg(from) : QString();
     logAction(moving.size() == 1 ? QStringLiteral("Job %1 moved%2 to printer %3.").arg(names[0], source).arg(toPrinter)
                                  : QStringLiteral("%1 jobs moved%2 to printer %3: %4.")
