@@ -133,6 +133,9 @@ Send a print request from another terminal (field 4 is the printer, 1 or 2):
 The reply is "BRIXA<TAB>OK<TAB>"; the printed label appears as PNG + JSON in
   $demo/labels/reception/  (printer 1)    $demo/labels/proshop/  (printer 2)
 
+Operate it from the shell: $bin/quillbase-ctl --home $demo status
+  (also history, preview ID -o FILE, move, cancel, reprint; --help lists every command)
+
 Ctrl-C stops the server and both printers. Event log follows:
 EOF
 if [ ${#mode[@]} -eq 0 ]; then say "(The server's window is open: File - Exit there ends the demo too.)"; fi

@@ -766,7 +766,9 @@ int run(const QStringList& arguments)
     if (command->request == QLatin1String("settings-set") && args.isEmpty())
         return usageError(QStringLiteral("no setting given"), command);
 
-    const QString home = parser.isSet(QStringLiteral("home")) ? parser.value(QStringLiteral("home")) : defaultHome();
+    // Absolute: a relative socket path is not a name QLocalSocket accepts.
+    const QString home = QDir(parser.isSet(QStringLiteral("home")) ? parser.value(QStringLiteral("home")) : defaultHome())
+                             .absolutePath();
     int timeout = 0;
     if (parser.isSet(QStringLiteral("timeout"))) {
         timeout = parser.value(QStringLiteral("timeout")).toInt(&ok);

@@ -201,10 +201,15 @@ private slots:
         QVERIFY(client.waitForConnected(5000));
         QTRY_COMPARE_WITH_TIMEOUT(status()["listener"].toObject()["connections"].toInt(), 1, 10000);
 
-        const Run table = ctl({"status"});
-        QCOMPARE(table.code, 0);
-        QVERIFY2(table.out.contains(GetString(12085)) && table.out.contains("Kassa") && table.out.contains("COM2:#9600"),
-                 qPrintable(table.out));
+        // The folder as a person types it, relative to where they stand.
+        QProcess relative;
+        relative.setWorkingDirectory(inst_->path());
+        relative.start(Ctl, {"--home", ".", "status"});
+        QVERIFY(relative.waitForFinished(120000));
+        const QString table = QString::fromUtf8(relative.readAllStandardOutput());
+        QCOMPARE(relative.exitCode(), 0);
+        QVERIFY2(table.contains(GetString(12085)) && table.contains("Kassa") && table.contains("COM2:#9600"),
+                 qPrintable(table));
 
         // Shutdown removes the socket; then there is no server to talk to.
         QVERIFY(stopServer());
