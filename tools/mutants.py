@@ -77,9 +77,11 @@ def copy_tree(dest):
         if not os.path.isfile(src):
             continue
         os.makedirs(os.path.dirname(dst), exist_ok=True)
-        # Unchanged files keep their times, so the scratch build stays incremental.
+        # Unchanged files keep their times, so the scratch build stays incremental;
+        # a changed one gets the time of the copy, not its own: a mutant restored
+        # after the source's last change left a newer object file behind.
         if not os.path.exists(dst) or open(src, "rb").read() != open(dst, "rb").read():
-            shutil.copy2(src, dst)
+            shutil.copy(src, dst)
 
 
 def layer_of(path):
