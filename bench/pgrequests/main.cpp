@@ -37,11 +37,9 @@ namespace {
 
 QSqlDatabase cluster(const QString& name, const QString& database)
 {
+    // libpq reads host, port, user and password from the PG* variables
+    // pg_virtualenv sets.
     QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), name);
-    db.setHostName(qEnvironmentVariable("PGHOST", QStringLiteral("localhost")));
-    db.setPort(qEnvironmentVariableIntValue("PGPORT"));
-    db.setUserName(qEnvironmentVariable("PGUSER", QStringLiteral("postgres")));
-    db.setPassword(qEnvironmentVariable("PGPASSWORD"));
     db.setDatabaseName(database);
     return db;
 }
