@@ -213,7 +213,9 @@ void TestDurability::killDuringAMoveLosesAndDoublesNothing()
         QTest::qWait(int(span * (round - 1) / 4));
         server->kill();
         QVERIFY(server->waitForFinished(10000));
-        QVERIFY(ctl->waitForFinished(120000));
+        // A move faster than the first may have ended during the wait: its
+        // end was taken in by then, and waitForFinished would say false.
+        QVERIFY(ctl->state() == QProcess::NotRunning || ctl->waitForFinished(120000));
         // Read once the next server runs: on PostgreSQL the killed server's
         // session has ended by then, its statement committed or rolled back.
         server = startServer();
