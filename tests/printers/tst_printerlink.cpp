@@ -5,7 +5,6 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -104,7 +103,7 @@ private slots:
         links.setDeviceTimeout(60000);
         const QString line = LinkKey("COM2:");
         QObject owner, other;
-        std::atomic<bool> started{false};
+        std::atomic<bool> started{false}, cancelled{false};
         bool ended = false, otherDone = false, laterDone = false;
         links.run({line}, &owner,
                   [&](const DeviceContext& c) {
@@ -112,15 +111,14 @@ private slots:
                       QDeadlineTimer limit(c.timeoutMs);
                       while (!c.cancelled() && !limit.hasExpired())
                           QThread::msleep(5);
+                      cancelled = c.cancelled();
                   },
                   [&] { ended = true; });
         links.run({line}, &owner, [](const DeviceContext&) {}, [&] { ended = true; });
         links.run({line}, &other, [](const DeviceContext&) {}, [&] { otherDone = true; });
         QTRY_VERIFY_WITH_TIMEOUT(started.load(), 10000);
-        QElapsedTimer clock;
-        clock.start();
         links.stopWork(&owner);
-        QVERIFY2(clock.elapsed() < 30000, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(cancelled);
         QVERIFY(!links.hasWork(&owner));
         QTRY_VERIFY_WITH_TIMEOUT(otherDone, 10000);
         std::atomic<bool> laterCancelled{true};

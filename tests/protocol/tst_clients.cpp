@@ -193,19 +193,6 @@ private slots:
         QVERIFY(!log.contains("tAllowedClients is not set"));
     }
 
-    // Without an allow-list every address may connect: the start says so once.
-    void startWithoutAllowListWarns()
-    {
-        TestInstallation inst;
-        QVERIFY(inst.ok());
-        QVERIFY(inst.setServer(TestInstallation::freePort(), false));
-        inst.setUserSwitch("dwUseLog", 1);
-        Server server(Server::Options{});
-        QCOMPARE(server.startup(), Server::Started);
-        QCOMPARE(inst.log().count("Warning: tAllowedClients is not set, so any address that reaches the listener "
-                                  "may connect."),
-                 1);
-    }
 };
 
 QTEST_GUILESS_MAIN(TestClients)

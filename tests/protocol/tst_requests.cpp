@@ -104,6 +104,20 @@ class TestRequests : public QObject {
         QTest::qWait(20);
         return got + s.readAll();
     }
+    // The same for many clients at once, with one wait for extra bytes.
+    static void compareReplies(std::vector<std::unique_ptr<QTcpSocket>>& clients, const QByteArray& want)
+    {
+        std::vector<QByteArray> got(clients.size());
+        (void)QTest::qWaitFor([&] {
+            size_t whole = 0;
+            for (size_t i = 0; i < clients.size(); ++i)
+                whole += (got[i] += clients[i]->readAll()).size() >= want.size() ? 1 : 0;
+            return whole == clients.size();
+        }, 10000);
+        QTest::qWait(20);
+        for (size_t i = 0; i < clients.size(); ++i)
+            QCOMPARE(got[i] + clients[i]->readAll(), want);
+    }
     QByteArray exchange(QTcpSocket& s, const QByteArray& request, const QByteArray& want)
     {
         s.write(request);
@@ -126,9 +140,12 @@ private slots:
     void configure_data();
     void configure();
     // Another program adds a template while the server runs: the next request
-    // for it is accepted.
+    // for it is accepted. (Without an allow-list the start warned, once.)
     void templateAddedWhileRunning()
     {
+        QCOMPARE(inst->log().count("Warning: tAllowedClients is not set, so any address that reaches the listener "
+                                   "may connect."),
+                 1);
         auto c = connectClient();
         QVERIFY(c);
         QCOMPARE(exchange(*c, print("1", "5"), expected(1004)), expected(1004));
@@ -209,7 +226,6 @@ void TestRequests::configure_data()
     QTest::newRow("empty workstation withdraws nothing") << "" << "3\t\t*" << unchanged << QList<int>{1, 2, 3, 4};
     QTest::newRow("empty user withdraws nothing") << "" << "3\tKASSA2\t" << unchanged << QList<int>{1, 2, 3, 4};
     QTest::newRow("one workstation, any user") << "" << "3\t kassa1 \t*" << unchanged << QList<int>{3, 4};
-    QTest::newRow("user on any workstation") << "" << "3\t*\tANNA" << unchanged << QList<int>{2, 4};
     QTest::newRow("both must match") << "" << "3\tKASSA1\tanna" << unchanged << QList<int>{2, 3, 4};
 }
 
@@ -309,8 +325,7 @@ void TestRequests::connectionLimit()
     // Every one of the 32 is served.
     for (auto& c : clients)
         c->write(print("1", "1"));
-    for (auto& c : clients)
-        QCOMPARE(awaitReply(*c, expected(0)), expected(0));
+    compareReplies(clients, expected(0));
     // One leaves; the next client gets its entry.
     clients[4]->disconnectFromHost();
     QTRY_COMPARE_WITH_TIMEOUT(server->listener().FindFreeConnection(), 5, 5000);
@@ -358,8 +373,7 @@ void TestRequests::oddClients()
             // Every one of them is served.
             for (auto& o : others)
                 o->write("BRIXA\t1.00\tX");
-            for (auto& o : others)
-                QCOMPARE(awaitReply(*o, expected(9003)), expected(9003));
+            compareReplies(others, expected(9003));
             others.clear();
             QTRY_COMPARE_WITH_TIMEOUT(server->listener().connectionCount(), 0, 5000);
         }

@@ -13,6 +13,7 @@
 #include "support/installation.h"
 
 #include <QAbstractItemModelTester>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -161,6 +162,9 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(count("end %1 %2 OK", 1, j2), 1, 15000);
         QCOMPARE(queued(), 0);
         QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(inst_->netOut.path()), (QStringList{"ett 1/1 t1", "två 1/1 t1"}), 5000);
+        // The layout goes with the first job of its template only, before its print.
+        QCOMPARE(inst_->net.log().filter(QRegularExpression("^(layout|print)")),
+                 (QStringList{"layout 1", "print 1 i 1", "print 1 i 1"}));
     }
 
     void jobsThatFailTheirChecksWait()
