@@ -169,6 +169,7 @@ private slots:
     void crashAfterEveryStep_data();
     void crashAfterEveryStep();
     void openElsewhereIsNotReplaced();
+    void commitDuringCompactionIsKept();
     void damagedPagesAreSalvaged_data();
     void damagedPagesAreSalvaged();
     void backupGenerations();
@@ -324,6 +325,22 @@ void TestMaintenance::openElsewhereIsNotReplaced()
     QCOMPARE(JobRows(home.file("brixa.mdb")).size(), 11);
 }
 
+// A job another program commits while the start compacts: the compacted copy,
+// which lacks it, does not replace the database.
+void TestMaintenance::commitDuringCompactionIsKept()
+{
+    DbHome home;
+    QVERIFY(home.ok());
+    QVERIFY(storeJobs(home.path(), 10));
+    SetMaintenanceStepHook([](const char* step) {
+        if (std::strcmp(step, "compact2") == 0)
+            ExecSql(HomePath("brixa.mdb"), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (11, 1, '" + job(11) + "')"});
+    });
+    const QStringList listed = startAndList();
+    SetMaintenanceStepHook(nullptr);
+    QCOMPARE(listed, expectedRows(11));
+    QCOMPARE(home.logMessages().filter("Step 3 - Failed to delete brixa.mdb.").size(), 1);
+}
 
 void TestMaintenance::damagedPagesAreSalvaged_data()
 {
@@ -454,6 +471,16 @@ void TestMaintenance::backupGenerations()
         QVERIFY2(record.value(2).contains("tbJob 3"), qPrintable(record.join('|')));
     }
     QVERIFY(!home.has("brixa_backup.tmp"));
+    // Backups without the record of a passed check (left by hand) go first:
+    // the newest that passed stays, however old.
+    QDir backups(home.file("backups"));
+    const QStringList before = backups.entryList({"brixa_backup-*.mdb"}, QDir::Files, QDir::Name);
+    for (const QString& g : before.mid(1))
+        QVERIFY(backups.remove(g + ".check"));
+    QVERIFY(QFile::remove(home.file("brixa_backup.mdb.check")));
+    QCOMPARE(startAndList().size(), 3);
+    QVERIFY(backups.exists(before.first()));
+    QCOMPARE(backups.entryList({"brixa_backup-*.mdb"}, QDir::Files).size(), 5);
 }
 
 void TestMaintenance::unreadableStartsKeepTheGoodBackup_data()
