@@ -16,10 +16,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QRadioButton>
-#include <QJsonObject>
 #include <QSignalSpy>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTreeView>
 
 using quill::GetString;
@@ -502,8 +499,10 @@ private slots:
         QTRY_VERIFY(s_->window->isEnabled());
     }
 
-    // Settings: an unchanged port touches nothing, the switches are saved and
-    // the silent-mode mark follows, letters never reach the port field.
+    // Settings: opened from a running service once the operator agrees to stop
+    // it; a port out of range keeps the dialog open and saves nothing, letters
+    // never reach the port field, the switches are saved and the silent-mode
+    // mark follows.
     void settings_data()
     {
         QTest::addColumn<QString>("language");
@@ -515,11 +514,17 @@ private slots:
         QFETCH(QString, language);
         if (language == "uk")
             useEnglish();
+        QVERIFY(inst().setServer(TestInstallation::freePort(), true));
         QVERIFY(startWindow());
         const quint16 port = s_->server->listener().localPort();
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Yes, Btn::Ok});
         s_->find<QAction>("mnuSettings")->trigger();
         auto* d = TopLevel("frmSrvAdj");
         QVERIFY(d);
+        QCOMPARE(boxes.texts.size(), 1);
+        QVERIFY(boxes.texts.first().startsWith(GetString(12016)));
+        QVERIFY(!s_->op->serviceRunning());
         QVERIFY(!s_->window->isEnabled());
         QCOMPARE(d->windowTitle(), GetString(12104) + " - " + GetString(9003));
         auto* field = in<QLineEdit>(d, "txtServerPort");
@@ -528,63 +533,26 @@ private slots:
         Screenshot(d, "settings-" + language);
 
         field->clear();
-        QTest::keyClicks(field, "1x2a3");
-        QTest::keyClick(field, Qt::Key_Backspace);
-        QCOMPARE(field->text(), "12");
-        field->setText(QString::number(port));
-
+        QTest::keyClicks(field, "7x0a000");
+        QCOMPARE(field->text(), "70000");
         in<QCheckBox>(d, "chkSilentMode")->setChecked(true);
-        in<QCheckBox>(d, "chkAutoStartService")->setChecked(true);
         in<QCheckBox>(d, "chkUseLog")->setChecked(false);
-        BoxAnswerer boxes;
+        click(d, "cmdOK");
+        QTRY_COMPARE(boxes.texts.size(), 2);
+        QCOMPARE(boxes.texts.last(), GetString(12143));
+        QCOMPARE(TopLevel("frmSrvAdj"), d);
+        QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwSilentMode").toInt(), 0);
+
+        field->setText(QString::number(port));
         click(d, "cmdOK");
         QTRY_VERIFY(!TopLevel("frmSrvAdj"));
         QVERIFY(s_->window->isEnabled());
-        QCOMPARE(boxes.texts, QStringList{});
+        QCOMPARE(boxes.texts.size(), 2);
         QCOMPARE(s_->server->listener().localPort(), port);
         QVERIFY(s_->server->listener().isListening());
-        QCOMPARE(inst().scalar("SELECT AutoStartService FROM tbServer").toInt(), 1);
         QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwSilentMode").toInt(), 1);
         QCOMPARE(quill::RegGetValue(quill::HKEY_CURRENT_USER, quill::KeyQuillbase, "dwUseLog").toInt(), 0);
         QVERIFY(s_->find<QLabel>("panSBSilent")->isVisible());
-    }
-
-    // A busy port says so and disables the service button.
-    void settingsBusyPort()
-    {
-        QVERIFY(startWindow());
-        QTcpServer occupant;
-        QVERIFY(occupant.listen(QHostAddress::Any, 0));
-        s_->find<QAction>("mnuSettings")->trigger();
-        auto* d = TopLevel("frmSrvAdj");
-        QVERIFY(d);
-        in<QLineEdit>(d, "txtServerPort")->setText(QString::number(occupant.serverPort()));
-        BoxAnswerer boxes;
-        boxes.answer({Btn::Ok});
-        click(d, "cmdOK");
-        QTRY_VERIFY(!TopLevel("frmSrvAdj"));
-        QCOMPARE(boxes.texts, QStringList{GetString(12006)});
-        QVERIFY(!s_->find<QWidget>("cmdService")->isEnabled());
-    }
-
-    // An out-of-range port keeps the dialog open with the core's
-    // message and saves nothing.
-    void settingsInvalidPort()
-    {
-        QVERIFY(startWindow());
-        s_->find<QAction>("mnuSettings")->trigger();
-        auto* d = TopLevel("frmSrvAdj");
-        QVERIFY(d);
-        in<QLineEdit>(d, "txtServerPort")->setText("70000");
-        in<QCheckBox>(d, "chkAutoStartService")->setChecked(true);
-        BoxAnswerer boxes;
-        boxes.answer({Btn::Ok});
-        click(d, "cmdOK");
-        QTRY_COMPARE(boxes.texts, QStringList{GetString(12143)});
-        QCOMPARE(TopLevel("frmSrvAdj"), d);
-        QCOMPARE(inst().scalar("SELECT AutoStartService FROM tbServer").toInt(), 0);
-        click(d, "cmdCancel");
-        QTRY_VERIFY(s_->window->isEnabled());
     }
 };
 

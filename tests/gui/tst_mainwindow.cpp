@@ -16,6 +16,7 @@
 #include <QElapsedTimer>
 #include <QHeaderView>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMenu>
 #include <QPainter>
 #include <QProcess>
@@ -146,91 +147,77 @@ private slots:
 
     void cleanup() { s_.reset(); }
 
-    // Every element the service state drives, from the start-up's state on.
+    // Every element the service state drives, from the start-up's state on;
+    // without a listener the service cannot be started from the window.
     void serviceToggle_data()
     {
         QTest::addColumn<bool>("autoStart");
-        QTest::newRow("stopped at start") << false;
-        QTest::newRow("auto-started") << true;
+        QTest::addColumn<bool>("listener");
+        QTest::newRow("stopped at start") << false << true;
+        QTest::newRow("auto-started") << true << true;
+        QTest::newRow("port taken") << true << false;
     }
     void serviceToggle()
     {
         QFETCH(bool, autoStart);
-        QVERIFY(inst().setServer(port_, autoStart));
+        QFETCH(bool, listener);
+        QTcpServer squatter;
+        QVERIFY(squatter.listen(QHostAddress::Any, 0));
+        QVERIFY(inst().setServer(listener ? port_ : squatter.serverPort(), autoStart));
+        BoxAnswerer boxes;
+        boxes.answer({Btn::Ok});
         QVERIFY(startWindow());
-        QVERIFY(find<QPushButton>("cmdService")->isEnabled());
-        checkServiceShown(autoStart, autoStart);
-
-        QTest::mouseClick(find<QPushButton>("cmdService"), Qt::LeftButton);
+        QCOMPARE(boxes.texts, listener ? QStringList{} : QStringList{GetString(12014)});
+        QCOMPARE(find<QPushButton>("cmdService")->isEnabled(), listener);
+        QCOMPARE(action("mnuSTPopupService")->isEnabled(), listener);
+        checkServiceShown(autoStart && listener, autoStart && listener);
+        if (!listener)
+            return;
+        QUILL_PRESS(find<QPushButton>("cmdService"));
         checkServiceShown(!autoStart);
         action("mnuSTPopupService")->trigger();
         checkServiceShown(autoStart);
     }
 
-    // Without a listener the service cannot be started from the window.
-    void serviceButtonWithoutListener()
-    {
-        QTcpServer squatter;
-        QVERIFY(squatter.listen(QHostAddress::Any, 0));
-        QVERIFY(inst().setServer(squatter.serverPort(), true));
-        BoxAnswerer boxes;
-        boxes.answer({Btn::Ok});
-        QVERIFY(startWindow());
-        QCOMPARE(boxes.texts, QStringList{GetString(12014)});
-        QVERIFY(!find<QPushButton>("cmdService")->isEnabled());
-        QVERIFY(!action("mnuSTPopupService")->isEnabled());
-        checkServiceShown(false, false);
-    }
-
+    // The delete commands reach the core with the selected job; the selection
+    // stays on the same row (or the last one).
     void deleteJobs_data()
     {
         QTest::addColumn<QString>("command");
-        QTest::addColumn<int>("jobs");
         QTest::addColumn<int>("select");
         QTest::addColumn<bool>("running");
-        QTest::addColumn<Btn>("answer");
         QTest::addColumn<QStringList>("boxes");
         QTest::addColumn<QStringList>("remaining");
         QTest::addColumn<int>("selected");
-        const QString q2 = "Vill du radera utskriftsjobbet '2 B' ?";
-        const QString all = "Vill du radera ALLA jobb?";
         const QStringList abc{"A", "B", "C"};
-        QTest::newRow("button, yes") << "button" << 3 << 1 << false << Btn::Yes << QStringList{q2} << QStringList{"A", "C"} << 1;
-        QTest::newRow("button, last row") << "button" << 3 << 2 << false << Btn::Yes
+        QTest::newRow("button") << "button" << 1 << false << QStringList{"Vill du radera utskriftsjobbet '2 B' ?"}
+                                << QStringList{"A", "C"} << 1;
+        QTest::newRow("button, last row") << "button" << 2 << false
                                           << QStringList{"Vill du radera utskriftsjobbet '3 C' ?"} << QStringList{"A", "B"} << 1;
-        QTest::newRow("delete key, yes") << "key" << 3 << 1 << false << Btn::Yes << QStringList{q2} << QStringList{"A", "C"} << 1;
-        QTest::newRow("delete key, service running") << "key" << 3 << 1 << true << Btn::Yes << QStringList{} << abc << 1;
-        QTest::newRow("shift+delete") << "shift key" << 3 << 1 << false << Btn::Yes << QStringList{} << abc << 1;
-        QTest::newRow("all, yes") << "all" << 3 << 1 << false << Btn::Yes << QStringList{all} << QStringList{} << -1;
+        QTest::newRow("delete key, service running") << "key" << 1 << true << QStringList{} << abc << 1;
+        QTest::newRow("shift+delete") << "shift key" << 1 << false << QStringList{} << abc << 1;
     }
     void deleteJobs()
     {
         QFETCH(QString, command);
-        QFETCH(int, jobs);
         QFETCH(int, select);
         QFETCH(bool, running);
-        QFETCH(Btn, answer);
         QFETCH(QStringList, boxes);
         QFETCH(QStringList, remaining);
         QFETCH(int, selected);
         addQuietPrinters(false);
-        queueJobs(QStringList{"A", "B", "C"}.mid(0, jobs));
+        queueJobs({"A", "B", "C"});
         QVERIFY(startWindow());
-        QCOMPARE(jobCaptions().size(), jobs);
         if (running)
-            QTest::mouseClick(find<QPushButton>("cmdService"), Qt::LeftButton);
+            QUILL_PRESS(find<QPushButton>("cmdService"));
         selectJob(select);
-
         BoxAnswerer answers;
-        answers.answer({answer});
-        auto* view = find<QTreeView>("lvwJob");
+        answers.answer({Btn::Yes});
         if (command == "button")
-            QTest::mouseClick(find<QPushButton>("cmdDeleteJob"), Qt::LeftButton);
-        else if (command == "all")
-            QTest::mouseClick(find<QPushButton>("cmdDeleteAllJob"), Qt::LeftButton);
+            QUILL_PRESS(find<QPushButton>("cmdDeleteJob"));
         else
-            QTest::keyClick(view, Qt::Key_Delete, command == "key" ? Qt::NoModifier : Qt::ShiftModifier);
-
+            QTest::keyClick(find<QTreeView>("lvwJob"), Qt::Key_Delete,
+                            command == "key" ? Qt::NoModifier : Qt::ShiftModifier);
         QCOMPARE(answers.texts, boxes);
         QCOMPARE(answers.unexpected, 0);
         if (!boxes.isEmpty()) {
@@ -373,113 +360,61 @@ private slots:
         QTRY_VERIFY(viewport->updatesEnabled() && counter.lastPaint >= lastChange);
     }
 
-    // Editing asks the core; a printer that prints or is being checked stays as
-    // it is, any other goes to Configuring while the dialog is open.
-    void editPrinter_data()
+    // The printer list's commands reach the core: the dialogs open (an edited
+    // printer Configuring meanwhile, its status back after Cancel), a deletion
+    // asks first.
+    void printerCommands_data()
     {
-        QTest::addColumn<int>("status");
         QTest::addColumn<QString>("trigger");
-        QTest::addColumn<bool>("opens");
-        QTest::newRow("working, menu") << int(quill::StatusWorking) << "menu" << false;
-        QTest::newRow("ready, enter") << int(quill::StatusReady) << "enter" << true;
-        QTest::newRow("ready, double-click") << int(quill::StatusReady) << "double-click" << true;
+        QTest::addColumn<QString>("question"); // empty: the printer dialog opens
+        const QString q = "Vill du ta bort skrivaren '3 Entré på 127.0.0.1' ?";
+        QTest::newRow("new, menu") << "mnuPrinterNew" << "";
+        QTest::newRow("edit, enter") << "enter" << "";
+        QTest::newRow("edit, double-click") << "double-click" << "";
+        QTest::newRow("delete, key") << "delete" << q;
+        QTest::newRow("delete, menu") << "mnuPrinterDelete" << q;
     }
-    void editPrinter()
+    void printerCommands()
     {
-        QFETCH(int, status);
         QFETCH(QString, trigger);
-        QFETCH(bool, opens);
+        QFETCH(QString, question);
         addQuietPrinters(false);
         QVERIFY(startWindow());
         QVERIFY(settled());
-        s_->server->printers().SrvSetPrinterStatus(3, status, "x");
         selectPrinter(3);
-
+        const int status = slot(3).status;
         QList<int> seen;
         connect(&printerList(), &QAbstractItemModel::dataChanged, this, [&] { seen << slot(3).status; });
         BoxAnswerer boxes;
+        boxes.answer({Btn::Yes});
         auto* view = find<QTreeView>("lvwPrinter");
-        if (trigger == "menu") {
-            action("mnuPrinterEdit")->trigger();
-        } else if (trigger == "enter") {
-            QTest::keyClick(view, Qt::Key_Return);
+        const QPoint row = view->visualRect(view->currentIndex()).center();
+        if (trigger == "enter" || trigger == "delete") {
+            QTest::keyClick(view, trigger == "enter" ? Qt::Key_Return : Qt::Key_Delete);
+        } else if (trigger == "double-click") {
+            QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, row);
+            QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, row);
         } else {
-            const QRect r = view->visualRect(view->currentIndex());
-            QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, r.center());
-            QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, r.center());
+            action(trigger.toLatin1())->trigger();
         }
-        QCOMPARE(boxes.texts, QStringList{});
-        QCOMPARE(seen.contains(quill::StatusConfiguring), opens);
+        QCOMPARE(boxes.texts, question.isEmpty() ? QStringList{} : QStringList{question});
+        QList<int> printers;
+        for (int r = 0; r < printerList().rowCount(); ++r)
+            printers << printerList().printerAt(r);
+        QCOMPARE(printers, question.isEmpty() ? QList<int>{3, 4} : QList<int>{4});
+        QCOMPARE(inst().scalar("SELECT COUNT(*) FROM tbPrinter").toInt(), printers.size());
+        if (!question.isEmpty())
+            return;
         auto* dialog = quill::test::TopLevel("frmSrvPrinter");
-        QCOMPARE(dialog != nullptr, opens);
-        QCOMPARE(win().isEnabled(), !opens);
-        if (dialog)
-            QUILL_PRESS(dialog->findChild<QPushButton*>("cmdCancel"));
+        QVERIFY(dialog);
+        QVERIFY(!win().isEnabled());
+        const bool edit = trigger != "mnuPrinterNew";
+        QCOMPARE(seen.contains(quill::StatusConfiguring), edit);
+        QCOMPARE(dialog->findChild<QLineEdit*>("txtPrinterName")->text(), edit ? "Entré" : "");
+        QUILL_PRESS(dialog->findChild<QPushButton*>("cmdCancel"));
         QCOMPARE(slot(3).status, status);
         QVERIFY(!s_->op->printerDialogOpen());
         QTRY_VERIFY(win().isEnabled());
-    }
-
-    void newPrinter()
-    {
-        addQuietPrinters(false);
-        QVERIFY(startWindow());
-        BoxAnswerer answers;
-        action("mnuPrinterNew")->trigger();
-        QCOMPARE(answers.texts, QStringList{});
-        QVERIFY(s_->op->printerDialogOpen());
-        auto* dialog = quill::test::TopLevel("frmSrvPrinter");
-        QVERIFY(dialog);
-        QUILL_PRESS(dialog->findChild<QPushButton*>("cmdCancel"));
-        QCOMPARE(printerList().rowCount(), 2);
-    }
-
-    void deletePrinter_data()
-    {
-        QTest::addColumn<QString>("trigger");
-        QTest::addColumn<Btn>("answer");
-        QTest::addColumn<QList<int>>("remaining");
-        QTest::newRow("delete key, yes") << "key" << Btn::Yes << QList<int>{4};
-        QTest::newRow("menu, yes") << "menu" << Btn::Yes << QList<int>{4};
-    }
-    void deletePrinter()
-    {
-        QFETCH(QString, trigger);
-        QFETCH(Btn, answer);
-        QFETCH(QList<int>, remaining);
-        addQuietPrinters(false);
-        QVERIFY(startWindow());
-        QVERIFY(settled());
-        selectPrinter(3);
-        BoxAnswerer boxes;
-        boxes.answer({answer});
-        if (trigger == "key")
-            QTest::keyClick(find<QTreeView>("lvwPrinter"), Qt::Key_Delete);
-        else
-            action("mnuPrinterDelete")->trigger();
-        QCOMPARE(boxes.texts, QStringList{"Vill du ta bort skrivaren '3 Entré på 127.0.0.1' ?"});
-        QList<int> rows;
-        for (int r = 0; r < printerList().rowCount(); ++r)
-            rows << printerList().printerAt(r);
-        QCOMPARE(rows, remaining);
-        QCOMPARE(inst().scalar("SELECT COUNT(*) FROM tbPrinter").toInt(), remaining.size());
-    }
-
-    // The settings command stops a running service first, when the operator agrees.
-    void settingsStopsService()
-    {
-        QVERIFY(inst().setServer(port_, true));
-        QVERIFY(startWindow());
-        BoxAnswerer boxes;
-        boxes.answer({Btn::Yes});
-        action("mnuSettings")->trigger();
-        QCOMPARE(boxes.texts.size(), 1);
-        // The dialog opens once the service is stopped; its Cancel changes nothing.
-        auto* dialog = quill::test::TopLevel("frmSrvAdj");
-        QVERIFY(dialog);
-        QUILL_PRESS(dialog->findChild<QPushButton*>("cmdCancel"));
-        QTRY_VERIFY(win().isEnabled());
-        checkServiceShown(false);
     }
 
     // Both refresh commands reach their pass; the busy pointer shows while it runs.
@@ -521,22 +456,6 @@ private slots:
         QTcpSocket client;
         client.connectToHost(QHostAddress::LocalHost, port_);
         QVERIFY(client.waitForConnected(5000));
-    }
-
-    // A refused exit says why and leaves the server running.
-    void exitRefused()
-    {
-        addQuietPrinters(false);
-        BoxAnswerer boxes;
-        boxes.answer({Btn::Ok});
-        QVERIFY(startWindow());
-        QVERIFY(settled());
-        s_->server->printers().SrvSetPrinterStatus(3, quill::StatusWorking, GetString(12077));
-        action("mnuExit")->trigger();
-        QCOMPARE(boxes.texts, QStringList{GetString(12021) + '\n' + GetString(12022)});
-        QCOMPARE(boxes.icons.first(), QMessageBox::Information);
-        QCOMPARE(s_->finished, 0);
-        QVERIFY(!inst().log().contains("Quillbase terminated."));
     }
 
     // The exit commands ask the quit question when it is on; the session's end

@@ -178,7 +178,9 @@ private slots:
 
         const QString reply = send(printRequest(printer, 1, 1, "sen"));
         QVERIFY2(codes.contains(replyCode(reply)) && reply.contains(replyText), qPrintable(reply));
-        QTest::qWait(1200); // a few passes and job-timer ticks
+        // Two more passes meet the fault, with the job timer's ticks between them.
+        const int passes = int(inst_->log("Quillmotor").count(seen));
+        QTRY_VERIFY_WITH_TIMEOUT(inst_->log("Quillmotor").count(seen) >= passes + 2, 15000);
         QCOMPARE(queued(), 2);
         QCOMPARE(PrintedLabels(out(printer)), QStringList());
         // A printer not Ready is not handed its jobs: only a run started before
