@@ -401,7 +401,7 @@ private slots:
         QList<int> printers;
         for (int r = 0; r < printerList().rowCount(); ++r)
             printers << printerList().printerAt(r);
-        QCOMPARE(printers, question.isEmpty() ? QList<int>{3, 4} : QList<int>{4});
+        QCOMPARE(printers, (question.isEmpty() ? QList<int>{3, 4} : QList<int>{4}));
         QCOMPARE(inst().scalar("SELECT COUNT(*) FROM tbPrinter").toInt(), printers.size());
         if (!question.isEmpty())
             return;

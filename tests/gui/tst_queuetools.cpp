@@ -213,7 +213,8 @@ private slots:
         const QString png = QDir(inst().netOut.path()).filePath("label-000001.png");
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(png) && !QImage(png).isNull(), 20000);
         QCOMPARE(QImage(png).convertToFormat(QImage::Format_RGB32), shown.convertToFormat(QImage::Format_RGB32));
-        QCOMPARE(s_->op->moveJobs({jobList().jobAt(0).id}, 1), quill::Operator::Outcome::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(jobList().count(), 1, 10000);
+        QCOMPARE(s_->op->moveJobs({jobList().jobAt(0).id}, 1).outcome, quill::Operator::Outcome::Done);
         QTRY_COMPARE_WITH_TIMEOUT(quill::test::PrintedLabels(inst().netOut.path()).size(), 2, 20000);
         QTRY_COMPARE_WITH_TIMEOUT(jobList().count(), 0, 10000);
 
