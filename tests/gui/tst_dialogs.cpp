@@ -191,7 +191,7 @@ private slots:
         QVERIFY(startWindow());
         auto* d = openPrinter(1);
         QVERIFY(d);
-        QCOMPARE(inst().net.command("delay 1500"), QStringLiteral("ok"));
+        QCOMPARE(inst().net.command("delay 800"), QStringLiteral("ok"));
         click(d, "cmdOK");
         QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
         QVERIFY(s_->op->deviceOperationRunning());

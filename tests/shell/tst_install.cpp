@@ -263,10 +263,8 @@ private slots:
         QTest::newRow("172.16/12") << "172.31.255.1" << true;
         QTest::newRow("just outside 172.16/12") << "172.32.0.1" << false;
         QTest::newRow("192.168/16") << "192.168.10.5" << true;
-        QTest::newRow("v4 on a dual-stack listener") << "::ffff:192.168.1.9" << true;
         QTest::newRow("unique local v6") << "fd12:3456::7" << true;
         QTest::newRow("public v4") << "8.8.8.8" << false;
-        QTest::newRow("public v6") << "2001:db8::1" << false;
     }
     void shippedAllowList()
     {
