@@ -149,6 +149,17 @@ inline QString KeyFailure(int key, Qt::KeyboardModifiers modifiers = Qt::NoModif
         QVERIFY2(why_.isEmpty(), qPrintable(why_));                                                                \
     } while (false)
 
+// The widget's window active and the keyboard focus in the widget, as a
+// person's click would leave them.
+inline bool FocusOn(QWidget* w)
+{
+    w->window()->activateWindow();
+    if (!QTest::qWaitForWindowActive(w->window()))
+        return false;
+    w->setFocus(Qt::TabFocusReason);
+    return QTest::qWaitFor([w] { return QApplication::focusWidget() == w; });
+}
+
 // An open top-level window (a dialog) by its object name.
 template <typename T = QWidget>
 T* TopLevel(const char* name)

@@ -91,15 +91,6 @@ class TstDialogs : public QObject {
     }
     // Pressed with the mouse where the button shows; a hidden or zero-size one fails.
     static void click(QWidget* dialog, const char* name) { QUILL_PRESS(in<QAbstractButton>(dialog, name)); }
-    // The window active with the keyboard focus in the box.
-    static bool focusIn(QWidget* box)
-    {
-        box->window()->activateWindow();
-        if (!QTest::qWaitForWindowActive(box->window()))
-            return false;
-        box->setFocus(Qt::TabFocusReason);
-        return QTest::qWaitFor([box] { return QApplication::focusWidget() == box; });
-    }
 
 private slots:
     void init()
@@ -477,7 +468,7 @@ private slots:
         auto* field = in<QLineEdit>(d, qPrintable(box));
         QVERIFY(field && field->isEnabled());
         const QString before = field->text();
-        QVERIFY(focusIn(field));
+        QVERIFY(quill::test::FocusOn(field));
         QUILL_KEY(key);
         QCOMPARE(field->text(), before);
         if (key == Qt::Key_Tab) {

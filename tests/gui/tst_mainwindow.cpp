@@ -215,9 +215,10 @@ private slots:
         answers.answer({Btn::Yes});
         if (command == "button")
             QUILL_PRESS(find<QPushButton>("cmdDeleteJob"));
+        else if (quill::test::FocusOn(find<QTreeView>("lvwJob")))
+            QUILL_KEY(Qt::Key_Delete, command == "key" ? Qt::NoModifier : Qt::ShiftModifier);
         else
-            QTest::keyClick(find<QTreeView>("lvwJob"), Qt::Key_Delete,
-                            command == "key" ? Qt::NoModifier : Qt::ShiftModifier);
+            QFAIL("the job list takes no focus");
         QCOMPARE(answers.texts, boxes);
         QCOMPARE(answers.unexpected, 0);
         if (!boxes.isEmpty()) {
@@ -390,7 +391,8 @@ private slots:
         auto* view = find<QTreeView>("lvwPrinter");
         const QPoint row = view->visualRect(view->currentIndex()).center();
         if (trigger == "enter" || trigger == "delete") {
-            QTest::keyClick(view, trigger == "enter" ? Qt::Key_Return : Qt::Key_Delete);
+            QVERIFY(quill::test::FocusOn(view));
+            QUILL_KEY(trigger == "enter" ? Qt::Key_Return : Qt::Key_Delete);
         } else if (trigger == "double-click") {
             QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, row);
             QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, row);
