@@ -33,7 +33,6 @@ private slots:
         QTest::addColumn<QString>("tail");
         QTest::newRow("no language file") << "SE" << 46 << " Om Brixa - Printerserver" << "SE,  Default (Swedish)";
         QTest::newRow("UK language file") << "UK" << 44 << " About Brixa - Print Server" << "UK,  English(UK)";
-        QTest::newRow("unknown country") << "XY" << 99 << " Om Brixa - Printerserver" << "XX,  Default (Swedish)";
     }
     void versionLine()
     {
