@@ -134,7 +134,14 @@ private slots:
         QVERIFY2(slowPrinter.startTcp(), qPrintable(slowPrinter.errorText()));
         QCOMPARE(slowPrinter.command("delay 9000"), QStringLiteral("ok"));
     }
-    void init() { startServer(); } // the previous test's server goes first
+    void init()
+    {
+        // The listener's rules are the same whichever engine stores the jobs.
+        const QByteArray test = QTest::currentTestFunction();
+        if (dbtest::OnPostgres() && (test == "addinFraming" || test == "connectionLimit" || test == "oddClients"))
+            QSKIP("the listener's rules: run on SQLite");
+        startServer(); // the previous test's server goes first
+    }
     void replyCodes_data();
     void replyCodes();
     void configure_data();
