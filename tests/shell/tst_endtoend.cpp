@@ -131,17 +131,6 @@ private slots:
         const QStringList labels1{"A 1/2 t1", "A 2/2 t1", "C 1/3 t2", "C 2/3 t2", "C 3/3 t2", "E 1/1 t1"};
         QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(1)), labels1, 10000);
         QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(2)), (QStringList{"B 1/1 t1", "D 1/1 t1"}), 10000);
-        // A layout goes only when the printer holds another template.
-        QCOMPARE(calls(1, "layout 1"), 2);
-        QCOMPARE(calls(1, "layout 2"), 1);
-        QCOMPARE(calls(2, "layout 1"), 1);
-
-        // Template 1 was changed (configure 1): the next job sends it again.
-        QCOMPARE(replyCode(send("BRIXA\t1.00\tC\t\t1\t\t\t\t\t\t1")), 0);
-        QCOMPARE(replyCode(send(printRequest(2, 1, 1, "F"))), 0);
-        QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(out(2)).size(), 3, 15000);
-        QCOMPARE(calls(2, "layout 1"), 2);
-        QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 5000);
     }
 
     void faultKeepsJobs_data()
