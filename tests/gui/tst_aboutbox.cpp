@@ -53,7 +53,7 @@ private slots:
                  QStringLiteral("Version " QUILL_VERSION ",  Kedra Version 1.00,  ") + tail);
         QVERIFY(!box.findChild<QPushButton*>("cmdOK")->text().startsWith('#'));
         quill::test::Screenshot(&box, "aboutbox-" + code.toLower());
-        QTest::mouseClick(box.findChild<QPushButton*>("cmdOK"), Qt::LeftButton);
+        QUILL_PRESS(box.findChild<QPushButton*>("cmdOK"));
         QVERIFY(!box.isVisible());
     }
 
@@ -82,7 +82,7 @@ private slots:
         QVERIFY(QTest::qWaitForWindowExposed(&box));
         BoxAnswerer boxes;
         boxes.answer({QMessageBox::Ok});
-        QTest::mouseClick(box.findChild<QPushButton*>("cmdSysInfo"), Qt::LeftButton);
+        QUILL_PRESS(box.findChild<QPushButton*>("cmdSysInfo"));
         if (toolInstalled) {
             QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(marker), 10000);
             QCOMPARE(boxes.texts, QStringList{});

@@ -627,7 +627,7 @@ private slots:
         BoxAnswerer question;
         question.answer({Btn::No});
         question.onBox = [&](QMessageBox* box) { Screenshot(box, "question-" + language); };
-        QTest::mouseClick(find<QPushButton>("cmdDeleteAllJob"), Qt::LeftButton);
+        QUILL_PRESS(find<QPushButton>("cmdDeleteAllJob"));
         QCOMPARE(question.texts, QStringList{GetString(12042)});
         QCOMPARE(question.titles.first(), GetString(9003));
         QStringList buttons = question.buttons.first();
@@ -639,7 +639,7 @@ private slots:
         // (Error), 4 is passive; 5 is shown Checking for the picture.
         s_->server->printers().SrvSetPrinterStatus(5, quill::StatusChecking, GetString(12050));
         Screenshot(&win(), "mainwindow-" + language + "-stopped");
-        QTest::mouseClick(find<QPushButton>("cmdService"), Qt::LeftButton);
+        QUILL_PRESS(find<QPushButton>("cmdService"));
         s_->server->printers().SrvSetPrinterStatus(2, quill::StatusWorking, GetString(12077));
         s_->server->printers().SrvSetPrinterStatus(5, quill::StatusConfiguring, GetString(12074));
         QCOMPARE(text("panSBStatusText"), language == "en" ? "Started" : "Startad");
