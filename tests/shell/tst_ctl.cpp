@@ -242,7 +242,7 @@ private slots:
         if (socketGone)
             QVERIFY(QFile::rename(socketPath(), moved));
         QVERIFY(::kill(pid_t(server_->processId()), SIGSTOP) == 0);
-        const Run r = ctl({"--json", "--timeout", "2", "status"});
+        const Run r = ctl({"--json", "--timeout", "1", "status"});
         QVERIFY(::kill(pid_t(server_->processId()), SIGCONT) == 0);
         if (socketGone)
             QVERIFY(QFile::rename(moved, socketPath()));
@@ -420,14 +420,14 @@ private slots:
         // The printer's status is back from Configuring.
         QCOMPARE(this->printer(printer)["status"].toInt(), 1);
 
-        // An unreachable printer: the window's box is the reason (one row is enough for the mapping).
+        // A printer out of paper: the window's box is the reason (one row is enough for the mapping).
         if (args.first() != "test")
             return;
-        QCOMPARE(emu.command("silent on"), QString("ok"));
+        QCOMPARE(emu.command("paper out"), QString("ok"));
         const Run failed = ctl(QStringList{"printer"} + args);
+        QCOMPARE(emu.command("paper in"), QString("ok"));
         QCOMPARE(failed.code, 1);
-        QVERIFY2(failed.err.contains(GetString(12038)), qPrintable(failed.err));
-        QCOMPARE(emu.command("silent off"), QString("ok"));
+        QVERIFY2(failed.err.contains(GetString(12024) + " " + GetString(13005)), qPrintable(failed.err));
     }
 
     void settingsSet()
