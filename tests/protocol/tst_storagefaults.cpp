@@ -120,6 +120,7 @@ private slots:
     }
     void faultAnswers1005_data();
     void faultAnswers1005();
+    void replyWaitsForItsOwnCommit();
     void damagedDatabaseListensOnItsPort();
     void lostConnectionsOpenedAgain();
 };
@@ -195,6 +196,30 @@ void TestStorageFaults::faultAnswers1005()
     }
     QCOMPARE(send(2, 2), QList<QByteArray>(4, Ok));
     QCOMPARE(storedIds().split(' ', Qt::SkipEmptyParts).size(), before + 4);
+}
+
+// A request that arrives while another's commit waits for the lock is stored
+// in the next transaction: it is not answered with the first one's outcome.
+void TestStorageFaults::replyWaitsForItsOwnCommit()
+{
+    QVERIFY(install());
+    server = std::make_unique<Server>(Server::Options{});
+    QCOMPARE(server->startup(), Server::Started);
+    Database holder;
+    dbtest::HoldWriteLock(holder, inst->file("brixa.mdb"));
+    QTcpSocket a, b;
+    for (QTcpSocket* s : {&a, &b}) {
+        s->connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(s->waitForConnected(5000));
+    }
+    a.write("BRIXA\t1.00\tP\t1\t1\t1\tWS\t0\t\t\t\ta");
+    QTest::qWait(300); // a's transaction is waiting for the lock by now
+    b.write("BRIXA\t1.00\tP\t1\t1\t1\tWS\t0\t\t\t\tb");
+    QByteArray ra, rb;
+    QVERIFY(QTest::qWaitFor([&] { return whole(ra += a.readAll()) && whole(rb += b.readAll()); }, 20000));
+    QCOMPARE(ra, NotStored);
+    QCOMPARE(rb, NotStored);
+    holder.rollback();
 }
 
 // The settings page and pages in the middle of the job table overwritten: the
