@@ -44,6 +44,23 @@ void appendElement(QString& list, const QString& text)
     list += QLatin1Char('"');
 }
 
+// The numbers and the texts of the pairs as two PostgreSQL array literals.
+std::pair<QString, QString> arrays(const std::vector<std::pair<qint32, QString>>& pairs)
+{
+    QString numbers = QStringLiteral("{"), texts = QStringLiteral("{");
+    for (size_t i = 0; i < pairs.size(); ++i) {
+        if (i) {
+            numbers += QLatin1Char(',');
+            texts += QLatin1Char(',');
+        }
+        numbers += QString::number(pairs[i].first);
+        appendElement(texts, pairs[i].second);
+    }
+    numbers += QLatin1Char('}');
+    texts += QLatin1Char('}');
+    return {numbers, texts};
+}
+
 } // namespace
 
 std::optional<Error> JobRepository::move(const std::vector<std::pair<qint32, QString>>& idAndText, qint32 printerId)
@@ -55,37 +72,17 @@ std::optional<Error> JobRepository::move(const std::vector<std::pair<qint32, QSt
         });
     }
     // PostgreSQL: one statement, one round trip to the database server however many.
-    QString ids = QStringLiteral("{"), texts = QStringLiteral("{");
-    for (size_t i = 0; i < idAndText.size(); ++i) {
-        if (i) {
-            ids += QLatin1Char(',');
-            texts += QLatin1Char(',');
-        }
-        ids += QString::number(idAndText[i].first);
-        appendElement(texts, idAndText[i].second);
-    }
-    ids += QLatin1Char('}');
-    texts += QLatin1Char('}');
+    const std::pair<QString, QString> idsAndTexts = arrays(idAndText);
     return Trap([&] {
         db_.exec(QStringLiteral("UPDATE tbJob SET PrinterId = CAST(? AS integer), Job = v.j "
                                 "FROM unnest(CAST(? AS integer[]), CAST(? AS text[])) AS v(i, j) WHERE tbJob.Id = v.i"),
-                 {printerId, ids, texts});
+                 {printerId, idsAndTexts.first, idsAndTexts.second});
     });
 }
 
 DbResult<qint32> JobRepository::insertRun(const std::vector<std::pair<qint32, QString>>& printerAndText)
 {
-    QString printers = QStringLiteral("{"), texts = QStringLiteral("{");
-    for (size_t i = 0; i < printerAndText.size(); ++i) {
-        if (i) {
-            printers += QLatin1Char(',');
-            texts += QLatin1Char(',');
-        }
-        printers += QString::number(printerAndText[i].first);
-        appendElement(texts, printerAndText[i].second);
-    }
-    printers += QLatin1Char('}');
-    texts += QLatin1Char('}');
+    const std::pair<QString, QString> printersAndTexts = arrays(printerAndText);
     DbResult<qint32> r;
     r.error = Trap([&] {
         qint32 first = 0;
@@ -94,7 +91,7 @@ DbResult<qint32> JobRepository::insertRun(const std::vector<std::pair<qint32, QS
                                "FROM (SELECT COALESCE(MAX(Id), 0) AS base FROM tbJob) AS b, "
                                "unnest(CAST(? AS integer[]), CAST(? AS text[])) WITH ORDINALITY AS v(p, j, n) "
                                "RETURNING Id"),
-                {printers, texts}, [&](QSqlQuery& q) {
+                {printersAndTexts.first, printersAndTexts.second}, [&](QSqlQuery& q) {
                     while (q.next()) {
                         const qint32 id = NullToLong(q.value(0), 0);
                         first = rows++ ? std::min(first, id) : id;
