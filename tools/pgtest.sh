@@ -1,8 +1,13 @@
 #!/bin/sh
-# Runs one test program against a throw-away PostgreSQL cluster of its own
-# (pg_virtualenv, on a free port of localhost), with QUILL_TEST_ENGINE=postgresql.
-# Without PostgreSQL the program runs as it is and skips, saying why.
+# Runs one test program on PostgreSQL (QUILL_TEST_ENGINE=postgresql): in the
+# run's shared cluster when QUILL_PG_ENV names the file pgcluster.sh wrote,
+# otherwise in a throw-away cluster of its own (pg_virtualenv, on a free port
+# of localhost). Without PostgreSQL the program runs as it is and skips, saying why.
 export QUILL_TEST_ENGINE=postgresql
+if [ -n "${QUILL_PG_ENV:-}" ] && [ -f "$QUILL_PG_ENV" ]; then
+  . "$QUILL_PG_ENV"
+  exec "$@"
+fi
 if ! command -v pg_virtualenv >/dev/null 2>&1 || ! command -v initdb >/dev/null 2>&1 \
    && ! ls /usr/lib/postgresql/*/bin/initdb >/dev/null 2>&1; then
   exec "$@"
