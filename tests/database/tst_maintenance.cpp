@@ -16,7 +16,6 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSqlQuery>
 #include <QSqlRecord>
@@ -36,13 +35,13 @@ QString job(int i)
     return JobText(1 + i % 3, 1, "1", "WS", QString(), QStringLiteral("Job %1").arg(i));
 }
 
-// Jobs 1..count, committed.
+// Jobs 1..count, committed together.
 bool storeJobs(const QString& home, int count)
 {
-    QStringList inserts;
+    QStringList inserts{"BEGIN"};
     for (int i = 1; i <= count; ++i)
         inserts << QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (%1, 1, '%2')").arg(i).arg(job(i));
-    return ExecSql(home + "/brixa.mdb", inserts);
+    return ExecSql(home + "/brixa.mdb", inserts << "COMMIT");
 }
 
 // Runs this program as a child on the folder (see main) with one more
@@ -55,29 +54,11 @@ int runChild(const QString& home, const QString& setting)
     return child.waitForFinished(60000) && child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1;
 }
 
-// What an open step handed up: "<kind>: <operation failed...>", empty when it worked.
-QString describe(const OpenResult& opened)
-{
-    if (opened)
-        return {};
-    static const char* kinds[] = {"no account file", "no database file", "not opened", "unreadable"};
-    const DatabaseFailure& f = *opened.failure;
-    const QString kind = QString::fromLatin1(kinds[int(f.kind)]);
-    const bool saysWhy = f.kind == DatabaseFailure::Kind::NotOpened || f.kind == DatabaseFailure::Kind::Unreadable;
-    return saysWhy ? kind + QStringLiteral(": ") + f.failure.line() : kind;
-}
-
-// Jobs as the server lists them after a start ("id caption"), or "not opened";
-// `failure` gets what the open handed up.
-QStringList startAndList(QString* failure = nullptr)
+// Jobs as the server lists them after a start ("id caption"), or "not opened".
+QStringList startAndList()
 {
     JobDatabase jdb;
-    OpenResult opened = jdb.SrvOpenDatabases();
-    if (opened)
-        opened = jdb.SrvJobOpenDB();
-    if (failure)
-        *failure = describe(opened);
-    if (!opened)
+    if (!jdb.SrvOpenDatabases() || !jdb.SrvJobOpenDB())
         return {"not opened"};
     PrinterSlots printerSlots;
     JobStore store(jdb, printerSlots);
@@ -173,7 +154,6 @@ private slots:
     void damagedPagesAreSalvaged_data();
     void damagedPagesAreSalvaged();
     void backupGenerations();
-    void unreadableStartsKeepTheGoodBackup_data();
     void unreadableStartsKeepTheGoodBackup();
     void postgresMaintenance_data();
     void postgresMaintenance();
@@ -185,49 +165,35 @@ void TestMaintenance::outcomes_data()
     QTest::addColumn<QStringList>("faults"); // "name=bytes" written, "name/" a folder, "-name" removed
     QTest::addColumn<bool>("opened");
     QTest::addColumn<QStringList>("lines"); // the log, each line from its start
-    QTest::addColumn<QString>("failure");   // what the open handed up (describe())
     QTest::addColumn<QString>("disk");      // brixa.mdb, brixa_backup.mdb, brixa_compact.mdb
     QTest::newRow("all steps, over a stale backup and compact file")
-        << QStringList{"brixa_backup.mdb=stale", "brixa_compact.mdb=stale"} << true << QStringList() << QString()
+        << QStringList{"brixa_backup.mdb=stale", "brixa_compact.mdb=stale"} << true << QStringList()
         << "10 jobs, 10 jobs, absent";
     QTest::newRow("account file missing")
         << QStringList{"-brixa.mda"} << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mda."}
-        << "no account file" << "kept, absent, absent";
-    QTest::newRow("database missing")
-        << QStringList{"-brixa.mdb"} << false << QStringList{"SrvOpenDatabases failed. Can't find file brixa.mdb."}
-        << "no database file" << "absent, absent, absent";
+        << "kept, absent, absent";
     // The new backup is made beside the old one, which stays when that fails.
     QTest::newRow("backup fails: folder in the way, old backup kept")
         << QStringList{"brixa_backup.mdb=stale", "brixa_backup.tmp/"} << true
-        << QStringList{"Warning SrvOpenDatabases Backup database failed." + isDir} << QString()
-        << "kept, other, absent";
-    QTest::newRow("step 1 fails: folder in the way")
-        << QStringList{"brixa_compact.mdb/"} << true
-        << QStringList{"Warning SrvOpenDatabases Compact database Step 1 - Failed to delete brixa_compact.mdb." + isDir}
-        << QString() << "kept, 10 jobs, folder";
+        << QStringList{"Warning SrvOpenDatabases Backup database failed." + isDir} << "kept, other, absent";
     // The compacted copy replaces brixa.mdb in one rename: when that fails the
     // database is as it was, and the start goes on with it.
     QTest::newRow("step 4 fails: folder in the way")
         << QStringList{"brixa_restore.tmp/"} << true
         << QStringList{"SrvOpenDatabases Compact database Step 4 - Failed to copy brixa_compact.mdb to brixa.mdb." + isDir}
-        << QString() << "kept, 10 jobs, 10 jobs";
+        << "kept, 10 jobs, 10 jobs";
     QTest::newRow("database is not a database")
         << QStringList{"brixa.mdb=" + QString(8192, 'q')} << false
         << QStringList{"Warning SrvOpenDatabases Repair database failed. Error: 26 file is not a database",
                        "SrvOpenDatabases failed. Error: 26 file is not a database"}
-        << "not opened: SrvOpenDatabases failed. Error: 26 file is not a database" << "kept, absent, absent";
-    const QString engine = QStringLiteral("SrvOpenDatabases failed. Error: 3028 Can't start your application. The "
-                                          "workgroup information file names the engine jet.");
-    QTest::newRow("account file names another engine")
-        << QStringList{"brixa.mda=engine=jet\n"} << false << QStringList{engine}
-        << "not opened: " + engine << "kept, absent, absent";
+        << "kept, absent, absent";
     // libpq would only warn and connect without the password.
     const QString readable = QStringLiteral("SrvOpenDatabases failed. Error: 3028 Can't start your application. The "
                                             "workgroup information file names the password file pgpass, which others "
                                             "may read: it must have mode 0600.");
     QTest::newRow("password file others may read")
         << QStringList{"pgpass=secret\n", "brixa.mda=engine=postgresql\npassfile=pgpass\n"} << false
-        << QStringList{readable} << "not opened: " + readable << "kept, absent, absent";
+        << QStringList{readable} << "kept, absent, absent";
 }
 
 void TestMaintenance::outcomes()
@@ -235,16 +201,13 @@ void TestMaintenance::outcomes()
     QFETCH(QStringList, faults);
     QFETCH(bool, opened);
     QFETCH(QStringList, lines);
-    QFETCH(QString, failure);
     QFETCH(QString, disk);
     DbHome home;
     QVERIFY(home.ok());
     QVERIFY(storeJobs(home.path(), 10));
     const QString mdb = home.file("brixa.mdb");
     for (const QString& fault : faults) {
-        if (fault == "damaged index")
-            QVERIFY(corruptIndex(mdb));
-        else if (fault.startsWith('-'))
+        if (fault.startsWith('-'))
             QVERIFY(QFile::remove(home.file(fault.mid(1))));
         else if (fault.endsWith('/'))
             QVERIFY(QDir(home.path()).mkpath(fault + "keep"));
@@ -256,9 +219,7 @@ void TestMaintenance::outcomes()
         }
     }
     const QByteArray before = readFile(mdb);
-    QString handedUp;
-    QCOMPARE(startAndList(&handedUp), opened ? expectedRows(10) : QStringList{"not opened"});
-    QCOMPARE(handedUp, failure);
+    QCOMPARE(startAndList(), opened ? expectedRows(10) : QStringList{"not opened"});
     const QStringList log = home.logMessages();
     QCOMPARE(log.size(), lines.size());
     for (int i = 0; i < lines.size(); ++i)
@@ -272,7 +233,7 @@ void TestMaintenance::outcomes()
 void TestMaintenance::crashAfterEveryStep_data()
 {
     QTest::addColumn<QString>("step");
-    for (const char* s : {"none", "backup", "repair", "compact1", "compact2", "compact3", "compact4", "compact5"})
+    for (const char* s : {"backup", "compact2", "compact3", "compact4"})
         QTest::newRow(s) << QString::fromLatin1(s);
 }
 
@@ -348,7 +309,6 @@ void TestMaintenance::damagedPagesAreSalvaged_data()
     QTest::newRow("index entries that do not match") << "index";
     QTest::newRow("pages in the middle overwritten") << "pages";
     QTest::newRow("the settings page overwritten") << "settings";
-    QTest::newRow("cut short") << "cut";
 }
 
 // Every job whose text is still whole in the file comes back (at least 95% of
@@ -362,11 +322,11 @@ void TestMaintenance::damagedPagesAreSalvaged()
     QVERIFY(home.ok());
     // Longer texts: the table spans many pages.
     auto text = [](int i) { return job(i) + QStringLiteral(" #%1# ").arg(i) + QString(80, QChar('a' + i % 26)); };
-    QStringList inserts;
+    QStringList inserts{"BEGIN"};
     for (int i = 1; i <= jobs; ++i)
         inserts << QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (%1, 1, '%2')").arg(i).arg(text(i));
     const QString mdb = home.file("brixa.mdb");
-    QVERIFY(ExecSql(mdb, inserts << "UPDATE tbServer SET port = 20123"));
+    QVERIFY(ExecSql(mdb, inserts << "UPDATE tbServer SET port = 20123" << "COMMIT"));
     QCOMPARE(startAndList().size(), jobs); // a good start: its backup is good
     // Printed jobs: their pages go to the free list with the texts still on them.
     const int pageSize = ExecRow(mdb, "PRAGMA page_size").toInt();
@@ -383,11 +343,8 @@ void TestMaintenance::damagedPagesAreSalvaged()
         QVERIFY(corruptIndex(mdb));
     } else if (damage == "pages") {
         QVERIFY(damagePages(mdb, 2, 0));
-    } else if (damage == "settings") {
-        QVERIFY(damagePages(mdb, 1, ExecRow(mdb, "SELECT rootpage FROM sqlite_master WHERE name = 'tbServer'").toInt()));
     } else {
-        QFile f(mdb);
-        QVERIFY(f.resize(f.size() * 6 / 10));
+        QVERIFY(damagePages(mdb, 1, ExecRow(mdb, "SELECT rootpage FROM sqlite_master WHERE name = 'tbServer'").toInt()));
     }
     // A free page that still holds deleted jobs, as one freed without being wiped
     // does (the new index of "index" took every free page).
@@ -435,19 +392,16 @@ void TestMaintenance::damagedPagesAreSalvaged()
                                                .arg(listed.size())))
                      .size() == 1,
              qPrintable(log.join('\n')));
-    QCOMPARE(log.filter("rows restored from").size(), damage == "settings" ? 1 : 0);
-    if (damage == "settings")
-        QVERIFY(log.contains("Warning SrvOpenDatabases Repair database: tbServer: 1 rows restored from brixa_backup.mdb"));
-    QCOMPARE(log.filter("Repair database failed"), QStringList());
+    QCOMPARE(log.filter("rows restored from"),
+             damage == "settings" ? QStringList{"Warning SrvOpenDatabases Repair database: tbServer: 1 rows restored "
+                                                "from brixa_backup.mdb"}
+                                  : QStringList());
     QCOMPARE(QDir(home.path()).entryList({"brixa_damaged-*.mdb"}).size(), 1);
-    // The backup of the good start stays, whole and marked kept: no later start prunes it.
+    // The backup of the good start stays, whole and marked kept (so no later
+    // start prunes it), and the next start finds the repaired file as it was.
     QCOMPARE(JobRows(home.file("brixa_backup.mdb")).size(), jobs);
     QVERIFY(readFile(home.file("brixa_backup.mdb.check")).contains("\nkept: "));
-    for (int start = 0; start < 7; ++start)
-        QCOMPARE(startAndList(), listed);
-    QStringList generations = QDir(home.file("backups")).entryList({"brixa_backup-*.mdb"}, QDir::Files, QDir::Name);
-    QVERIFY(!generations.isEmpty());
-    QCOMPARE(JobRows(home.file("backups/" + generations.first())).size(), jobs);
+    QCOMPARE(startAndList(), listed);
 }
 
 void TestMaintenance::backupGenerations()
@@ -472,29 +426,24 @@ void TestMaintenance::backupGenerations()
     }
     QVERIFY(!home.has("brixa_backup.tmp"));
     // Backups without the record of a passed check (left by hand) go first:
-    // the newest that passed stays, however old.
+    // the newest that passed stays, however old, and so does one a repair followed.
     QDir backups(home.file("backups"));
     const QStringList before = backups.entryList({"brixa_backup-*.mdb"}, QDir::Files, QDir::Name);
     for (const QString& g : before.mid(1))
         QVERIFY(backups.remove(g + ".check"));
     QVERIFY(QFile::remove(home.file("brixa_backup.mdb.check")));
+    QFile kept(backups.filePath(before[1] + ".check"));
+    QVERIFY(kept.open(QIODevice::WriteOnly) && kept.write("damaged\nkept: a repair followed\n") > 0);
+    kept.close();
     QCOMPARE(startAndList().size(), 3);
-    QVERIFY(backups.exists(before.first()));
+    QVERIFY(backups.exists(before[0]) && backups.exists(before[1]));
     QCOMPARE(backups.entryList({"brixa_backup-*.mdb"}, QDir::Files).size(), 5);
 }
 
-void TestMaintenance::unreadableStartsKeepTheGoodBackup_data()
-{
-    QTest::addColumn<QString>("damage");
-    QTest::newRow("not a database") << "noise";
-    QTest::newRow("cut to its first page") << "cut";
-}
-
-// A restart loop on a database beyond repair: every start fails, makes no
-// backup, and the good backups with every job stay as they were.
+// A restart loop on a database beyond repair (cut to its first page): every
+// start fails, makes no backup, and the good backups with every job stay as they were.
 void TestMaintenance::unreadableStartsKeepTheGoodBackup()
 {
-    QFETCH(QString, damage);
     const int jobs = 300;
     DbHome home;
     QVERIFY(home.ok());
@@ -502,16 +451,7 @@ void TestMaintenance::unreadableStartsKeepTheGoodBackup()
     for (int start = 0; start < 3; ++start)
         QCOMPARE(startAndList().size(), jobs);
     const QString mdb = home.file("brixa.mdb");
-    QFile f(mdb);
-    if (damage == "noise") {
-        QByteArray noise(int(f.size()), '\0');
-        for (char& c : noise)
-            c = char(QRandomGenerator::global()->bounded(256));
-        QVERIFY(f.open(QIODevice::WriteOnly) && f.write(noise) == noise.size());
-        f.close();
-    } else {
-        QVERIFY(f.resize(4096));
-    }
+    QVERIFY(QFile::resize(mdb, 4096));
     const QByteArray damaged = readFile(mdb);
     const QStringList before = QDir(home.file("backups")).entryList(QDir::Files, QDir::Name);
     const QByteArray goodBackup = readFile(home.file("brixa_backup.mdb"));
@@ -521,9 +461,7 @@ void TestMaintenance::unreadableStartsKeepTheGoodBackup()
     QCOMPARE(readFile(mdb), damaged);
     QCOMPARE(readFile(home.file("brixa_backup.mdb")), goodBackup);
     QCOMPARE(QDir(home.file("backups")).entryList(QDir::Files, QDir::Name), before);
-    QCOMPARE(IntegrityCheck(home.file("brixa_backup.mdb")), "ok");
     QCOMPARE(JobRows(home.file("brixa_backup.mdb")).size(), jobs);
-    QCOMPARE(readFile(home.file("brixa_backup.mdb.check")).left(3), QByteArray("ok\n"));
 }
 
 void TestMaintenance::postgresMaintenance_data()

@@ -1,8 +1,6 @@
 // The connection's kept statements and the repositories of the small tables on
-// real SQLite files: printers, the server-settings row, the template lookup and
-// the printer-type list.
+// real SQLite files: printers and the template lookup.
 #include "database/jobdatabase.h"
-#include "database/lists.h"
 #include "database/repositories.h"
 #include "support/dbfixture.h"
 
@@ -41,9 +39,6 @@ private slots:
     void printerRows();
     void currentTemplate();
     void templateLookup();
-    void serverSettings();
-    void emptyServerRow();
-    void printerTypeList();
 };
 
 void TestRepositories::keptStatements()
@@ -111,13 +106,12 @@ void TestRepositories::printerRows()
     QVERIFY(!printers.update(row));
     QCOMPARE(printers.all().value.value(0).name.toString(), "Lager");
 
-    // A printer that is not there deletes without error; an unreadable table fails as a value.
+    // A printer that is not there deletes without error; the start-up's check of
+    // an unreadable table hands the failure up, with the operation's name.
     QVERIFY(!printers.remove(9));
     QVERIFY(!printers.remove(3));
     QVERIFY(printers.all().value.isEmpty());
     QVERIFY(ExecSql(mdb(), {"DROP TABLE tbPrinter"}));
-    QCOMPARE(printers.check().value_or(Error(0, {})).text(), "1 no such table: tbPrinter");
-    // The start-up's check hands the same failure up, with the operation's name.
     const OpenResult opened = jdb->SrvPrinterOpenDB();
     QVERIFY(!opened);
     QCOMPARE(opened.failure->kind, DatabaseFailure::Kind::Unreadable);
@@ -166,60 +160,6 @@ void TestRepositories::templateLookup()
     const QString failed = " failed. Error: 1 no such table: tbTemplateType";
     QCOMPARE(home->logMessages(), (QStringList{"SrvTemplateTypeReOpenDB" + failed, "SrvTemplateTypeOpenDB" + failed}));
     QCOMPARE(opened.failure->failure.line(), "SrvTemplateTypeOpenDB" + failed);
-}
-
-void TestRepositories::serverSettings()
-{
-    QVERIFY(ExecSql(mdb(), {"UPDATE tbServer SET port = NULL, AutoStartService = 2, StartMinimized = 1"}));
-    QCOMPARE(jdb->SrvGetServerPort(), 20001);
-    jdb->SrvInitServerSettings();
-    QCOMPARE(jdb->autoStartService(), 1);
-    QCOMPARE(jdb->startMinimized(), 1);
-    jdb->SrvMainSaveSettings(0, 1);
-    QCOMPARE(jdb->autoStartService(), 0); // at once, without a restart
-    jdb->SrvMainSaveTCPSettings("127.0.0.1", 20555, "golfhost");
-    QCOMPARE(jdb->SrvGetServerPort(), 20555);
-    QString row;
-    db().run("SELECT IP, HostName, AutoStartService, StartMinimized FROM tbServer", {}, [&](QSqlQuery& q) {
-        while (q.next())
-            row += QStringList{q.value(0).toString(), q.value(1).toString(), q.value(2).toString(), q.value(3).toString()}.join('|');
-    });
-    QCOMPARE(row, "127.0.0.1|golfhost|0|1");
-    QCOMPARE(home->logMessages(), QStringList());
-}
-
-void TestRepositories::emptyServerRow()
-{
-    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbServer"}));
-    QCOMPARE(jdb->SrvGetServerPort(), 0);
-    jdb->SrvInitServerSettings();
-    jdb->SrvMainSaveSettings(1, 1);
-    QCOMPARE(jdb->autoStartService(), 0); // nothing was written, so nothing changed
-    jdb->SrvMainSaveTCPSettings("127.0.0.1", 20555, "golfhost");
-    QCOMPARE(count("tbServer"), 0);
-    const QString failed = " failed. Error: 3021 No current record.";
-    QCOMPARE(home->logMessages(), (QStringList{"SrvGetServerPort" + failed, "SrvInitServerSettings" + failed,
-                                               "SrvMainSaveSettings" + failed, "SrvMainSaveTCPSettings" + failed}));
-}
-
-void TestRepositories::printerTypeList()
-{
-    // Type 1 is selected wherever it lands in name order, or else the first; a Null name shows empty.
-    ValueList types;
-    QVERIFY(ExecSql(mdb(), {"UPDATE tbPrinterType SET Name = 'ZZ last' WHERE Id = 1",
-                            "UPDATE tbPrinterType SET Name = NULL WHERE Id = 4"}));
-    SrvPrinterFillPrinterType(*jdb, types);
-    QCOMPARE(types.entries.first(), (ValueList::Entry{QString(), 4}));
-    QCOMPARE(types.entries.value(types.selected).itemData, 1);
-    QCOMPARE(types.selected, types.entries.size() - 1);
-    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbPrinterType WHERE Id = 1"}));
-    SrvPrinterFillPrinterType(*jdb, types);
-    QCOMPARE(types.selected, 0);
-    // An empty table leaves the list empty, nothing selected.
-    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbPrinterType"}));
-    SrvPrinterFillPrinterType(*jdb, types);
-    QVERIFY(types.entries.isEmpty());
-    QCOMPARE(types.selected, -1);
 }
 
 QTEST_GUILESS_MAIN(TestRepositories)

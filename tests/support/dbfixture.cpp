@@ -64,25 +64,6 @@ bool PrepareEngine(const QString& dir)
     QSqlDatabase::removeDatabase(name);
     if (!made)
         return false;
-    // The tests' own queries use SQLite's group_concat.
-    {
-        QSqlDatabase db = clusterConnection(name, database);
-        QSqlQuery q(db);
-        made = db.open()
-            && q.exec(QStringLiteral("CREATE FUNCTION group_concat_step(acc text, v anyelement, sep text) RETURNS text "
-                                     "LANGUAGE sql IMMUTABLE AS $$ SELECT CASE WHEN v IS NULL THEN acc "
-                                     "WHEN acc IS NULL THEN v::text ELSE acc || sep || v::text END $$"))
-            && q.exec(QStringLiteral("CREATE AGGREGATE group_concat(anyelement, text) "
-                                     "(SFUNC = group_concat_step, STYPE = text)"))
-            && q.exec(QStringLiteral("CREATE FUNCTION group_concat_step(acc text, v anyelement) RETURNS text "
-                                     "LANGUAGE sql IMMUTABLE AS $$ SELECT group_concat_step(acc, v, ',') $$"))
-            && q.exec(QStringLiteral("CREATE AGGREGATE group_concat(anyelement) (SFUNC = group_concat_step, STYPE = text)"));
-        if (!made)
-            qWarning("group_concat: %s", qPrintable(q.lastError().text()));
-    }
-    QSqlDatabase::removeDatabase(name);
-    if (!made)
-        return false;
     const QDir d(dir);
     QFile pass(d.filePath(QStringLiteral("pgpass")));
     if (!pass.open(QIODevice::WriteOnly) || !pass.setPermissions(QFile::ReadOwner | QFile::WriteOwner)
