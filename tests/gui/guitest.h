@@ -33,7 +33,7 @@ namespace quill::test {
 
 // Presses the queued buttons in the boxes that come up, one box each, and
 // remembers their texts. A box beyond the queue is answered with its escape
-// (negative) button and noted as unexpected.
+// (negative) button.
 class BoxAnswerer : public QObject {
 public:
     BoxAnswerer()
@@ -48,12 +48,9 @@ public:
             queue_.push_back(b);
     }
     QStringList texts;
-    QList<QMessageBox::Icon> icons;
-    QStringList titles;
     QList<QWidget*> parents;
     // The captions of each box's buttons, in their order on screen.
     QList<QStringList> buttons;
-    int unexpected = 0;
     // Called with each box before it is answered (screenshots).
     std::function<void(QMessageBox*)> onBox;
 
@@ -65,8 +62,6 @@ private:
             return;
         last_ = box;
         texts << box->text();
-        icons << box->icon();
-        titles << box->windowTitle();
         parents << box->parentWidget();
         QStringList captions;
         for (QAbstractButton* b : box->findChildren<QAbstractButton*>())
@@ -80,7 +75,6 @@ private:
             button = box->button(queue_.front());
             queue_.pop_front();
         } else {
-            ++unexpected;
             button = box->escapeButton();
             if (!button)
                 button = box->defaultButton();
@@ -135,18 +129,11 @@ inline QString PressFailure(QAbstractButton* b)
     } while (false)
 
 // A key pressed and released on whatever has the keyboard focus now.
-inline QString KeyFailure(int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier)
-{
-    QWidget* focus = QApplication::focusWidget();
-    if (!focus)
-        return QStringLiteral("no widget has the focus");
-    QTest::keyClick(focus, Qt::Key(key), modifiers);
-    return {};
-}
 #define QUILL_KEY(...)                                                                                             \
     do {                                                                                                           \
-        const QString why_ = quill::test::KeyFailure(__VA_ARGS__);                                                \
-        QVERIFY2(why_.isEmpty(), qPrintable(why_));                                                                \
+        QWidget* focus_ = QApplication::focusWidget();                                                             \
+        QVERIFY2(focus_, "no widget has the focus");                                                               \
+        QTest::keyClick(focus_, __VA_ARGS__);                                                                      \
     } while (false)
 
 // The widget's window active and the keyboard focus in the widget, as a
@@ -200,16 +187,11 @@ struct WindowSite {
         server.reset();
     }
 
-    // Printer 1 on an emulated network box, printer 2 on an emulated serial line.
-    bool startEmulators() { return site.start(); }
-
     // The server, the command surface and the window, not started yet.
-    void build(int statusIntervalMs = 600000)
+    void build()
     {
-        Server::Options options;
-        options.statusIntervalMs = statusIntervalMs;
-        options.headless = false;
-        server = std::make_unique<Server>(options);
+        // The periodic status pass ten minutes apart: none comes during a test.
+        server = std::make_unique<Server>(Server::Options{600000, false});
         op = &server->commands();
         window = std::make_unique<MainWindow>(*op);
         QObject::connect(window.get(), &MainWindow::finished, [this] { ++finished; });
@@ -221,11 +203,33 @@ struct WindowSite {
         return window->start();
     }
 
+    // Started, the window shown and the start-up's status pass over.
+    bool startSettled()
+    {
+        if (start() != Server::Started || !(QTest::qWaitForWindowExposed(window.get()) || window->isMinimized()))
+            return false;
+        return QTest::qWaitFor(
+            [this] {
+                for (int n = 1; n <= 5; ++n)
+                    if (server->printers().SrvPrinterExists(n) && slot(n).status == StatusChecking)
+                        return false;
+                return true;
+            },
+            20000);
+    }
+    // The UK language file, before start().
+    void useEnglish()
+    {
+        site.setMachineValue(QString(), "tLanguage", "UK", false);
+        site.setMachineValue(QString(), "dwCountryNo", 44, true);
+    }
+
     template <typename T = QWidget>
     T* find(const char* name) const
     {
         return window->findChild<T*>(QLatin1String(name));
     }
+    const PrinterSlot& slot(int n) const { return server->printers().at(n); }
 
     PrinterSite site;
     WidgetMessageSink sink;
