@@ -4,7 +4,6 @@
 // focused widget, boxes answered as they come up), reaches its command and
 // shows its outcome; the looks in Swedish and English go to build/screenshots/.
 #include "database/jobstore.h"
-#include "foundation/cp1252.h"
 #include "gui/guitest.h"
 #include "gui/printerdialog.h"
 #include "gui/queuetools.h"
@@ -19,10 +18,8 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
-#include <QProcess>
 #include <QSignalSpy>
 #include <QTcpServer>
-#include <QTcpSocket>
 #include <QTreeView>
 
 using quill::GetString;
@@ -85,13 +82,6 @@ class TstMainWindow : public QObject {
     {
         s_->server->printers().SrvSetPrinterStatus(printer, status, text);
     }
-    QStringList jobCaptions()
-    {
-        QStringList out;
-        for (int r = 0; r < jobList().count(); ++r)
-            out << jobList().rowAt(r).text.section(QLatin1Char(' '), 1);
-        return out;
-    }
     // Printers without an emulator: 3 (and 5) answer nothing, so their jobs
     // wait; 4 is passive. The jobs are queued on the printer given.
     void addQuietPrinters(const QStringList& jobs = {}, int printer = 3, bool withFive = false)
@@ -104,20 +94,13 @@ class TstMainWindow : public QObject {
             QVERIFY(inst().sql("INSERT INTO tbJob (PrinterId, Job) VALUES (?, ?)",
                                {printer, JobText(printer, 1, "1", "KASSA1", "Anna", c)}));
     }
-    // changed: the service state changed since the start (until then the
-    // notification-area tip is the window caption).
-    void checkServiceShown(bool running, bool changed = true)
+    void checkServiceShown(bool running)
     {
         QCOMPARE(find<QPushButton>("cmdService")->text(), GetString(running ? 12054 : 12053));
-        QCOMPARE(action("mnuSTPopupService")->text(), "&" + GetString(running ? 12054 : 12053));
         QCOMPARE(text("panSBStatusText"), GetString(running ? 12084 : 12085));
-        QCOMPARE(find<QLabel>("panSBStatusPicture")->property("started").toBool(), running);
-        QCOMPARE(win().trayIcon()->toolTip(),
-                 changed ? GetString(running ? 12058 : 12057, GetString(9003)) : win().windowTitle());
         QCOMPARE(win().trayIcon()->showsStarted(), running);
         QCOMPARE(find<QPushButton>("cmdDeleteJob")->isEnabled(), !running);
         QCOMPARE(find<QPushButton>("cmdDeleteAllJob")->isEnabled(), !running);
-        QCOMPARE(s_->op->serviceRunning(), running);
     }
     void selectRow(const char* list, int row)
     {
@@ -141,9 +124,8 @@ class TstMainWindow : public QObject {
     {
         if (!clickEntry(rightClickJob(row), QLatin1String(name)).isEmpty())
             return nullptr;
-        return QTest::qWaitFor([name] { return popup() && popup()->objectName() == QLatin1String(name); }, 5000)
-                   ? popup()
-                   : nullptr;
+        const auto open = [name] { return popup() && popup()->objectName() == QLatin1String(name); };
+        return QTest::qWaitFor(open, 5000) ? popup() : nullptr;
     }
     QVariant column(int printer, const QString& name)
     {
@@ -174,12 +156,7 @@ private slots:
         QVERIFY(inst().setServer(port_, false));
         inst().setUserSwitch("dwUseLog", 1);
     }
-    void cleanup()
-    {
-        if (QMenu* m = popup())
-            m->close();
-        s_.reset();
-    }
+    void cleanup() { s_.reset(); }
 
     // Every element the service state drives, from the automatic start on;
     // without a listener the service cannot be started from the window.
@@ -201,7 +178,7 @@ private slots:
         QCOMPARE(boxes.texts, listener ? QStringList{} : QStringList{GetString(12014)});
         QCOMPARE(find<QPushButton>("cmdService")->isEnabled(), listener);
         QCOMPARE(action("mnuSTPopupService")->isEnabled(), listener);
-        checkServiceShown(listener, listener);
+        checkServiceShown(listener);
         if (!listener)
             return;
         QUILL_PRESS(find<QPushButton>("cmdService"));
@@ -217,21 +194,17 @@ private slots:
         QTest::addColumn<QString>("command");
         QTest::addColumn<int>("select");
         QTest::addColumn<bool>("running");
-        QTest::addColumn<QStringList>("boxes");
-        QTest::addColumn<QStringList>("remaining");
-        const QStringList abc{"A", "B", "C"};
-        QTest::newRow("button, last row") << "button" << 2 << false
-                                          << QStringList{"Vill du radera utskriftsjobbet '3 C' ?"} << QStringList{"A", "B"};
-        QTest::newRow("delete key, service running") << "key" << 1 << true << QStringList{} << abc;
-        QTest::newRow("shift+delete") << "shift key" << 1 << false << QStringList{} << abc;
+        QTest::addColumn<QString>("question"); // empty: nothing asked, nothing deleted
+        QTest::newRow("button, last row") << "button" << 2 << false << "Vill du radera utskriftsjobbet '3 C' ?";
+        QTest::newRow("delete key, service running") << "key" << 1 << true << "";
+        QTest::newRow("shift+delete") << "shift key" << 1 << false << "";
     }
     void deleteJobs()
     {
         QFETCH(QString, command);
         QFETCH(int, select);
         QFETCH(bool, running);
-        QFETCH(QStringList, boxes);
-        QFETCH(QStringList, remaining);
+        QFETCH(QString, question);
         addQuietPrinters({"A", "B", "C"}, 4);
         QVERIFY(s_->startSettled());
         if (running)
@@ -245,9 +218,9 @@ private slots:
             QUILL_KEY(Qt::Key_Delete, command == "key" ? Qt::NoModifier : Qt::ShiftModifier);
         else
             QFAIL("the job list takes no focus");
-        QCOMPARE(answers.texts, boxes);
-        QCOMPARE(answers.parents, boxes.isEmpty() ? QList<QWidget*>{} : QList<QWidget*>{&win()});
-        QCOMPARE(jobCaptions(), remaining);
+        QCOMPARE(answers.texts, question.isEmpty() ? QStringList{} : QStringList{question});
+        QCOMPARE(answers.parents, question.isEmpty() ? QList<QWidget*>{} : QList<QWidget*>{&win()});
+        QCOMPARE(jobList().count(), question.isEmpty() ? 3 : 2);
         QCOMPARE(find<QTreeView>("lvwJob")->currentIndex().row(), 1);
     }
 
@@ -271,29 +244,32 @@ private slots:
         QTRY_COMPARE(QApplication::focusWidget(), jobs);
         QUILL_KEY(Qt::Key_Delete);
         QTRY_COMPARE(boxes.texts, (QStringList{boxes.texts.first(), "Vill du radera utskriftsjobbet '2 B' ?"}));
-        QCOMPARE(printerList().rowCount(), 4);
     }
 
     // The printer list's commands: the dialog opens (on the selected printer
-    // for an edit), a deletion asks first.
+    // for an edit), a deletion asks first. Cancel, Escape in a filtered box and
+    // the close box close the dialog, and the printer has its status back.
     void printerCommands_data()
     {
         QTest::addColumn<QString>("trigger");
         QTest::addColumn<QString>("question"); // empty: the printer dialog opens
+        QTest::addColumn<QString>("close");
         const QString q = "Vill du ta bort skrivaren '3 Entré på 127.0.0.1' ?";
-        QTest::newRow("new, menu") << "mnuPrinterNew" << "";
-        QTest::newRow("edit, enter") << "enter" << "";
-        QTest::newRow("edit, double-click") << "double-click" << "";
-        QTest::newRow("delete, key") << "delete" << q;
-        QTest::newRow("delete, menu") << "mnuPrinterDelete" << q;
+        QTest::newRow("new, menu, Cancel") << "mnuPrinterNew" << "" << "cancel";
+        QTest::newRow("edit, enter, Escape") << "enter" << "" << "escape";
+        QTest::newRow("edit, double-click, close box") << "double-click" << "" << "close box";
+        QTest::newRow("delete, key") << "delete" << q << "";
+        QTest::newRow("delete, menu") << "mnuPrinterDelete" << q << "";
     }
     void printerCommands()
     {
         QFETCH(QString, trigger);
         QFETCH(QString, question);
+        QFETCH(QString, close);
         addQuietPrinters();
         QVERIFY(s_->startSettled());
         selectRow("lvwPrinter", printerList().rowOf(3));
+        const int status = s_->slot(3).status;
         auto* view = find<QTreeView>("lvwPrinter");
         const QPoint row = view->visualRect(view->currentIndex()).center();
         BoxAnswerer boxes;
@@ -315,31 +291,35 @@ private slots:
         QVERIFY(dialog);
         QVERIFY(!win().isEnabled());
         QCOMPARE(in<QLineEdit>(dialog, "txtPrinterName")->text(), trigger == "mnuPrinterNew" ? "" : "Entré");
-        click(dialog, "cmdCancel");
-        QTRY_VERIFY(win().isEnabled());
+        if (close == "escape") {
+            QVERIFY(quill::test::FocusOn(in<QWidget>(dialog, "txtNetIP")));
+            QUILL_KEY(Qt::Key_Escape);
+        } else if (close == "close box") {
+            dialog->close();
+        } else {
+            click(dialog, "cmdCancel");
+        }
+        QTRY_VERIFY(!TopLevel("frmSrvPrinter") && win().isEnabled());
+        QCOMPARE(s_->slot(3).status, status);
     }
 
     // Both refresh commands reach their pass; the busy pointer shows while it runs.
-    void refresh_data()
-    {
-        QTest::addColumn<QString>("command");
-        QTest::newRow("refresh") << "mnuPrinterUpdateAll";
-        QTest::newRow("full refresh") << "mnuPrinterUpdateAllFull";
-    }
     void refresh()
     {
-        QFETCH(QString, command);
         QVERIFY(s_->startSettled());
-        setStatus(1, quill::StatusError, "Papper slut");
         QList<int> cursors;
         connect(&printerList(), &QAbstractItemModel::dataChanged, this, [&] {
             cursors << (QApplication::overrideCursor() ? int(QApplication::overrideCursor()->shape()) : -1);
         });
-        action(command.toLatin1())->trigger();
-        QCOMPARE(cursors.value(0, -1), int(Qt::WaitCursor));
-        // The full refresh's serial lines are set on the worker: busy until then.
-        QTRY_COMPARE_WITH_TIMEOUT(QApplication::overrideCursor(), nullptr, 20000);
-        QTRY_COMPARE_WITH_TIMEOUT(s_->slot(1).status, int(quill::StatusReady), 20000);
+        for (const char* command : {"mnuPrinterUpdateAll", "mnuPrinterUpdateAllFull"}) {
+            setStatus(1, quill::StatusError, "Papper slut");
+            cursors.clear();
+            action(command)->trigger();
+            QCOMPARE(cursors.value(0, -1), int(Qt::WaitCursor));
+            // The full refresh's serial lines are set on the worker: busy until then.
+            QTRY_COMPARE_WITH_TIMEOUT(QApplication::overrideCursor(), nullptr, 20000);
+            QTRY_COMPARE_WITH_TIMEOUT(s_->slot(1).status, int(quill::StatusReady), 20000);
+        }
     }
 
     // The exit commands ask the quit question; the session's end never asks.
@@ -381,50 +361,7 @@ private slots:
         QCOMPARE(boxes.texts, answer != Btn::NoButton ? QStringList{GetString(12023, GetString(9003))} : QStringList{});
         QCOMPARE(s_->finished, finished);
         QCOMPARE(inst().log().contains("Quillbase terminated."), finished == 1);
-        if (finished == 0) {
-            QVERIFY(win().isVisible());
-            QTcpSocket client;
-            client.connectToHost(QHostAddress::LocalHost, port_);
-            QVERIFY(client.waitForConnected(5000));
-        }
-    }
-
-    // The window is up, in its language and with the busy pointer, while the
-    // start-up's status pass asks the printers.
-    void shownWhileStarting()
-    {
-        s_->build();
-        bool seen = false, visible = false;
-        int cursor = -1;
-        connect(&s_->server->printers(), &quill::PrinterSlots::statusChanged, this, [&](qint32 n) {
-            if (seen || !s_->server->starting() || s_->slot(n).status != quill::StatusChecking)
-                return;
-            seen = true;
-            visible = win().isVisible() && win().windowTitle() == " Brixa - Printerserver";
-            cursor = QApplication::overrideCursor() ? int(QApplication::overrideCursor()->shape()) : -1;
-        });
-        QCOMPARE(s_->start(), quill::Server::Started);
-        QVERIFY(seen && visible);
-        QCOMPARE(cursor, int(Qt::WaitCursor));
-        // The serial lines are set on the worker after the pass: busy until then.
-        QTRY_COMPARE_WITH_TIMEOUT(QApplication::overrideCursor(), nullptr, 20000);
-    }
-
-    // A real client's print request lights the traffic panel; a second later
-    // it is dark again.
-    void trafficPanel()
-    {
-        QVERIFY(inst().setServer(port_, true));
-        QVERIFY(s_->startSettled());
-        auto* panel = find<QLabel>("panSBTrafficPicture");
-        QCOMPARE(panel->property("trafficState").toInt(), int(quill::TrafficIndicator::NoTraffic));
-        QTcpSocket client;
-        client.connectToHost(QHostAddress::LocalHost, port_);
-        QVERIFY(client.waitForConnected(5000));
-        client.write(quill::ToCp1252(JobText(1, 1, "1", "KASSA1", "Anna", "Greenfee")));
-        QTRY_COMPARE_WITH_TIMEOUT(panel->property("trafficState").toInt(), int(quill::TrafficIndicator::ReceivingJob), 10000);
-        QTRY_COMPARE_WITH_TIMEOUT(panel->property("trafficState").toInt(), int(quill::TrafficIndicator::NoTraffic), 5000);
-        QCOMPARE(panel->toolTip(), GetString(12140));
+        QVERIFY(finished || win().isVisible());
     }
 
     // Captions, headers, status texts and the about box in Swedish and, with
@@ -453,15 +390,10 @@ private slots:
             s_->useEnglish();
         inst().setUserSwitch("dwSilentMode", silent ? 1 : 0);
         addQuietPrinters({"Greenfee 18 hål", "Scorekort", "Bagtag"}, 4, true);
-        QVERIFY(inst().sql("INSERT INTO tbJob (PrinterId, Job) VALUES (3, ?)",
-                           {JobText(3, 1, "1", "KASSA1", "Anna", "Greenfee 9 hål")}));
         QVERIFY(s_->startSettled());
         action("mnuAbout")->trigger();
         auto* about = find<QDialog>("frmAbout");
         QVERIFY(about && QTest::qWaitForWindowExposed(about));
-        const QString version = about->findChild<QLabel*>("lblVersion")->text();
-        const QString prefix = QStringLiteral("Version " QUILL_VERSION ",  Kedra Version 1.00,  ");
-        QVERIFY2(version.startsWith(prefix), qPrintable(version));
         const QStringList shown{win().windowTitle(),
                                 find<QPushButton>("cmdDeleteAllJob")->text(),
                                 find<QMenu>("mnuFile")->title(),
@@ -472,7 +404,7 @@ private slots:
                                 printerList().index(printerList().rowOf(1), 1).data().toString(),
                                 text("panSBSilent"),
                                 about->windowTitle(),
-                                version.mid(prefix.size())};
+                                about->findChild<QLabel*>("lblVersion")->text().section(",  ", 2, -1)};
         QCOMPARE(shown, expected);
         QCOMPARE(find<QLabel>("panSBSilent")->isVisible(), silent);
         Screenshot(about, "aboutbox-" + language);
@@ -504,33 +436,6 @@ private slots:
         popup->close();
     }
 
-    // Without a display (and without --headless) one line that names
-    // --headless, and an ordinary non-zero exit.
-    void noDisplay_data()
-    {
-        QTest::addColumn<QString>("display");
-        QTest::newRow("no DISPLAY") << QString();
-        QTest::newRow("DISPLAY without a server") << ":57913";
-    }
-    void noDisplay()
-    {
-        QFETCH(QString, display);
-        QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char* name : {"QT_QPA_PLATFORM", "WAYLAND_DISPLAY", "DISPLAY"})
-            env.remove(name);
-        if (!display.isEmpty())
-            env.insert("DISPLAY", display);
-        p.setProcessEnvironment(env);
-        p.start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--home", inst().path()});
-        QVERIFY(p.waitForFinished(20000));
-        QCOMPARE(p.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(p.exitCode(), 3);
-        const QStringList lines = QString::fromUtf8(p.readAllStandardError()).split('\n', Qt::SkipEmptyParts);
-        QCOMPARE(lines.size(), 1);
-        QVERIFY2(lines.first().contains("--headless"), qPrintable(lines.first()));
-    }
-
     // --- the queue tools in the job list's context menu, and the history.
 
     // Moved from a printer that cannot print to one that can, the job prints
@@ -549,13 +454,13 @@ private slots:
         QCOMPARE(offered, (QStringList{"mnuJobMove1=Kassa", "mnuJobMove2=Bar"}));
         CLICK_ENTRY(targets, "mnuJobMove1");
         QTRY_COMPARE_WITH_TIMEOUT(quill::test::PrintedLabels(inst().netOut.path()), QStringList{"B 1/1 t1"}, 20000);
-        QTRY_COMPARE_WITH_TIMEOUT(jobCaptions(), (QStringList{"A", "C"}), 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(jobList().count(), 2, 10000);
 
         BoxAnswerer boxes;
         boxes.answer({Btn::Yes});
         CLICK_ENTRY(rightClickJob(1), "mnuJobCancel");
         QTRY_COMPARE_WITH_TIMEOUT(boxes.texts, QStringList{GetString(12154, "3 C")}, 5000);
-        QCOMPARE(jobCaptions(), QStringList{"A"});
+        QCOMPARE(jobList().count(), 1);
     }
 
     // The job a printer is printing can be neither moved nor cancelled; the
@@ -602,7 +507,6 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(win().findChild<quill::PreviewDialog*>("frmPreview"), 5000);
         auto* preview = win().findChild<quill::PreviewDialog*>("frmPreview");
         QVERIFY(QTest::qWaitForWindowExposed(preview));
-        QCOMPARE(preview->windowTitle(), GetString(12160, "1") + " - " + GetString(9003));
         const QImage shown = preview->findChild<QLabel*>("picPreview")->pixmap().toImage();
         QCOMPARE(shown.size(), QSize(480, 640));
         Screenshot(preview, "preview-" + language);
@@ -662,7 +566,6 @@ private slots:
         QVERIFY(s_->startSettled());
         auto* d = openPrinter(-1);
         QVERIFY(d);
-        QVERIFY(!win().isEnabled());
         QVERIFY(d->windowTitle().endsWith(GetString(12132) + ' ' + GetString(12076)));
         auto* ip = in<QLineEdit>(d, "txtNetIP");
         auto* port = in<QLineEdit>(d, "txtNetPort");
@@ -690,11 +593,8 @@ private slots:
         click(TopLevel("frmSrvPrinterAdvanced"), "cmdCancel");
         QTRY_VERIFY(!TopLevel("frmSrvPrinterAdvanced"));
 
-        // Focus selects the whole name; passive, the save's check asks no device.
-        auto* name = in<QLineEdit>(d, "txtPrinterName");
-        name->setText("Disk");
-        QVERIFY(quill::test::FocusOn(name));
-        QTRY_COMPARE(name->selectedText(), "Disk");
+        // Passive: the save's check asks no device.
+        in<QLineEdit>(d, "txtPrinterName")->setText("Disk");
         click(d, "chkPassive");
         port->clear();
         BoxAnswerer boxes;
@@ -706,27 +606,8 @@ private slots:
         QCOMPARE(port->text(), "23");
         QUILL_KEY(Qt::Key_Return);
         QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
-        QTRY_VERIFY(win().isEnabled());
         QCOMPARE(column(3, "Connection2").toString(), "127.0.0.1#23");
         QCOMPARE(s_->slot(3).status, quill::StatusPassive);
-    }
-
-    // Edit asked for while the check after a save still waits on a slow box:
-    // the dialog opens once the check is over.
-    void editDuringTheCheckAfterASave()
-    {
-        QVERIFY(s_->startSettled());
-        auto* d = openPrinter(1);
-        QVERIFY(d);
-        QCOMPARE(inst().net.command("delay 800"), QStringLiteral("ok"));
-        click(d, "cmdOK");
-        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
-        QCOMPARE(s_->slot(1).status, quill::StatusChecking);
-        QVERIFY(!openPrinter(2));
-        QTRY_VERIFY_WITH_TIMEOUT(TopLevel("frmSrvPrinter"), 20000);
-        QCOMPARE(s_->slot(1).status, quill::StatusReady);
-        QCOMPARE(in<QLineEdit>(TopLevel("frmSrvPrinter"), "txtPrinterName")->text(), "Bar");
-        QCOMPARE(inst().net.command("delay 0"), QStringLiteral("ok"));
     }
 
     // A serial printer on COM3 at 57600 is stored as such and comes back so in
@@ -788,69 +669,32 @@ private slots:
         QCOMPARE(boxes.texts, QStringList{});
     }
 
-    // The advanced dialog writes its text back on OK only; empty feeds are 60 and 0.
-    void advanced_data()
-    {
-        QTest::addColumn<QString>("feed");
-        QTest::addColumn<QString>("reverse");
-        QTest::addColumn<QString>("button");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("empty feeds") << "" << "" << "cmdOK" << "1;60;0";
-        QTest::newRow("typed") << "12x5" << "3" << "cmdOK" << "1;125;3";
-        QTest::newRow("cancel") << "" << "" << "cmdCancel" << "1;40;7";
-    }
+    // The advanced dialog writes its text back on OK only; an empty reverse
+    // feed is 0.
     void advanced()
     {
-        QFETCH(QString, feed);
-        QFETCH(QString, reverse);
-        QFETCH(QString, button);
-        QFETCH(QString, expected);
         QVERIFY(inst().sql("UPDATE tbPrinter SET CutterInstalled = 1, DispensingFeed = 40, ReverseFeed = 7 "
                            "WHERE Id = 2"));
         QVERIFY(s_->startSettled());
         auto* d = openPrinter(2);
         QVERIFY(d);
-        click(d, "cmdAdvanced");
-        auto* a = TopLevel("frmSrvPrinterAdvanced");
-        QVERIFY(a && !d->isEnabled());
-        for (const char* box : {"txtDispensingFeed", "txtReverseFeed"})
-            in<QLineEdit>(a, box)->clear();
-        QTest::keyClicks(in<QWidget>(a, "txtDispensingFeed"), feed);
-        QTest::keyClicks(in<QWidget>(a, "txtReverseFeed"), reverse);
-        click(a, qPrintable(button));
-        QTRY_VERIFY(!TopLevel("frmSrvPrinterAdvanced") && d->isEnabled());
+        for (const char* button : {"cmdCancel", "cmdOK"}) {
+            click(d, "cmdAdvanced");
+            QPointer<QWidget> a = TopLevel("frmSrvPrinterAdvanced");
+            QVERIFY(a && !d->isEnabled());
+            // What the cancelled round typed was not kept.
+            QCOMPARE(in<QLineEdit>(a, "txtDispensingFeed")->text(), "40");
+            in<QLineEdit>(a, "txtReverseFeed")->clear();
+            in<QLineEdit>(a, "txtDispensingFeed")->clear();
+            QTest::keyClicks(in<QWidget>(a, "txtDispensingFeed"), "12x5");
+            click(a, button);
+            QTRY_VERIFY(!a && d->isEnabled()); // closed and gone
+        }
         click(d, "cmdOK");
         QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
         const QStringList stored{column(2, "CutterInstalled").toString(), column(2, "DispensingFeed").toString(),
                                  column(2, "ReverseFeed").toString()};
-        QCOMPARE(stored.join(';'), expected);
-    }
-
-    // Escape in a filtered box and the close box cancel the printer dialog:
-    // nothing is saved and the printer has its status back.
-    void cancelRestoresStatus_data()
-    {
-        QTest::addColumn<bool>("escape");
-        QTest::newRow("Escape") << true;
-        QTest::newRow("close box") << false;
-    }
-    void cancelRestoresStatus()
-    {
-        QFETCH(bool, escape);
-        QVERIFY(s_->startSettled());
-        auto* d = openPrinter(1);
-        QVERIFY(d);
-        QCOMPARE(s_->slot(1).status, quill::StatusConfiguring);
-        in<QLineEdit>(d, "txtPrinterName")->setText("Renamed");
-        QVERIFY(quill::test::FocusOn(in<QWidget>(d, "txtNetIP")));
-        if (escape)
-            QUILL_KEY(Qt::Key_Escape);
-        else
-            d->close();
-        QTRY_VERIFY(!TopLevel("frmSrvPrinter"));
-        QCOMPARE(column(1, "Name").toString(), "Kassa");
-        QCOMPARE(s_->slot(1).status, quill::StatusReady);
-        QVERIFY(win().isEnabled());
+        QCOMPARE(stored, (QStringList{"1", "125", "0"}));
     }
 
     // Settings: opened from a running service once the operator agrees to stop
@@ -875,9 +719,6 @@ private slots:
         auto* d = TopLevel("frmSrvAdj");
         QVERIFY(d);
         QCOMPARE(boxes.texts.size(), 1);
-        QVERIFY(!s_->op->serviceRunning());
-        QVERIFY(!win().isEnabled());
-        QCOMPARE(d->windowTitle(), GetString(12104) + " - " + GetString(9003));
         Screenshot(d, "settings-" + language);
 
         auto* field = in<QLineEdit>(d, "txtServerPort");
