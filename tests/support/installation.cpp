@@ -10,6 +10,7 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QTcpServer>
+#include <QTest>
 
 namespace quill::test {
 
@@ -25,8 +26,6 @@ TestInstallation::TestInstallation()
     if (!ok_)
         qWarning("provisioning failed: %s", qPrintable(message));
 }
-
-TestInstallation::~TestInstallation() = default;
 
 bool TestInstallation::sql(const QString& statement, const QVariantList& binds)
 {
@@ -96,6 +95,28 @@ bool PrinterSite::start()
     ser.mapComPort(2);
     return addNetworkPrinter(1, QStringLiteral("Kassa"), net.port())
         && addSerialPrinter(2, QStringLiteral("Bar"), 2, 9600);
+}
+
+bool HeadlessServer::start(const QStringList& args, bool waitForLog)
+{
+    const auto starts = [this] { return inst_.log().count(QStringLiteral("Quillbase succesfully started")); };
+    const qsizetype before = starts();
+    process.start(QStringLiteral(QUILL_BIN_DIR "/quillbase"),
+                  QStringList{QStringLiteral("--headless"), QStringLiteral("--home"), inst_.path()} + args);
+    return process.waitForStarted(10000) && (!waitForLog || QTest::qWaitFor([&] { return starts() > before; }, 20000));
+}
+
+bool HeadlessServer::stop()
+{
+    if (process.state() == QProcess::NotRunning)
+        return true;
+    process.terminate();
+    const bool ended = process.waitForFinished(10000);
+    if (!ended) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+    return ended && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
 
 quint16 TestInstallation::freePort()

@@ -4,6 +4,7 @@
 // inside it), and direct SQL access to its database for arranging rows.
 #include "support/emulator.h"
 
+#include <QProcess>
 #include <QString>
 #include <QTemporaryDir>
 #include <QVariant>
@@ -14,7 +15,6 @@ class TestInstallation {
 public:
     // Provisions and points HomeDir() and the settings scopes at the folder.
     TestInstallation();
-    ~TestInstallation();
 
     bool ok() const { return ok_; }
     QString path() const { return dir_.path(); }
@@ -65,6 +65,26 @@ public:
 
     QTemporaryDir netOut, serOut;
     Emulator net, ser;
+};
+
+// `quillbase --headless` on an installation, as a process of its own (its
+// stderr forwarded unless the test sets another channel mode).
+class HeadlessServer {
+public:
+    explicit HeadlessServer(const TestInstallation& inst) : inst_(inst)
+    {
+        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    }
+    ~HeadlessServer() { stop(); }
+    // Starts it and, unless told not to, waits for the log line that ends its
+    // whole start-up (the listener opens before the first status pass).
+    bool start(const QStringList& args = {}, bool waitForLog = true);
+    // SIGTERM; true once it has ended with exit code 0.
+    bool stop();
+    QProcess process;
+
+private:
+    const TestInstallation& inst_;
 };
 
 } // namespace quill::test
