@@ -1,11 +1,12 @@
-// Device operations against the real mp104c-emulator, over its network box
-// (TCP on 127.0.0.1) and over a pty standing in for a serial port. Every case
-// compares the calls the printer received, in order.
-#include "foundation/error.h"
+// Device sessions and device operations against the real mp104c-emulator,
+// over its network box (TCP on 127.0.0.1) and over a pty standing in for a
+// serial port. Every operation compares the calls the printer received, in order.
 #include "foundation/eventlog.h"
 #include "foundation/paths.h"
 #include "foundation/settings.h"
 #include "printers/deviceops.h"
+#include "printers/devicesession.h"
+#include "printers/link.h"
 #include "printers/printerrecord.h"
 #include "database/slots.h"
 #include "foundation/texts.h"
@@ -24,6 +25,15 @@ using quill::dbtest::CurrentLogText;
 using quill::test::Emulator;
 
 namespace {
+
+const QString Tcp = QStringLiteral("tcp");
+const QString Pty = QStringLiteral("pty");
+
+bool writeFile(const QString& path, const QByteArray& text)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(text) == text.size();
+}
 
 // Local round trips; longer means a silent printer.
 const DeviceContext ctx{1000};
@@ -114,12 +124,9 @@ Op testPrint(bool serial, const QByteArray& layout = {}, int rounds = 1)
         const PrinterSettings d{.serial = serial, .comPort = 3, .netAddress = " 127.0.0.1 ",
                                 .netPort = QString::number(e.port()) + " "};
         const PrinterDevice device = DialogDevice(d);
-        QFile f(QDir(HomeDir()).filePath("0.lbl"));
-        if (!layout.isEmpty() && !f.remove())
-            return QStringLiteral("cannot remove the layout");
-        if (layout != "-" && !layout.isEmpty() && (!f.open(QIODevice::WriteOnly) || f.write(layout) != layout.size()))
-            return QStringLiteral("cannot write the layout");
-        f.close();
+        const QString path = QDir(HomeDir()).filePath("0.lbl");
+        if (layout == "-" ? !QFile::remove(path) : !layout.isEmpty() && !writeFile(path, layout))
+            return QStringLiteral("cannot change the layout");
         QString results;
         for (int i = 0; i < rounds; ++i)
             results += SrvMPTestPrint(ctx, " " + device.name + " ", " " + device.settings + " ");
@@ -180,6 +187,26 @@ Op afterSave(qint32 n)
 class TestDeviceOps : public QObject {
     Q_OBJECT
     QTemporaryDir home, configDir;
+    std::unique_ptr<Emulator> emu_;
+
+    bool start(const QString& transport)
+    {
+        const bool ok = transport == Tcp ? emu_->startTcp() : emu_->startPty();
+        if (ok && transport == Pty)
+            emu_->mapComPort(1);
+        return ok;
+    }
+    int open(DeviceSession& s, const QString& transport)
+    {
+        return transport == Tcp ? s.open(emu_->netDevice(), "", "m") : s.open("COM1:", "9600,n,8,1,x", "m");
+    }
+    static void transports()
+    {
+        QTest::addColumn<QString>("transport");
+        QTest::newRow("tcp") << Tcp;
+        QTest::newRow("pty") << Pty;
+    }
+
 
 private slots:
     void initTestCase()
@@ -196,156 +223,265 @@ private slots:
         QFile::remove(LogFilePath());
         QFile::remove(home.filePath("0.lbl"));
         QVERIFY(QFile::copy(":/quill/0.lbl", home.filePath("0.lbl")));
+        emu_ = std::make_unique<Emulator>();
+        emu_->setName("Kassa 2");
+    }
+    void cleanup() { emu_.reset(); }
+
+    void parametersAndReplies_data() { transports(); }
+    void parametersAndReplies()
+    {
+        QFETCH(QString, transport);
+        QVERIFY2(start(transport), qPrintable(emu_->errorText()));
+        DeviceSession h;
+        QCOMPARE(open(h, transport), 1);
+        int v = 0;
+        QCOMPARE(h.setParameter(46, 250), 1);
+        QCOMPARE(h.parameter(46, &v), 1);
+        QCOMPARE(v, 250);
+        int c[5] = {-1, -1, -1, -1, -1};
+        QCOMPARE(h.setCounter(1, 40, 1, 9, 1), 1);
+        QCOMPARE(h.counter(1, &c[0], &c[1], &c[2], &c[3], &c[4]), 1);
+        QCOMPARE(QList<int>(c, c + 5), (QList<int>{40, 1, 9, 1, 0}));
+        QString reply;
+        QCOMPARE(h.service(100, "192.168.1.40", &reply, 255), 1);
+        QCOMPARE(reply, QString("192.168.1.40"));
+        QCOMPARE(h.service(38153, QString(), &reply, 3), 1);
+        QCOMPARE(reply, QString("MP1")); // cut to the reply buffer
+        QCOMPARE(h.service(100, QString(256, '9'), &reply, 255), link::ErrGeneral);
+        QVERIFY(reply.isEmpty());
+        // A refused line speed leaves this side's speed alone: the session goes on.
+        QCOMPARE(h.setParameter(link::ParamBaudRate, 12345), link::ErrGeneral);
+        QCOMPARE(h.lockParameters(), 1);
+        QCOMPARE(h.setParameter(40, 1), link::ErrGeneral);
     }
 
-    void adjustment();
-    void operations_data();
-    void operations();
+    void printResults()
+    {
+        QVERIFY2(start(Tcp), qPrintable(emu_->errorText()));
+        DeviceSession h;
+        QCOMPARE(open(h, Tcp), 1);
+        QCOMPARE(h.identity(), QString("Kassa 2"));
+        QCOMPARE(h.printLabel(1, "i"), link::ErrFile); // no layout yet
+        QCOMPARE(h.sendLayout(home.filePath("0.lbl")), 1);
+        QCOMPARE(h.sendLayout(home.filePath("0.lbl")), link::LayoutAccepted);
+        QCOMPARE(h.printLabel(1, "i"), link::PrintAccepted); // variable 1 missing
+        QCOMPARE(h.sendVariable("v", 1), 1);
+        QCOMPARE(h.printLabel(1, "i"), 1);
+
+        QCOMPARE(h.status(4), 0);
+        // A control command the emulator does not take must not pass for "ok".
+        QVERIFY(emu_->command("paper sideways").startsWith("error "));
+        for (const char* fault : {"paper out", "ribbon out", "head up"})
+            QCOMPARE(emu_->command(fault), QString("ok"));
+        QCOMPARE(h.status(4), 13);
+        // Ribbon before paper before head; each fault cleared lets the next show.
+        // Variable 1 went with the first print that carried it.
+        const std::pair<const char*, int> clears[] = {
+            {"ribbon in", link::ErrPaper}, {"paper in", link::ErrGeneral}, {"head down", link::PrintAccepted}};
+        QCOMPARE(h.printLabel(1, "i"), link::ErrRibbon);
+        for (auto [clear, result] : clears) {
+            QCOMPARE(emu_->command(clear), QString("ok"));
+            QCOMPARE(h.printLabel(1, "i"), result);
+        }
+
+        // Unparsable for the printer, beyond its memory, beyond a frame; missing.
+        QTemporaryDir dir;
+        const QString path = dir.filePath("5.lbl");
+        const std::pair<QByteArray, int> files[] = {
+            {"label 100 100\nellipse 1 2 3\n", link::ErrFile},
+            {"label 100 100\n# " + QByteArray(link::MaxFrameBytes, 'x') + "\n", link::ErrMemory}};
+        for (const auto& [text, result] : files) {
+            QVERIFY(writeFile(path, text));
+            QCOMPARE(h.sendLayout(path), result);
+        }
+        QCOMPARE(h.sendLayout(dir.filePath("nope.lbl")), link::ErrFile);
+    }
+
+    void timeouts_data() { transports(); }
+    void timeouts()
+    {
+        QFETCH(QString, transport);
+        QVERIFY2(start(transport), qPrintable(emu_->errorText()));
+        const DeviceContext fast{500};
+        {
+            DeviceSession h(fast);
+            QCOMPARE(open(h, transport), 1);
+            QCOMPARE(emu_->command("silent on"), QString("ok"));
+            QCOMPARE(h.setParameter(46, 200), link::ErrComm);
+        }
+        DeviceSession h(fast);
+        QCOMPARE(open(h, transport), link::ErrComm);
+        // The silent printer still heard the calls.
+        const QStringList heard = emu_->log();
+        QVERIFY(heard.contains("setparam 46 200"));
+        QCOMPARE(heard.count("close"), 1);
+        if (transport == Pty)
+            return;
+
+        // A late answer to an earlier call is not taken for the current one's.
+        QCOMPARE(emu_->command("silent off"), QString("ok"));
+        QCOMPARE(open(h, transport), 1);
+        for (const char* command : {"paper out", "delay 1000"})
+            QCOMPARE(emu_->command(command), QString("ok"));
+        QCOMPARE(h.status(4), link::ErrComm);
+        for (const char* command : {"delay 0", "paper in"})
+            QCOMPARE(emu_->command(command), QString("ok"));
+        QTest::qWait(700); // the late answer (status 1) comes in meanwhile
+        QCOMPARE(h.status(4), 0);
+
+        // A slow printer inside the bound is fine.
+        QCOMPARE(emu_->command("delay 100"), QString("ok"));
+        QCOMPARE(h.status(4), 0);
+    }
+
+    void badDevices_data()
+    {
+        QTest::addColumn<QString>("device");
+        QTest::addColumn<QString>("settings");
+        QTest::addColumn<int>("result");
+        QTest::newRow("LPT1:") << "LPT1:" << "" << link::ErrGeneral;
+        QTest::newRow("bad settings") << "COM1:" << "fast,n,8,1,x" << link::ErrGeneral;
+        QTest::newRow("no address") << "NETBOX:#23" << "" << link::ErrGeneral;
+        QTest::newRow("nobody listening") << "127.0.0.1#1" << "" << link::ErrComm;
+        QTest::newRow("serial port missing") << "COM4:" << "9600,n,8,1,x" << link::ErrComm;
+    }
+
+    void badDevices()
+    {
+        QFETCH(QString, device);
+        QFETCH(QString, settings);
+        RegSetValue(HKEY_LOCAL_MACHINE, "SOFTWARE\\Norvu\\Brixa\\Ports", "COM4", REG_SZ, configDir.filePath("no-such-tty"));
+        DeviceSession s;
+        QTEST(s.open(device, settings, "m"), "result");
+        // A session that did not open refuses every call.
+        QCOMPARE(s.status(4), link::ErrGeneral);
+        QCOMPARE(s.close(), link::ErrGeneral);
+    }
+
+    void operations_data()
+    {
+        QTest::addColumn<int>("baud");       // the printer's line speed; it also sits behind the box
+        QTest::addColumn<QString>("faults"); // emulator commands first, ";" between them
+        QTest::addColumn<Op>("op");
+        QTest::addColumn<QString>("result");
+        QTest::addColumn<QStringList>("calls");
+        QTest::addColumn<QString>("logLine"); // empty: the log stays empty
+        const QStringList settings = printSettingsCalls(167, 79), box = printSettingsCalls(700, 60, 40, 5);
+        const QStringList fromNet{"open", "status 4"}, from9600{"open 9600", "status 4"}, openOnly{"open 9600"};
+        const QString ok = "OK\t", noContact = "ERR\t" + GetString(12038);
+
+        // The open at the wrong speed reaches the printer only as noise.
+        QTest::newRow("serial, rate switch to 9600")
+            << 57600 << "" << configCOM("3", "9600", {167, 79, 75, 12}) << "configured"
+            << QStringList{"open 57600", "status 4", "setparam 30 9600", "setparam 34 2000"}
+                + printSettingsCalls(167, 79, 75, 12) << "";
+        // Only slot 1, switched over to 57600: passive, network and free slots are skipped.
+        QTest::newRow("re-configuration of the serial slots")
+            << 9600 << "" << Op(reconfigureAll) << "done"
+            << from9600 + QStringList{"setparam 30 57600", "setparam 34 2000", "lock", "service 3196", "close"} << "";
+        // A box without a known address goes through the serial port once the
+        // operator has said so; until then nothing is opened.
+        QTest::newRow("network, new box through the serial port")
+            << 9600 << "" << configNET("", false, true) << "configured"
+            << from9600 + QStringList{"service 100 10.1.2.3", "service 102 0.0.0.0", "service 110 0.0.0.0"} + box << "";
+
+        // The last type of the table at its highest steps.
+        QTest::newRow("dialog, serial, type 9, highest steps, empty feed")
+            << 9600 << ""
+            << configDialog({.printerTypeId = 9, .comPort = 3, .strobe = 9, .speed = 7, .advancedSettings = "1;;30"})
+            << "configured" << from9600 + QStringList{"setparam 34 2000"} + printSettingsCalls(1000, 150, 60, 30) << "";
+        // Nothing selected in the lists: type 1 and the default steps.
+        PrinterSettings d = netDialog("10.0.0.7", " 127.0.0.1 ");
+        d.printerTypeId = d.strobe = d.speed = std::nullopt;
+        QTest::newRow("dialog, network at the loaded address, nothing selected")
+            << 9600 << "" << configDialog(d) << "configured, loaded 10.0.0.7"
+            << fromNet + QStringList{"service 100 10.0.0.7", "service 102 0.0.0.0", "service 110 0.0.0.0"} + settings
+            << "";
+        // A type without configuration support: no device, no log line.
+        QTest::newRow("dialog, type 10")
+            << 9600 << "" << configDialog({.printerTypeId = 10, .comPort = 3}) << "not configurable" << QStringList{}
+            << "";
+        QTest::newRow("dialog, serial printer removed")
+            << 9600 << "on open 9600 unplug" << configDialog({.comPort = 3}) << "serial failed"
+            << openOnly << configFailed("SrvMPConfigCOM");
+        QTest::newRow("dialog, no address") << 9600 << "" << configDialog(netDialog("   ", "")) << "no address"
+                                            << QStringList{} << "";
+        // Not reached at its loaded address: the operator is asked first. A
+        // failure keeps the loaded address.
+        QTest::newRow("dialog, box removed")
+            << 9600 << "on open unplug" << configDialog(netDialog(" 10.1.2.3 ", "127.0.0.1"))
+            << "needs serial, loaded 127.0.0.1" << QStringList{"open"} << "";
+        QTest::newRow("dialog, box removed, connect only")
+            << 9600 << "on open unplug" << configDialog(netDialog("10.9.9.9", "127.0.0.1", true))
+            << "network failed, loaded 127.0.0.1" << QStringList{"open"} << configFailed("SrvMPConfigNET");
+
+        // The silent printer: one call goes unanswered, and the printer, still
+        // there, hears the close; a removed one does not.
+        QTest::newRow("serial printer falls silent")
+            << 9600 << "on service 28351746 silent" << configCOM("3", "9600") << "failed"
+            << from9600 + QStringList{"setparam 34 2000"} + settings.mid(0, 3) + QStringList{"close"}
+            << configFailed("SrvMPConfigCOM");
+        QTest::newRow("serial printer removed")
+            << 9600 << "on lock unplug" << Op([](const Emulator&) { return done(SrvMPConfigCOM2(ctx, "COM3:", "9600")); })
+            << "failed" << from9600 + QStringList{"setparam 34 2000", "lock"} << configFailed("SrvMPConfigCOM2");
+
+        QTest::newRow("clear memory, calibrate")
+            << 57600 << "" << clearAndCalibrate("57600,n,8,1,x") << ok + ok
+            << QStringList{"open 57600", "init a", "close", "open 57600", "service 44", "lock", "service 3196", "close"}
+            << "";
+
+        // Which fault wins is the status word's mapping (strutil); here the call
+        // through each connection kind, and no connection at all.
+        const QStringList netChecked = fromNet + QStringList{"close"};
+        QTest::newRow("status ready") << 9600 << "" << check(2) << ok << netChecked << "";
+        QTest::newRow("status paper before head, serial") << 9600 << "head up;paper out" << check(1)
+                                                          << "ERR\t" + GetString(13005) << from9600 + QStringList{"close"}
+                                                          << "";
+        QTest::newRow("status, no connection") << 9600 << "" << check(3) << noContact << QStringList{} << "";
+
+        const QStringList netPrint = testPrintCalls("open"), serialPrint = testPrintCalls("open 9600");
+        QTest::newRow("test print, no test layout") << 9600 << "" << testPrint(false, "-") << "ERR\t" + GetString(13004)
+                                                    << QStringList{"open", "close"} << "";
+        QTest::newRow("test print twice, the same layout again: -7")
+            << 9600 << "" << testPrint(true, {}, 2) << ok + ok << serialPrint + serialPrint << "";
+        QTest::newRow("test print, variable 2 never sent: -6")
+            << 9600 << "" << testPrint(false, "label 200 100\ntext 10 10 20 \"{1}\"\ntext 10 50 20 \"{2}\"\n") << ok
+            << netPrint << "";
+
+        const QString checking = "status 3 " + GetString(12080);
+        QTest::newRow("after save, ready")
+            << 9600 << "" << afterSave(3)
+            << slotState(StatusReady, StatusChecking, GetString(12079), {checking, "status 3 " + GetString(12079)})
+            << netChecked << "";
+        // A slot number outside the table is trapped and logged.
+        QTest::newRow("after save, no such slot")
+            << 9600 << "" << afterSave(9) << slotState(StatusConfiguring, 0, GetString(12074)) << QStringList{}
+            << "SrvInitPrinterAfterConfig failed. PId = 9 Error: 9 Subscript out of range";
+    }
+
+    void operations()
+    {
+        QFETCH(int, baud);
+        QFETCH(QString, faults);
+        QFETCH(Op, op);
+        QFETCH(QStringList, calls);
+        QFETCH(QString, logLine);
+        Emulator emu;
+        QVERIFY2(emu.startBoth(baud), qPrintable(emu.errorText()));
+        // The printer is on COM3: only; a port number that is not passed on reaches nothing.
+        emu.mapComPort(3);
+        RegSetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwNetBoxPort"), REG_DWORD, emu.port());
+        for (const QString& f : faults.split(';', Qt::SkipEmptyParts))
+            QCOMPARE(emu.command(f), QString("ok"));
+
+        QTEST(op(emu), "result");
+        // A close gets no answer, so the library may return before the printer has it.
+        QTRY_COMPARE_WITH_TIMEOUT(emu.log(), calls, 10000);
+        const QString log = CurrentLogText();
+        QVERIFY2(logLine.isEmpty() ? log.isEmpty() : log.contains(logLine), qPrintable(log));
+    }
 };
-
-void TestDeviceOps::adjustment()
-{
-    // Types 1 and 2 (rounding, the lower end) are configured through the dialog
-    // in operations(); 9 is the last row of the table.
-    const DeviceAdjustment a = ConvertAdjustment(9, 9, 7);
-    QCOMPARE(QList<int>({a.darkness, a.speed}), QList<int>({1000, 150}));
-    for (int type : {0, 10})
-        QVERIFY_THROWS_EXCEPTION(Error, ConvertAdjustment(type, 4, 2));
-}
-
-void TestDeviceOps::operations_data()
-{
-    QTest::addColumn<int>("baud");       // the printer's line speed; it also sits behind the box
-    QTest::addColumn<QString>("faults"); // emulator commands first, ";" between them
-    QTest::addColumn<Op>("op");
-    QTest::addColumn<QString>("result");
-    QTest::addColumn<QStringList>("calls");
-    QTest::addColumn<QString>("logLine"); // empty: the log stays empty
-    const QStringList settings = printSettingsCalls(167, 79), box = printSettingsCalls(700, 60, 40, 5);
-    const QStringList fromNet{"open", "status 4"}, from9600{"open 9600", "status 4"}, openOnly{"open 9600"};
-    const QString ok = "OK\t", noContact = "ERR\t" + GetString(12038);
-
-    // The open at the wrong speed reaches the printer only as noise.
-    QTest::newRow("serial, rate switch to 9600")
-        << 57600 << "" << configCOM("3", "9600", {167, 79, 75, 12}) << "configured"
-        << QStringList{"open 57600", "status 4", "setparam 30 9600", "setparam 34 2000"}
-            + printSettingsCalls(167, 79, 75, 12) << "";
-    // Only slot 1, switched over to 57600: passive, network and free slots are skipped.
-    QTest::newRow("re-configuration of the serial slots")
-        << 9600 << "" << Op(reconfigureAll) << "done"
-        << from9600 + QStringList{"setparam 30 57600", "setparam 34 2000", "lock", "service 3196", "close"} << "";
-    // A box without a known address goes through the serial port once the
-    // operator has said so; until then nothing is opened.
-    QTest::newRow("network, new box through the serial port")
-        << 9600 << "" << configNET("", false, true) << "configured"
-        << from9600 + QStringList{"service 100 10.1.2.3", "service 102 0.0.0.0", "service 110 0.0.0.0"} + box << "";
-
-    QTest::newRow("dialog, serial, type 2, highest steps, empty feed")
-        << 9600 << ""
-        << configDialog({.printerTypeId = 2, .comPort = 3, .strobe = 9, .speed = 7, .advancedSettings = "1;;30"})
-        << "configured" << from9600 + QStringList{"setparam 34 2000"} + printSettingsCalls(700, 125, 60, 30) << "";
-    // Nothing selected in the lists: type 1 and the default steps.
-    PrinterSettings d = netDialog("10.0.0.7", " 127.0.0.1 ");
-    d.printerTypeId = d.strobe = d.speed = std::nullopt;
-    QTest::newRow("dialog, network at the loaded address, nothing selected")
-        << 9600 << "" << configDialog(d) << "configured, loaded 10.0.0.7"
-        << fromNet + QStringList{"service 100 10.0.0.7", "service 102 0.0.0.0", "service 110 0.0.0.0"} + settings
-        << "";
-    // A type without configuration support: no device, no log line.
-    QTest::newRow("dialog, type 10")
-        << 9600 << "" << configDialog({.printerTypeId = 10, .comPort = 3}) << "not configurable" << QStringList{}
-        << "";
-    // Each open is heard and goes unanswered; the retry at 57600 is noise.
-    QTest::newRow("dialog, serial printer silent")
-        << 9600 << "silent on" << configDialog({.comPort = 3}) << "serial failed"
-        << openOnly << configFailed("SrvMPConfigCOM");
-    QTest::newRow("dialog, no address") << 9600 << "" << configDialog(netDialog("   ", "")) << "no address"
-                                        << QStringList{} << "";
-    // Not reached at its loaded address: the operator is asked first. A
-    // failure keeps the loaded address.
-    QTest::newRow("dialog, box silent")
-        << 9600 << "silent on" << configDialog(netDialog(" 10.1.2.3 ", "127.0.0.1"))
-        << "needs serial, loaded 127.0.0.1" << QStringList{"open"} << "";
-    QTest::newRow("dialog, box silent, connect only")
-        << 9600 << "silent on" << configDialog(netDialog("10.9.9.9", "127.0.0.1", true))
-        << "network failed, loaded 127.0.0.1" << QStringList{"open"} << configFailed("SrvMPConfigNET");
-
-    // A printer that is still there hears the close; a removed one does not.
-    QTest::newRow("serial printer falls silent")
-        << 9600 << "on service 28351746 silent" << configCOM("3", "9600") << "failed"
-        << from9600 + QStringList{"setparam 34 2000"} + settings.mid(0, 3) + QStringList{"close"}
-        << configFailed("SrvMPConfigCOM");
-    QTest::newRow("serial printer removed")
-        << 9600 << "on lock unplug" << Op([](const Emulator&) { return done(SrvMPConfigCOM2(ctx, "COM3:", "9600")); })
-        << "failed" << from9600 + QStringList{"setparam 34 2000", "lock"} << configFailed("SrvMPConfigCOM2");
-    QTest::newRow("network box removed") << 9600 << "on setparam 46 unplug" << configNET("127.0.0.1", true)
-                                         << "network failed" << fromNet + box.mid(0, 2) << configFailed("SrvMPConfigNET");
-
-    QTest::newRow("clear memory, calibrate")
-        << 57600 << "" << clearAndCalibrate("57600,n,8,1,x") << ok + ok
-        << QStringList{"open 57600", "init a", "close", "open 57600", "service 44", "lock", "service 3196", "close"}
-        << "";
-    QTest::newRow("clear memory, calibrate, printer silent")
-        << 9600 << "silent on" << clearAndCalibrate("9600,n,8,1,x") << noContact + noContact << openOnly + openOnly
-        << "";
-
-    // Which fault wins is the status word's mapping (strutil); here the call
-    // through each connection kind, and no connection at all.
-    const QStringList netChecked = fromNet + QStringList{"close"};
-    QTest::newRow("status ready") << 9600 << "" << check(2) << ok << netChecked << "";
-    QTest::newRow("status paper before head, serial") << 9600 << "head up;paper out" << check(1)
-                                                      << "ERR\t" + GetString(13005) << from9600 + QStringList{"close"}
-                                                      << "";
-    QTest::newRow("status, no connection") << 9600 << "" << check(3) << noContact << QStringList{} << "";
-
-    const QStringList netPrint = testPrintCalls("open"), serialPrint = testPrintCalls("open 9600");
-    QTest::newRow("test print, ribbon out") << 9600 << "ribbon out" << testPrint(true) << "ERR\t" + GetString(13009)
-                                            << serialPrint << "";
-    QTest::newRow("test print, no test layout") << 9600 << "" << testPrint(false, "-") << "ERR\t" + GetString(13004)
-                                                << QStringList{"open", "close"} << "";
-    QTest::newRow("test print twice, the same layout again: -7")
-        << 9600 << "" << testPrint(true, {}, 2) << ok + ok << serialPrint + serialPrint << "";
-    QTest::newRow("test print, variable 2 never sent: -6")
-        << 9600 << "" << testPrint(false, "label 200 100\ntext 10 10 20 \"{1}\"\ntext 10 50 20 \"{2}\"\n") << ok
-        << netPrint << "";
-    QTest::newRow("test print, printer silent") << 9600 << "silent on" << testPrint(true) << noContact << openOnly
-                                                << "";
-
-    const QString checking = "status 3 " + GetString(12080);
-    QTest::newRow("after save, ready")
-        << 9600 << "" << afterSave(3)
-        << slotState(StatusReady, StatusChecking, GetString(12079), {checking, "status 3 " + GetString(12079)})
-        << netChecked << "";
-    QTest::newRow("after save, paper out")
-        << 9600 << "paper out" << afterSave(3)
-        << slotState(StatusError, StatusChecking, GetString(13005), {checking, "status 3 " + GetString(13005)})
-        << netChecked << "";
-    // A slot number outside the table is trapped and logged.
-    QTest::newRow("after save, no such slot")
-        << 9600 << "" << afterSave(9) << slotState(StatusConfiguring, 0, GetString(12074)) << QStringList{}
-        << "SrvInitPrinterAfterConfig failed. PId = 9 Error: 9 Subscript out of range";
-}
-
-void TestDeviceOps::operations()
-{
-    QFETCH(int, baud);
-    QFETCH(QString, faults);
-    QFETCH(Op, op);
-    QFETCH(QStringList, calls);
-    QFETCH(QString, logLine);
-    Emulator emu;
-    QVERIFY2(emu.startBoth(baud), qPrintable(emu.errorText()));
-    // The printer is on COM3: only; a port number that is not passed on reaches nothing.
-    emu.mapComPort(3);
-    RegSetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, QStringLiteral("dwNetBoxPort"), REG_DWORD, emu.port());
-    for (const QString& f : faults.split(';', Qt::SkipEmptyParts))
-        QCOMPARE(emu.command(f), QString("ok"));
-
-    QTEST(op(emu), "result");
-    QCOMPARE(calls.value(calls.size() - 1) == "close" ? emu.settledLog() : emu.log(), calls);
-    const QString log = CurrentLogText();
-    QVERIFY2(logLine.isEmpty() ? log.isEmpty() : log.contains(logLine), qPrintable(log));
-}
 
 QTEST_GUILESS_MAIN(TestDeviceOps)
 #include "tst_deviceops.moc"

@@ -91,161 +91,121 @@ private slots:
         db.reset();
     }
 
-    void saveAndLoadBack_data();
-    void saveAndLoadBack();
-    void fillDialogFromOddRows_data();
-    void fillDialogFromOddRows();
-    void slotsAreGivenAndFreed();
-    void slotCopyAndDisplayText();
-    void saveRunsAfterSaveCheck();
+    void saveAndLoadBack_data()
+    {
+        QTest::addColumn<bool>("serial");
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<QString>("netPort");
+        QTest::addColumn<QString>("advanced");
+        QTest::addColumn<QString>("stored"); // ConnectionUsed, Connection1..4, then the slot's text
+        QTest::addColumn<QString>("loaded");
+        // The serial lists are written for a network printer too.
+        QTest::newRow("network, blanks around the address")
+            << false << "  10.0.0.5 " << "23" << "1;;" << "2|COM3:#57600|10.0.0.5#23|null|null 1 Kassa på 10.0.0.5"
+            << " Kassa |2|network|3|57600|10.0.0.5|10.0.0.5|23|connect only|7|5|passive|1;60;0";
+        QTest::newRow("serial with an address kept")
+            << true << "10.1.1.1" << " 9100 " << "" << "1|COM3:#57600|10.1.1.1#9100|null|null 1 Kassa på COM3:"
+            << " Kassa |2|serial|3|57600|10.1.1.1|10.1.1.1|9100|connect only|7|5|passive|0;60;0";
+    }
+    void saveAndLoadBack()
+    {
+        QFETCH(bool, serial);
+        QFETCH(QString, address);
+        QFETCH(QString, netPort);
+        QFETCH(QString, advanced);
+        const PrinterSettings d{.name = " Kassa ", .printerTypeId = 2, .serial = serial, .comPort = 3,
+                                .comRate = 57600, .netAddress = address, .netPort = netPort, .netConnectOnly = true,
+                                .strobe = 7, .speed = 5, .passive = true, .advancedSettings = advanced};
+        QCOMPARE(SrvPrinterAddNew(*printers, slots_, d), 1);
+        QCOMPARE(stored(1, "Name, CurrentTemplateId"), QString(" Kassa |0")); // as typed; the column default
+        QTEST(stored(1, "ConnectionUsed, Connection1, Connection2, Connection3, Connection4") + " "
+                  + slots_.at(1).displayText,
+              "stored");
+        PrinterSettings back;
+        SrvPrinterFillDialog(row(1), back, {1, 2, 3});
+        QTEST(describe(back), "loaded");
+    }
+
+    void fillDialogFromOddRows_data()
+    {
+        QTest::addColumn<QVariantMap>("changes");
+        QTest::addColumn<QString>("dialog"); // opened as serial, COM1:, 9600, address "untouched"
+        // Not a model with connection support: the connection is left alone.
+        QTest::newRow("type 10") << QVariantMap{{"PrinterTypeId", 10}} << "P|-|serial|1|9600|untouched||||6|7||0;60;0";
+        QTest::newRow("Strobe Null, Speed, port and rate not in the lists")
+            << QVariantMap{{"Strobe", QVariant()}, {"Speed", 12}, {"Connection1", "COM7:#fast"}}
+            << "P|1|network|-|-|1.2.3.4|1.2.3.4|23||4|2||0;60;0";
+        QTest::newRow("advanced fields") << QVariantMap{{"CutterInstalled", 3}, {"DispensingFeed", 0},
+                                                        {"ReverseFeed", 25}}
+                                         << "P|1|network|2|57600|1.2.3.4|1.2.3.4|23||6|7||1;0;25";
+    }
+    void fillDialogFromOddRows()
+    {
+        QFETCH(QVariantMap, changes);
+        QVariantMap fields{{"Id", 1}, {"Name", "P"}, {"PrinterTypeId", 1}, {"ConnectionUsed", 2},
+                           {"Connection1", "COM2:#57600"}, {"Connection2", "1.2.3.4#23"}, {"Strobe", 6},
+                           {"Speed", 7}, {"Passive", 0}};
+        fields.insert(changes);
+        insertRow(fields);
+        PrinterSettings d;
+        d.netAddress = "untouched";
+        SrvPrinterFillDialog(row(1), d, {1, 2, 3, 4, 5, 6, 7, 8, 9});
+        QTEST(describe(d), "dialog");
+    }
+
+    void slotsAreGivenAndFreed()
+    {
+        for (const char* name : {"a", "b", "c", "d"})
+            addPrinter(name);
+        quill::dbtest::SlotEvents rows(slots_);
+        QVERIFY(SrvMainPrinterDelete(*printers, slots_, 3));
+        QCOMPARE(rows.events, QStringList{"remove 3"});
+        QCOMPARE(stored(3, "Name"), QString("<no row>"));
+
+        // Ids 1, 2 and 4 remain: the next printer gets the freed 3, with the
+        // defaults of a new printer for what the lists leave unselected.
+        QCOMPARE(SrvPrinterAddNew(*printers, slots_, {.printerTypeId = std::nullopt}), 3);
+        QCOMPARE(stored(3, "PrinterTypeId, Strobe, Speed"), QString("1|4|2"));
+        // A long name: whole in the table, 25 characters in the slot.
+        const QString longName = "Receptionens skrivare vid entrén";
+        QCOMPARE(SrvPrinterAddNew(*printers, slots_, {.name = longName, .serial = false, .netAddress = "10.0.0.5"}), 5);
+        QCOMPARE(stored(5, "Name"), longName);
+        QCOMPARE(slots_.at(5).displayText, "5 " + longName.left(25).trimmed() + " på 10.0.0.5");
+
+        // All five taken: the save path traps it, logs it and writes nothing.
+        rows.events.clear();
+        QCOMPARE(SrvMainPrinterSave(*printers, slots_, {}, PrinterSettings::ModeNew, -1), -1);
+        QVERIFY(rows.events.isEmpty());
+        QVERIFY(CurrentLogText().contains("SrvMainPrinterSave failed. Error: 9 Subscript out of range"));
+        QCOMPARE(printers->all().value.size(), 5);
+    }
+
+    void saveRunsAfterSaveCheck()
+    {
+        // A passive printer gets no device check.
+        addPrinter("one");
+        quill::dbtest::SlotEvents rows(slots_);
+        qint32 checked = 0;
+        const auto check = [&](qint32 id) { checked = id; };
+        QCOMPARE(SrvMainPrinterSave(*printers, slots_, {.name = "two", .passive = true}, PrinterSettings::ModeNew, -1,
+                                    check),
+                 2);
+        QCOMPARE(checked, 0);
+        QCOMPARE(rows.events, (QStringList{"add 2", "status 2 " + GetString(12083)}));
+        QCOMPARE(slots_.at(2).status, qint32(StatusPassive));
+
+        // Nothing selected as type is -1 for an edited printer; an active one is
+        // handed to the device check.
+        rows.events.clear();
+        const PrinterSettings edit{
+            .name = "Kiosk", .printerTypeId = std::nullopt, .serial = false, .netAddress = "127.0.0.1", .netPort = "1"};
+        QCOMPARE(SrvMainPrinterSave(*printers, slots_, edit, PrinterSettings::ModeEdit, 2, check), 2);
+        QCOMPARE(checked, 2);
+        QCOMPARE(stored(2, "Name, PrinterTypeId"), QString("Kiosk|-1"));
+        QCOMPARE(stored(1, "Name"), QString("one"));
+        QCOMPARE(rows.events, QStringList{"change 2"});
+    }
 };
-
-void TestPrinterRecord::saveAndLoadBack_data()
-{
-    QTest::addColumn<bool>("serial");
-    QTest::addColumn<QString>("address");
-    QTest::addColumn<QString>("netPort");
-    QTest::addColumn<QString>("advanced");
-    QTest::addColumn<QString>("stored"); // ConnectionUsed, Connection1..4, then the slot's text
-    QTest::addColumn<QString>("loaded");
-    QTest::newRow("serial, no address")
-        << true << "" << "" << "1;80;15" << "1|COM3:#57600|null|null|null 1 Kassa på COM3:"
-        << " Kassa |2|serial|3|57600||||connect only|7|5|passive|1;80;15";
-    // The serial lists are written for a network printer too.
-    QTest::newRow("network, blanks around the address")
-        << false << "  10.0.0.5 " << "23" << "1;;" << "2|COM3:#57600|10.0.0.5#23|null|null 1 Kassa på 10.0.0.5"
-        << " Kassa |2|network|3|57600|10.0.0.5|10.0.0.5|23|connect only|7|5|passive|1;60;0";
-    QTest::newRow("serial with an address kept")
-        << true << "10.1.1.1" << " 9100 " << "" << "1|COM3:#57600|10.1.1.1#9100|null|null 1 Kassa på COM3:"
-        << " Kassa |2|serial|3|57600|10.1.1.1|10.1.1.1|9100|connect only|7|5|passive|0;60;0";
-}
-
-void TestPrinterRecord::saveAndLoadBack()
-{
-    QFETCH(bool, serial);
-    QFETCH(QString, address);
-    QFETCH(QString, netPort);
-    QFETCH(QString, advanced);
-    const PrinterSettings d{.name = " Kassa ", .printerTypeId = 2, .serial = serial, .comPort = 3, .comRate = 57600,
-                            .netAddress = address, .netPort = netPort, .netConnectOnly = true, .strobe = 7, .speed = 5,
-                            .passive = true, .advancedSettings = advanced};
-    QCOMPARE(SrvPrinterAddNew(*printers, slots_, d), 1);
-    QCOMPARE(stored(1, "Name, CurrentTemplateId"), QString(" Kassa |0")); // as typed; the column default
-    QTEST(stored(1, "ConnectionUsed, Connection1, Connection2, Connection3, Connection4") + " "
-              + slots_.at(1).displayText,
-          "stored");
-
-    PrinterSettings back;
-    SrvPrinterFillDialog(row(1), back, {1, 2, 3});
-    QTEST(describe(back), "loaded");
-}
-
-void TestPrinterRecord::fillDialogFromOddRows_data()
-{
-    QTest::addColumn<QVariantMap>("row");
-    QTest::addColumn<QString>("dialog"); // opened as serial, COM1:, 9600, address "untouched"
-    const QVariantMap base{{"Id", 1},           {"Name", "P"},       {"PrinterTypeId", 1},
-                           {"ConnectionUsed", 2}, {"Connection1", "COM2:#57600"}, {"Connection2", "1.2.3.4#23"},
-                           {"Strobe", 6},       {"Speed", 7},        {"Passive", 0}};
-    const auto with = [&base](const QVariantMap& changes) {
-        QVariantMap m = base;
-        m.insert(changes);
-        return m;
-    };
-    QTest::newRow("plain") << base << "P|1|network|2|57600|1.2.3.4|1.2.3.4|23||6|7||0;60;0";
-    // Not a model with connection support: the connection is left alone.
-    QTest::newRow("type 10") << with({{"PrinterTypeId", 10}}) << "P|-|serial|1|9600|untouched||||6|7||0;60;0";
-    QTest::newRow("Strobe Null, Speed out of range")
-        << with({{"Strobe", QVariant()}, {"Speed", 12}}) << "P|1|network|2|57600|1.2.3.4|1.2.3.4|23||4|2||0;60;0";
-    QTest::newRow("port and rate not in the lists")
-        << with({{"Connection1", "COM7:#fast"}}) << "P|1|network|-|-|1.2.3.4|1.2.3.4|23||6|7||0;60;0";
-    QTest::newRow("advanced fields") << with({{"CutterInstalled", 3}, {"DispensingFeed", 0}, {"ReverseFeed", 25}})
-                                     << "P|1|network|2|57600|1.2.3.4|1.2.3.4|23||6|7||1;0;25";
-}
-
-void TestPrinterRecord::fillDialogFromOddRows()
-{
-    QFETCH(QVariantMap, row);
-    insertRow(row);
-    PrinterSettings d;
-    d.netAddress = "untouched";
-    SrvPrinterFillDialog(this->row(1), d, {1, 2, 3, 4, 5, 6, 7, 8, 9});
-    QTEST(describe(d), "dialog");
-}
-
-void TestPrinterRecord::slotsAreGivenAndFreed()
-{
-    for (const char* name : {"a", "b", "c", "d"})
-        addPrinter(name);
-    quill::dbtest::SlotEvents rows(slots_);
-    QVERIFY(SrvMainPrinterDelete(*printers, slots_, 3));
-    QCOMPARE(rows.events, QStringList{"remove 3"});
-    QCOMPARE(stored(3, "Name"), QString("<no row>"));
-
-    // Ids 1, 2 and 4 remain: the next printer gets the freed 3, with the
-    // defaults of a new printer for what the lists leave unselected.
-    const PrinterSettings d{.printerTypeId = std::nullopt};
-    QCOMPARE(SrvPrinterAddNew(*printers, slots_, d), 3);
-    QCOMPARE(stored(3, "PrinterTypeId, Strobe, Speed"), QString("1|4|2"));
-    QCOMPARE(addPrinter("e"), 5);
-
-    // All five taken: the save path traps it, logs it and writes nothing.
-    rows.events.clear();
-    QCOMPARE(SrvMainPrinterSave(*printers, slots_, d, PrinterSettings::ModeNew, -1), -1);
-    QVERIFY(rows.events.isEmpty());
-    QVERIFY(CurrentLogText().contains("SrvMainPrinterSave failed. Error: 9 Subscript out of range"));
-    QCOMPARE(printers->all().value.size(), 5);
-
-    // An id from no row is trapped too.
-    QVERIFY(!SrvMainPrinterDelete(*printers, slots_, -1));
-    QVERIFY(CurrentLogText().contains("SrvMainPrinterDelete failed. Error: 9 Subscript out of range"));
-}
-
-void TestPrinterRecord::slotCopyAndDisplayText()
-{
-    // A long name: whole in the table, 25 characters in the slot.
-    addPrinter("one");
-    const QString longName = "Receptionens skrivare vid entrén";
-    QCOMPARE(SrvPrinterAddNew(*printers, slots_, {.name = longName, .serial = false, .netAddress = "192.168.1.40"}), 2);
-    QCOMPARE(stored(2, "Name"), longName);
-    QCOMPARE(slots_.at(2).displayText, "2 " + longName.left(25).trimmed() + " på 192.168.1.40");
-
-    // Connection 4 loads unchanged; an unknown number keeps the old string.
-    insertRow({{"Id", 4}, {"Name", "n"}, {"ConnectionUsed", 4}, {"Connection4", "LPT1:"}});
-    PrinterSlot four;
-    SrvPrinterLoadSlot(four, row(4));
-    QCOMPARE(four.connectionString, QString("LPT1:"));
-    insertRow({{"Id", 5}, {"Name", "m"}, {"ConnectionUsed", 7}});
-    PrinterSlot five{.connectionString = "COM4:#9600"};
-    SrvPrinterLoadSlot(five, row(5));
-    QCOMPARE(five.displayText, QString("5 m på COM4:"));
-}
-
-void TestPrinterRecord::saveRunsAfterSaveCheck()
-{
-    // A passive printer gets no device check.
-    addPrinter("one");
-    quill::dbtest::SlotEvents rows(slots_);
-    qint32 checked = 0;
-    const auto check = [&](qint32 id) { checked = id; };
-    QCOMPARE(SrvMainPrinterSave(*printers, slots_, {.name = "two", .passive = true}, PrinterSettings::ModeNew, -1, check),
-             2);
-    QCOMPARE(checked, 0);
-    QCOMPARE(rows.events, (QStringList{"add 2", "status 2 " + GetString(12083)}));
-    QCOMPARE(slots_.at(2).status, qint32(StatusPassive));
-
-    // Nothing selected as type is -1 for an edited printer; an active one is
-    // handed to the device check.
-    rows.events.clear();
-    const PrinterSettings edit{
-        .name = "Kiosk", .printerTypeId = std::nullopt, .serial = false, .netAddress = "127.0.0.1", .netPort = "1"};
-    QCOMPARE(SrvMainPrinterSave(*printers, slots_, edit, PrinterSettings::ModeEdit, 2, check), 2);
-    QCOMPARE(checked, 2);
-    QCOMPARE(stored(2, "Name, PrinterTypeId"), QString("Kiosk|-1"));
-    QCOMPARE(stored(1, "Name"), QString("one"));
-    QCOMPARE(slots_.at(2).displayText, QString("2 Kiosk på 127.0.0.1"));
-    QCOMPARE(rows.events, QStringList{"change 2"});
-}
 
 QTEST_GUILESS_MAIN(TestPrinterRecord)
 #include "tst_printerrecord.moc"

@@ -7,7 +7,6 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QThread>
 
 namespace quill::test {
 
@@ -106,17 +105,6 @@ QStringList Emulator::log()
     for (const QJsonValue& v : state().value(QStringLiteral("log")).toArray())
         out << v.toString();
     return out;
-}
-
-QStringList Emulator::settledLog(int timeoutMs)
-{
-    QDeadlineTimer deadline(timeoutMs);
-    QStringList calls = log();
-    while ((calls.isEmpty() || calls.last() != QLatin1String("close")) && !deadline.hasExpired()) {
-        QThread::msleep(20);
-        calls = log();
-    }
-    return calls;
 }
 
 QStringList PrintedLabels(const QString& dir)

@@ -57,9 +57,6 @@ public:
     QString command(const QString& line, int timeoutMs = 10000);
     QJsonObject state();
     QStringList log();
-    // The log once its last call is "close" (a CLOSE gets no answer, so the
-    // library returns before the printer has it), or as it is after timeoutMs.
-    QStringList settledLog(int timeoutMs = 10000);
     QString errorText() const { return error_; }
 
 private:
