@@ -1,6 +1,5 @@
 // Text helpers: fields and tokens, the job text's fields, number readers,
 // connection strings, key patterns and the wire encoding.
-#include "foundation/connection.h"
 #include "foundation/cp1252.h"
 #include "foundation/error.h"
 #include "foundation/jobfields.h"
@@ -14,108 +13,11 @@ using namespace quill;
 class TestStrUtil : public QObject {
     Q_OBJECT
 private slots:
-    // GetToken and CountTokens read the same fields: every field of the text,
-    // and nothing before the first or after the last.
-    void tokens_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("sep");
-        QTest::addColumn<QStringList>("fields");
-        QTest::newRow("one leading and trailing sep stripped") << "\tBRIXA\t1.00\tP\t" << "\t"
-                                                               << QStringList{"BRIXA", "1.00", "P"};
-        QTest::newRow("only one sep stripped at each end") << ";;a;;c;;" << ";" << QStringList{"", "a", "", "c", ""};
-        QTest::newRow("text is only the separator") << ";" << ";" << QStringList{""};
-        QTest::newRow("empty text") << "" << ";" << QStringList{};
-    }
-    void tokens()
-    {
-        QFETCH(QString, text);
-        QFETCH(QString, sep);
-        QFETCH(QStringList, fields);
-        QCOMPARE(CountTokens(text, sep), fields.size());
-        for (int n = -1; n <= fields.size() + 1; ++n)
-            QCOMPARE(GetToken(text, sep, n), fields.value(n - 1));
-    }
-
-    void positionsAreSixteenBit()
-    {
-        // A separator at position 32767 is found; one further is an overflow
-        // the caller's trap sees.
-        const QString text = QString(32766, 'x') + "\t\tY";
-        QCOMPARE(GetToken(text, "\t", 1), QString(32766, 'x'));
-        try {
-            GetToken(text, "\t", 2);
-            QFAIL("no overflow raised");
-        } catch (const Error& e) {
-            QCOMPARE(e.number, ErrOverflow);
-        }
-        QVERIFY_THROWS_EXCEPTION(Error, CountTokens(text, "\t"));
-        QCOMPARE(CountTokens(QString(100000, 'x'), "\t"), 1);
-    }
-
-    // The database readers, with -1 (or "d") for a missing value.
-    void converters_data()
-    {
-        QTest::addColumn<QVariant>("value");
-        QTest::addColumn<int>("asLong");
-        QTest::addColumn<int>("asInt");
-        QTest::addColumn<QString>("asStr");
-        QTest::newRow("blanks around") << QVariant(" 7 ") << 7 << 7 << " 7 ";
-        QTest::newRow("empty text") << QVariant("") << -1 << -1 << "d";
-        QTest::newRow("null") << QVariant() << -1 << -1 << "d";
-        QTest::newRow("non-numeric") << QVariant("abc") << -1 << -1 << "abc";
-        QTest::newRow("half rounds to even") << QVariant("2.5") << 2 << 2 << "2.5";
-        QTest::newRow("fraction") << QVariant(2.6) << 3 << 3 << "2.6";
-        QTest::newRow("beyond 16 bits") << QVariant("40000") << 40000 << -1 << "40000";
-        QTest::newRow("above 32-bit signed") << QVariant("4294967295") << -1 << -1 << "4294967295";
-        QTest::newRow("integer value") << QVariant(qint64(20001)) << 20001 << 20001 << "20001";
-    }
-    void converters()
-    {
-        QFETCH(QVariant, value);
-        QTEST(NullToLong(value, -1), "asLong");
-        QTEST(int(NullToInt(value, -1)), "asInt");
-        QTEST(NullToStr(value, "d"), "asStr");
-    }
-
     void addBackslash()
     {
         QCOMPARE(AddBackslash(""), QString(""));
         QCOMPARE(AddBackslash("C:\\Brixa"), QString("C:\\Brixa\\"));
         QCOMPARE(AddSlash("/"), QString("/"));
-    }
-
-    void keyAllowed_data()
-    {
-        QTest::addColumn<int>("key");
-        QTest::addColumn<QString>("pattern");
-        QTest::addColumn<bool>("allowed");
-        QTest::newRow("code") << 8 << "0-9;[16];[8]" << true;
-        QTest::newRow("code range, top") << 57 << "[48-57]" << true;
-        QTest::newRow("code range, above") << 58 << "[48-57]" << false;
-        QTest::newRow("char range") << int('b') << "a-c" << true;
-        QTest::newRow("empty pattern") << 65 << "" << false;
-    }
-    void keyAllowed()
-    {
-        QFETCH(int, key);
-        QFETCH(QString, pattern);
-        QTEST(KeyAllowed(key, pattern), "allowed");
-    }
-
-    void deviceResults_data()
-    {
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QString>("result");
-        QTest::newRow("ribbon before paper") << 5 << "ERR\tSlut på färgband";
-        QTest::newRow("paper") << 1 << "ERR\tSlut på papper";
-        QTest::newRow("head raised") << 8 << "ERR\tPrinterhuvud uppfällt";
-        QTest::newRow("unrelated bit") << 2 << "OK\t";
-    }
-    void deviceResults()
-    {
-        QFETCH(int, status);
-        QTEST(DeviceStatusResult(status), "result");
     }
 
     void cp1252RoundTrip()
@@ -199,21 +101,6 @@ private slots:
         QCOMPARE(outcome([&] { return f.count(); }), outcome([&] { return CountTokens(text, TAB); }));
     }
 
-    // A field replaced (the printer of a moved job); the rest of the text as it was.
-    void withField_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("result");
-        QTest::newRow("a middle field") << "BRIXA\t1.00\tP\t1\t5" << "BRIXA\t1.00\tP\t2\t5";
-        QTest::newRow("leading and trailing TAB kept") << "\tBRIXA\t1.00\tP\t1\t" << "\tBRIXA\t1.00\tP\t2\t";
-        QTest::newRow("no such field: unchanged") << "BRIXA\t1.00\tP" << "BRIXA\t1.00\tP";
-    }
-    void withField()
-    {
-        QFETCH(QString, text);
-        QTEST(JobFields(text).withField(4, "2"), "result");
-    }
-
     // The job value tells which of its readers would meet the overflow.
     void jobValueKnowsWhereTheOverflowStarts_data()
     {
@@ -236,28 +123,6 @@ private slots:
         QCOMPARE(job.printerId, 2);
     }
 
-    void connectionString_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("device");
-        QTest::addColumn<QString>("rateOrPort");
-        QTest::addColumn<bool>("hasHash");
-        QTest::addColumn<int>("comPort");
-        QTest::newRow("blanks kept") << " COM1: # 9600 " << " COM1: " << " 9600 " << true << 0;
-        QTest::newRow("address alone") << "10.0.0.5" << "10.0.0.5" << "" << false << 0;
-        QTest::newRow("split at the first #") << "a#b#c" << "a" << "b#c" << true << 0;
-        QTest::newRow("device name, any case") << " com3: " << " com3: " << "" << false << 3;
-        QTest::newRow("no port 0") << "COM0" << "COM0" << "" << false << 0;
-    }
-    void connectionString()
-    {
-        QFETCH(QString, text);
-        const ConnectionString c = ConnectionString::parse(text);
-        QTEST(c.device, "device");
-        QTEST(c.rateOrPort, "rateOrPort");
-        QTEST(c.hasHash, "hasHash");
-        QTEST(c.comPort(), "comPort");
-    }
 };
 
 QTEST_GUILESS_MAIN(TestStrUtil)

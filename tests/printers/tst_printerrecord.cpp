@@ -1,18 +1,26 @@
-// Printer records on a real SQLite tbPrinter: dialog values in and out, the
-// free slot, the slot copy and its display text, update and delete.
+// Printer records on a real SQLite tbPrinter (dialog values in and out, the
+// free slot, the slot copy and its display text, update and delete); which
+// connection a device name is, and the links that give a connection to one
+// party at a time, in turn.
 #include "database/schema.h"
 #include "foundation/eventlog.h"
 #include "foundation/paths.h"
+#include "printers/printerlink.h"
 #include "printers/printerrecord.h"
 #include "database/slots.h"
+#include "foundation/settings.h"
 #include "foundation/texts.h"
 #include "support/dbfixture.h"
 
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QSqlRecord>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
 
+#include <atomic>
 #include <memory>
 
 using namespace quill;
@@ -42,13 +50,6 @@ class TestPrinterRecord : public QObject {
     std::unique_ptr<PrinterRepository> printers;
     PrinterSlots slots_;
 
-    // A row written straight into the table, Null where the map has no value.
-    void insertRow(const QVariantMap& fields)
-    {
-        QStringList marks(fields.size(), "?");
-        db->exec("INSERT INTO tbPrinter (" + fields.keys().join(',') + ") VALUES (" + marks.join(',') + ")",
-                 fields.values());
-    }
     // The row's fields joined with "|", Null as "null".
     QString stored(qint32 id, const QString& fields)
     {
@@ -73,6 +74,14 @@ private slots:
         SetHomeDir(dir.path());
         SetUseLog(true);
         LogInit("Quillbase");
+        qputenv("XDG_CONFIG_DIRS", dir.path().toLocal8Bit());
+        qputenv("XDG_CONFIG_HOME", dir.filePath("user").toLocal8Bit());
+        // COM2 is a link to a line, as the emulator's pty is.
+        QFile line(dir.filePath("ttyQ0"));
+        QVERIFY(line.open(QIODevice::WriteOnly));
+        QVERIFY(QFile::link(line.fileName(), dir.filePath("com2")));
+        RegSetValue(HKEY_LOCAL_MACHINE, QStringLiteral("SOFTWARE\\Norvu\\Brixa\\Ports"), QStringLiteral("COM2"), REG_SZ,
+                    dir.filePath("com2"));
     }
     void init()
     {
@@ -126,33 +135,6 @@ private slots:
         QTEST(describe(back), "loaded");
     }
 
-    void fillDialogFromOddRows_data()
-    {
-        QTest::addColumn<QVariantMap>("changes");
-        QTest::addColumn<QString>("dialog"); // opened as serial, COM1:, 9600, address "untouched"
-        // Not a model with connection support: the connection is left alone.
-        QTest::newRow("type 10") << QVariantMap{{"PrinterTypeId", 10}} << "P|-|serial|1|9600|untouched||||6|7||0;60;0";
-        QTest::newRow("Strobe Null, Speed, port and rate not in the lists")
-            << QVariantMap{{"Strobe", QVariant()}, {"Speed", 12}, {"Connection1", "COM7:#fast"}}
-            << "P|1|network|-|-|1.2.3.4|1.2.3.4|23||4|2||0;60;0";
-        QTest::newRow("advanced fields") << QVariantMap{{"CutterInstalled", 3}, {"DispensingFeed", 0},
-                                                        {"ReverseFeed", 25}}
-                                         << "P|1|network|2|57600|1.2.3.4|1.2.3.4|23||6|7||1;0;25";
-    }
-    void fillDialogFromOddRows()
-    {
-        QFETCH(QVariantMap, changes);
-        QVariantMap fields{{"Id", 1}, {"Name", "P"}, {"PrinterTypeId", 1}, {"ConnectionUsed", 2},
-                           {"Connection1", "COM2:#57600"}, {"Connection2", "1.2.3.4#23"}, {"Strobe", 6},
-                           {"Speed", 7}, {"Passive", 0}};
-        fields.insert(changes);
-        insertRow(fields);
-        PrinterSettings d;
-        d.netAddress = "untouched";
-        SrvPrinterFillDialog(row(1), d, {1, 2, 3, 4, 5, 6, 7, 8, 9});
-        QTEST(describe(d), "dialog");
-    }
-
     void slotsAreGivenAndFreed()
     {
         for (const char* name : {"a", "b", "c", "d"})
@@ -166,11 +148,7 @@ private slots:
         // defaults of a new printer for what the lists leave unselected.
         QCOMPARE(SrvPrinterAddNew(*printers, slots_, {.printerTypeId = std::nullopt}), 3);
         QCOMPARE(stored(3, "PrinterTypeId, Strobe, Speed"), QString("1|4|2"));
-        // A long name: whole in the table, 25 characters in the slot.
-        const QString longName = "Receptionens skrivare vid entrén";
-        QCOMPARE(SrvPrinterAddNew(*printers, slots_, {.name = longName, .serial = false, .netAddress = "10.0.0.5"}), 5);
-        QCOMPARE(stored(5, "Name"), longName);
-        QCOMPARE(slots_.at(5).displayText, "5 " + longName.left(25).trimmed() + " på 10.0.0.5");
+        QCOMPARE(addPrinter("e"), 5);
 
         // All five taken: the save path traps it, logs it and writes nothing.
         rows.events.clear();
@@ -204,6 +182,87 @@ private slots:
         QCOMPARE(stored(2, "Name, PrinterTypeId"), QString("Kiosk|-1"));
         QCOMPARE(stored(1, "Name"), QString("one"));
         QCOMPARE(rows.events, QStringList{"change 2"});
+    }
+
+    void sameConnection_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<bool>("same");
+        QTest::newRow("COMn with and without colon") << "COM2:" << "com2" << true;
+        QTest::newRow("box without port is on 23") << "NETBOX:127.0.0.1" << "127.0.0.1#23" << true;
+        QTest::newRow("host names ignore case") << "NETBOX:Skrivare.Local#23" << "skrivare.local#23" << true;
+        QTest::newRow("other port, other box") << "127.0.0.1#23" << "127.0.0.1#24" << false;
+    }
+    void sameConnection()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(bool, same);
+        QVERIFY(!LinkKey(a).isEmpty());
+        QCOMPARE(LinkKey(a) == LinkKey(b), same);
+    }
+
+    // Every party takes its turn on a connection in the order it asked; work
+    // that needs two connections is queued on both at once, and blocking work
+    // runs on a worker, with `done` back on the event loop.
+    void turnsInOrder()
+    {
+        PrinterLinks links;
+        const QString line = LinkKey("COM2:"), box = LinkKey("127.0.0.1#23");
+        QStringList order;
+        bool onWorker = false;
+        const auto first = links.acquire({line}, [&] { order << "driver 1"; });
+        QVERIFY(!links.granted(first)); // never before acquire returns
+        QTRY_VERIFY_WITH_TIMEOUT(links.granted(first), 10000);
+        links.run({line, box}, this,
+                  [&](const DeviceContext& c) {
+                      onWorker = QThread::currentThread() != qApp->thread() && c.timeoutMs == links.deviceTimeout();
+                  },
+                  [&] { order << "device work"; });
+        const auto second = links.acquire({box}, [&] { order << "driver 2"; });
+        QTest::qWait(100);
+        QCOMPARE(order, QStringList{"driver 1"});
+        QVERIFY(links.link(box)->busy() && links.link(line)->waiting() == 2);
+        links.release(first);
+        QTRY_COMPARE_WITH_TIMEOUT(order, (QStringList{"driver 1", "device work", "driver 2"}), 10000);
+        QVERIFY(onWorker);
+        QVERIFY(!links.link(line)->busy());
+        // Withdrawing a turn that was never granted lets the next one go.
+        const auto third = links.acquire({box}, [&] { order << "driver 3"; });
+        links.release(second);
+        QTRY_VERIFY_WITH_TIMEOUT(links.granted(third), 10000);
+        links.release(third);
+        QVERIFY(!links.link(box)->busy());
+    }
+
+    // Stopping a party's work ends its waits at once and drops what it still
+    // had queued, without its `done`; the others go on.
+    void stopWorkCancelsOnlyItsOwn()
+    {
+        PrinterLinks links;
+        links.setDeviceTimeout(60000);
+        const QString line = LinkKey("COM2:");
+        QObject owner, other;
+        std::atomic<bool> started{false}, cancelled{false};
+        bool ended = false, otherDone = false;
+        links.run({line}, &owner,
+                  [&](const DeviceContext& c) {
+                      started = true;
+                      QDeadlineTimer limit(c.timeoutMs);
+                      while (!c.cancelled() && !limit.hasExpired())
+                          QThread::msleep(5);
+                      cancelled = c.cancelled();
+                  },
+                  [&] { ended = true; });
+        links.run({line}, &owner, [](const DeviceContext&) {}, [&] { ended = true; });
+        links.run({line}, &other, [](const DeviceContext&) {}, [&] { otherDone = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(started.load(), 10000);
+        links.stopWork(&owner);
+        QVERIFY(cancelled);
+        QVERIFY(!links.hasWork(&owner));
+        QTRY_VERIFY_WITH_TIMEOUT(otherDone, 10000);
+        QVERIFY(!ended);
     }
 };
 

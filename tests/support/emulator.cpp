@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 
 namespace quill::test {
 
@@ -34,8 +35,6 @@ bool Emulator::start(QStringList args, int baud)
          << QStringLiteral("127.0.0.1:0");
     if (!outDir_.isEmpty())
         args << QStringLiteral("--out") << outDir_;
-    if (!name_.isEmpty())
-        args << QStringLiteral("--name") << name_;
     const QString bin = QStringLiteral(QUILL_BIN_DIR "/mp104c-emulator");
     process_ = std::make_unique<QProcess>();
     process_->start(bin, args);
@@ -94,15 +93,11 @@ QString Emulator::command(const QString& line, int timeoutMs)
     return QString::fromUtf8(control_.readLine()).trimmed();
 }
 
-QJsonObject Emulator::state()
-{
-    return QJsonDocument::fromJson(command(QStringLiteral("state")).toUtf8()).object();
-}
-
 QStringList Emulator::log()
 {
     QStringList out;
-    for (const QJsonValue& v : state().value(QStringLiteral("log")).toArray())
+    const QJsonObject state = QJsonDocument::fromJson(command(QStringLiteral("state")).toUtf8()).object();
+    for (const QJsonValue& v : state.value(QStringLiteral("log")).toArray())
         out << v.toString();
     return out;
 }

@@ -6,7 +6,6 @@
 //   QVERIFY2(emu.startTcp(), qPrintable(emu.errorText()));   // network box
 //   session.open(emu.netDevice(), "", "m");                  // "NETBOX:127.0.0.1#<port>"
 //   emu.command("paper out");                                // "ok"
-//   QJsonObject st = emu.state();                            // parameters, counters, log...
 //   QStringList calls = emu.log();                           // ["open","status 4",...]
 //   emu.command("on service 28351746 unplug");               // fault on a given call
 //
@@ -16,9 +15,8 @@
 //   session.open("COM1:", "9600,n,8,1,x", "m");
 //
 // Options: setOutDir(dir) before start adds --out (printed labels as PNG +
-// JSON); setName(name) adds --name. stop() (or the destructor) ends the
-// process. Every wait is bounded (10 s by default).
-#include <QJsonObject>
+// JSON). stop() (or the destructor) ends the process. Every wait is bounded
+// (10 s by default).
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -37,7 +35,6 @@ public:
     Emulator& operator=(const Emulator&) = delete;
 
     void setOutDir(const QString& dir) { outDir_ = dir; }
-    void setName(const QString& name) { name_ = name; }
 
     // Network box on 127.0.0.1 (port chosen by the emulator) plus control port.
     bool startTcp(int baud = 9600) { return start(tcpArgs(), baud); }
@@ -55,7 +52,6 @@ public:
 
     // One control command, one answer line (empty on failure or timeout).
     QString command(const QString& line, int timeoutMs = 10000);
-    QJsonObject state();
     QStringList log();
     QString errorText() const { return error_; }
 
@@ -68,7 +64,7 @@ private:
     std::unique_ptr<QProcess> process_;
     std::unique_ptr<QTemporaryDir> dir_;
     QTcpSocket control_;
-    QString outDir_, name_, ptyPath_, error_;
+    QString outDir_, ptyPath_, error_;
     quint16 port_ = 0;
 };
 
