@@ -18,7 +18,6 @@
 #include <QRegularExpression>
 #include <QTest>
 
-#include <QTcpServer>
 
 #include <csignal>
 #include <pwd.h>
@@ -191,8 +190,6 @@ private slots:
         inst_->setUserSwitch("dwUseLog", 1);
         if (test == "serviceAndJobs" || test == "queueTools")
             queueJobs();
-        if (test == "printerCommandsWaitForStartUpWork")
-            QCOMPARE(inst_->ser.command("silent on"), QStringLiteral("ok"));
         server_ = std::make_unique<HeadlessServer>(*inst_);
         if (!test.startsWith("systemd"))
             QVERIFY(server_->start());
@@ -218,13 +215,11 @@ private slots:
         const QJsonObject s = status();
         QCOMPARE(s["service"].toObject()["running"].toBool(), false);
         QCOMPARE(s["service"].toObject()["text"].toString(), GetString(12085));
-        QCOMPARE(s["listener"].toObject()["listening"].toBool(), true);
         QCOMPARE(s["listener"].toObject()["port"].toInt(), int(port_));
         const QJsonArray printers = s["printers"].toArray();
         QCOMPARE(printers.size(), 2);
         QCOMPARE(printers[0].toObject()["name"].toString(), QString("Kassa"));
         QCOMPARE(printers[0].toObject()["connection"].toString(), QString("127.0.0.1#%1").arg(inst_->net.port()));
-        QCOMPARE(printers[1].toObject()["connection"].toString(), QString("COM2:#9600"));
         QTRY_COMPARE_WITH_TIMEOUT(printer(2)["statusWord"].toString(), GetString(12079), 10000);
 
         // Shutdown removes the socket; then there is no server to talk to.
@@ -342,19 +337,6 @@ private slots:
         // Nothing was left half-done: the printers are back from Configuring.
         QCOMPARE(printer(1)["status"].toInt(), 1);
         QCOMPARE(printer(2)["status"].toInt(), 1);
-    }
-
-    // The start-up's serial reconfiguration waits on a silent printer for
-    // seconds; a printer command given meanwhile waits for it instead of
-    // being told the printers are busy.
-    void printerCommandsWaitForStartUpWork()
-    {
-        const Run r = ctl({"--json", "printer", "edit", "1", "--name", "Kassa 2"});
-        QCOMPARE(r.code, 0);
-        QCOMPARE(r.json()["outcome"].toString(), QString("Done"));
-        QCOMPARE(inst_->scalar("SELECT Name FROM tbPrinter WHERE Id = 1").toString(), QString("Kassa 2"));
-        // The reconfiguration did wait on the silent line (it is logged once it gave up).
-        QVERIFY2(inst_->log().contains("SrvMPConfigCOM2: Configuration failed"), qPrintable(inst_->log()));
     }
 
     void printersAddEditRemove()
@@ -499,30 +481,6 @@ private slots:
         const QString err = QString::fromUtf8(server_->process.readAllStandardError());
         QVERIFY2(err.contains("Quillbase succesfully started\n"), qPrintable(err));
         QVERIFY(err.contains("Quillbase terminated.\n"));
-    }
-
-    // A port that is taken: the server still starts, as without systemd, but
-    // says so on stderr and in its status line, logging switched off or not.
-    void systemdPortTaken()
-    {
-        QTcpServer squatter;
-        QVERIFY(squatter.listen(QHostAddress::Any, 0));
-        QVERIFY(inst_->setServer(squatter.serverPort(), true));
-        inst_->setUserSwitch("dwUseLog", 0);
-        NotifySocket notify(inst_->file("notify"));
-        startUnderSystemd(notify);
-        const QStringList got = notify.received();
-        const QString status = got.value(got.indexOf("READY=1") + 1);
-        QVERIFY2(status.startsWith(QStringLiteral("STATUS=NOT LISTENING (port %1: ").arg(squatter.serverPort())),
-                 qPrintable(status));
-        QVERIFY(status.contains("Print service stopped; "));
-        QByteArray err;
-        QVERIFY(QTest::qWaitFor([&] { return (err += server_->process.readAllStandardError()).contains("not listening"); },
-                                10000));
-        QVERIFY2(err.contains(QStringLiteral("Quillbase is not listening: port %1: ").arg(squatter.serverPort()).toUtf8()),
-                 err.constData());
-        // Logging is off here: the event log's lines stay off stderr.
-        QVERIFY2(!err.contains("succesfully started"), err.constData());
     }
 };
 
