@@ -11,6 +11,7 @@
 #include "support/installation.h"
 
 #include <QRegularExpression>
+#include <QSignalSpy>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -198,8 +199,14 @@ void TestRequests::replyCodes()
     const qsizetype logged = inst->log().count(traffic);
     auto c = connectClient();
     QVERIFY(c);
+    QSignalSpy indicator(&server->traffic(), &TrafficIndicator::changed);
     const QByteArray want = expected(code, "Slut på papper");
     QCOMPARE(exchange(*c, request, want), want);
+    // The indicator shows a job received for a stored one only.
+    bool receiving = false;
+    for (const QList<QVariant>& change : indicator)
+        receiving |= change[0].value<TrafficIndicator::State>() == TrafficIndicator::ReceivingJob;
+    QCOMPARE(receiving, stored);
     // Committed, exactly as received, and queued by the time the reply arrives.
     const QString mdb = inst->file("brixa.mdb");
     QCOMPARE(dbtest::JobRows(mdb), stored ? QStringList{"1|1|" + FromCp1252(request)} : QStringList());
