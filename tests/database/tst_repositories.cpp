@@ -86,11 +86,14 @@ void TestRepositories::printerRows()
     row.name = "Kassa";
     row.connectionUsed = 2;
     row.connection[1] = "10.0.0.5#23";
+    row.netConnectOnly = 1;
     QVERIFY(!printers.insert(row));
-    // Columns the row leaves Null stay Null; CurrentTemplateId gets its default.
+    // Columns come back into their own fields; those the row leaves Null stay
+    // Null; CurrentTemplateId gets its default.
     const auto found = printers.find(3);
     QVERIFY(found.ok() && found.value);
     QCOMPARE(found.value->connectionField(2).toString(), "10.0.0.5#23");
+    QCOMPARE(found.value->netConnectOnly.toInt(), 1);
     QVERIFY(found.value->connectionField(1).isNull() && found.value->strobe.isNull());
     QCOMPARE(found.value->currentTemplateId.toInt(), 0);
     QVERIFY(!printers.find(4).value);
