@@ -73,16 +73,6 @@ int CountTokens(const QString& text, const QString& sep)
     return count + 1;
 }
 
-QString StrReplaceAll(const QString& text, const QString& search, const QString& replacement)
-{
-    if (search.isEmpty())
-        return text;
-    QString t = text;
-    for (qsizetype at = t.indexOf(search); at >= 0; at = t.indexOf(search, at + replacement.size()))
-        t.replace(at, search.size(), replacement);
-    return t;
-}
-
 namespace {
 
 // Converts to a whole number the way the classic runtime does: trims blanks,
@@ -156,17 +146,12 @@ QString NullToStr(const QVariant& value, const QString& def)
     return s.isEmpty() ? def : s;
 }
 
-namespace {
-QString addTrailing(const QString& path, QChar sep)
+QString AddSlash(const QString& path)
 {
-    if (path.isEmpty() || path.endsWith(sep))
+    if (path.isEmpty() || path.endsWith(QLatin1Char('/')))
         return path;
-    return path + sep;
+    return path + QLatin1Char('/');
 }
-} // namespace
-
-QString AddBackslash(const QString& path) { return addTrailing(path, QLatin1Char('\\')); }
-QString AddSlash(const QString& path) { return addTrailing(path, QLatin1Char('/')); }
 
 bool KeyAllowed(int key, const QString& pattern)
 {

@@ -10,7 +10,6 @@ inline const QString TAB = QStringLiteral("\t");
 // 16-bit: a separator found beyond character 32767 raises Error(ErrOverflow).
 QString GetToken(const QString& text, const QString& sep, int n);
 int CountTokens(const QString& text, const QString& sep);
-QString StrReplaceAll(const QString& text, const QString& search, const QString& replacement);
 
 // Null-tolerant converters: null, empty, non-numeric or out of range give the default.
 // Fractions round half to even.
@@ -18,8 +17,7 @@ qint32 NullToLong(const QVariant& value, qint32 def);
 qint16 NullToInt(const QVariant& value, qint16 def);
 QString NullToStr(const QVariant& value, const QString& def);
 
-QString AddBackslash(const QString& path);
-// The same for a filesystem path on this platform.
+// The path with one trailing '/', an empty path stays empty.
 QString AddSlash(const QString& path);
 
 bool KeyAllowed(int key, const QString& pattern);

@@ -140,13 +140,11 @@ int DeviceSession::open(const QString& device, const QString& settings, const QS
     if (!WaitTransportConnected(s->io.get(), context_.timeoutMs))
         return link::ErrComm;
     state_ = std::move(s);
-    QStringList values;
-    const int r = call(link::Open, {settings.trimmed(), mode}, &values);
+    const int r = call(link::Open, {settings.trimmed(), mode});
     if (r < 1) {
         state_.reset();
         return r;
     }
-    identity_ = values.value(0);
     return link::Ok;
 }
 
@@ -163,7 +161,6 @@ int DeviceSession::close()
     if (auto* socket = qobject_cast<QTcpSocket*>(io))
         socket->disconnectFromHost();
     state_.reset();
-    identity_.clear();
     return link::Ok;
 }
 
@@ -177,15 +174,6 @@ int DeviceSession::setParameter(int parameter, int value)
     const int r = call(link::SetParam, {QString::number(parameter), QString::number(value)});
     if (r >= 1 && parameter == link::ParamBaudRate)
         SetTransportBaudRate(state_->io.get(), value);
-    return r;
-}
-
-int DeviceSession::parameter(int parameter, int* value)
-{
-    QStringList values;
-    const int r = call(link::GetParam, {QString::number(parameter)}, &values);
-    if (r >= 1 && value)
-        *value = valueAt(values, 0);
     return r;
 }
 

@@ -48,7 +48,6 @@ public:
     // Parameter 30 (line speed) also switches this side of a serial link to the
     // new rate once the printer has accepted it, so the session goes on.
     int setParameter(int parameter, int value);
-    int parameter(int parameter, int* value);
     // reply (may be null) receives at most replyLength characters.
     int service(int command, const QString& input, QString* reply, int replyLength);
     // Refuses further parameter changes for the rest of this session.
@@ -69,16 +68,12 @@ public:
     // -6 when printed with a missing variable, or -4/-5/-1 for paper, ribbon, head.
     int printLabel(int copies, const QString& mode);
 
-    // The printer's name as it answered the open ("" when not open).
-    QString identity() const { return identity_; }
-
 private:
     int call(const QString& verb, const QStringList& args, QStringList* values = nullptr);
 
     struct State;
     DeviceContext context_;
     std::unique_ptr<State> state_;
-    QString identity_;
     quint32 nextId_ = 1;
 };
 

@@ -13,10 +13,10 @@ using namespace quill;
 class TestStrUtil : public QObject {
     Q_OBJECT
 private slots:
-    void addBackslash()
+    void addSlash()
     {
-        QCOMPARE(AddBackslash(""), QString(""));
-        QCOMPARE(AddBackslash("C:\\Brixa"), QString("C:\\Brixa\\"));
+        QCOMPARE(AddSlash(""), QString(""));
+        QCOMPARE(AddSlash("/srv/brixa"), QString("/srv/brixa/"));
         QCOMPARE(AddSlash("/"), QString("/"));
     }
 
