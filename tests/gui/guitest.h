@@ -17,6 +17,8 @@
 #include <QStyle>
 #include <QStyleOptionButton>
 #include <QDir>
+#include <QMenu>
+#include <QMenuBar>
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
@@ -132,6 +134,85 @@ inline QString PressFailure(QAbstractButton* b)
         QWidget* focus_ = QApplication::focusWidget();                                                             \
         QVERIFY2(focus_, "no widget has the focus");                                                               \
         QTest::keyClick(focus_, __VA_ARGS__);                                                                      \
+    } while (false)
+
+// The popup menu shown now, or null.
+inline QMenu* Popup()
+{
+    return qobject_cast<QMenu*>(QApplication::activePopupWidget());
+}
+
+// Clicks a menu's entry (or submenu), given by object name, where the menu
+// shows it.
+inline QString ClickEntryFailure(QMenu* menu, const QString& name)
+{
+    if (!menu)
+        return QStringLiteral("no menu is open");
+    for (QAction* a : menu->actions()) {
+        if (a->objectName() != name && !(a->menu() && a->menu()->objectName() == name))
+            continue;
+        const QRect r = menu->actionGeometry(a);
+        if (!a->isVisible() || r.isEmpty())
+            return name + QStringLiteral(" has no area in the menu");
+        QTest::mouseClick(menu, Qt::LeftButton, Qt::NoModifier, r.center());
+        return {};
+    }
+    return name + QStringLiteral(" is not in the menu");
+}
+#define CLICK_ENTRY(menu, name)                                                                                    \
+    do {                                                                                                           \
+        const QString why_ = quill::test::ClickEntryFailure(menu, QStringLiteral(name));                           \
+        QVERIFY2(why_.isEmpty(), qPrintable(why_));                                                                \
+    } while (false)
+
+// Chooses a window's menu entry as a person does: the menu bar's title, each
+// submenu and the entry, clicked where they show. An entry of a menu outside
+// the bar (the notification icon's) is chosen from that menu popped up at
+// the window's centre, as the desktop shows it on a right click.
+inline QString ChooseFailure(QWidget* window, const char* name)
+{
+    auto* entry = window->findChild<QAction*>(QLatin1String(name));
+    if (!entry)
+        return QStringLiteral("no entry ") + QLatin1String(name);
+    const auto menuOf = [](QAction* a) -> QMenu* {
+        for (QObject* o : a->associatedObjects())
+            if (auto* m = qobject_cast<QMenu*>(o))
+                return m;
+        return nullptr;
+    };
+    QList<QMenu*> path;
+    for (QMenu* m = menuOf(entry); m; m = menuOf(m->menuAction()))
+        path.prepend(m);
+    if (path.isEmpty())
+        return QLatin1String(name) + QStringLiteral(" is in no menu");
+    const auto opened = [](QMenu* m) { return QTest::qWaitFor([m] { return Popup() == m && m->isVisible(); }, 5000); };
+    QMenuBar* bar = nullptr;
+    for (QObject* o : path.first()->menuAction()->associatedObjects())
+        if ((bar = qobject_cast<QMenuBar*>(o)))
+            break;
+    if (bar) {
+        const QRect r = bar->actionGeometry(path.first()->menuAction());
+        if (!bar->isVisible() || r.isEmpty())
+            return path.first()->objectName() + QStringLiteral(" has no area in the menu bar");
+        QTest::mouseClick(bar, Qt::LeftButton, Qt::NoModifier, r.center());
+    } else {
+        path.first()->popup(window->mapToGlobal(window->rect().center()));
+    }
+    if (!opened(path.first()))
+        return path.first()->objectName() + QStringLiteral(" did not open");
+    for (int i = 1; i < path.size(); ++i) {
+        const QString why = ClickEntryFailure(path[i - 1], path[i]->objectName());
+        if (!why.isEmpty())
+            return why;
+        if (!opened(path[i]))
+            return path[i]->objectName() + QStringLiteral(" did not open");
+    }
+    return ClickEntryFailure(path.last(), QLatin1String(name));
+}
+#define QUILL_CHOOSE(window, name)                                                                                 \
+    do {                                                                                                           \
+        const QString why_ = quill::test::ChooseFailure(window, name);                                             \
+        QVERIFY2(why_.isEmpty(), qPrintable(why_));                                                                \
     } while (false)
 
 // The widget's window active and the keyboard focus in the widget, as a

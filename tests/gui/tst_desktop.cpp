@@ -145,7 +145,7 @@ private slots:
         QCOMPARE(s_->start(), Server::Started);
         QWidget* owner = s_->window.get();
         QVERIFY(QTest::qWaitForWindowExposed(owner));
-        action("mnuSettings")->trigger();
+        QUILL_CHOOSE(s_->window.get(), "mnuSettings");
         QWidget* dialog = nullptr;
         QTRY_VERIFY((dialog = quill::test::TopLevel("frmSrvAdj")));
         QVERIFY(QTest::qWaitForWindowExposed(dialog));
@@ -203,14 +203,13 @@ private slots:
         menu->popup(QPoint(600, 480));
         QVERIFY(QTest::qWaitForWindowExposed(menu));
         Screenshot(menu, "traymenu-xvfb");
-        menu->close();
-        action("mnuSTPopupService")->trigger();
+        CLICK_ENTRY(menu, "mnuSTPopupService");
         QCOMPARE(shown(), picture(false));
 
         s_->window->close();
         QTRY_VERIFY_WITH_TIMEOUT(!s_->window->isVisible(), 5000);
         QCOMPARE(s_->finished, 0);
-        action("mnuSTPopupRestore")->trigger();
+        QUILL_CHOOSE(s_->window.get(), "mnuSTPopupRestore");
         QTRY_VERIFY_WITH_TIMEOUT(s_->window->isVisible() && !s_->window->isMinimized(), 5000);
         s_->window->showMinimized();
         QTRY_VERIFY_WITH_TIMEOUT(!s_->window->isVisible(), 5000);

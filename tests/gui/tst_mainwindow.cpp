@@ -25,42 +25,13 @@
 using quill::GetString;
 using quill::dbtest::JobText;
 using quill::test::BoxAnswerer;
+using quill::test::ClickEntryFailure;
+using quill::test::Popup;
 using quill::test::Screenshot;
 using quill::test::TestInstallation;
 using quill::test::TopLevel;
 using Btn = QMessageBox::StandardButton;
 
-namespace {
-
-// The popup menu shown now, or null.
-QMenu* popup()
-{
-    return qobject_cast<QMenu*>(QApplication::activePopupWidget());
-}
-
-// Clicks a menu's entry (or submenu) where the menu shows it.
-QString clickEntry(QMenu* menu, const QString& name)
-{
-    if (!menu)
-        return QStringLiteral("no menu is open");
-    for (QAction* a : menu->actions()) {
-        if (a->objectName() != name && !(a->menu() && a->menu()->objectName() == name))
-            continue;
-        const QRect r = menu->actionGeometry(a);
-        if (r.isEmpty())
-            return name + QStringLiteral(" has no area in the menu");
-        QTest::mouseClick(menu, Qt::LeftButton, Qt::NoModifier, r.center());
-        return {};
-    }
-    return name + QStringLiteral(" is not in the menu");
-}
-#define CLICK_ENTRY(menu, name)                                                                                    \
-    do {                                                                                                           \
-        const QString why_ = clickEntry(menu, QStringLiteral(name));                                               \
-        QVERIFY2(why_.isEmpty(), qPrintable(why_));                                                                \
-    } while (false)
-
-} // namespace
 
 class TstMainWindow : public QObject {
     Q_OBJECT
@@ -114,15 +85,15 @@ class TstMainWindow : public QObject {
             return nullptr;
         QTest::mouseClick(win().windowHandle(), Qt::RightButton, Qt::NoModifier,
                           view->viewport()->mapTo(&win(), r.center()));
-        return QTest::qWaitFor([] { return popup() != nullptr; }, 5000) ? popup() : nullptr;
+        return QTest::qWaitFor([] { return Popup() != nullptr; }, 5000) ? Popup() : nullptr;
     }
     // The job's move submenu of the given name, opened.
     QMenu* moveMenu(int row, const char* name)
     {
-        if (!clickEntry(rightClickJob(row), QLatin1String(name)).isEmpty())
+        if (!ClickEntryFailure(rightClickJob(row), QLatin1String(name)).isEmpty())
             return nullptr;
-        const auto open = [name] { return popup() && popup()->objectName() == QLatin1String(name); };
-        return QTest::qWaitFor(open, 5000) ? popup() : nullptr;
+        const auto open = [name] { return Popup() && Popup()->objectName() == QLatin1String(name); };
+        return QTest::qWaitFor(open, 5000) ? Popup() : nullptr;
     }
     QVariant column(int printer, const QString& name)
     {
@@ -133,7 +104,12 @@ class TstMainWindow : public QObject {
     {
         if (id > 0)
             selectRow("lvwPrinter", printerList().rowOf(id));
-        action(id > 0 ? "mnuPrinterEdit" : "mnuPrinterNew")->trigger();
+        const QString why = quill::test::ChooseFailure(&win(), id > 0 ? "mnuPrinterEdit" : "mnuPrinterNew");
+        if (!why.isEmpty()) {
+            qWarning("%s", qPrintable(why));
+            return nullptr;
+        }
+        QTest::qWaitFor([] { return TopLevel("frmSrvPrinter") != nullptr; }, 5000);
         return TopLevel<quill::PrinterDialog>("frmSrvPrinter");
     }
     template <typename T = QWidget>
@@ -180,7 +156,7 @@ private slots:
             return;
         QUILL_PRESS(find<QPushButton>("cmdService"));
         checkServiceShown(false);
-        action("mnuSTPopupService")->trigger();
+        QUILL_CHOOSE(&win(), "mnuSTPopupService");
         checkServiceShown(true);
     }
 
@@ -278,7 +254,7 @@ private slots:
             QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, row);
             QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, row);
         } else {
-            action(trigger.toLatin1())->trigger();
+            QUILL_CHOOSE(&win(), qPrintable(trigger));
         }
         QCOMPARE(boxes.texts, question.isEmpty() ? QStringList{} : QStringList{question});
         QCOMPARE(printerList().rowCount(), question.isEmpty() ? 4 : 3);
@@ -311,7 +287,7 @@ private slots:
         for (const char* command : {"mnuPrinterUpdateAll", "mnuPrinterUpdateAllFull"}) {
             setStatus(1, quill::StatusError, "Papper slut");
             cursors.clear();
-            action(command)->trigger();
+            QUILL_CHOOSE(&win(), command);
             QCOMPARE(cursors.value(0, -1), int(Qt::WaitCursor));
             // The full refresh's serial lines are set on the worker: busy until then.
             QTRY_COMPARE_WITH_TIMEOUT(QApplication::overrideCursor(), nullptr, 20000);
@@ -353,7 +329,7 @@ private slots:
             QVERIFY(!win().close());
             QTRY_VERIFY(win().isMinimized());
         } else {
-            action(command.toLatin1())->trigger();
+            QUILL_CHOOSE(&win(), qPrintable(command));
         }
         QCOMPARE(boxes.texts, answer != Btn::NoButton ? QStringList{GetString(12023, GetString(9003))} : QStringList{});
         QCOMPARE(s_->finished, finished);
@@ -388,7 +364,7 @@ private slots:
         inst().setUserSwitch("dwSilentMode", silent ? 1 : 0);
         addQuietPrinters({"Greenfee 18 hål", "Scorekort", "Bagtag"}, 4, true);
         QVERIFY(s_->startSettled());
-        action("mnuAbout")->trigger();
+        QUILL_CHOOSE(&win(), "mnuAbout");
         auto* about = find<QDialog>("frmAbout");
         QVERIFY(about && QTest::qWaitForWindowExposed(about));
         const QStringList shown{win().windowTitle(),
@@ -712,7 +688,7 @@ private slots:
         QVERIFY(s_->startSettled());
         BoxAnswerer boxes;
         boxes.answer({Btn::Yes, Btn::Ok});
-        action("mnuSettings")->trigger();
+        QUILL_CHOOSE(&win(), "mnuSettings");
         auto* d = TopLevel("frmSrvAdj");
         QVERIFY(d);
         QCOMPARE(boxes.texts.size(), 1);
