@@ -99,6 +99,20 @@ class TstMainWindow : public QObject {
     {
         return inst().scalar(QStringLiteral("SELECT %1 FROM tbPrinter WHERE Id = %2").arg(name).arg(printer));
     }
+    // Swedish and English rows; the code names the screenshots.
+    static void languageRows()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::newRow("Swedish") << "sv";
+        QTest::newRow("English") << "en";
+    }
+    QString rowLanguage()
+    {
+        QFETCH(QString, language);
+        if (language == "en")
+            s_->useEnglish();
+        return language;
+    }
     // The printer's dialog from the window's menu; id -1 for a new printer.
     quill::PrinterDialog* openPrinter(int id)
     {
@@ -463,17 +477,10 @@ private slots:
     // all of a printer's jobs move at once; the history lists what was
     // printed, and a reprint on another printer chosen with the keyboard
     // prints there. Screenshots in each language.
-    void previewAndHistory_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::newRow("Swedish") << "se";
-        QTest::newRow("English") << "en";
-    }
+    void previewAndHistory_data() { languageRows(); }
     void previewAndHistory()
     {
-        QFETCH(QString, language);
-        if (language == "en")
-            s_->useEnglish();
+        const QString language = rowLanguage();
         addQuietPrinters({"Greenfee", "Rangekort"});
         QVERIFY(s_->startSettled());
         CLICK_ENTRY(rightClickJob(0), "mnuJobPreview");
@@ -525,17 +532,10 @@ private slots:
     // the key filters (Tab still leaves a box), the advanced dialog; a refused
     // OK keeps it open with the field in focus and the empty port made 23;
     // Enter then saves. Screenshots in both languages.
-    void newPrinterDialog_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::newRow("Swedish") << "se";
-        QTest::newRow("English") << "uk";
-    }
+    void newPrinterDialog_data() { languageRows(); }
     void newPrinterDialog()
     {
-        QFETCH(QString, language);
-        if (language == "uk")
-            s_->useEnglish();
+        const QString language = rowLanguage();
         QVERIFY(s_->startSettled());
         auto* d = openPrinter(-1);
         QVERIFY(d);
@@ -673,17 +673,10 @@ private slots:
     // Settings: opened from a running service once the operator agrees to stop
     // it; letters never reach the port field, a port out of range keeps the
     // dialog open, Enter in the field saves and a silent mode shows at once.
-    void settings_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::newRow("Swedish") << "se";
-        QTest::newRow("English") << "uk";
-    }
+    void settings_data() { languageRows(); }
     void settings()
     {
-        QFETCH(QString, language);
-        if (language == "uk")
-            s_->useEnglish();
+        const QString language = rowLanguage();
         QVERIFY(inst().setServer(port_, true));
         QVERIFY(s_->startSettled());
         BoxAnswerer boxes;
