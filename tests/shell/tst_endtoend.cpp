@@ -8,6 +8,8 @@
 #include "support/emulator.h"
 #include "support/installation.h"
 
+#include <QDir>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QTest>
@@ -83,6 +85,33 @@ private slots:
                                   "E 1/1 t1"};
         QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(inst_.netOut.path()), labels1, 10000);
         QTRY_COMPARE_WITH_TIMEOUT(PrintedLabels(inst_.serOut.path()), (QStringList{"B 1/1 t1", "D 1/1 t1"}), 10000);
+    }
+
+    // Started for the window where none can be shown, the server says how to
+    // run without one and ends with 3 instead of Qt's abort.
+    void withoutADisplay_data()
+    {
+        QTest::addColumn<QString>("display");
+        QTest::newRow("none named") << QString();
+        QTest::newRow("named, not there") << ":nodisplay";
+    }
+    void withoutADisplay()
+    {
+        if (quill::dbtest::OnPostgres())
+            QSKIP("ends before it opens a database");
+        QFETCH(QString, display);
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            env.remove(name);
+        if (!display.isEmpty())
+            env.insert("DISPLAY", display);
+        QProcess server;
+        server.setProcessEnvironment(env);
+        server.start(QStringLiteral(QUILL_BIN_DIR "/quillbase"), {"--home", QDir::tempPath() + "/quill-no-display"});
+        QVERIFY(server.waitForFinished(20000));
+        QCOMPARE(server.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(server.exitCode(), 3);
+        QVERIFY(server.readAllStandardError().contains("run with --headless to serve without a window."));
     }
 };
 
