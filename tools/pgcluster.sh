@@ -7,7 +7,8 @@
 #   pgcluster.sh down DIR   lets it go
 #
 # pg_virtualenv makes and drops the cluster; it runs in the background until
-# DIR/keep is removed, or for an hour at most if nobody calls down.
+# DIR/keep is removed, or the process that started this script (ctest) ends:
+# a run stopped at its first failure, or by Ctrl-C, calls no down.
 # Without PostgreSQL both do nothing and the programs skip, saying why.
 set -eu
 what=$1
@@ -41,12 +42,15 @@ fi
 touch "$dir/keep"
 PGPORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 QUILL_PG_DIR=$dir
-export PGPORT QUILL_PG_DIR
+QUILL_PG_OWNER=$PPID
+export PGPORT QUILL_PG_DIR QUILL_PG_OWNER
 # -t: the cluster in a temporary folder, also for root.
 setsid pg_virtualenv -t sh -c '
     export -p | grep "^export PG" > "$QUILL_PG_DIR/env.new" && mv "$QUILL_PG_DIR/env.new" "$QUILL_PG_DIR/env"
     end=$(( $(date +%s) + 3600 ))
-    while [ -e "$QUILL_PG_DIR/keep" ] && [ "$(date +%s)" -lt "$end" ]; do sleep 0.2; done
+    while [ -e "$QUILL_PG_DIR/keep" ] && kill -0 "$QUILL_PG_OWNER" 2>/dev/null && [ "$(date +%s)" -lt "$end" ]; do
+        sleep 0.2
+    done
 ' > "$dir/log" 2>&1 < /dev/null &
 echo $! > "$dir/pid"
 tries=0
