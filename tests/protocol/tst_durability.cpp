@@ -23,6 +23,7 @@
 #include <sys/resource.h>
 #include <memory>
 
+using quill::test::HeadlessServer;
 using quill::test::TestInstallation;
 
 namespace {
@@ -57,16 +58,10 @@ class TestDurability : public QObject {
     quint16 port = 0;
 
     // Ready once the log says the whole start-up is done (the port opens earlier).
-    std::unique_ptr<QProcess> startServer()
+    std::unique_ptr<HeadlessServer> startServer()
     {
-        const int starts = inst->log().count("Quillbase succesfully started");
-        auto p = std::make_unique<QProcess>();
-        p->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        p->start(QUILL_BIN_DIR "/quillbase", {"--headless", "--home", inst->path()});
-        if (!p->waitForStarted(10000)
-            || !QTest::qWaitFor([&] { return inst->log().count("Quillbase succesfully started") > starts; }, 20000))
-            return nullptr;
-        return p;
+        auto server = std::make_unique<HeadlessServer>(*inst);
+        return server->start() ? std::move(server) : nullptr;
     }
 
 private slots:
@@ -129,8 +124,8 @@ void TestDurability::killKeepsEveryAnsweredJobInOrder()
         return refused || total >= killAt;
     }, 60000));
     QVERIFY(!refused);
-    server->kill(); // SIGKILL: no shutdown, the -wal holds the jobs
-    QVERIFY(server->waitForFinished(10000));
+    server->process.kill(); // SIGKILL: no shutdown, the -wal holds the jobs
+    QVERIFY(server->process.waitForFinished(10000));
 
     // The next start runs the maintenance over the crashed files.
     server = startServer();
@@ -204,8 +199,8 @@ void TestDurability::killDuringAMoveLosesAndDoublesNothing()
             continue;
         }
         QTest::qWait(int(span * (round - 1) / 4));
-        server->kill();
-        QVERIFY(server->waitForFinished(10000));
+        server->process.kill();
+        QVERIFY(server->process.waitForFinished(10000));
         // A move faster than the first may have ended during the wait: its
         // end was taken in by then, and waitForFinished would say false.
         QVERIFY(ctl->state() == QProcess::NotRunning || ctl->waitForFinished(120000));
@@ -260,7 +255,7 @@ void TestDurability::secondCopyChangesNothing()
     const QString err = QString::fromUtf8(second.readAllStandardError());
     QVERIFY2(err.contains(message.replace("<home>", inst->path())), qPrintable(err));
     QVERIFY(!second.readAllStandardOutput().contains("Next:"));
-    QCOMPARE(first->state(), QProcess::Running);
+    QCOMPARE(first->process.state(), QProcess::Running);
     QCOMPARE(inst->log().count("\r\n"), linesBefore);
     QCOMPARE(fileBytes(mdb), before);
 }
@@ -273,7 +268,7 @@ void TestDurability::outOfDescriptorsControlAnswers()
 {
     auto server = startServer();
     QVERIFY(server);
-    const qint64 pid = server->processId();
+    const qint64 pid = server->process.processId();
     // New descriptors take the lowest free numbers: the limit is set a few above it.
     QSet<int> open;
     for (const QString& fd : QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot))
