@@ -296,6 +296,7 @@ int main(int argc, char** argv)
         oneRatios, manyRatios, oneP50, oneP99, manyP50, manyP99, oneAboveUs;
     QString journal, sync;
     std::vector<OneCpu> oneCpu;
+    std::vector<double> cpuUs[4]; // server CPU per request: 9003 on 1 and 32, storing on 1 and 32 connections
     {
         ServerProcess server(inst);
         if (server.start() < 0) {
@@ -307,16 +308,17 @@ int main(int argc, char** argv)
             StoreCommits storePath(tmp.filePath(QStringLiteral("store%1.mdb").arg(r)));
             journal = bare.journal;
             sync = bare.sync;
-            const LoadFigures echo = load(inst.port, 1, 1000, false);
+            const qint64 pid = server.processId();
+            const LoadFigures echo = load(inst.port, 1, 1000, false, pid);
             // What this machine's two ends of the sockets manage when nothing is stored:
             // a ceiling for the 32-connection load.
-            const LoadFigures echoMany = load(inst.port, 32, 1000, false);
+            const LoadFigures echoMany = load(inst.port, 32, 1000, false, pid);
             LoadFigures one, many;
             for (int i = 0; i < slices; ++i) {
                 bare.slice(sliceMs);
-                one.add(load(inst.port, 1, sliceMs));
+                one.add(load(inst.port, 1, sliceMs, true, pid));
                 bare.slice(sliceMs);
-                many.add(load(inst.port, 32, sliceMs));
+                many.add(load(inst.port, 32, sliceMs, true, pid));
                 storePath.slice(sliceMs / 2);
             }
             const double commitRate = bare.takeRate();
@@ -331,6 +333,12 @@ int main(int argc, char** argv)
             show("32 connections", many);
             std::printf("  share of this round's floor: 1 connection %.2f, 32 connections %.2f\n",
                         one.rate() / commitRate, many.rate() / commitRate);
+            std::printf("  server CPU us per request: 9003 %.1f / %.1f, storing %.1f / %.1f (1 / 32 connections)\n",
+                        echo.cpuUs(), echoMany.cpuUs(), one.cpuUs(), many.cpuUs());
+            cpuUs[0].push_back(echo.cpuUs());
+            cpuUs[1].push_back(echoMany.cpuUs());
+            cpuUs[2].push_back(one.cpuUs());
+            cpuUs[3].push_back(many.cpuUs());
             commitRates.push_back(commitRate);
             storeRates.push_back(storeRate);
             echoRates.push_back(echo.rate());
@@ -379,5 +387,11 @@ int main(int argc, char** argv)
                 met(median(manyRatios) >= 12.0));
     std::printf("%-44s %10.2f %16s\n%-44s %10.2f %16s\n", "  p50 ms", median(manyP50), "-", "  p99 ms", median(manyP99), "-");
     std::printf("%-44s %10.2f %16s\n", "  storing nothing (9003), as a multiple", median(echoManyRates), "-");
+    // CPU time drifts less with the disk than rates do: where a change in the
+    // server shows first.
+    std::printf("%-44s %10.1f %16s\n", "server CPU us/request, storing, 1 conn.", median(cpuUs[2]), "-");
+    std::printf("%-44s %10.1f %16s\n", "server CPU us/request, storing, 32 conn.", median(cpuUs[3]), "-");
+    std::printf("%-44s %10.1f %16s\n", "server CPU us/request, 9003, 1 conn.", median(cpuUs[0]), "-");
+    std::printf("%-44s %10.1f %16s\n", "server CPU us/request, 9003, 32 conn.", median(cpuUs[1]), "-");
     return 0;
 }

@@ -5,6 +5,7 @@
 #include "foundation/eventlog.h"
 
 #include <QDate>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -128,17 +129,36 @@ private:
     QProcess p_;
 };
 
+// CPU time the process has had so far, all its threads, in ns (0 when unknown).
+inline qint64 processCpuNs(qint64 pid)
+{
+    if (pid <= 0)
+        return 0;
+    const QString tasks = QStringLiteral("/proc/%1/task").arg(pid);
+    qint64 ns = 0;
+    for (const QString& t : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile f(tasks + QLatin1Char('/') + t + QStringLiteral("/schedstat"));
+        if (f.open(QIODevice::ReadOnly))
+            ns += f.readAll().split(' ').value(0).toLongLong();
+    }
+    return ns;
+}
+
 struct LoadFigures {
     qint64 counted = 0, ns = 0;
+    qint64 serverCpuNs = 0; // the server's CPU time while measured
     std::vector<qint64> latencies;
     qint64 plainOk = 0, otherOk = 0, errors = 0;
     int connected = 0;
 
     double rate() const { return ns ? double(counted) * 1e9 / double(ns) : 0; }
+    // The server's CPU time per answered request, in microseconds.
+    double cpuUs() const { return counted ? double(serverCpuNs) / 1e3 / double(counted) : 0; }
     void add(const LoadFigures& o)
     {
         counted += o.counted;
         ns += o.ns;
+        serverCpuNs += o.serverCpuNs;
         latencies.insert(latencies.end(), o.latencies.begin(), o.latencies.end());
         plainOk += o.plainOk;
         otherOk += o.otherOk;
@@ -149,8 +169,9 @@ struct LoadFigures {
 
 // `connections` clients, each sending its next request when the previous reply is
 // complete. A reply is complete when it is the plain "OK" or ends in its four-digit
-// code. Figures cover the time after a warm-up of 10 % of the phase.
-inline LoadFigures load(quint16 port, int connections, int ms, bool storing = true)
+// code. Figures cover the time after a warm-up of 10 % of the phase; the server's
+// CPU time is read when `serverPid` is given.
+inline LoadFigures load(quint16 port, int connections, int ms, bool storing = true, qint64 serverPid = 0)
 {
     struct Client {
         QTcpSocket socket;
@@ -218,11 +239,13 @@ inline LoadFigures load(quint16 port, int connections, int ms, bool storing = tr
     QTimer::singleShot(warmup, &loop, [&] {
         measuring = true;
         measured.start();
+        f.serverCpuNs = -processCpuNs(serverPid);
     });
     QTimer::singleShot(warmup + ms, &loop, [&] {
         stopping = true;
         measuring = false;
         f.ns = measured.nsecsElapsed();
+        f.serverCpuNs += processCpuNs(serverPid);
         if (outstanding == 0)
             loop.quit();
     });
