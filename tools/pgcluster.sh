@@ -11,6 +11,7 @@
 # a run stopped at its first failure, or by Ctrl-C, calls no down.
 # Without PostgreSQL both do nothing and the programs skip, saying why.
 set -eu
+. "$(dirname "$0")/pglib.sh"
 what=$1
 dir=$2
 
@@ -24,8 +25,7 @@ fi
 [ "$what" = up ] || { echo "usage: $0 up|down DIR" >&2; exit 2; }
 mkdir -p "$dir"
 rm -f "$dir/env"
-if ! command -v pg_virtualenv >/dev/null 2>&1 \
-   || { ! command -v initdb >/dev/null 2>&1 && ! ls /usr/lib/postgresql/*/bin/initdb >/dev/null 2>&1; }; then
+if ! pg_installed; then
     echo "PostgreSQL is not installed: the PostgreSQL variants will skip"
     exit 0
 fi
@@ -40,7 +40,7 @@ if [ -f "$dir/pid" ]; then
     done
 fi
 touch "$dir/keep"
-PGPORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+PGPORT=$(free_port)
 QUILL_PG_DIR=$dir
 QUILL_PG_OWNER=$PPID
 export PGPORT QUILL_PG_DIR QUILL_PG_OWNER

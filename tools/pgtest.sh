@@ -3,16 +3,16 @@
 # run's shared cluster when QUILL_PG_ENV names the file pgcluster.sh wrote,
 # otherwise in a throw-away cluster of its own (pg_virtualenv, on a free port
 # of localhost). Without PostgreSQL the program runs as it is and skips, saying why.
+. "$(dirname "$0")/pglib.sh"
 export QUILL_TEST_ENGINE=postgresql
 if [ -n "${QUILL_PG_ENV:-}" ] && [ -f "$QUILL_PG_ENV" ]; then
   . "$QUILL_PG_ENV"
   exec "$@"
 fi
-if ! command -v pg_virtualenv >/dev/null 2>&1 || ! command -v initdb >/dev/null 2>&1 \
-   && ! ls /usr/lib/postgresql/*/bin/initdb >/dev/null 2>&1; then
+if ! pg_installed; then
   exec "$@"
 fi
-PGPORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+PGPORT=$(free_port)
 export PGPORT
 # -t: the cluster in a temporary folder, also for root, so test programs may run side by side.
 exec pg_virtualenv -t "$@"
