@@ -1,6 +1,8 @@
-// The job store: tbJob and the job list.
+// The job store (tbJob and the job list), the connection's kept statements and
+// the repositories of the small tables: printers and the template lookup.
 #include "database/jobdatabase.h"
 #include "database/jobstore.h"
+#include "database/repositories.h"
 #include "support/dbfixture.h"
 
 #include <QAbstractItemModelTester>
@@ -51,14 +53,6 @@ QList<int> tableIds(const QString& mdb)
         ids << row.section(QLatin1Char('|'), 0, 0).toInt();
     return ids;
 }
-QList<int> idsWhere(int count, const std::function<bool(int id)>& pick)
-{
-    QList<int> ids;
-    for (int id = 1; id <= count; ++id)
-        if (pick(id))
-            ids << id;
-    return ids;
-}
 } // namespace
 
 class TestJobStore : public QObject {
@@ -68,6 +62,7 @@ class TestJobStore : public QObject {
     std::unique_ptr<JobStore> store;
     PrinterSlots printerSlots;
     QString mdb() const { return home->file("brixa.mdb"); }
+    Database& db() { return jdb->database(); }
 
     // The database side of a server start: maintenance, tables checked, list from tbJob.
     void start()
@@ -86,6 +81,10 @@ private slots:
     void initTestCase() { QUILL_SKIP_WITHOUT_ENGINE(); }
     void init()
     {
+        // The repositories' statements and errors: SQLite's only.
+        static const QByteArrayList sqliteOnly{"keptStatements", "printerRows", "templateLookup"};
+        if (OnPostgres() && sqliteOnly.contains(QTest::currentTestFunction()))
+            QSKIP("run on SQLite");
         printerSlots.reset();
         home = std::make_unique<DbHome>();
         QVERIFY(home->ok());
@@ -102,7 +101,6 @@ private slots:
     void rowColumns();
     void queueOrderAndRestart();
     void writesGatherWhileACommitWaits();
-    void deleteJobsWhere_data();
     void deleteJobsWhere();
     void failuresAreLogged();
     void moveKeepsPlaces();
@@ -110,6 +108,10 @@ private slots:
     void historyOfFinishedJobs();
     void historyBounds_data();
     void historyBounds();
+    void keptStatements();
+    void printerRows();
+    void currentTemplate();
+    void templateLookup();
 };
 
 void TestJobStore::idsDeletesAndSignals()
@@ -227,27 +229,20 @@ void TestJobStore::writesGatherWhileACommitWaits()
     QCOMPARE(tableIds(mdb()), (QList<int>{2, 3, 4}));
 }
 
-void TestJobStore::deleteJobsWhere_data()
-{
-    // 40 jobs, ids 1..40, printers 1, 2, 3 in turn; the ids to delete.
-    QTest::addColumn<QList<int>>("gone");
-    QTest::newRow("every other") << idsWhere(40, [](int id) { return id % 2 == 0; });
-    QTest::newRow("none") << QList<int>{};
-    QTest::newRow("all") << idsWhere(40, [](int) { return true; });
-    QTest::newRow("a few runs") << QList<int>{1, 2, 6, 17, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40};
-}
-
 void TestJobStore::deleteJobsWhere()
 {
-    QFETCH(QList<int>, gone);
-    // Handed over without waiting: the deletion takes them all the same.
+    // 40 jobs, ids 1..40, printers 1, 2, 3 in turn, handed over without waiting:
+    // the deletion takes them all the same. Runs of one and of many go.
     for (int i = 1; i <= 40; ++i)
         QVERIFY(store->submitJob(PrintJob::fromText(JobText((i - 1) % 3 + 1, 1, "1", "KASSA1", QString(),
                                                             QStringLiteral("c%1").arg(i)))));
+    const QList<int> gone{1, 2, 6, 17, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40};
+    QList<int> kept;
+    for (int id = 1; id <= 40; ++id)
+        if (!gone.contains(id))
+            kept << id;
     JobListModel& list = store->jobList();
     QAbstractItemModelTester tester(&list, QAbstractItemModelTester::FailureReportingMode::QtTest);
-    const QList<int> kept = idsWhere(40, [&](int id) { return !gone.contains(id); });
-
     QCOMPARE(store->deleteJobsWhere([&](const QueuedJob& r) { return gone.contains(r.id); }), gone.size());
     QCOMPARE(tableIds(mdb()), kept);
     QCOMPARE(listIds(list), kept);
@@ -258,8 +253,8 @@ void TestJobStore::deleteJobsWhere()
         QCOMPARE(list.findJob(id), int(kept.indexOf(id)));
     // The store goes on as before: a new job is appended, and deleted on its own.
     QVERIFY(add(2, "after"));
-    QCOMPARE(list.rowAt(list.count() - 1).text, kept.isEmpty() ? "1 after" : QStringLiteral("%1 after").arg(kept.last() + 1));
-    store->SrvDeleteJob(list.rowAt(list.count() - 1).id);
+    QCOMPARE(list.rowAt(list.count() - 1).text, "31 after");
+    store->SrvDeleteJob(31);
     QCOMPARE(listIds(list), kept);
     QCOMPARE(home->logMessages(), QStringList());
 }
@@ -386,6 +381,135 @@ void TestJobStore::historyBounds()
     for (const HistoryEntry& e : store->history(100).value)
         ids << e.id;
     QCOMPARE(ids, kept);
+}
+
+void TestJobStore::keptStatements()
+{
+    const auto count = [&] {
+        int n = -1;
+        db().run("SELECT COUNT(*) FROM tbJob", {}, [&](QSqlQuery& q) { n = q.next() ? q.value(0).toInt() : -1; });
+        return n;
+    };
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (1, 1, 'x')"}));
+    const QString ids = "SELECT Id FROM tbJob ORDER BY Id";
+    db().run("PRAGMA journal_mode", {}, [](QSqlQuery& q) { QVERIFY(q.next() && q.value(0).toString() == "wal"); });
+    db().run("PRAGMA synchronous", {}, [](QSqlQuery& q) { QVERIFY(q.next() && q.value(0).toInt() == 2); });
+
+    // A kept statement ends its read even when not all its rows were read: another
+    // writer's row is seen by the next statement.
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (2, 1, 'x')"}));
+    db().run(ids, {}, [](QSqlQuery& q) { QVERIFY(q.next()); });
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (5, 1, 'x')"}));
+    QCOMPARE(count(), 3);
+
+    // The same text run again while it is still running: each has its own rows.
+    int outer = 0, inner = 0;
+    db().run(ids, {}, [&](QSqlQuery& q) {
+        while (q.next()) {
+            ++outer;
+            db().run(ids, {}, [&](QSqlQuery& q2) {
+                while (q2.next())
+                    ++inner;
+            });
+        }
+    });
+    QCOMPARE(outer, 3);
+    QCOMPARE(inner, 9);
+
+    // A failed statement holds no lock, and the same text works with other values.
+    const QString insert = "INSERT INTO tbJob (Id, PrinterId, Job) VALUES (?, 1, 'y')";
+    const auto failed = Trap([&] { db().exec(insert, {1}); });
+    QVERIFY(failed && QList<int>({19, 1555}).contains(failed->number));
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbJob (Id, PrinterId, Job) VALUES (3, 1, 'z')"}));
+    QCOMPARE(db().exec(insert, {4}), 1);
+    QCOMPARE(count(), 5);
+}
+
+void TestJobStore::printerRows()
+{
+    PrinterRepository printers(db());
+    PrinterRow row;
+    row.id = 3;
+    row.name = "Kassa";
+    row.connectionUsed = 2;
+    row.connection[1] = "10.0.0.5#23";
+    row.netConnectOnly = 1;
+    QVERIFY(!printers.insert(row));
+    // Columns come back into their own fields; those the row leaves Null stay
+    // Null; CurrentTemplateId gets its default.
+    const auto found = printers.find(3);
+    QVERIFY(found.ok() && found.value);
+    QCOMPARE(found.value->connectionField(2).toString(), "10.0.0.5#23");
+    QCOMPARE(found.value->netConnectOnly.toInt(), 1);
+    QVERIFY(found.value->connectionField(1).isNull() && found.value->strobe.isNull());
+    QCOMPARE(found.value->currentTemplateId.toInt(), 0);
+    QVERIFY(!printers.find(4).value);
+
+    // The same Id again is the engine's constraint error; an update of a row that
+    // is not there is "No current record.".
+    const auto again = printers.insert(row);
+    QVERIFY(again && QList<int>({19, 1555}).contains(again->number));
+    row.id = 4;
+    QCOMPARE(printers.update(row).value_or(Error(0, {})).text(), "3021 No current record.");
+    row.id = 3;
+    row.name = "Lager";
+    QVERIFY(!printers.update(row));
+    QCOMPARE(printers.all().value.value(0).name.toString(), "Lager");
+
+    // A printer that is not there deletes without error; the start-up's check of
+    // an unreadable table hands the failure up, with the operation's name.
+    QVERIFY(!printers.remove(9));
+    QVERIFY(!printers.remove(3));
+    QVERIFY(printers.all().value.isEmpty());
+    QVERIFY(ExecSql(mdb(), {"DROP TABLE tbPrinter"}));
+    const OpenResult opened = jdb->SrvPrinterOpenDB();
+    QVERIFY(!opened);
+    QCOMPARE(opened.failure->kind, DatabaseFailure::Kind::Unreadable);
+    QCOMPARE(opened.failure->failure.line(), "SrvPrinterOpenDB failed. Error: 1 no such table: tbPrinter");
+}
+
+void TestJobStore::currentTemplate()
+{
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbPrinter (Id, Name) VALUES (1, 'a'), (2, 'b')",
+                            "UPDATE tbPrinter SET CurrentTemplateId = NULL WHERE Id = 2"}));
+    PrinterRepository printers(db());
+    QCOMPARE(printers.currentTemplate(2).value, 0); // Null reads 0
+    QVERIFY(!printers.setCurrentTemplate(1, 7) && !printers.setCurrentTemplate(2, 7));
+    QVERIFY(!printers.setCurrentTemplate(5, 7)); // no row: nothing changes
+    QCOMPARE(printers.currentTemplate(1).value, 7);
+    QCOMPARE(printers.currentTemplate(5).value, 0);
+    QVERIFY(!printers.setCurrentTemplate(2, 8));
+    QVERIFY(!printers.clearCurrentTemplate(7));
+    QCOMPARE(printers.currentTemplate(1).value, 0);
+    QCOMPARE(printers.currentTemplate(2).value, 8);
+}
+
+void TestJobStore::templateLookup()
+{
+    QVERIFY(jdb->SrvTemplateTypeOpenDB());
+    QVERIFY(jdb->SrvTemplateInDB(1));
+    QVERIFY(!jdb->SrvTemplateInDB(3));
+    // Another program adds templates after start-up: one with its type, one without.
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbTemplate (Id, TemplateTypeId) VALUES (3, 1), (4, 7)"}));
+    QVERIFY(jdb->SrvTemplateInDB(3)); // the miss read the ids again
+    QVERIFY(!jdb->SrvTemplateInDB(4)); // no type row: never found
+    QVERIFY(ExecSql(mdb(), {"INSERT INTO tbTemplateType (Id) VALUES (7)"}));
+    QVERIFY(jdb->SrvTemplateInDB(4));
+    // One deleted since is still known until a miss reads them again.
+    QVERIFY(ExecSql(mdb(), {"DELETE FROM tbTemplate WHERE Id = 1"}));
+    QVERIFY(jdb->SrvTemplateInDB(1));
+    QVERIFY(!jdb->SrvTemplateInDB(99));
+    QVERIFY(!jdb->SrvTemplateInDB(1));
+
+    // Unreadable: the re-read logs and the template is not found; the start-up's
+    // read also hands its failure up.
+    QVERIFY(ExecSql(mdb(), {"DROP TABLE tbTemplateType"}));
+    QVERIFY(!jdb->SrvTemplateInDB(98));
+    const OpenResult opened = jdb->SrvTemplateTypeOpenDB();
+    QVERIFY(!opened);
+    const QString failed = " failed. Error: 1 no such table: tbTemplateType";
+    QCOMPARE(home->logMessages(), (QStringList{"SrvTemplateTypeReOpenDB" + failed, "SrvTemplateTypeOpenDB" + failed}));
+    QCOMPARE(opened.failure->failure.line(), "SrvTemplateTypeOpenDB" + failed);
 }
 
 QTEST_GUILESS_MAIN(TestJobStore)

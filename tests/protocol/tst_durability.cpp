@@ -44,12 +44,6 @@ int takeReply(QByteArray& buf)
     return r;
 }
 
-QByteArray fileBytes(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
 } // namespace
 
 class TestDurability : public QObject {
@@ -245,7 +239,7 @@ void TestDurability::secondCopyChangesNothing()
     auto first = startServer();
     QVERIFY(first);
     const QString mdb = inst->file("brixa.mdb");
-    const QByteArray before = fileBytes(mdb);
+    const QByteArray before = quill::dbtest::ReadFile(mdb);
     const int linesBefore = inst->log().count("\r\n");
     QProcess second;
     second.start(QUILL_BIN_DIR "/quillbase", {option, "--home", ownFolder ? other.path() : inst->path()});
@@ -257,7 +251,7 @@ void TestDurability::secondCopyChangesNothing()
     QVERIFY(!second.readAllStandardOutput().contains("Next:"));
     QCOMPARE(first->process.state(), QProcess::Running);
     QCOMPARE(inst->log().count("\r\n"), linesBefore);
-    QCOMPARE(fileBytes(mdb), before);
+    QCOMPARE(quill::dbtest::ReadFile(mdb), before);
 }
 
 // The server's descriptor limit lowered to just above what it has open, then

@@ -4,7 +4,7 @@
 // stored again without a restart. The faults are real: another connection holding
 // the write lock; brixa.mdb read-only (a read-only bind mount), or on PostgreSQL
 // the database made read-only by its administrator; the installation on a tmpfs
-// that is filled up; damaged pages; the database server ending the connections.
+// that is filled up; the database server ending the connections.
 #include "database/jobstore.h"
 #include "database/sqlite.h"
 #include "foundation/cp1252.h"
@@ -84,12 +84,12 @@ class TestStorageFaults : public QObject {
     }
 
     // An installation with printer 1 on the slow printer, its log on.
-    bool install(bool autoStartService = true)
+    bool install()
     {
         inst = std::make_unique<TestInstallation>();
         port = TestInstallation::freePort();
         inst->setUserSwitch("dwUseLog", 1);
-        return inst->ok() && inst->setServer(port, autoStartService)
+        return inst->ok() && inst->setServer(port, true)
             && inst->addNetworkPrinter(1, "Skrivare 1", slowPrinter.port());
     }
 
@@ -122,7 +122,6 @@ private slots:
     void faultAnswers1005_data();
     void faultAnswers1005();
     void replyWaitsForItsOwnCommit();
-    void damagedDatabaseListensOnItsPort();
     void lostConnectionsOpenedAgain();
 };
 
@@ -215,41 +214,6 @@ void TestStorageFaults::replyWaitsForItsOwnCommit()
     QVERIFY(inst->log().contains("SrvAddJob failed."));
     holder.rollback();
     QCOMPARE(send(1, 1), QList<QByteArray>{Ok});
-}
-
-// The settings page and pages in the middle of the job table overwritten: the
-// start repairs the file (what it recovers is the maintenance tests'), and the
-// settings row comes back from the backup of the start before, so the server
-// listens on its own port.
-void TestStorageFaults::damagedDatabaseListensOnItsPort()
-{
-    if (dbtest::OnPostgres())
-        QSKIP("a damaged file is SQLite's to repair; PostgreSQL repairs its own");
-    QVERIFY(install(false));
-    QVERIFY(inst->sql("INSERT INTO tbJob (Id, PrinterId, Job) WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
-                      "SELECT i + 1 FROM n WHERE i < 600) SELECT i, 1, 'BRIXA' || printf('%.100c', 'x') FROM n"));
-    server = std::make_unique<Server>(Server::Options{});
-    QCOMPARE(server->startup(), Server::Started);
-    server.reset();
-
-    const int pageSize = inst->scalar("PRAGMA page_size").toInt();
-    const int settingsPage = inst->scalar("SELECT rootpage FROM sqlite_master WHERE name = 'tbServer'").toInt();
-    QFile f(inst->file("brixa.mdb"));
-    QVERIFY(pageSize > 0 && settingsPage > 0 && f.open(QIODevice::ReadWrite));
-    const qint64 middle = f.size() / pageSize / 2;
-    for (qint64 page : {qint64(settingsPage - 1), middle, middle + 1})
-        QVERIFY(f.seek(page * pageSize) && f.write(QByteArray(pageSize, char(0x5A))) == pageSize);
-    f.close();
-
-    server = std::make_unique<Server>(Server::Options{});
-    QCOMPARE(server->startup(), Server::Started);
-    QCOMPARE(server->listener().localPort(), port);
-    QTcpSocket client;
-    client.connectToHost(QHostAddress::LocalHost, port);
-    QVERIFY(client.waitForConnected(5000));
-    const int back = server->jobs().jobList().count();
-    QVERIFY2(back > 0 && back < 600, qPrintable(QString::number(back)));
-    QVERIFY(inst->log().contains("tbServer: 1 rows restored from brixa_backup.mdb"));
 }
 
 // The database server ends the server's connections, as its restart would: the

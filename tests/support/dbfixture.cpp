@@ -11,6 +11,7 @@
 #include <QRegularExpression>
 #include <QSqlError>
 #include <QSqlQuery>
+#include <QSqlRecord>
 
 namespace quill::dbtest {
 
@@ -107,7 +108,7 @@ void HoldWriteLock(Database& other, const QString& mdbPath)
 
 BoxAnswer RecordingSink::show(const Box& box)
 {
-    boxes.append({box.text, box.icon, box.defaultAnswer, box.owner});
+    boxes.append({box.text, box.icon, box.defaultAnswer});
     if (whileShown)
         whileShown(box);
     const bool yes = answer == BoxAnswer::Yes || answer == BoxAnswer::Ok;
@@ -143,15 +144,7 @@ QStringList RecordingSink::texts() const
     return out;
 }
 
-QString ShownBox::described() const
-{
-    const char* kind = icon == BoxIcon::Question      ? "question"
-                       : icon == BoxIcon::Exclamation ? "exclamation"
-                                                      : "information";
-    return QString::fromLatin1(kind) + QStringLiteral(": ") + text;
-}
-
-DbHome::DbHome(bool provision)
+DbHome::DbHome()
 {
     if (!dir_.isValid())
         return;
@@ -161,7 +154,7 @@ DbHome::DbHome(bool provision)
     SetUseLog(true);
     LogInit(QStringLiteral("Quillbase"));
     QString error;
-    ok_ = !provision || (PrepareEngine(dir_.path()) && CreateInstallation(dir_.path(), &error));
+    ok_ = PrepareEngine(dir_.path()) && CreateInstallation(dir_.path(), &error);
     if (!ok_)
         qWarning("CreateInstallation: %s", qPrintable(error));
 }
@@ -171,15 +164,13 @@ DbHome::~DbHome()
     QDir::setCurrent(QDir::tempPath());
 }
 
-bool DbHome::has(const QString& name) const { return QFileInfo::exists(file(name)); }
-
-QString CurrentLogText()
+QByteArray ReadFile(const QString& path)
 {
-    QFile f(LogFilePath());
-    return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
-QString DbHome::log() const { return CurrentLogText(); }
+QString CurrentLogText() { return QString::fromUtf8(ReadFile(LogFilePath())); }
 
 QStringList DbHome::logMessages() const
 {
@@ -188,7 +179,7 @@ QStringList DbHome::logMessages() const
     // What a start on PostgreSQL always notes of the maintenance it leaves to the engine.
     static const QRegularExpression engineNote(QStringLiteral("^SrvOpenDatabases (Backup|Repair|Compact) database: "));
     QStringList out;
-    for (QString line : log().split(QStringLiteral("\r\n"), Qt::SkipEmptyParts))
+    for (QString line : CurrentLogText().split(QStringLiteral("\r\n"), Qt::SkipEmptyParts))
         if (!line.remove(header).contains(engineNote))
             out << line;
     return out;
@@ -203,32 +194,26 @@ QString JobText(int printer, int templ, const QString& copies, const QString& wo
         .join(QLatin1Char('\t'));
 }
 
-QString IntegrityCheck(const QString& path)
+QStringList QueryRows(const QString& path, const QString& query)
 {
-    QString r = WithConnection(path, [](QSqlDatabase& db) {
+    return WithConnection(path, [&](QSqlDatabase& db) {
         QSqlQuery q(db);
-        if (!q.exec(QStringLiteral("PRAGMA integrity_check")))
-            return QStringLiteral("error: ") + q.lastError().text();
+        if (!q.exec(query))
+            return QStringList{QStringLiteral("error: ") + q.lastError().text()};
         QStringList rows;
-        while (q.next())
-            rows << q.value(0).toString();
-        return rows.join(QLatin1Char('\n'));
+        while (q.next()) {
+            QStringList columns;
+            for (int c = 0; c < q.record().count(); ++c)
+                columns << q.value(c).toString();
+            rows << columns.join(QLatin1Char('|'));
+        }
+        return rows;
     });
-    return r.isEmpty() ? QStringLiteral("not opened") : r;
 }
 
 QStringList JobRows(const QString& path)
 {
-    return WithConnection(path, [](QSqlDatabase& db) {
-        QStringList rows;
-        QSqlQuery q(db);
-        if (!q.exec(QStringLiteral("SELECT Id, PrinterId, Job FROM tbJob ORDER BY Id")))
-            return QStringList{QStringLiteral("error: ") + q.lastError().text()};
-        while (q.next())
-            rows << q.value(0).toString() + QLatin1Char('|') + q.value(1).toString() + QLatin1Char('|')
-                    + q.value(2).toString();
-        return rows;
-    });
+    return QueryRows(path, QStringLiteral("SELECT Id, PrinterId, Job FROM tbJob ORDER BY Id"));
 }
 
 bool ExecSql(const QString& path, const QStringList& statements)

@@ -46,9 +46,6 @@ struct ShownBox {
     QString text;
     BoxIcon icon;
     BoxAnswer defaultAnswer = BoxAnswer::Ok;
-    QObject* owner = nullptr;
-    // "question: <text>", "exclamation: <text>" or "information: <text>".
-    QString described() const;
 };
 
 // Records every box while it lives; answers Ok, and `answer` to a question
@@ -80,14 +77,12 @@ private:
 // event log switched on and written into it.
 class DbHome {
 public:
-    explicit DbHome(bool provision = true);
+    DbHome();
     ~DbHome();
     bool ok() const { return ok_; }
     QString path() const { return dir_.path(); }
     QString file(const QString& name) const { return dir_.filePath(name); }
-    bool has(const QString& name) const;
-    // The event log written so far, and the lines of it (header stripped).
-    QString log() const;
+    // The lines of the event log written so far, header stripped.
     QStringList logMessages() const;
 
 private:
@@ -118,13 +113,16 @@ auto WithConnection(const QString& path, F f)
     return result;
 }
 
-// Reads a database file with a connection of its own (opened read-write, so a
-// -wal is recovered the way the server would see it).
-QString IntegrityCheck(const QString& path);
-// The whole current weekly log of the installation folder, or empty.
-QString CurrentLogText();
+// The rows a query gives on a database file, columns "|"-joined, through a
+// connection of its own (opened read-write, so a -wal is recovered the way the
+// server would see it); {"error: <text>"} when the query fails.
+QStringList QueryRows(const QString& path, const QString& query);
 // "Id|PrinterId|Job" of every job in Id order.
 QStringList JobRows(const QString& path);
+// A file's bytes, or none when it cannot be read.
+QByteArray ReadFile(const QString& path);
+// The whole current weekly log of the installation folder, or empty.
+QString CurrentLogText();
 // Runs statements on a file through a connection of its own.
 bool ExecSql(const QString& path, const QStringList& statements);
 
