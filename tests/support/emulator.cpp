@@ -8,18 +8,13 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 
 namespace quill::test {
 
 namespace {
+// Every wait: the start, the control port, one control command's answer.
 constexpr int StartTimeoutMs = 10000;
-}
-
-QStringList Emulator::ptyArgs()
-{
-    dir_ = std::make_unique<QTemporaryDir>();
-    ptyPath_ = dir_->filePath(QStringLiteral("ttyMP0"));
-    return {QStringLiteral("--pty"), ptyPath_};
 }
 
 bool Emulator::fail(const QString& error)
@@ -28,35 +23,36 @@ bool Emulator::fail(const QString& error)
     return false;
 }
 
-bool Emulator::start(QStringList args, int baud)
+bool Emulator::start(bool tcp, bool pty, int baud)
 {
     stop();
-    args << QStringLiteral("--baud") << QString::number(baud) << QStringLiteral("--control")
-         << QStringLiteral("127.0.0.1:0");
+    QStringList args{QStringLiteral("--baud"), QString::number(baud), QStringLiteral("--control"),
+                     QStringLiteral("127.0.0.1:0")};
+    if (tcp)
+        args << QStringLiteral("--listen") << QStringLiteral("127.0.0.1:0");
+    if (pty) {
+        dir_ = std::make_unique<QTemporaryDir>();
+        ptyPath_ = dir_->filePath(QStringLiteral("ttyMP0"));
+        args << QStringLiteral("--pty") << ptyPath_;
+    }
     if (!outDir_.isEmpty())
         args << QStringLiteral("--out") << outDir_;
-    const QString bin = QStringLiteral(QUILL_BIN_DIR "/mp104c-emulator");
     process_ = std::make_unique<QProcess>();
-    process_->start(bin, args);
-    if (!process_->waitForStarted(StartTimeoutMs))
-        return fail(QStringLiteral("cannot start %1: %2").arg(bin, process_->errorString()));
+    process_->start(QStringLiteral(QUILL_BIN_DIR "/mp104c-emulator"), args);
     // It prints "listening <port>" (with --listen), "control <port>", then "ready".
+    QByteArray out;
     QDeadlineTimer deadline(StartTimeoutMs);
-    for (QString line; line != QLatin1String("ready");) {
-        if (!process_->canReadLine()) {
-            if (process_->state() != QProcess::Running)
-                return fail(QStringLiteral("emulator ended: ") + QString::fromUtf8(process_->readAllStandardError()));
-            if (deadline.hasExpired())
-                return fail(QStringLiteral("emulator not ready in time"));
-            process_->waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
-            continue;
-        }
-        line = QString::fromUtf8(process_->readLine()).trimmed();
-        if (line.startsWith(QLatin1String("listening ")))
-            port_ = quint16(line.mid(10).toUInt());
-        else if (line.startsWith(QLatin1String("control ")))
-            control_.connectToHost(QStringLiteral("127.0.0.1"), quint16(line.mid(8).toUInt()));
+    while (!out.contains("ready\n")) {
+        if (!process_->waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime()))))
+            return fail(QStringLiteral("emulator not ready: %1 %2")
+                            .arg(process_->errorString(), QString::fromUtf8(process_->readAllStandardError())));
+        out += process_->readAllStandardOutput();
     }
+    const QString text = QString::fromUtf8(out);
+    static const QRegularExpression listening(QStringLiteral("listening (\\d+)"));
+    static const QRegularExpression control(QStringLiteral("control (\\d+)"));
+    port_ = quint16(listening.match(text).captured(1).toUInt());
+    control_.connectToHost(QStringLiteral("127.0.0.1"), quint16(control.match(text).captured(1).toUInt()));
     return control_.waitForConnected(StartTimeoutMs) || fail(QStringLiteral("control port: ") + control_.errorString());
 }
 
@@ -65,10 +61,8 @@ void Emulator::stop()
     control_.abort();
     if (process_ && process_->state() != QProcess::NotRunning) {
         process_->terminate();
-        if (!process_->waitForFinished(5000)) {
-            process_->kill();
-            process_->waitForFinished(5000);
-        }
+        if (!process_->waitForFinished(5000))
+            process_->kill(); // and the QProcess's destructor waits for it
     }
     process_.reset();
     port_ = 0;
@@ -80,12 +74,12 @@ void Emulator::mapComPort(int n) const
                 REG_SZ, ptyPath_);
 }
 
-QString Emulator::command(const QString& line, int timeoutMs)
+QString Emulator::command(const QString& line)
 {
     if (control_.state() != QAbstractSocket::ConnectedState)
         return {};
     control_.write(line.toUtf8() + '\n');
-    QDeadlineTimer deadline(timeoutMs);
+    QDeadlineTimer deadline(StartTimeoutMs);
     while (!control_.canReadLine()) {
         if (deadline.hasExpired() || !control_.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime()))))
             return {};

@@ -4,7 +4,7 @@
 //
 //   quill::test::Emulator emu;
 //   QVERIFY2(emu.startTcp(), qPrintable(emu.errorText()));   // network box
-//   session.open(emu.netDevice(), "", "m");                  // "NETBOX:127.0.0.1#<port>"
+//   session.open(emu.bareDevice(), "", "m");                 // "127.0.0.1#<port>"
 //   emu.command("paper out");                                // "ok"
 //   QStringList calls = emu.log();                           // ["open","status 4",...]
 //   emu.command("on service 28351746 unplug");               // fault on a given call
@@ -37,28 +37,25 @@ public:
     void setOutDir(const QString& dir) { outDir_ = dir; }
 
     // Network box on 127.0.0.1 (port chosen by the emulator) plus control port.
-    bool startTcp(int baud = 9600) { return start(tcpArgs(), baud); }
+    bool startTcp() { return start(true, false, 9600); }
     // Serial printer on a pty (symlink in a temporary folder) plus control port.
-    bool startPty(int baud = 9600) { return start(ptyArgs(), baud); }
+    bool startPty(int baud = 9600) { return start(false, true, baud); }
     // Both at once, sharing one printer.
-    bool startBoth(int baud = 9600) { return start(tcpArgs() + ptyArgs(), baud); }
+    bool startBoth(int baud) { return start(true, true, baud); }
     void stop();
 
     quint16 port() const { return port_; } // network box port
-    QString netDevice() const { return QStringLiteral("NETBOX:") + bareDevice(); }
     QString bareDevice() const { return QStringLiteral("127.0.0.1#%1").arg(port_); }
     // Writes COM<n> = the pty into the per-machine Ports settings.
     void mapComPort(int n) const;
 
     // One control command, one answer line (empty on failure or timeout).
-    QString command(const QString& line, int timeoutMs = 10000);
+    QString command(const QString& line);
     QStringList log();
     QString errorText() const { return error_; }
 
 private:
-    static QStringList tcpArgs() { return {QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0")}; }
-    QStringList ptyArgs();
-    bool start(QStringList args, int baud);
+    bool start(bool tcp, bool pty, int baud);
     bool fail(const QString& error);
 
     std::unique_ptr<QProcess> process_;

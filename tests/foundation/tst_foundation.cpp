@@ -1,9 +1,15 @@
-// What the program keeps beside its database, all in a temporary folder: the
-// texts by number (language files, the built-in table and its English twin),
-// the settings in both scopes and the weekly log.
+// What foundation keeps for the rest, all in a temporary folder: text helpers
+// (fields and tokens, the job text's fields, number readers, the wire
+// encoding), the texts by number (language files, the built-in table and its
+// English twin), the settings in both scopes and the weekly log.
+#include "foundation/cp1252.h"
+#include "foundation/error.h"
 #include "foundation/eventlog.h"
+#include "foundation/jobfields.h"
 #include "foundation/paths.h"
+#include "foundation/printjob.h"
 #include "foundation/settings.h"
+#include "foundation/strutil.h"
 #include "foundation/texts.h"
 #include "support/dbfixture.h"
 
@@ -49,7 +55,7 @@ QStringList argsIn(const QString& text)
 
 } // namespace
 
-class TestTexts : public QObject {
+class TestFoundation : public QObject {
     Q_OBJECT
     QTemporaryDir dir;
     void writeLanguage(const QString& cc, const QByteArray& content)
@@ -80,6 +86,111 @@ private slots:
             QFile::remove(dir.filePath(f));
     }
 
+    void addSlash()
+    {
+        QCOMPARE(AddSlash(""), QString(""));
+        QCOMPARE(AddSlash("/srv/brixa"), QString("/srv/brixa/"));
+    }
+
+    void cp1252RoundTrip()
+    {
+        const QString swedish = QStringLiteral("Slut på färgband – €5");
+        const QByteArray bytes = ToCp1252(swedish);
+        QCOMPARE(uchar(bytes.at(swedish.indexOf(u'€'))), uchar(0x80));
+        QCOMPARE(uchar(bytes.at(swedish.indexOf(u'–'))), uchar(0x96));
+        // Every byte decodes to something and back to itself.
+        QByteArray all(256, 0);
+        for (int i = 0; i < 256; ++i)
+            all[i] = char(i);
+        QCOMPARE(ToCp1252(FromCp1252(all)), all);
+        QCOMPARE(ToCp1252(QStringLiteral("漢")), QByteArray("?"));
+    }
+
+    // The named fields with their defaults: printer;template;copies;workstation;mode;user;caption.
+    void named_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("read");
+        QTest::newRow("complete") << "BRIXA\t1.00\tP\t2\t15\t3\t KASSA1 \t1\ta\tb\tuser1\tEtikett\tx"
+                                  << "P;2;15;3;KASSA1;1;user1;Etikett";
+        QTest::newRow("cut after the workstation") << "BRIXA\t1.00\tP\t2\t15\t3\tWS" << "P;2;15;3;WS;0;;";
+        QTest::newRow("blank and non-numeric numbers") << "BRIXA\t1.00\tP\t \tx7\t\tWS\tzwei"
+                                                       << "P;-1;-1;1;WS;0;;";
+        QTest::newRow("fractions round half to even") << "BRIXA\t1.00\tP\t2.5\t3.5\t0.4\t\t-0.6" << "P;2;4;0;;-1;;";
+        QTest::newRow("add-in form") << "\tBRIXA\t1.00\tP\t1\t5\t2\tWS\t0\t\t\tu\tcap\t\r\n"
+                                     << "P;1;5;2;WS;0;u;cap";
+    }
+    void named()
+    {
+        QFETCH(QString, text);
+        const JobFields f(text);
+        const QStringList read{f.operation(),
+                               QString::number(f.printerId()),
+                               QString::number(f.templateId()),
+                               QString::number(f.copies()),
+                               f.workstation(),
+                               QString::number(f.checkMode()),
+                               f.user(),
+                               f.caption()};
+        QTEST(read.join(QLatin1Char(';')), "read");
+        // The job value carries the same numbers, read once.
+        const PrintJob job = PrintJob::fromText(text);
+        QCOMPARE(job.print, f.operation() == "P");
+        QCOMPARE(QList<int>({job.printerId, job.templateId, job.copies, job.checkMode}),
+                 QList<int>({f.printerId(), f.templateId(), f.copies(), f.checkMode()}));
+    }
+
+    // Every field, number and the count read as GetToken, NullToLong and
+    // CountTokens read them, the 16-bit overflow included: a separator beyond
+    // character 32767 throws for the field it ends and every later one.
+    void sameAsTheFieldReaders_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::newRow("both ends") << "\ta\t\tb\t";
+        QTest::newRow("separators at 32766 and 32767") << QString(32766, 'x') + "\t\tZ";
+        QTest::newRow("numbers") << "0\t 5\t+5\t5.6\t007\t123456789\t999999999\t1234567890\t2147483648\t&H1F\t-3\t5 \t٣\t\t1e3";
+    }
+    void sameAsTheFieldReaders()
+    {
+        QFETCH(QString, text);
+        const JobFields f(text);
+        auto outcome = [](auto read) {
+            try {
+                return QVariant(read());
+            } catch (const Error& e) {
+                return QVariant(QStringLiteral("error %1").arg(e.number));
+            }
+        };
+        for (int n = 0; n <= 15; ++n) {
+            QCOMPARE(outcome([&] { return f.field(n); }), outcome([&] { return GetToken(text, TAB, n); }));
+            QCOMPARE(outcome([&] { return f.number(n, -7); }),
+                     outcome([&] { return NullToLong(GetToken(text, TAB, n), -7); }));
+        }
+        QCOMPARE(outcome([&] { return f.count(); }), outcome([&] { return CountTokens(text, TAB); }));
+    }
+
+    // The job value tells which of its readers would meet the overflow.
+    void jobValueKnowsWhereTheOverflowStarts_data()
+    {
+        QTest::addColumn<int>("longField"); // the field 40,000 characters long
+        QTest::addColumn<bool>("checked");
+        QTest::addColumn<bool>("listed");
+        QTest::newRow("check mode") << 8 << false << false;
+        QTest::newRow("field 9") << 9 << true << false;
+        QTest::newRow("caption") << 12 << true << false;
+        QTest::newRow("field 13") << 13 << true << true;
+    }
+    void jobValueKnowsWhereTheOverflowStarts()
+    {
+        QFETCH(int, longField);
+        QStringList fields{"BRIXA", "1.00", "P", "2", "5", "1", "WS", "0", "", "", "user", "cap", "x", "y"};
+        fields[longField - 1] = QString(40000, 'v');
+        const PrintJob job = PrintJob::fromText(fields.join(TAB));
+        QTEST(job.readable(PrintJob::CheckedFields), "checked");
+        QTEST(job.readable(PrintJob::ListedFields), "listed");
+        QCOMPARE(job.printerId, 2);
+    }
+
     // Without a language file the built-in table answers, and that is decided
     // once per run: a file that turns up later is read after a reset only.
     void builtinTable()
@@ -88,6 +199,7 @@ private slots:
         QCOMPARE(GetString(9003), QString("Brixa - Printerserver"));
         QCOMPARE(LanguageState(), 2);
         QCOMPARE(GetString(12345), QString("String missing:12345"));
+        QCOMPARE(CountryCodeFromNumber(44), QString("UK")); // the English file's name
         // Captions marked "##" get a leading blank, "#£" none.
         QCOMPARE(LocaliseCaption("##9003#x"), QString(" Brixa - Printerserver"));
         QCOMPARE(LocaliseCaption("#£9003#x"), QString("Brixa - Printerserver"));
@@ -106,7 +218,6 @@ private slots:
         QTest::addColumn<int>("state");
         QTest::newRow("configured country first") << "dk" << QStringList{"DK", "SE"} << "DK title" << 1;
         QTest::newRow("falls back to Swedish file") << "NO" << QStringList{"SE"} << "SE title" << 1;
-        QTest::newRow("no file: built-in table") << "UK" << QStringList{} << "Brixa - Printerserver" << 2;
     }
     void languageOrder()
     {
@@ -123,13 +234,6 @@ private slots:
             QCOMPARE(GetString(12056), QString("String missing:12056"));
             QCOMPARE(LanguageDisplayText(), LanguageName(configured));
         }
-    }
-
-    void lookups()
-    {
-        QCOMPARE(CountryCodeFromNumber(44), QString("UK"));
-        QCOMPARE(CountryCodeFromNumber(1), QString("XX"));
-        QCOMPARE(LanguageName("uk"), QString("English(UK)"));
     }
 
     // Both tables parse line by line to texts without blanks at their ends,
@@ -160,36 +264,19 @@ private slots:
         }
     }
 
-    void scopesAreSeparateFiles()
+    // Each scope is a file of its own; numbers read back as ten unsigned
+    // digits, texts as they were; the autostart key is a desktop entry.
+    void settingsFiles()
     {
         QCOMPARE(SettingsFile(HKEY_LOCAL_MACHINE), dir.path() + "/machine/Norvu/Brixa.conf");
         QCOMPARE(SettingsFile(HKEY_CURRENT_USER), dir.path() + "/user/Norvu/Brixa.conf");
         RegSetValue(HKEY_CURRENT_USER, KeyQuillbase, "dwUseLog", REG_DWORD, 1);
         QCOMPARE(RegGetValue(HKEY_LOCAL_MACHINE, KeyQuillbase, "dwUseLog"), QString());
         QCOMPARE(RegGetValue(HKEY_CURRENT_USER, KeyQuillbase, "dwUseLog"), QString("0000000001"));
-    }
-
-    void typedValues_data()
-    {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<QVariant>("value");
-        QTest::addColumn<QString>("read");
-        QTest::newRow("number 46") << REG_DWORD << QVariant(46) << "0000000046";
-        QTest::newRow("number from text") << REG_DWORD << QVariant("46") << "0000000046";
-        QTest::newRow("negative wraps to unsigned") << REG_DWORD << QVariant(-1) << "4294967295";
-        QTest::newRow("number-looking text stays text") << REG_SZ << QVariant("46") << "46";
-        QTest::newRow("other type writes text") << 7 << QVariant("a b") << "a b";
-    }
-    void typedValues()
-    {
-        QFETCH(int, type);
-        QFETCH(QVariant, value);
-        RegSetValue(HKEY_LOCAL_MACHINE, KeyBrixa, "value", type, value);
-        QTEST(RegGetValue(HKEY_LOCAL_MACHINE, KeyBrixa, "value"), "read");
-    }
-
-    void autostartEntry()
-    {
+        RegSetValue(HKEY_LOCAL_MACHINE, KeyBrixa, "number", REG_DWORD, -1);
+        QCOMPARE(RegGetValue(HKEY_LOCAL_MACHINE, KeyBrixa, "number"), QString("4294967295"));
+        RegSetValue(HKEY_LOCAL_MACHINE, KeyBrixa, "text", REG_SZ, "46");
+        QCOMPARE(RegGetValue(HKEY_LOCAL_MACHINE, KeyBrixa, "text"), QString("46"));
         QCOMPARE(RegGetValue(HKEY_LOCAL_MACHINE, KeyRun, "Quillbase"), QString());
         RegSetValue(HKEY_LOCAL_MACHINE, KeyRun, "Quillbase", REG_SZ, "/opt/quillbase/quillbase");
         QCOMPARE(RegGetValue(HKEY_LOCAL_MACHINE, KeyRun, "Quillbase"), QString("/opt/quillbase/quillbase"));
@@ -253,9 +340,7 @@ private slots:
             QVERIFY(QFile::exists(dir.filePath(QString("Quillmotor%1.log").arg(i))));
         }
     }
-
-
 };
 
-QTEST_GUILESS_MAIN(TestTexts)
-#include "tst_texts.moc"
+QTEST_GUILESS_MAIN(TestFoundation)
+#include "tst_foundation.moc"
