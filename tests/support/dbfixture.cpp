@@ -53,14 +53,11 @@ bool PrepareEngine(const QString& dir)
     bool made = false;
     {
         QSqlDatabase admin = clusterConnection(name, QStringLiteral("postgres"));
-        if (admin.open()) {
-            QSqlQuery q(admin);
-            made = q.exec(QStringLiteral("CREATE DATABASE ") + database);
-            if (!made)
-                qWarning("CREATE DATABASE: %s", qPrintable(q.lastError().text()));
-        } else {
-            qWarning("test cluster: %s", qPrintable(admin.lastError().text()));
-        }
+        QSqlQuery q(admin);
+        made = admin.open() && q.exec(QStringLiteral("CREATE DATABASE ") + database);
+        if (!made)
+            qWarning("CREATE DATABASE on the test cluster: %s%s", qPrintable(admin.lastError().text()),
+                     qPrintable(q.lastError().text()));
     }
     QSqlDatabase::removeDatabase(name);
     if (!made)
@@ -84,10 +81,8 @@ QSqlDatabase AddConnection(const QString& mdbPath, const QString& name)
     if (OnPostgres()) {
         try {
             const DbTarget t = InstallationTarget(QFileInfo(mdbPath).path());
-            if (t.postgres()) {
-                QSqlDatabase db = clusterConnection(name, t.database);
-                return db;
-            }
+            if (t.postgres())
+                return clusterConnection(name, t.database);
         } catch (const Error&) {
         }
     }
@@ -112,15 +107,9 @@ BoxAnswer RecordingSink::show(const Box& box)
     if (whileShown)
         whileShown(box);
     const bool yes = answer == BoxAnswer::Yes || answer == BoxAnswer::Ok;
-    switch (box.buttons) {
-    case BoxButtons::YesNo:
+    if (box.buttons == BoxButtons::YesNo)
         return yes ? BoxAnswer::Yes : BoxAnswer::No;
-    case BoxButtons::OkCancel:
-        return yes ? BoxAnswer::Ok : BoxAnswer::Cancel;
-    case BoxButtons::Ok:
-        break;
-    }
-    return BoxAnswer::Ok;
+    return yes || box.buttons == BoxButtons::Ok ? BoxAnswer::Ok : BoxAnswer::Cancel;
 }
 
 SlotEvents::SlotEvents(PrinterSlots& t)

@@ -67,13 +67,12 @@ qint64 FillUp(const QString& path)
     qint64 total = 0;
     static const QByteArray block(64 * 1024, 'f');
     // Smaller and smaller writes, so not even a byte is left.
-    for (qsizetype chunk = block.size(); chunk >= 1; chunk /= 2) {
-        for (;;) {
-            const ssize_t n = ::write(fd, block.constData(), size_t(chunk));
-            if (n <= 0)
-                break;
+    for (size_t chunk = size_t(block.size()); chunk >= 1;) {
+        const ssize_t n = ::write(fd, block.constData(), chunk);
+        if (n > 0)
             total += n;
-        }
+        else
+            chunk /= 2;
     }
     ::fsync(fd);
     ::close(fd);
