@@ -1,7 +1,6 @@
-// The window on a real X desktop: Xvfb, a window manager (openbox) and a
-// notification-area host (trayer). The notification-area icon, and dialogs
-// that stay above the main window. Skipped, with the reason, when a part is
-// not installed or does not come up.
+// The window's notification-area icon on a real X desktop: Xvfb, a window
+// manager (openbox) and a notification-area host (trayer). Skipped, with the
+// reason, when a part is not installed or does not come up.
 #include "gui/guitest.h"
 #include "gui/pictures.h"
 #include "gui/trayicon.h"
@@ -13,7 +12,6 @@
 #include <QScreen>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
-#include <QWindow>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -57,22 +55,11 @@ bool wmReady()
     return xprop({"-root", "_NET_SUPPORTING_WM_CHECK"}).contains("window id");
 }
 
-// The managed windows, bottom to top, as the window manager stacks them.
-QList<WId> stacking()
-{
-    QList<WId> ids;
-    const QString line = xprop({"-root", "_NET_CLIENT_LIST_STACKING"});
-    const QString list = line.section(QLatin1Char('#'), 1);
-    for (const QString& id : list.split(QLatin1Char(','), Qt::SkipEmptyParts))
-        ids << id.trimmed().toULongLong(nullptr, 16);
-    return ids;
-}
-
 bool startDisplay()
 {
-    for (const char* tool : {"Xvfb", "openbox", "trayer", "xdotool", "xprop"}) {
+    for (const char* tool : {"Xvfb", "openbox", "trayer", "xprop"}) {
         if (QStandardPaths::findExecutable(tool).isEmpty()) {
-            skipReason = "needs Xvfb, openbox, trayer, xdotool and xprop (make deps installs them)";
+            skipReason = "needs Xvfb, openbox, trayer and xprop (make deps installs them)";
             return false;
         }
     }
@@ -116,7 +103,6 @@ class TstDesktop : public QObject {
 
     std::unique_ptr<WindowSite> s_;
     quill::TrayIcon* tray() { return s_->window->trayIcon(); }
-    QAction* action(const char* name) { return s_->window->findChild<QAction*>(QLatin1String(name)); }
     QImage shown() { return tray()->icon()->icon().pixmap(22, 22).toImage(); }
     static QImage picture(bool started) { return quill::TrayPicture(started).pixmap(22, 22).toImage(); }
 
@@ -129,59 +115,7 @@ private slots:
             QSKIP("the notification-area host did not come up on Xvfb");
     }
 
-    void init()
-    {
-        s_ = std::make_unique<WindowSite>();
-        QVERIFY(s_->site.ok());
-        QVERIFY(s_->site.setServer(TestInstallation::freePort(), false));
-    }
     void cleanup() { s_.reset(); }
-
-    // A dialog is transient for the window it belongs to, so a click on that
-    // (disabled) window leaves the dialog above it, where the operator can
-    // answer it. The click goes through the X server, as a person's does.
-    void dialogStaysAbove()
-    {
-        QCOMPARE(s_->start(), Server::Started);
-        QWidget* owner = s_->window.get();
-        QVERIFY(QTest::qWaitForWindowExposed(owner));
-        QUILL_CHOOSE(s_->window.get(), "mnuSettings");
-        QWidget* dialog = nullptr;
-        QTRY_VERIFY((dialog = quill::test::TopLevel("frmSrvAdj")));
-        QVERIFY(QTest::qWaitForWindowExposed(dialog));
-        // What the window manager is told.
-        const QString ownerId = QStringLiteral("0x%1").arg(owner->winId(), 0, 16);
-        QTRY_VERIFY(xprop({"-id", QString::number(dialog->winId()), "WM_TRANSIENT_FOR"}).trimmed().endsWith(ownerId));
-
-        // A spot of the owner the dialog does not cover.
-        const QRect covered = dialog->frameGeometry().adjusted(-8, -8, 8, 8);
-        const QRect screen = QGuiApplication::primaryScreen()->geometry().adjusted(0, 0, 0, -40);
-        QPoint spot(-1, -1);
-        const QRect area = owner->geometry();
-        for (int y = area.top() + 30; y < area.bottom() && spot.x() < 0; y += 16)
-            for (int x = area.left() + 10; x < area.right() && spot.x() < 0; x += 16)
-                if (!covered.contains(x, y) && screen.contains(x, y))
-                    spot = QPoint(x, y);
-        QVERIFY2(spot.x() >= 0, "the dialog covers all of its owner");
-
-        const auto above = [&] {
-            const QList<WId> order = stacking();
-            return order.contains(owner->winId()) && order.indexOf(dialog->winId()) > order.indexOf(owner->winId());
-        };
-        QTRY_VERIFY_WITH_TIMEOUT(above(), 20000);
-        // Away first: with the pointer already on the spot, --sync would wait for
-        // a move that never comes.
-        QCOMPARE(QProcess::execute("xdotool", {"mousemove", "--sync", "0", "0", "mousemove", "--sync",
-                                               QString::number(spot.x()), QString::number(spot.y()), "click", "1"}),
-                 0);
-        // The manager has handled the click once the pointer is there and a
-        // round trip later; it would have raised the owner by then.
-        QTest::qWait(600);
-        QVERIFY2(above(), "the owner came up over its dialog");
-
-        QUILL_PRESS(dialog->findChild<QPushButton*>("cmdCancel"));
-        QTRY_VERIFY(s_->window->isEnabled());
-    }
 
     // The icon as the desktop shows it follows the service (its texts are the
     // window's own test's), with its menu. The title bar's close and
@@ -189,6 +123,9 @@ private slots:
     // and a double-click on the icon bring it back.
     void trayIcon()
     {
+        s_ = std::make_unique<WindowSite>();
+        QVERIFY(s_->site.ok());
+        QVERIFY(s_->site.setServer(TestInstallation::freePort(), false));
         QCOMPARE(s_->start(), Server::Started);
         QVERIFY(QTest::qWaitForWindowExposed(s_->window.get()));
         QTRY_VERIFY(tray()->visible());
