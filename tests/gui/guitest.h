@@ -38,20 +38,16 @@ class BoxAnswerer : public QObject {
 public:
     BoxAnswerer()
     {
-        timer_.setInterval(20);
-        connect(&timer_, &QTimer::timeout, this, &BoxAnswerer::poll);
-        timer_.start();
+        timer_.callOnTimeout(this, &BoxAnswerer::poll);
+        timer_.start(20);
     }
     void answer(std::initializer_list<QMessageBox::StandardButton> buttons)
     {
-        for (auto b : buttons)
-            queue_.push_back(b);
+        queue_.insert(queue_.end(), buttons);
     }
     QStringList texts;
     QList<QWidget*> parents;
-    // The captions of each box's buttons, in their order on screen.
-    QList<QStringList> buttons;
-    // Called with each box before it is answered (screenshots).
+    // Called with each box before it is answered.
     std::function<void(QMessageBox*)> onBox;
 
 private:
@@ -63,21 +59,12 @@ private:
         last_ = box;
         texts << box->text();
         parents << box->parentWidget();
-        QStringList captions;
-        for (QAbstractButton* b : box->findChildren<QAbstractButton*>())
-            if (box->buttonRole(b) != QMessageBox::InvalidRole)
-                captions << b->text();
-        buttons << captions;
         if (onBox)
             onBox(box);
-        QAbstractButton* button = nullptr;
+        QAbstractButton* button = box->escapeButton() ? box->escapeButton() : box->defaultButton();
         if (!queue_.empty()) {
             button = box->button(queue_.front());
             queue_.pop_front();
-        } else {
-            button = box->escapeButton();
-            if (!button)
-                button = box->defaultButton();
         }
         if (button)
             button->click();
@@ -186,11 +173,8 @@ inline QString ChooseFailure(QWidget* window, const char* name)
     if (path.isEmpty())
         return QLatin1String(name) + QStringLiteral(" is in no menu");
     const auto opened = [](QMenu* m) { return QTest::qWaitFor([m] { return Popup() == m && m->isVisible(); }, 5000); };
-    QMenuBar* bar = nullptr;
-    for (QObject* o : path.first()->menuAction()->associatedObjects())
-        if ((bar = qobject_cast<QMenuBar*>(o)))
-            break;
-    if (bar) {
+    auto* bar = window->findChild<QMenuBar*>();
+    if (bar && bar->actions().contains(path.first()->menuAction())) {
         const QRect r = bar->actionGeometry(path.first()->menuAction());
         if (!bar->isVisible() || r.isEmpty())
             return path.first()->objectName() + QStringLiteral(" has no area in the menu bar");
@@ -289,18 +273,6 @@ struct WindowSite {
                 return true;
             },
             20000);
-    }
-    // The UK language file, before start().
-    void useEnglish()
-    {
-        site.setMachineValue(QString(), "tLanguage", "UK", false);
-        site.setMachineValue(QString(), "dwCountryNo", 44, true);
-    }
-
-    template <typename T = QWidget>
-    T* find(const char* name) const
-    {
-        return window->findChild<T*>(QLatin1String(name));
     }
     const PrinterSlot& slot(int n) const { return server->printers().at(n); }
 

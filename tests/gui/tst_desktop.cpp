@@ -6,7 +6,6 @@
 #include "gui/trayicon.h"
 
 #include <QAction>
-#include <QMenu>
 #include <QProcess>
 #include <QPushButton>
 #include <QScreen>
@@ -17,7 +16,6 @@
 #include <sys/prctl.h>
 
 using quill::Server;
-using quill::test::Screenshot;
 using quill::test::TestInstallation;
 using quill::test::WindowSite;
 
@@ -32,37 +30,26 @@ std::unique_ptr<QProcess> child(const QString& program, const QStringList& args)
     p->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
     p->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     p->start(program, args);
-    if (!p->waitForStarted(5000))
-        return nullptr;
-    return p;
+    return p->waitForStarted(5000) ? std::move(p) : nullptr;
 }
 
 // Xvfb on a free display, then openbox and trayer on it.
 std::unique_ptr<QProcess> xserver, windowManager, trayHost;
 
-// What xprop prints, or nothing when it fails.
-QString xprop(const QStringList& args)
-{
-    QProcess p;
-    p.start(QStringLiteral("xprop"), args);
-    if (!p.waitForFinished(5000) || p.exitCode() != 0)
-        return {};
-    return QString::fromLocal8Bit(p.readAllStandardOutput());
-}
-
+// The manager owns the screen once it has set its check window on the root.
 bool wmReady()
 {
-    return xprop({"-root", "_NET_SUPPORTING_WM_CHECK"}).contains("window id");
+    QProcess p;
+    p.start(QStringLiteral("xprop"), {"-root", "_NET_SUPPORTING_WM_CHECK"});
+    return p.waitForFinished(5000) && p.exitCode() == 0 && p.readAllStandardOutput().contains("window id");
 }
 
-bool startDisplay()
+// Xvfb, openbox and trayer up; otherwise why the test is skipped.
+QString startDisplay()
 {
-    for (const char* tool : {"Xvfb", "openbox", "trayer", "xprop"}) {
-        if (QStandardPaths::findExecutable(tool).isEmpty()) {
-            skipReason = "needs Xvfb, openbox, trayer and xprop (make deps installs them)";
-            return false;
-        }
-    }
+    for (const char* tool : {"Xvfb", "openbox", "trayer", "xprop"})
+        if (QStandardPaths::findExecutable(tool).isEmpty())
+            return "needs Xvfb, openbox, trayer and xprop (make deps installs them)";
     // Xvfb takes a free display and writes its number once it takes connections.
     // -noreset: otherwise the server resets whenever its last client leaves,
     // and a probe that leaves just before the manager connects resets it
@@ -71,29 +58,21 @@ bool startDisplay()
     QByteArray display;
     while (xserver && !display.contains('\n') && xserver->waitForReadyRead(10000))
         display += xserver->readAllStandardOutput();
-    if (!display.contains('\n')) {
-        skipReason = "Xvfb did not start";
-        return false;
-    }
+    if (!display.contains('\n'))
+        return "Xvfb did not start";
     qputenv("DISPLAY", ":" + display.trimmed());
-    // The manager owns the screen once it has set its check window on the root.
-    // On a loaded machine it may take a while, or die before it gets there.
+    // On a loaded machine the manager may take a while, or die before it
+    // takes the screen.
     for (int attempt = 0; attempt < 3 && !wmReady(); ++attempt) {
         windowManager = child("openbox", {"--sm-disable"});
         for (int i = 0; i < 400 && windowManager && windowManager->state() == QProcess::Running && !wmReady(); ++i)
             QThread::msleep(50);
     }
-    if (!wmReady()) {
-        skipReason = "openbox did not take the screen";
-        return false;
-    }
+    if (!wmReady())
+        return "openbox did not take the screen";
     trayHost = child("trayer", {"--edge", "bottom", "--align", "right", "--widthtype", "request", "--height", "24",
                               "--transparent", "false", "--tint", "0xd0d0d0", "--SetDockType", "true"});
-    if (!trayHost) {
-        skipReason = "trayer did not start";
-        return false;
-    }
-    return true;
+    return trayHost ? QString() : "trayer did not start";
 }
 
 } // namespace
@@ -117,8 +96,8 @@ private slots:
 
     void cleanup() { s_.reset(); }
 
-    // The icon as the desktop shows it follows the service (its texts are the
-    // window's own test's), with its menu. The title bar's close and
+    // The icon as the desktop shows it follows the service (its texts and
+    // menu entries are the window's own test's). The title bar's close and
     // minimising hide the window in the notification area; the restore entry
     // and a double-click on the icon bring it back.
     void trayIcon()
@@ -135,13 +114,8 @@ private slots:
         QCOMPARE(shown(), picture(true));
         QTest::qWait(300); // painted by the host
         const QPixmap whole = QGuiApplication::primaryScreen()->grabWindow(0);
-        whole.copy(whole.width() - 240, whole.height() - 40, 240, 40).save(quill::test::ScreenshotDir() + "/tray-xvfb.png");
-        QMenu* menu = tray()->icon()->contextMenu();
-        menu->popup(QPoint(600, 480));
-        QVERIFY(QTest::qWaitForWindowExposed(menu));
-        Screenshot(menu, "traymenu-xvfb");
-        CLICK_ENTRY(menu, "mnuSTPopupService");
-        QCOMPARE(shown(), picture(false));
+        const QString file = quill::test::ScreenshotDir() + "/tray-xvfb.png";
+        whole.copy(whole.width() - 240, whole.height() - 40, 240, 40).save(file);
 
         s_->window->close();
         QTRY_VERIFY_WITH_TIMEOUT(!s_->window->isVisible(), 5000);
@@ -167,19 +141,17 @@ private slots:
 int main(int argc, char** argv)
 {
     // The tray needs the X server: this test does not run offscreen.
-    if (startDisplay())
+    skipReason = startDisplay();
+    if (skipReason.isEmpty())
         qputenv("QT_QPA_PLATFORM", "xcb");
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     TstDesktop test;
     const int rc = QTest::qExec(&test, argc, argv);
-    for (auto* p : {trayHost.get(), windowManager.get(), xserver.get()}) {
-        if (p) {
-            p->terminate();
-            if (!p->waitForFinished(2000))
-                p->kill();
-        }
-    }
+    // Killed and waited for, the X server last.
+    trayHost.reset();
+    windowManager.reset();
+    xserver.reset();
     return rc;
 }
 
