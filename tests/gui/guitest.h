@@ -244,7 +244,6 @@ struct WindowSite {
     ~WindowSite()
     {
         window.reset();
-        op = nullptr;
         if (server)
             server->shutdown();
         server.reset();
@@ -254,8 +253,7 @@ struct WindowSite {
     {
         // The periodic status pass ten minutes apart: none comes during a test.
         server = std::make_unique<Server>(Server::Options{600000, false});
-        op = &server->commands();
-        window = std::make_unique<MainWindow>(*op);
+        window = std::make_unique<MainWindow>(server->commands());
         QObject::connect(window.get(), &MainWindow::finished, [this] { ++finished; });
         return window->start();
     }
@@ -279,7 +277,6 @@ struct WindowSite {
     PrinterSite site;
     WidgetMessageSink sink;
     std::unique_ptr<Server> server;
-    Operator* op = nullptr; // the server's own, shared with the control socket
     std::unique_ptr<MainWindow> window;
     int finished = 0;
 };

@@ -5,7 +5,6 @@
 #include "gui/pictures.h"
 #include "gui/trayicon.h"
 
-#include <QAction>
 #include <QProcess>
 #include <QPushButton>
 #include <QScreen>
@@ -14,10 +13,6 @@
 
 #include <csignal>
 #include <sys/prctl.h>
-
-using quill::Server;
-using quill::test::TestInstallation;
-using quill::test::WindowSite;
 
 namespace {
 
@@ -80,9 +75,6 @@ QString startDisplay()
 class TstDesktop : public QObject {
     Q_OBJECT
 
-    std::unique_ptr<WindowSite> s_;
-    quill::TrayIcon* tray() { return s_->window->trayIcon(); }
-    QImage shown() { return tray()->icon()->icon().pixmap(22, 22).toImage(); }
     static QImage picture(bool started) { return quill::TrayPicture(started).pixmap(22, 22).toImage(); }
 
 private slots:
@@ -94,36 +86,37 @@ private slots:
             QSKIP("the notification-area host did not come up on Xvfb");
     }
 
-    void cleanup() { s_.reset(); }
-
     // The icon as the desktop shows it follows the service (its texts and
     // menu entries are the window's own test's). The title bar's close and
     // minimising hide the window in the notification area; the restore entry
     // and a double-click on the icon bring it back.
     void trayIcon()
     {
-        s_ = std::make_unique<WindowSite>();
-        QVERIFY(s_->site.ok());
-        QVERIFY(s_->site.setServer(TestInstallation::freePort(), false));
-        QCOMPARE(s_->start(), Server::Started);
-        QVERIFY(QTest::qWaitForWindowExposed(s_->window.get()));
-        QTRY_VERIFY(tray()->visible());
+        // Gone before the X server is.
+        quill::test::WindowSite s;
+        QVERIFY(s.site.ok());
+        QVERIFY(s.site.setServer(quill::test::TestInstallation::freePort(), false));
+        QCOMPARE(s.start(), quill::Server::Started);
+        QVERIFY(QTest::qWaitForWindowExposed(s.window.get()));
+        quill::TrayIcon* tray = s.window->trayIcon();
+        const auto shown = [tray] { return tray->icon()->icon().pixmap(22, 22).toImage(); };
+        QTRY_VERIFY(tray->visible());
         QCOMPARE(shown(), picture(false));
         QVERIFY(picture(true) != picture(false));
-        QUILL_PRESS(s_->window->findChild<QPushButton*>("cmdService"));
+        QUILL_PRESS(s.window->findChild<QPushButton*>("cmdService"));
         QCOMPARE(shown(), picture(true));
         QTest::qWait(300); // painted by the host
         const QPixmap whole = QGuiApplication::primaryScreen()->grabWindow(0);
         const QString file = quill::test::ScreenshotDir() + "/tray-xvfb.png";
         whole.copy(whole.width() - 240, whole.height() - 40, 240, 40).save(file);
 
-        s_->window->close();
-        QTRY_VERIFY_WITH_TIMEOUT(!s_->window->isVisible(), 5000);
-        QCOMPARE(s_->finished, 0);
-        QUILL_CHOOSE(s_->window.get(), "mnuSTPopupRestore");
-        QTRY_VERIFY_WITH_TIMEOUT(s_->window->isVisible() && !s_->window->isMinimized(), 5000);
-        s_->window->showMinimized();
-        QTRY_VERIFY_WITH_TIMEOUT(!s_->window->isVisible(), 5000);
+        s.window->close();
+        QTRY_VERIFY_WITH_TIMEOUT(!s.window->isVisible(), 5000);
+        QCOMPARE(s.finished, 0);
+        QUILL_CHOOSE(s.window.get(), "mnuSTPopupRestore");
+        QTRY_VERIFY_WITH_TIMEOUT(s.window->isVisible() && !s.window->isMinimized(), 5000);
+        s.window->showMinimized();
+        QTRY_VERIFY_WITH_TIMEOUT(!s.window->isVisible(), 5000);
         // The icon's own widget, embedded in the host.
         QWidget* iconWidget = nullptr;
         for (QWidget* w : QApplication::allWidgets())
@@ -134,7 +127,7 @@ private slots:
         const QPoint centre = iconWidget->rect().center();
         QTest::mouseClick(iconWidget, Qt::LeftButton, {}, centre);
         QTest::mouseDClick(iconWidget, Qt::LeftButton, {}, centre);
-        QTRY_VERIFY_WITH_TIMEOUT(s_->window->isVisible() && !s_->window->isMinimized(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(s.window->isVisible() && !s.window->isMinimized(), 5000);
     }
 };
 
