@@ -77,12 +77,12 @@ QString job(int i)
     return JobText(1 + i % 3, 1, "1", "WS", QString(), QStringLiteral("Job %1").arg(i));
 }
 
-// Jobs 1..count, committed together.
-bool storeJobs(const QString& home, int count)
+// Jobs 1..count with these texts, committed together.
+bool storeJobs(const QString& home, int count, const std::function<QString(int)>& text = job)
 {
     QStringList inserts{"BEGIN"};
     for (int i = 1; i <= count; ++i)
-        inserts << QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (%1, 1, '%2')").arg(i).arg(job(i));
+        inserts << QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (%1, 1, '%2')").arg(i).arg(text(i));
     return ExecSql(home + "/brixa.mdb", inserts << "COMMIT");
 }
 
@@ -670,9 +670,9 @@ void TestDatabase::outcomes()
     QCOMPARE(log.size(), lines.size());
     for (int i = 0; i < lines.size(); ++i)
         QVERIFY2(log[i].startsWith(lines[i]), qPrintable(log[i]));
-    QCOMPARE(QStringList({state(mdb, before), state(home->file("brixa_backup.mdb")), state(home->file("brixa_compact.mdb"))})
-                 .join(", "),
-             disk);
+    const QStringList states{state(mdb, before), state(home->file("brixa_backup.mdb")),
+                             state(home->file("brixa_compact.mdb"))};
+    QCOMPARE(states.join(", "), disk);
     QVERIFY(!QFileInfo(home->file("brixa_restore.tmp")).isFile());
 }
 
@@ -756,11 +756,8 @@ void TestDatabase::damagedPagesAreSalvaged()
     const int jobs = 2000, deleted = 150;
     // Longer texts: the table spans many pages.
     auto text = [](int i) { return job(i) + QStringLiteral(" #%1# ").arg(i) + QString(80, QChar('a' + i % 26)); };
-    QStringList inserts{"BEGIN"};
-    for (int i = 1; i <= jobs; ++i)
-        inserts << QStringLiteral("INSERT INTO tbJob (Id, PrinterId, Job) VALUES (%1, 1, '%2')").arg(i).arg(text(i));
     const QString mdb = home->file("brixa.mdb");
-    QVERIFY(ExecSql(mdb, inserts << "UPDATE tbServer SET port = 20123" << "COMMIT"));
+    QVERIFY(storeJobs(home->path(), jobs, text) && ExecSql(mdb, {"UPDATE tbServer SET port = 20123"}));
     QCOMPARE(startAndList().size(), jobs); // a good start: its backup is good
     // Printed jobs: their pages go to the free list with the texts still on them.
     const int pageSize = QueryRows(mdb, "PRAGMA page_size").value(0).toInt();
@@ -790,7 +787,8 @@ void TestDatabase::damagedPagesAreSalvaged()
         QVERIFY(trunk > 0 && f.seek(qint64(trunk - 1) * pageSize));
         const QByteArray list = f.read(12);
         QVERIFY(qFromBigEndian<quint32>(list.constData() + 4) > 0);
-        QVERIFY(f.seek(qint64(qFromBigEndian<quint32>(list.constData() + 8) - 1) * pageSize) && f.write(stale) == pageSize);
+        const quint32 leaf = qFromBigEndian<quint32>(list.constData() + 8);
+        QVERIFY(f.seek(qint64(leaf - 1) * pageSize) && f.write(stale) == pageSize);
     }
     QVERIFY(QueryRows(mdb, "PRAGMA integrity_check") != QStringList{"ok"});
     const QByteArray bytes = ReadFile(mdb);
@@ -823,7 +821,8 @@ void TestDatabase::damagedPagesAreSalvaged()
                      .size() == 1,
              qPrintable(log.join('\n')));
     QCOMPARE(log.filter("rows restored from"),
-             pages ? QStringList{"Warning SrvOpenDatabases Repair database: tbServer: 1 rows restored from brixa_backup.mdb"}
+             pages ? QStringList{"Warning SrvOpenDatabases Repair database: tbServer: 1 rows restored from "
+                                 "brixa_backup.mdb"}
                    : QStringList());
     QCOMPARE(QDir(home->path()).entryList({"brixa_damaged-*.mdb"}).size(), 1);
     // The backup of the good start stays, whole and marked kept (so no later
