@@ -444,10 +444,6 @@ void TestDatabase::historyOfFinishedJobs()
     QVERIFY(h.value[0].finished >= before && h.value[0].finished <= QDateTime::currentDateTimeUtc());
     QCOMPARE(described(store->historyEntry(1).value), described(h.value[1]));
     QCOMPARE(store->historyEntry(7).value.id, 0);
-    // A new job takes the next id of tbJob; the history keeps its own numbers.
-    QVERIFY(add(1, "next"));
-    store->SrvDeleteJob(4);
-    QCOMPARE(store->history(10).value.front().id, 3);
 }
 
 // At most so many entries and none older than so many days, as each commit leaves them.
@@ -915,7 +911,6 @@ void TestDatabase::postgresMaintenance()
     QCOMPARE(dumps.size(), QTest::currentDataTag() == QByteArray("dump written") ? 1 : 0);
     // pg_restore's custom format, whole: it lists the job table's data.
     if (!dumps.isEmpty()) {
-        QVERIFY(ReadFile(home->file("dumps/" + dumps[0])).startsWith("PGDMP"));
         QProcess list;
         list.start("pg_restore", {"--list", home->file("dumps/" + dumps[0])});
         QVERIFY(list.waitForFinished(30000));

@@ -148,10 +148,7 @@ DbHome::DbHome()
         qWarning("CreateInstallation: %s", qPrintable(error));
 }
 
-DbHome::~DbHome()
-{
-    QDir::setCurrent(QDir::tempPath());
-}
+DbHome::~DbHome() { QDir::setCurrent(QDir::tempPath()); }
 
 QByteArray ReadFile(const QString& path)
 {
