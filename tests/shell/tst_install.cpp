@@ -1,15 +1,13 @@
 // What an operator installs: --init of a new installation, and the Debian
 // packages unpacked into a temporary root (never installed on this machine):
 // contents, lintian, the systemd unit and its sandbox, the shipped settings and
-// the maintainer scripts. Every program runs as a real process with private
+// the maintainer scripts. The server runs as a real process with private
 // settings scopes.
-#include "foundation/settings.h"
-#include "protocol/clientfilter.h"
+#include "support/installation.h"
 
 #include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
-#include <QHostAddress>
 #include <QRegularExpression>
 #include <QFile>
 #include <QProcess>
@@ -20,38 +18,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using quill::test::ProgramRun;
+using quill::test::RunProgram;
+
 namespace {
-
-struct Run {
-    int code = -1;
-    QString out, err;
-};
-
-// Runs a program to its end (at most `ms`) with the settings scopes inside `scratch`;
-// `env` replaces or adds variables ("NAME=value").
-Run run(const QString& program, const QStringList& args, const QString& scratch, int ms = 120000,
-        const QStringList& extraEnv = {})
-{
-    QProcess p;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_CONFIG_DIRS", scratch + "/machine");
-    env.insert("XDG_CONFIG_HOME", scratch + "/user");
-    for (const QString& v : extraEnv)
-        env.insert(v.section('=', 0, 0), v.section('=', 1));
-    p.setProcessEnvironment(env);
-    p.start(program, args);
-    Run r;
-    if (!p.waitForStarted(10000) || !p.waitForFinished(ms)) {
-        p.kill();
-        p.waitForFinished(5000);
-        r.err = p.errorString();
-        return r;
-    }
-    r.code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    r.out = QString::fromUtf8(p.readAllStandardOutput());
-    r.err += QString::fromUtf8(p.readAllStandardError());
-    return r;
-}
 
 QString readFile(const QString& path)
 {
@@ -95,28 +65,29 @@ private slots:
         if (QStandardPaths::findExecutable("dpkg-deb").isEmpty())
             QSKIP("dpkg-deb is not on this machine: the packages were not built");
         QVERIFY(pkg_.isValid());
-        const Run pack = run(QUILL_CPACK, {"-G", "DEB", "--config", QUILL_BUILD_DIR "/CPackConfig.cmake", "-B",
-                                           pkg_.path()},
-                             pkg_.path(), 240000);
+        const ProgramRun pack = RunProgram(
+            QUILL_CPACK, {"-G", "DEB", "--config", QUILL_BUILD_DIR "/CPackConfig.cmake", "-B", pkg_.path()},
+            QProcessEnvironment::systemEnvironment(), 240000);
         QVERIFY2(pack.code == 0, qPrintable(pack.out + pack.err));
         for (const QString& name : {QStringLiteral("quillbase"), QStringLiteral("mp104c-emulator")}) {
             const QStringList debs = QDir(pkg_.path()).entryList({name + "_*.deb"}, QDir::Files);
             QCOMPARE(debs.size(), 1);
             debs_[name] = pkg_.filePath(debs[0]);
-            const Run x = run("dpkg-deb", {"-R", debs_[name], root(name)}, pkg_.path());
+            const ProgramRun x = RunProgram("dpkg-deb", {"-R", debs_[name], root(name)});
             QVERIFY2(x.code == 0, qPrintable(x.err));
         }
     }
 
     // Each file in its package, the emulator in its own, the symbols in
     // -dbgsym packages (lintian below finds a binary not stripped, and a
-    // missing manual page, copyright or changelog).
+    // missing manual page, copyright or changelog); the shipped settings a
+    // conffile. The maintainer scripts' test uses the rest.
     void packageContents()
     {
-        for (const char* f : {"usr/bin/quillbase", "usr/bin/quillbase-ctl", "etc/quillbase/Norvu/Brixa.conf",
-                              "usr/share/bash-completion/completions/quillbase-ctl", "usr/share/quillbase/0.lbl",
-                              "DEBIAN/postinst", "DEBIAN/postrm", "DEBIAN/prerm"})
+        for (const char* f : {"usr/bin/quillbase-ctl", "usr/share/bash-completion/completions/quillbase-ctl"})
             QVERIFY2(QFile::exists(root("quillbase") + "/" + f), f);
+        const QString conffiles = readFile(root("quillbase") + "/DEBIAN/conffiles");
+        QCOMPARE(conffiles.trimmed(), QStringLiteral("/etc/quillbase/Norvu/Brixa.conf"));
         QVERIFY(!QFile::exists(root("quillbase") + "/usr/bin/mp104c-emulator"));
         QVERIFY(QFile::exists(root("mp104c-emulator") + "/usr/bin/mp104c-emulator"));
         for (const char* f : {"usr/bin/quillbase", "DEBIAN/postinst", "etc"})
@@ -124,77 +95,18 @@ private slots:
         const QStringList dbgsym = QDir(pkg_.path()).entryList({"*-dbgsym_*.ddeb"}, QDir::Files);
         QCOMPARE(dbgsym.size(), 2);
         for (const QString& package : dbgsym) {
-            const Run listing = run("dpkg-deb", {"-c", pkg_.filePath(package)}, pkg_.path());
+            const ProgramRun listing = RunProgram("dpkg-deb", {"-c", pkg_.filePath(package)});
             QVERIFY2(listing.out.contains("/usr/lib/debug/.build-id/") && listing.out.contains(".debug"),
                      qPrintable(listing.out));
         }
     }
 
-    // The package as installed by hand would run: --version, --init with the
-    // shipped layouts and settings, which it leaves as shipped (a conffile).
-    void packagedServerInitialises()
-    {
-        const QString r = root("quillbase");
-        const Run version = run(r + "/usr/bin/quillbase", {"--version"}, pkg_.path());
-        QCOMPARE(version.code, 0);
-        QCOMPARE(version.out.trimmed(), QStringLiteral("Quillbase " QUILL_VERSION));
-        const QString unit = readFile(r + "/usr/lib/systemd/system/quillbase.service");
-        QVERIFY(unit.contains("ExecStart=/usr/bin/quillbase --headless --home /var/lib/quillbase"));
-        QVERIFY(unit.contains("XDG_CONFIG_DIRS=/etc/quillbase "));
-        QCOMPARE(readFile(r + "/DEBIAN/conffiles").trimmed(), QStringLiteral("/etc/quillbase/Norvu/Brixa.conf"));
-
-        QTemporaryDir tmp;
-        QVERIFY(tmp.isValid());
-        // The shipped settings stand in for the machine's (run() points there).
-        const QString shipped = readFile(r + "/etc/quillbase/Norvu/Brixa.conf");
-        QVERIFY(writeFile(tmp.filePath("machine/Norvu/Brixa.conf"), shipped));
-        QVERIFY(writeFile(r + "/usr/share/quillbase/0.lbl", "# shipped\n", QIODevice::Append));
-
-        // Under the service's umask: the files, logging on, and nothing open
-        // to other users or writable by the group.
-        const QString home = tmp.filePath("inst");
-        const mode_t saved = umask(0027);
-        const Run init = run(r + "/usr/bin/quillbase", {"--init", "--home", home}, tmp.path());
-        umask(saved);
-        QVERIFY2(init.code == 0, qPrintable(init.out + init.err));
-        QVERIFY2(init.out.contains("quillbase-ctl --home " + home + " printer add --name"), qPrintable(init.out));
-        QVERIFY(init.out.contains("--headless --home " + home));
-        QVERIFY2(init.out.contains("Event logging is on"), qPrintable(init.out));
-        QVERIFY(readFile(tmp.filePath("user/Norvu/Brixa.conf")).contains("dwUseLog=dword:00000001"));
-        for (const char* f : {"brixa.mdb", "brixa.mda", "1.lbl", "lang/BrixaLangUK.Language"})
-            QVERIFY2(QFile::exists(home + "/" + f), f);
-        QVERIFY(readFile(home + "/0.lbl").endsWith("# shipped\n"));
-        const QFile::Permissions open = QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
-        QDirIterator it(tmp.path(), QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-            const QFileInfo f(it.next());
-            QVERIFY2(f.filePath().contains("/machine") || !(f.permissions() & open), qPrintable(f.filePath()));
-        }
-        QCOMPARE(readFile(tmp.filePath("machine/Norvu/Brixa.conf")), shipped);
-    }
-
-    // The shipped allow-list: every entry valid; this machine and the private
-    // networks only.
-    void shippedAllowList()
-    {
-        qputenv("XDG_CONFIG_DIRS", (root("quillbase") + "/etc/quillbase").toUtf8());
-        QCOMPARE(quill::RegGetValue(quill::HKEY_LOCAL_MACHINE, quill::KeyQuillbase, "tBindAddress"), QString());
-        QStringList invalid;
-        quill::ClientFilter filter;
-        filter.setAllowed(quill::RegGetValue(quill::HKEY_LOCAL_MACHINE, quill::KeyQuillbase, "tAllowedClients"),
-                          &invalid);
-        QVERIFY2(invalid.isEmpty(), qPrintable(invalid.join(", ")));
-        for (const char* peer : {"127.0.0.1", "::1", "172.31.255.1", "fd12:3456::7"})
-            QVERIFY2(filter.allows(QHostAddress(peer)), peer);
-        for (const char* peer : {"172.32.0.1", "8.8.8.8"})
-            QVERIFY2(!filter.allows(QHostAddress(peer)), peer);
-    }
-
     // The maintainer scripts as dpkg runs them, into a temporary root without
     // chroot (DPKG_ROOT): the first installation makes the user and enables
-    // the unit; an upgrade keeps the installation, the administrator's
-    // settings and disable; purge takes away what the package made. Nothing
-    // starts: no systemd runs in that root.
+    // the unit; the packaged server makes its installation as the unit's
+    // first start would; an upgrade keeps the installation, the
+    // administrator's settings and disable; purge takes away what the package
+    // made. Nothing starts: no systemd runs in that root.
     void maintainerScriptsInAnotherRoot()
     {
         for (const char* tool : {"dpkg", "deb-systemd-helper", "systemd-sysusers", "systemctl", "userdel"})
@@ -210,8 +122,8 @@ private slots:
                 && QDir().mkpath(r + "/etc") && writeFile(r + "/var/lib/dpkg/status", ""));
         // The libraries the package depends on are this machine's, not the root's.
         const auto dpkg = [&](const QStringList& args) {
-            const Run d = run("dpkg", QStringList{"--root", r, "--force-script-chrootless", "--force-depends"} + args,
-                              scratch.path());
+            const ProgramRun d =
+                RunProgram("dpkg", QStringList{"--root", r, "--force-script-chrootless", "--force-depends"} + args);
             return d.code == 0 ? QString() : d.out + d.err;
         };
         const QString wants = r + "/etc/systemd/system/multi-user.target.wants/quillbase.service";
@@ -226,14 +138,39 @@ private slots:
                                                                          QRegularExpression::MultilineOption)));
         QVERIFY(QFileInfo(wants).isSymLink());
 
-        // The installation the unit's first start makes; the administrator's
-        // changes: settings edited, the unit disabled.
-        const QStringList unitEnv{"XDG_CONFIG_DIRS=" + r + "/etc/quillbase", "XDG_CONFIG_HOME=" + home + "/config"};
-        const Run init = run(r + "/usr/bin/quillbase", {"--init", "--home", home}, scratch.path(), 120000, unitEnv);
+        // The unit's first start, in its environment and under its umask: the
+        // shipped layouts and settings (left as shipped), logging on, nothing
+        // open to other users or writable by the group.
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_CONFIG_DIRS", r + "/etc/quillbase");
+        env.insert("XDG_CONFIG_HOME", home + "/config");
+        const ProgramRun version = RunProgram(r + "/usr/bin/quillbase", {"--version"}, env);
+        QCOMPARE(version.out.trimmed(), QStringLiteral("Quillbase " QUILL_VERSION));
+        QVERIFY(writeFile(r + "/usr/share/quillbase/0.lbl", "# shipped\n", QIODevice::Append));
+        const QString shipped = readFile(conf);
+        const mode_t saved = umask(0027);
+        const ProgramRun init = RunProgram(r + "/usr/bin/quillbase", {"--init", "--home", home}, env);
+        umask(saved);
         QVERIFY2(init.code == 0, qPrintable(init.out + init.err));
+        QVERIFY2(init.out.contains("quillbase-ctl --home " + home + " printer add --name"), qPrintable(init.out));
+        QVERIFY(init.out.contains("--headless --home " + home));
+        QVERIFY(init.out.contains("Event logging is on"));
+        QVERIFY(readFile(home + "/config/Norvu/Brixa.conf").contains("dwUseLog=dword:00000001"));
+        for (const char* f : {"brixa.mdb", "brixa.mda", "1.lbl", "lang/BrixaLangUK.Language"})
+            QVERIFY2(QFile::exists(home + "/" + f), f);
+        QVERIFY(readFile(home + "/0.lbl").endsWith("# shipped\n"));
+        QCOMPARE(readFile(conf), shipped);
+        const QFile::Permissions open = QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
+        QDirIterator it(home, QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QFileInfo f(it.next());
+            QVERIFY2(!(f.permissions() & open), qPrintable(f.filePath()));
+        }
+
+        // The administrator's changes: settings edited, the unit disabled.
         QVERIFY(writeFile(conf, "tAllowedClients=192.168.7.0/24\n", QIODevice::Append));
         const QString edited = readFile(conf);
-        const Run disable = run("systemctl", {"--root", r, "disable", "quillbase.service"}, scratch.path());
+        const ProgramRun disable = RunProgram("systemctl", {"--root", r, "disable", "quillbase.service"});
         QVERIFY2(disable.code == 0 && !QFileInfo(wants).exists(), qPrintable(disable.err));
         const QStringList before = digests(home);
         QVERIFY(before.join('\n').contains("brixa.mdb ") && before.join('\n').contains("config/Norvu/Brixa.conf "));
@@ -269,13 +206,13 @@ private slots:
         QCOMPARE(files.size(), 4);
         for (QString& f : files)
             f = pkg_.filePath(f);
-        const Run l = run(lintian, QStringList{"--fail-on", "error,warning", "--tag-display-limit", "0"} + files,
-                          pkg_.path(), 240000);
+        const QStringList args{"--fail-on", "error,warning", "--tag-display-limit", "0"};
+        const ProgramRun l = RunProgram(lintian, args + files, QProcessEnvironment::systemEnvironment(), 240000);
         QVERIFY2(l.code == 0, qPrintable(l.out + l.err));
     }
 
-    // A unit systemd accepts (its program where the package puts it), with
-    // its sandbox.
+    // A unit systemd accepts (its program where the package puts it), that
+    // reads the shipped settings and reaches the serial ports, in its sandbox.
     void unitHardened()
     {
         const QString analyze = QStandardPaths::findExecutable("systemd-analyze");
@@ -285,11 +222,11 @@ private slots:
         QTemporaryDir tmp;
         QVERIFY(writeFile(tmp.filePath("quillbase.service"),
                           readFile(unit).replace("/usr/bin/quillbase", root("quillbase") + "/usr/bin/quillbase")));
-        const Run v = run(analyze, {"verify", tmp.filePath("quillbase.service")}, tmp.path());
+        const ProgramRun v = RunProgram(analyze, {"verify", tmp.filePath("quillbase.service")});
         QVERIFY2(v.code == 0 && v.err.trimmed().isEmpty(), qPrintable(v.out + v.err));
-        const QString unitText = readFile(unit);
-        QVERIFY(unitText.contains("SupplementaryGroups=dialout"));
-        QVERIFY(unitText.contains("UMask=0027"));
+        for (const char* line : {"ExecStart=/usr/bin/quillbase --headless --home /var/lib/quillbase",
+                                 "XDG_CONFIG_DIRS=/etc/quillbase ", "SupplementaryGroups=dialout", "UMask=0027"})
+            QVERIFY2(readFile(unit).contains(line), line);
     }
 
 private:

@@ -6,6 +6,7 @@
 #include "support/dbfixture.h"
 
 #include <QFile>
+#include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -94,7 +95,7 @@ bool PrinterSite::start()
         return false;
     ser.mapComPort(2);
     return addNetworkPrinter(1, QStringLiteral("Kassa"), net.port())
-        && addSerialPrinter(2, QStringLiteral("Bar"), 2, 9600);
+        && addPrinter(2, QStringLiteral("Bar"), 1, QStringLiteral("COM2:#9600"), false);
 }
 
 bool HeadlessServer::start(const QStringList& args, bool waitForLog)
@@ -117,6 +118,29 @@ bool HeadlessServer::stop()
         process.waitForFinished(5000);
     }
     return ended && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
+ProgramRun RunProgram(const QString& program, const QStringList& args, const QProcessEnvironment& env, int ms)
+{
+    QProcess p;
+    p.setProcessEnvironment(env);
+    p.start(program, args);
+    ProgramRun r;
+    if (!p.waitForStarted(10000) || !p.waitForFinished(ms)) {
+        r.err = p.errorString();
+        p.kill();
+        p.waitForFinished(5000);
+        return r;
+    }
+    r.code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = QString::fromUtf8(p.readAllStandardOutput());
+    r.err = QString::fromUtf8(p.readAllStandardError());
+    return r;
+}
+
+QJsonObject ProgramRun::json() const
+{
+    return QJsonDocument::fromJson(out.toUtf8()).object();
 }
 
 quint16 TestInstallation::freePort()

@@ -4,6 +4,7 @@
 // inside it), and direct SQL access to its database for arranging rows.
 #include "support/emulator.h"
 
+#include <QJsonObject>
 #include <QProcess>
 #include <QString>
 #include <QTemporaryDir>
@@ -24,14 +25,10 @@ public:
     bool sql(const QString& statement, const QVariantList& binds = {});
     QVariant scalar(const QString& query);
 
-    // A printer row in tbPrinter: network "127.0.0.1#port" or serial "COMn:#rate".
+    // A printer row in tbPrinter on an emulated network box at 127.0.0.1.
     bool addNetworkPrinter(int id, const QString& name, quint16 port, bool passive = false)
     {
         return addPrinter(id, name, 2, QStringLiteral("127.0.0.1#%1").arg(port), passive);
-    }
-    bool addSerialPrinter(int id, const QString& name, int com, int rate, bool passive = false)
-    {
-        return addPrinter(id, name, 1, QStringLiteral("COM%1:#%2").arg(com).arg(rate), passive);
     }
     // tbServer: the listening port and the service auto-start switch.
     bool setServer(quint16 port, bool autoStartService);
@@ -46,8 +43,9 @@ public:
     // A TCP port free on every address, below the ephemeral range (bound and released).
     static quint16 freePort();
 
-private:
-    // ConnectionUsed 1 is the serial line (Connection1), 2 the network box (Connection2).
+protected:
+    // ConnectionUsed 1 is the serial line (Connection1 "COMn:#rate"), 2 the
+    // network box (Connection2 "address#port").
     bool addPrinter(int id, const QString& name, int connectionUsed, const QString& connection, bool passive);
 
     QTemporaryDir dir_;
@@ -86,5 +84,15 @@ public:
 private:
     const TestInstallation& inst_;
 };
+
+// A program run to its end: its exit code (-1 when it crashed or did not end
+// within `ms`), stdout and stderr.
+struct ProgramRun {
+    int code = -1;
+    QString out, err;
+    QJsonObject json() const;
+};
+ProgramRun RunProgram(const QString& program, const QStringList& args,
+                      const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment(), int ms = 120000);
 
 } // namespace quill::test
