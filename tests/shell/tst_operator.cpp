@@ -40,7 +40,6 @@ class TstOperator : public QObject {
     std::unique_ptr<Operator> op_;
     quill::dbtest::RecordingSink sink_;
     quint16 port_ = 0;
-    qint32 held_ = -1, waiting_ = -1;
 
     qint32 addJob(int printer, const QString& caption)
     {
@@ -74,17 +73,13 @@ class TstOperator : public QObject {
         op_.reset();
         srv_.reset();
         inst_.reset();
-        held_ = waiting_ = -1;
     }
 
 private slots:
     void init()
     {
-        const QByteArray test = QTest::currentTestFunction();
-        // The queue tools' refusals change nothing (each row checks): they share one set-up.
-        if (test == "startupFailures" || (test == "queueToolRefusals" && held_ > 0))
+        if (QByteArray(QTest::currentTestFunction()) == "startupFailures")
             return;
-        teardown();
         inst_ = std::make_unique<PrinterSite>();
         QVERIFY2(inst_->start(), qPrintable(inst_->errorText()));
         port_ = TestInstallation::freePort();
@@ -95,15 +90,10 @@ private slots:
         QCOMPARE(srv_->startup(), Server::Started);
         QTRY_VERIFY_WITH_TIMEOUT(slot(1).status == StatusReady && slot(2).status == StatusReady, 10000);
     }
-    void cleanup()
-    {
-        if (QByteArray(QTest::currentTestFunction()) != "queueToolRefusals" || QTest::currentTestFailed())
-            teardown();
-    }
-    void cleanupTestCase() { teardown(); }
+    void cleanup() { teardown(); }
 
     // The service goes on and off; jobs are deleted only while it is off, each
-    // after a question that defaults to No.
+    // after a question that defaults to No; a cancel asks too.
     void serviceAndDeletes()
     {
         QCOMPARE(op_->deleteJob(1), Outcome::NothingToDo);
@@ -133,6 +123,17 @@ private slots:
         QCOMPARE(op_->deleteAllJobs(), Outcome::Done);
         QCOMPARE(jobsInTable(), 0);
 
+        // A cancel asks too; a job gone while the question was up is not there to cancel.
+        const qint32 first = addJob(1, "Första");
+        answer(BoxAnswer::Yes);
+        QCOMPARE(op_->cancelJob(first), Outcome::Done);
+        QCOMPARE(sink_.texts(), QStringList{GetString(12154, QString::number(first) + " Första")});
+        QCOMPARE(jobsInTable(), 0);
+        const qint32 late = addJob(1, "Sist");
+        sink_.whileShown = [&](const Box&) { srv_->jobs().cancelJob(late); };
+        QCOMPARE(op_->cancelJob(late), Outcome::Invalid);
+        sink_.whileShown = nullptr;
+
         // Without a listener the service cannot start.
         srv_->listener().close();
         QVERIFY(!op_->serviceAvailable());
@@ -141,7 +142,7 @@ private slots:
 
     // A printer the server is printing on or checking keeps its dialog shut;
     // a cancelled dialog gives the printer back the status it had.
-    void editRefusals()
+    void editAndDeviceOperations()
     {
         PrinterSettings dialog;
         QCOMPARE(op_->openEditPrinter(4, &dialog), Outcome::Refused);
@@ -159,6 +160,16 @@ private slots:
         QCOMPARE(slot(1).statusText.trimmed(), QString("före"));
         QCOMPARE(op_->cancelPrinter(), Outcome::NothingToDo);
         QVERIFY(sink_.boxes.isEmpty());
+
+        // While a device command runs, a second one, a save or a cancel is refused, not started.
+        QCOMPARE(op_->openEditPrinter(1, &dialog), Outcome::Done);
+        QSignalSpy finished(op_.get(), &Operator::deviceOperationFinished);
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::TestPrint, dialog), Outcome::Done);
+        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::Calibrate, dialog), Outcome::Busy);
+        QCOMPARE(op_->savePrinter(dialog), Outcome::Busy);
+        QCOMPARE(op_->cancelPrinter(), Outcome::Busy);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 20000);
+        QCOMPARE(finished[0][1].value<Outcome>(), Outcome::Done);
     }
 
     void saveValidation_data()
@@ -220,20 +231,6 @@ private slots:
         QCOMPARE(op_->openNewPrinter(&dialog), Outcome::Refused);
         QCOMPARE(sink_.texts(), QStringList{GetString(12028)});
         QVERIFY(!op_->printerDialogOpen());
-    }
-
-    void deviceOperationOneAtATime()
-    {
-        PrinterSettings dialog;
-        QCOMPARE(op_->openEditPrinter(1, &dialog), Outcome::Done);
-        QSignalSpy finished(op_.get(), &Operator::deviceOperationFinished);
-        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::TestPrint, dialog), Outcome::Done);
-        // A second command while it runs is refused, not started.
-        QCOMPARE(op_->startDeviceOperation(Operator::DeviceOperation::Calibrate, dialog), Outcome::Busy);
-        QCOMPARE(op_->savePrinter(dialog), Outcome::Busy);
-        QCOMPARE(op_->cancelPrinter(), Outcome::Busy);
-        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 20000);
-        QCOMPARE(finished[0][1].value<Outcome>(), Outcome::Done);
     }
 
     // A configure waiting on a printer that does not answer leaves the
@@ -386,8 +383,8 @@ private slots:
         QVERIFY(op_->CanQuit(false));
     }
 
-    // --- queue tools: printer 1 holds its first job in a print run (its
-    // emulator answers late), printer 3 is passive.
+    // Printer 1 holds its first job in a print run (its emulator answers
+    // late); printer 3 is passive.
     qint32 holdFirstJobOfPrinter1()
     {
         if (saveNew("Passiv", "127.0.0.1", "23", true) != Outcome::Done)
@@ -398,54 +395,37 @@ private slots:
         return QTest::qWaitFor([&] { return op_->jobPrinting(held); }, 10000) ? held : -1;
     }
 
-    void queueToolRefusals_data()
-    {
-        // Jobs: "held" (being printed on 1), "waiting" (queued on 1).
-        QTest::addColumn<QString>("command");
-        QTest::addColumn<QString>("job"); // held, waiting or unknown
-        QTest::addColumn<int>("printer");
-        QTest::addColumn<Outcome>("outcome");
-        QTest::addColumn<control::Reason>("reason");
-        using R = control::Reason;
-        QTest::newRow("move a job being printed") << "move" << "held" << 2 << Outcome::Refused << R::JobPrinting;
-        QTest::newRow("move to a passive printer") << "move" << "waiting" << 3 << Outcome::Refused << R::PrinterPassive;
-        QTest::newRow("move to a missing printer") << "move" << "waiting" << 4 << Outcome::Refused << R::NoPrinter;
-        QTest::newRow("move to printer 0") << "move" << "waiting" << 0 << Outcome::Refused << R::PrinterRange;
-        QTest::newRow("move to its own printer") << "move" << "waiting" << 1 << Outcome::NothingToDo << R::None;
-        QTest::newRow("move an unknown job") << "move" << "unknown" << 2 << Outcome::Invalid << R::UnknownJob;
-        QTest::newRow("cancel a job being printed") << "cancel" << "held" << 0 << Outcome::Refused << R::JobPrinting;
-        QTest::newRow("reprint out of history") << "reprint" << "unknown" << 0 << Outcome::Invalid << R::NotInHistory;
-    }
-    void queueToolRefusals()
-    {
-        QFETCH(QString, command);
-        QFETCH(QString, job);
-        QFETCH(int, printer);
-        QFETCH(Outcome, outcome);
-        QFETCH(control::Reason, reason);
-        if (held_ < 0) {
-            held_ = holdFirstJobOfPrinter1();
-            QVERIFY(held_ > 0);
-            waiting_ = addJob(1, "Väntar");
-        }
-        const qint32 id = job == "held" ? held_ : job == "waiting" ? waiting_ : 99;
-        const Operator::Result r = command == "move"     ? op_->moveJobs({id}, printer)
-                                   : command == "cancel" ? op_->cancelJob(id)
-                                                         : op_->reprint(id, 0);
-        QCOMPARE(r.outcome, outcome);
-        QCOMPARE(r.reason, reason);
-        // Nothing asked, nothing changed.
-        QCOMPARE(sink_.boxes.size(), 0);
-        QCOMPARE(inst_->scalar("SELECT COUNT(*) FROM tbJob WHERE PrinterId = 1").toInt(), 2);
-        QCOMPARE(srv_->jobs().jobList().count(), 2);
-    }
-
-    void moveEveryJobOfAPrinterButTheOneBeingPrinted()
+    // The refusals ask nothing and change nothing; a printer's whole queue
+    // moves without the job being printed.
+    void queueTools()
     {
         const qint32 held = holdFirstJobOfPrinter1();
         QVERIFY(held > 0);
+        const qint32 waiting = addJob(1, "Väntar");
+        using R = control::Reason;
+        const struct {
+            Operator::Result got;
+            Outcome outcome;
+            R reason;
+        } refusals[] = {
+            {op_->moveJobs({held}, 2), Outcome::Refused, R::JobPrinting},
+            {op_->moveJobs({waiting}, 3), Outcome::Refused, R::PrinterPassive},
+            {op_->moveJobs({waiting}, 4), Outcome::Refused, R::NoPrinter},
+            {op_->moveJobs({waiting}, 0), Outcome::Refused, R::PrinterRange},
+            {op_->moveJobs({waiting}, 1), Outcome::NothingToDo, R::None},
+            {op_->moveJobs({99}, 2), Outcome::Invalid, R::UnknownJob},
+            {op_->cancelJob(held), Outcome::Refused, R::JobPrinting},
+            {op_->reprint(99, 0), Outcome::Invalid, R::NotInHistory},
+        };
+        for (const auto& r : refusals) {
+            QCOMPARE(r.got.reason, r.reason);
+            QCOMPARE(r.got.outcome, r.outcome);
+        }
+        QVERIFY(sink_.boxes.isEmpty());
+        QCOMPARE(inst_->scalar("SELECT COUNT(*) FROM tbJob WHERE PrinterId = 1").toInt(), 2);
+
         QCOMPARE(op_->stopService(), Outcome::Done); // printer 2 keeps what it gets
-        const qint32 a = addJob(1, "A"), b = addJob(2, "B"), c = addJob(1, "C");
+        const qint32 b = addJob(2, "B"), c = addJob(1, "C");
         int moved = 0;
         QCOMPARE(op_->movePrinterJobs(1, 2, &moved), Outcome::Done);
         QCOMPARE(moved, 2);
@@ -453,24 +433,8 @@ private slots:
         QList<QPair<int, int>> jobs;
         for (int row = 0; row < list.count(); ++row)
             jobs << qMakePair(list.jobAt(row).id, list.jobAt(row).printerId);
-        QCOMPARE(jobs, (QList<QPair<int, int>>{{held, 1}, {a, 2}, {b, 2}, {c, 2}}));
+        QCOMPARE(jobs, (QList<QPair<int, int>>{{held, 1}, {waiting, 2}, {b, 2}, {c, 2}}));
         QCOMPARE(inst_->scalar("SELECT COUNT(*) FROM tbJob WHERE PrinterId = 2").toInt(), 3);
-    }
-
-    void cancelAsksFirst()
-    {
-        const qint32 id = addJob(1, "Andra");
-        answer(BoxAnswer::No);
-        QCOMPARE(op_->cancelJob(id), Outcome::Declined);
-        QCOMPARE(sink_.boxes.value(0).text, GetString(12154, QString::number(id) + " Andra"));
-        QCOMPARE(jobsInTable(), 1);
-        answer(BoxAnswer::Yes);
-        QCOMPARE(op_->cancelJob(id), Outcome::Done);
-        QCOMPARE(jobsInTable(), 0);
-        // Gone while the question was up: nothing left to cancel.
-        const qint32 late = addJob(1, "Sist");
-        sink_.whileShown = [&](const Box&) { srv_->jobs().cancelJob(late); };
-        QCOMPARE(op_->cancelJob(late), Outcome::Invalid);
     }
 
     void previewAndReprint()
@@ -489,7 +453,6 @@ private slots:
                  quill::dbtest::JobText(1, 1, "1", "KASSA1", "user1", "Greenfee"));
         QCOMPARE(op_->reprint(history[0].id, 0, &copy), Outcome::Done);
         QCOMPARE(srv_->jobs().jobList().jobAt(1).printerId, 2);
-        QCOMPARE(op_->reprint(history[0].id, 4).reason, control::Reason::NoPrinter);
 
         // A preview without its layout: the operator is told which file.
         QVERIFY(QFile::remove(inst_->file("1.lbl")));
