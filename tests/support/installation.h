@@ -36,9 +36,8 @@ public:
     void setUserSwitch(const QString& name, int value);
     void setMachineValue(const QString& group, const QString& name, const QVariant& value, bool number);
 
-    // The text of this week's event log, or of another program's weekly log
-    // ("Quillmotor": the driver's).
-    QString log(const QString& program = QStringLiteral("Quillbase")) const;
+    // The text of this week's event log.
+    QString log() const;
 
     // A TCP port free on every address, below the ephemeral range (bound and released).
     static quint16 freePort();
