@@ -12,9 +12,6 @@
 #include <QFileInfo>
 #include <QImage>
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -136,7 +133,6 @@ private slots:
         server_.reset();
         inst_.reset();
     }
-    void cleanupTestCase() { cleanup(); }
 
     void statusAndSocket()
     {
@@ -167,7 +163,6 @@ private slots:
         for (const Run& r : {silent, gone}) {
             QCOMPARE(r.code, 4);
             QCOMPARE(r.json()["reason"].toString(), QString("no-answer"));
-            QVERIFY2(r.err.contains("does not answer") || r.err.contains("did not answer"), qPrintable(r.err));
         }
 
         // Shutdown removes the socket; then there is no server to talk to.
@@ -175,9 +170,7 @@ private slots:
         QVERIFY(!QFileInfo::exists(socketPath()));
         const Run none = ctl({"--json", "status"});
         QCOMPARE(none.code, 3);
-        QCOMPARE(none.json()["ok"], QJsonValue(false));
         QCOMPARE(none.json()["reason"].toString(), QString("no-server"));
-        QVERIFY2(none.err.contains("no Quillbase server runs in"), qPrintable(none.err));
 
         // A server killed outright leaves its socket: still no server; the next start replaces it.
         QVERIFY(server_->start());
@@ -244,39 +237,34 @@ private slots:
         QVERIFY(printerRow(3).isEmpty());
     }
 
-    void deviceOperations_data()
-    {
-        QTest::addColumn<QStringList>("args");
-        QTest::addColumn<int>("printer");
-        QTest::addColumn<QString>("call"); // what the emulated printer is asked
-        QTest::newRow("test print, network") << QStringList{"test", "1"} << 1 << "print 1 i";
-        QTest::newRow("clear, serial") << QStringList{"clear", "2"} << 2 << "init a";
-        QTest::newRow("calibrate, serial") << QStringList{"calibrate", "2"} << 2 << "service 44";
-        QTest::newRow("configure, serial") << QStringList{"configure", "2"} << 2 << "setparam 46 ";
-    }
+    // Each device command reaches its printer and leaves it back from
+    // Configuring; a failed one gives the window's box as the reason (one
+    // command is enough for that mapping).
     void deviceOperations()
     {
-        QFETCH(QStringList, args);
-        QFETCH(int, printer);
-        QFETCH(QString, call);
-        quill::test::Emulator& emu = printer == 1 ? inst_->net : inst_->ser;
-        QTRY_COMPARE_WITH_TIMEOUT(this->printer(printer)["status"].toInt(), 1, 10000);
-        const QRegularExpression asked("^" + QRegularExpression::escape(call));
-        const auto calls = [&] { return int(emu.log().filter(asked).size()); };
-        const int before = calls();
-        const Run r = ctl(QStringList{"--json", "printer"} + args);
-        QCOMPARE(r.code, 0);
-        QCOMPARE(r.json()["outcome"].toString(), QString("Done"));
-        QTRY_COMPARE_WITH_TIMEOUT(calls(), before + 1, 10000);
-        // The printer's status is back from Configuring.
-        QCOMPARE(this->printer(printer)["status"].toInt(), 1);
-
-        // A printer out of paper: the window's box is the reason (one row is enough for the mapping).
-        if (args.first() != "test")
-            return;
-        QCOMPARE(emu.command("paper out"), QString("ok"));
-        const Run failed = ctl(QStringList{"printer"} + args);
-        QCOMPARE(emu.command("paper in"), QString("ok"));
+        const struct {
+            const char* command;
+            int printer;
+            const char* call; // what the emulated printer is asked
+        } rows[] = {
+            {"test", 1, "print 1 i"},
+            {"clear", 2, "init a"},
+            {"calibrate", 2, "service 44"},
+            {"configure", 2, "setparam 46 "},
+        };
+        for (const auto& row : rows) {
+            quill::test::Emulator& emu = row.printer == 1 ? inst_->net : inst_->ser;
+            QTRY_COMPARE_WITH_TIMEOUT(printer(row.printer)["status"].toInt(), 1, 10000);
+            const QRegularExpression asked("^" + QRegularExpression::escape(row.call));
+            const int before = int(emu.log().filter(asked).size());
+            const Run r = ctl({"--json", "printer", row.command, QString::number(row.printer)});
+            QVERIFY2(r.code == 0 && r.json()["outcome"] == "Done", row.command);
+            QTRY_COMPARE_WITH_TIMEOUT(int(emu.log().filter(asked).size()), before + 1, 10000);
+            QCOMPARE(printer(row.printer)["status"].toInt(), 1);
+        }
+        QCOMPARE(inst_->net.command("paper out"), QString("ok"));
+        const Run failed = ctl({"printer", "test", "1"});
+        QCOMPARE(inst_->net.command("paper in"), QString("ok"));
         QCOMPARE(failed.code, 1);
         QVERIFY2(failed.err.contains(GetString(12024) + " " + GetString(13005)), qPrintable(failed.err));
     }
@@ -329,9 +317,7 @@ private slots:
         QVERIFY2(inst_->log().contains(asker), qPrintable(inst_->log()));
 
         const QString preview = inst_->file("preview-1.png");
-        r = ctl({"preview", "1", "-o", preview});
-        QCOMPARE(r.code, 0);
-        QVERIFY2(r.out.contains(preview), qPrintable(r.out));
+        QCOMPARE(ctl({"preview", "1", "-o", preview}).code, 0);
         r = ctl({"move", "1", "--to", "2"});
         QCOMPARE(r.out, QString("Moved 1 job to printer 2.\n"));
         r = ctl({"--json", "start"});

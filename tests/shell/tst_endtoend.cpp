@@ -9,7 +9,6 @@
 #include "support/installation.h"
 
 #include <QDir>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QTest>
@@ -30,7 +29,8 @@ class TstEndToEnd : public QObject {
     // an acceptance (empty after 10 s).
     QByteArray send(int printer, int templateId, int copies, const QString& caption)
     {
-        client_.write(quill::ToCp1252(JobText(printer, templateId, QString::number(copies), "KASSA1", "Anna", caption)));
+        const QString job = JobText(printer, templateId, QString::number(copies), "KASSA1", "Anna", caption);
+        client_.write(quill::ToCp1252(job));
         const bool answered = QTest::qWaitFor([&] { return client_.bytesAvailable() >= 9; }, 10000);
         return answered ? client_.read(9) : QByteArray();
     }
