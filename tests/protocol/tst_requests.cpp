@@ -36,6 +36,7 @@
 #include <QJsonObject>
 #include <QLocalSocket>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSet>
 #include <QSignalSpy>
 #include <QTcpSocket>
@@ -53,6 +54,27 @@ using quill::test::HeadlessServer;
 using quill::test::TestInstallation;
 
 namespace {
+
+// The cluster's sessions made read-only (or writable again), as after a
+// failover. pg_reload_conf() only signals the postmaster: once a new session
+// sees the setting, every open one has been signalled too, and applies it
+// before its next command.
+bool setClusterReadOnly(TestInstallation& inst, bool on)
+{
+    if (!inst.sql(on ? "ALTER SYSTEM SET default_transaction_read_only = on"
+                     : "ALTER SYSTEM RESET default_transaction_read_only")
+        || !inst.scalar("SELECT pg_reload_conf()").toBool())
+        return false;
+    const QString want = on ? "on" : "off";
+    QElapsedTimer waited;
+    waited.start();
+    while (inst.scalar("SHOW default_transaction_read_only").toString() != want) {
+        if (waited.elapsed() > 30000)
+            return false;
+        QTest::qWait(20);
+    }
+    return true;
+}
 
 const QHostAddress Lo1(QStringLiteral("127.0.0.1"));
 const QHostAddress Lo2(QStringLiteral("127.0.0.2"));
@@ -799,10 +821,13 @@ void TestRequests::faultAnswers1005()
     const QString storedBefore = storedIds();
     QCOMPARE(storedBefore.split(' ', Qt::SkipEmptyParts).size(), before);
 
+    // A failed check must not leave the cluster read-only for the tests after it.
+    auto writable = qScopeGuard([&] {
+        if (fault == "read-only database")
+            setClusterReadOnly(*inst, false);
+    });
     if (fault == "read-only database") {
-        // Sessions already open follow a reload, as after a failover to a standby.
-        QVERIFY(inst->sql("ALTER SYSTEM SET default_transaction_read_only = on"));
-        QVERIFY(inst->scalar("SELECT pg_reload_conf()").toBool());
+        QVERIFY(setClusterReadOnly(*inst, true));
     } else if (fault == "disk full") {
         QVERIFY(test::FillUp(inst->file("filler")) > 0);
     }
@@ -812,8 +837,8 @@ void TestRequests::faultAnswers1005()
 
     // Gone again: the next requests are stored as usual.
     if (fault == "read-only database") {
-        QVERIFY(inst->sql("ALTER SYSTEM RESET default_transaction_read_only"));
-        QVERIFY(inst->scalar("SELECT pg_reload_conf()").toBool());
+        writable.dismiss();
+        QVERIFY(setClusterReadOnly(*inst, false));
     } else if (fault == "disk full") {
         QVERIFY(QFile::remove(inst->file("filler")));
     } else {
