@@ -131,6 +131,23 @@ bool whole(const QByteArray& b)
         || (b.size() > 13 && std::all_of(b.end() - 4, b.end(), [](char c) { return c >= '0' && c <= '9'; }));
 }
 
+// A reply's bytes as they come in. One that stops short of its end counts once
+// it has been still for 2 s, so a malformed reply fails the caller's comparison
+// instead of each exchange waiting out its limit.
+struct Incoming {
+    QByteArray bytes;
+    QElapsedTimer grew;
+    void read(QTcpSocket& s)
+    {
+        const QByteArray more = s.readAll();
+        if (!more.isEmpty()) {
+            bytes += more;
+            grew.start();
+        }
+    }
+    bool stalled() const { return !bytes.isEmpty() && grew.elapsed() >= 2000; }
+};
+
 // The tests that make an installation of their own, and leave it behind them.
 const QByteArrayList FaultTests{"killKeepsEveryAnsweredJobInOrder", "killDuringAMoveLosesAndDoublesNothing",
                                 "faultAnswers1005", "lostConnectionsOpenedAgain", "secondCopyChangesNothing",
@@ -191,23 +208,18 @@ class TestRequests : public QObject {
 
     std::unique_ptr<QTcpSocket> connectClient() { return connectFrom(Lo1, Lo1, port); }
 
-    // Collects a reply until it is as long as `want`, has been still for 2 s, or
-    // 10 s pass; a short one fails the caller's comparison, and anything extra
-    // shows up in the last 20 ms.
+    // Collects a reply until it is as long as `want`, stalls, or 10 s pass; a
+    // short one fails the caller's comparison, and anything extra shows up in
+    // the last 20 ms.
     static QByteArray awaitReply(QTcpSocket& s, const QByteArray& want)
     {
-        QByteArray got;
-        QElapsedTimer grew;
+        Incoming got;
         (void)QTest::qWaitFor([&] {
-            const QByteArray more = s.readAll();
-            if (!more.isEmpty()) {
-                got += more;
-                grew.start();
-            }
-            return got.size() >= want.size() || (!got.isEmpty() && grew.elapsed() >= 2000);
+            got.read(s);
+            return got.bytes.size() >= want.size() || got.stalled();
         }, 10000);
         QTest::qWait(20);
-        return got + s.readAll();
+        return got.bytes + s.readAll();
     }
     QByteArray exchange(QTcpSocket& s, const QByteArray& request, const QByteArray& want)
     {
@@ -225,11 +237,7 @@ class TestRequests : public QObject {
         clients.clear();
         sentBy.assign(count, {});
         answeredBy.assign(count, 0);
-        std::vector<QByteArray> buffers(count);
-        // A reply that ends short of its end counts once it has been still for
-        // 2 s: a malformed one fails the caller's comparison instead of waiting
-        // out the limit on every call.
-        std::vector<QElapsedTimer> grew(count);
+        std::vector<Incoming> buffers(count);
         QList<QByteArray> replies;
         auto request = [&](int k) {
             sentBy[k] << QStringLiteral("Job %1-%2").arg(k).arg(sentBy[k].size() + 1);
@@ -244,14 +252,10 @@ class TestRequests : public QObject {
         const int all = std::min(count * each, stopAt);
         (void)QTest::qWaitFor([&] {
             for (int k = 0; k < count; ++k) {
-                const QByteArray more = clients[k]->readAll();
-                if (!more.isEmpty()) {
-                    buffers[k] += more;
-                    grew[k].start();
-                }
-                if (!whole(buffers[k]) && (buffers[k].isEmpty() || grew[k].elapsed() < 2000))
+                buffers[k].read(*clients[k]);
+                if (!whole(buffers[k].bytes) && !buffers[k].stalled())
                     continue;
-                replies << std::exchange(buffers[k], {});
+                replies << std::exchange(buffers[k], {}).bytes;
                 ++answeredBy[k];
                 if (sentBy[k].size() < each && replies.size() < all)
                     request(k);
