@@ -9,6 +9,9 @@
 namespace quill {
 
 namespace {
+// SQLite's own automatic checkpoint interval.
+constexpr int CheckpointPages = 1000;
+
 // Runs f as one step inside the batch's transaction: all of it or nothing,
 // whichever engine, and the transaction goes on after a failure.
 std::optional<Error> atomically(Database& db, const std::function<std::optional<Error>()>& f)
@@ -137,6 +140,7 @@ void JobWriter::run()
             reopen = false;
             try {
                 db.open(target_);
+                db.deferCheckpoints();
                 openError.reset();
             } catch (const Error& e) {
                 openError = e;
@@ -285,6 +289,14 @@ void JobWriter::run()
         doneCv_.notify_all();
         if (ready_)
             ready_();
+        // The WAL is copied into the file here, after the replies, not inside the
+        // commit that crosses its limit; while more waits, not before four times it.
+        if (!reopen) {
+            std::unique_lock lock(m_);
+            const bool idle = queue_.empty();
+            lock.unlock();
+            db.checkpointIfDue(idle ? CheckpointPages : 4 * CheckpointPages);
+        }
     }
     db.close();
 }

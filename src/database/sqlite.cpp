@@ -1,6 +1,9 @@
 #include "database/sqlite.h"
 
+#include <QSqlDriver>
 #include <QSqlError>
+
+#include <sqlite3.h>
 
 #include <atomic>
 
@@ -159,6 +162,41 @@ void Database::close()
 }
 
 bool Database::isOpen() const { return db_.isOpen(); }
+
+void Database::deferCheckpoints()
+{
+    const QVariant h = db_.driver() ? db_.driver()->handle() : QVariant();
+    auto* handle = h.isValid() && qstrcmp(h.typeName(), "sqlite3*") == 0 ? *static_cast<sqlite3* const*>(h.constData())
+                                                                          : nullptr;
+    if (postgres() || !handle)
+        return;
+    walFrames_ = checkpointed_ = 0;
+    // Replaces the automatic checkpoint, which is itself a WAL hook.
+    sqlite3_wal_hook(
+        handle,
+        [](void* self, sqlite3*, const char*, int frames) {
+            static_cast<Database*>(self)->walFrames_ = frames;
+            return SQLITE_OK;
+        },
+        this);
+}
+
+bool Database::checkpointIfDue(int frames)
+{
+    if (walFrames_ < checkpointed_)
+        checkpointed_ = 0; // the WAL started again from its beginning
+    if (postgres() || walFrames_ - checkpointed_ < frames)
+        return false;
+    Trap([&] {
+        run(QStringLiteral("PRAGMA wal_checkpoint(PASSIVE)"), {}, [&](QSqlQuery& q) {
+            if (!q.next())
+                return;
+            walFrames_ = q.value(1).toInt();
+            checkpointed_ = q.value(2).toInt();
+        });
+    });
+    return true;
+}
 
 int Database::exec(const QString& sql, const QVariantList& binds)
 {

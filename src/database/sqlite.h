@@ -89,6 +89,16 @@ public:
     void rollback(); // never throws
     bool inTransaction() const { return inTransaction_; }
 
+    // SQLite: this connection's commits no longer copy the WAL into the file
+    // (SQLite's automatic checkpoint, which the commit that crosses 1,000 pages
+    // pays before it returns); checkpointIfDue does it when the caller can wait.
+    // Lasts until the connection is closed.
+    void deferCheckpoints();
+    // A passive checkpoint (readers are not waited for) once `frames` pages have
+    // been committed to the WAL since the last one; returns whether it ran. A
+    // checkpoint that fails is left to the next call.
+    bool checkpointIfDue(int frames);
+
 private:
     void runOnce(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows);
     bool connectionLost();
@@ -103,6 +113,10 @@ private:
     std::function<void()> reconnected_;
     bool reconnecting_ = false;
     bool inTransaction_ = false;
+    // Pages in the WAL after the last commit, and how many of them the last
+    // checkpoint copied (deferCheckpoints).
+    int walFrames_ = 0;
+    int checkpointed_ = 0;
 };
 
 } // namespace quill

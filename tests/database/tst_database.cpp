@@ -14,6 +14,7 @@
 #include "foundation/strutil.h"
 #include "support/dbfixture.h"
 
+#include <QFileInfo>
 #include <QAbstractItemModelTester>
 #include <QCoreApplication>
 #include <QDir>
@@ -175,7 +176,7 @@ private slots:
         // The repositories' statements and errors, and the steps on a database
         // file, are SQLite's; PostgreSQL has maintenance of its own.
         static const QByteArrayList sqliteOnly =
-            maintenance.mid(0, 6) + QByteArrayList{"keptStatements", "printerRows", "templateLookup"};
+            maintenance.mid(0, 6) + QByteArrayList{"keptStatements", "printerRows", "templateLookup", "walCopiedIntoTheFile"};
         const QByteArray test = QTest::currentTestFunction();
         if (OnPostgres() && sqliteOnly.contains(test))
             QSKIP("run on SQLite");
@@ -197,6 +198,7 @@ private slots:
     void queueOrderAndRestart();
     void writesGatherWhileACommitWaits();
     void deleteJobsWhere();
+    void walCopiedIntoTheFile();
     void failuresAreLogged();
     void moveKeepsPlaces();
     void moveFailsWhole();
@@ -361,6 +363,19 @@ void TestDatabase::deleteJobsWhere()
     store->SrvDeleteJob(34);
     QCOMPARE(listIds(list), kept);
     QCOMPARE(home->logMessages(), QStringList());
+}
+
+void TestDatabase::walCopiedIntoTheFile()
+{
+    // The writer's commits leave the WAL alone; the writer copies it into the
+    // file itself once it is past 1,000 pages, so the WAL does not grow for ever.
+    const QString caption(12000, QLatin1Char('x')); // three or four pages a job
+    quint64 last = 0;
+    for (int i = 0; i < 400; ++i)
+        last = store->submitJob(PrintJob::fromText(JobText(1, 1, "1", "KASSA1", QString(), caption))).value_or(0);
+    QVERIFY(last > 0);
+    QTRY_COMPARE_WITH_TIMEOUT(store->jobList().count(), 400, 30000);
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(mdb()).size() > 400 * 12000, 30000);
 }
 
 void TestDatabase::failuresAreLogged()
