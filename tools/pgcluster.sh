@@ -8,7 +8,8 @@
 #
 # pg_virtualenv makes and drops the cluster; it runs in the background until
 # DIR/keep is removed, or the process that started this script (ctest) ends:
-# a run stopped at its first failure, or by Ctrl-C, calls no down.
+# a run stopped at its first failure, or by Ctrl-C, calls no down. With
+# QUILL_PG_TEMP set, DIR goes with the cluster (pgtest.sh's own cluster).
 # Without PostgreSQL both do nothing and the programs skip, saying why.
 set -eu
 . "$(dirname "$0")/pglib.sh"
@@ -51,6 +52,7 @@ setsid pg_virtualenv -t sh -c '
     while [ -e "$QUILL_PG_DIR/keep" ] && kill -0 "$QUILL_PG_OWNER" 2>/dev/null && [ "$(date +%s)" -lt "$end" ]; do
         sleep 0.2
     done
+    [ -z "${QUILL_PG_TEMP:-}" ] || rm -rf "$QUILL_PG_DIR"
 ' > "$dir/log" 2>&1 < /dev/null &
 echo $! > "$dir/pid"
 tries=0

@@ -1,8 +1,8 @@
 #!/bin/sh
 # Runs one test program on PostgreSQL (QUILL_TEST_ENGINE=postgresql): in the
 # run's shared cluster when QUILL_PG_ENV names the file pgcluster.sh wrote,
-# otherwise in a throw-away cluster of its own (pg_virtualenv, on a free port
-# of localhost). Without PostgreSQL the program runs as it is and skips, saying why.
+# otherwise in a throw-away cluster of its own. Without PostgreSQL the program
+# runs as it is and skips, saying why.
 . "$(dirname "$0")/pglib.sh"
 export QUILL_TEST_ENGINE=postgresql
 if [ -n "${QUILL_PG_ENV:-}" ] && [ -f "$QUILL_PG_ENV" ]; then
@@ -12,7 +12,10 @@ fi
 if ! pg_installed; then
   exec "$@"
 fi
-PGPORT=$(free_port)
-export PGPORT
-# -t: the cluster in a temporary folder, also for root, so test programs may run side by side.
-exec pg_virtualenv -t "$@"
+# Started as the run's cluster is, watching this process, which becomes the
+# program: however the program ends (CTest kills it at its timeout), the
+# cluster is dropped, and its folder removed.
+dir=$(mktemp -d "${TMPDIR:-/tmp}/quill-pg.XXXXXX") || exit 1
+QUILL_PG_TEMP=1 "$(dirname "$0")/pgcluster.sh" up "$dir" || exit 1
+. "$dir/env"
+exec "$@"
