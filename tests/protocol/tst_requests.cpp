@@ -131,21 +131,31 @@ bool whole(const QByteArray& b)
         || (b.size() > 13 && std::all_of(b.end() - 4, b.end(), [](char c) { return c >= '0' && c <= '9'; }));
 }
 
-// A reply's bytes as they come in. One that stops short of its end counts once
-// it has been still for 2 s, so a malformed reply fails the caller's comparison
-// instead of each exchange waiting out its limit.
+// The server closed the connection (a refused client): nothing more comes on it.
+bool dropped(const QTcpSocket& s) { return s.state() != QAbstractSocket::ConnectedState; }
+// As QTRY_COMPARE, but failing at once when the server closes client `c`.
+#define TRY_COMPARE_OPEN(c, actual, expected, ms) do { \
+    (void)QTest::qWaitFor([&] { return (actual) == (expected) || dropped(c); }, ms); \
+    QVERIFY2((actual) == (expected) || !dropped(c), "the server closed the connection"); \
+    QCOMPARE(actual, expected); } while (false)
+
+// A reply's bytes as they come in. One that stops short of its end counts once it has
+// been still for 2 s, or at once when the server closed the connection, so a malformed
+// or missing reply fails the caller's comparison instead of waiting out its limit.
 struct Incoming {
     QByteArray bytes;
     QElapsedTimer grew;
+    bool closed = false;
     void read(QTcpSocket& s)
     {
+        closed = dropped(s); // before reading: what came until the close is buffered by then
         const QByteArray more = s.readAll();
         if (!more.isEmpty()) {
             bytes += more;
             grew.start();
         }
     }
-    bool stalled() const { return !bytes.isEmpty() && grew.elapsed() >= 2000; }
+    bool stalled() const { return closed || (!bytes.isEmpty() && grew.elapsed() >= 2000); }
 };
 
 // The tests that make an installation of their own, and leave it behind them.
@@ -403,7 +413,7 @@ void TestRequests::replyCodes()
     QCOMPARE(server->jobs().jobList().count(), stored ? 1 : 0);
     // Logged as traffic; the connection serves the next request, and a late reply
     // to this one would show before that one's reply.
-    QTRY_COMPARE_WITH_TIMEOUT(inst->log().count(traffic), logged + 1, 5000);
+    TRY_COMPARE_OPEN(*c, inst->log().count(traffic), logged + 1, 5000);
     QCOMPARE(exchange(*c, "BRIXA\t1.00\tX", expected(9003)), expected(9003));
     if (!printer1.isEmpty())
         server.reset();
@@ -451,7 +461,7 @@ void TestRequests::connectionLimit()
         clients.push_back(connectClient());
         QVERIFY(clients.back());
     }
-    QTRY_COMPARE_WITH_TIMEOUT(server->listener().connectionCount(), 32, 5000);
+    TRY_COMPARE_OPEN(*clients.back(), server->listener().connectionCount(), 32, 5000);
     // The 33rd is closed at once, without a reply.
     auto extra = connectClient();
     QVERIFY(extra);
@@ -512,7 +522,7 @@ void TestRequests::oddClients()
                 leftOut += m.next().captured(1).toLongLong();
             return logged + leftOut;
         };
-        QTRY_COMPARE_WITH_TIMEOUT(accounted(), qint64(4) << 20, 30000);
+        TRY_COMPARE_OPEN(*c, accounted(), qint64(4) << 20, 30000);
         QVERIFY2(notes >= 1 && logged <= (notes + 1) * TrafficLog::Budget,
                  qPrintable(QStringLiteral("%1 bytes logged, %2 notes").arg(logged).arg(notes)));
         // The connection still serves.
@@ -674,7 +684,7 @@ void TestRequests::addinFraming()
     const QByteArray rec1 = "{STARTBRIXA;1.00;P;1;1;2;KASSA1;0;;;Anna;Tee 1}\r\n{ENDBRIXA}\n";
     const QByteArray rec2 = "{STARTBRIXA;1.00;P;9;1;1;KASSA2;0;;;;Tee 2}\r\n{ENDBRIXA}\n";
     c->write(rec1 + rec2);
-    QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 2, 5000);
+    TRY_COMPARE_OPEN(*c, jobCount(), 2, 5000);
     QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 1").toString(),
              QStringLiteral("BRIXA\t1.00\tP\t1\t1\t2\tKASSA1\t0\t\t\tAnna\tTee 1 \t\t\r\n"));
 
@@ -688,7 +698,7 @@ void TestRequests::addinFraming()
     QCOMPARE(jobCount(), 2);
     // More than 12 fields: the rest stay joined to field 13.
     c->write("\n");
-    QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 3, 5000);
+    TRY_COMPARE_OPEN(*c, jobCount(), 3, 5000);
     QCOMPARE(inst->scalar("SELECT Job FROM tbJob WHERE Id = 3").toString(),
              QStringLiteral("BRIXA\t1.00\tP\t1\t1\t1\tKASSA3\t0\t\t\tBo\tCap\tx;y;z \t\t\r\n"));
     // Text without a marker does not fill the buffer: a record after more than
@@ -696,7 +706,7 @@ void TestRequests::addinFraming()
     c->write(QByteArray(Listener::MaxBuffer + 1000, 'y'));
     QTest::qWait(500);
     c->write(rec1);
-    QTRY_COMPARE_WITH_TIMEOUT(jobCount(), 4, 10000);
+    TRY_COMPARE_OPEN(*c, jobCount(), 4, 10000);
     QTest::qWait(100);
     QCOMPARE(c->bytesAvailable(), 0);
 
@@ -988,7 +998,7 @@ void TestRequests::outOfDescriptorsControlAnswers()
         // The first is taken alone, so the listener has found its backlog
         // empty once before it runs out, as it always has on a live server.
         if (i == 0)
-            QTRY_VERIFY_WITH_TIMEOUT(fds().size() > before, 10000);
+            TRY_COMPARE_OPEN(*clients[0], fds().size() > before, true, 10000);
     }
     const QString note = "Out of file descriptors: the listener cannot accept";
     QTRY_VERIFY_WITH_TIMEOUT(inst->log().contains(note), 10000);

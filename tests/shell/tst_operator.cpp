@@ -253,7 +253,8 @@ private slots:
         c.connectToHost(QHostAddress::LocalHost, port_);
         QVERIFY(c.waitForConnected(5000));
         c.write("BRIXA\t1.00\tP\t1\t1\t1\tKASSA1\t0\t\t\tuser1\twhile configuring\t\t\r\n");
-        QTRY_VERIFY_WITH_TIMEOUT(c.bytesAvailable() >= 9 || !op_->deviceOperationRunning(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(c.bytesAvailable() >= 9 || !op_->deviceOperationRunning()
+                                     || c.state() != QAbstractSocket::ConnectedState, 10000);
         QVERIFY(op_->deviceOperationRunning());
         QCOMPARE(c.readAll(), QByteArray("BRIXA\tOK\t"));
 
