@@ -45,6 +45,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <malloc.h>
 #include <vector>
 
@@ -374,9 +375,22 @@ int main(int argc, char** argv)
     qputenv("XDG_CONFIG_HOME", tmp.filePath(QStringLiteral("user")).toLocal8Bit());
     std::printf("temp folder %s; %d cores\n", qPrintable(tmp.path()), QThread::idealThreadCount());
 
+    // The largest queue three times, in folders of their own: the median, or -1
+    // when any of them went wrong (this disk's speed swings from run to run).
+    auto largest = [&](const std::function<double(const QString& dir)>& run) {
+        std::vector<double> ms;
+        for (int k = 1; k <= 3; ++k) {
+            const QString dir = tmp.filePath(QStringLiteral("largest-%1").arg(k));
+            QDir().mkpath(dir);
+            ms.push_back(run(dir));
+        }
+        std::printf("  %d queued, three times: %.1f, %.1f, %.1f ms\n", Sizes.last(), ms[0], ms[1], ms[2]);
+        return *std::min_element(ms.begin(), ms.end()) < 0 ? -1 : median(ms);
+    };
     QList<double> local, served;
     for (int jobs : Sizes)
-        local << inProcess(tmp.path(), jobs, userA, jobs / 2);
+        local << (jobs == Sizes.last() ? largest([&](const QString& dir) { return inProcess(dir, jobs, userA, jobs / 2); })
+                                       : inProcess(tmp.path(), jobs, userA, jobs / 2));
     withdrawTable("in this process: withdraw every other job (deleteJobsWhere, committed)", local);
     const double localAll = inProcess(tmp.path(), DeleteAllJobs, [](const QueuedJob&) { return true; }, DeleteAllJobs);
     std::printf("in this process: delete all of %d: %.1f ms\n", DeleteAllJobs, localAll);
@@ -386,7 +400,8 @@ int main(int argc, char** argv)
     if (!QFile::exists(Bin + QStringLiteral("/quillbase")))
         return 0;
     for (int jobs : Sizes)
-        served << serverWithdraw(tmp.path(), jobs);
+        served << (jobs == Sizes.last() ? largest([&](const QString& dir) { return serverWithdraw(dir, jobs); })
+                                        : serverWithdraw(tmp.path(), jobs));
     withdrawTable("headless server: withdraw request to its reply over loopback", served);
     const double servedAll = serverDeleteAll(tmp.path(), DeleteAllJobs);
     std::printf("headless server: delete --all of %d through the control socket: %.1f ms\n", DeleteAllJobs, servedAll);
@@ -429,9 +444,9 @@ int main(int argc, char** argv)
     const double startAdds = median(fullStarts) - median(emptyStarts);
     const double perJob = emptyRss > 0 && fullRss > 0 ? double(fullRss - emptyRss) / MemoryJobs : -1;
     std::printf("\n%-56s %10s %10s %8s\n", "figure", "measured", "goal", "");
-    std::printf("%-56s %10.1f %10s %8s\n", "withdraw half of 80,000, in process (ms)", local.last(), "< 60",
+    std::printf("%-56s %10.1f %10s %8s\n", "withdraw half of 80,000, in process (ms, median of 3)", local.last(), "< 60",
                 met(local.last() >= 0 && local.last() < 60));
-    std::printf("%-56s %10.1f %10s %8s\n", "withdraw half of 80,000, request to reply (ms)", served.last(), "< 60",
+    std::printf("%-56s %10.1f %10s %8s\n", "withdraw half of 80,000, request to reply (ms, med. of 3)", served.last(), "< 60",
                 met(served.last() >= 0 && served.last() < 60));
     std::printf("%-56s %10.1f %10s %8s\n", "delete all of 80,000, in process (ms)", localAll, "< 30",
                 met(localAll >= 0 && localAll < 30));
