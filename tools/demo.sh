@@ -39,7 +39,9 @@ if ! flock -n 9; then
 fi
 
 cleanup() {
-  trap - EXIT INT TERM
+  # A second Ctrl-C (or a signal to the whole group) must not cut the clean-up short.
+  trap - EXIT
+  trap "" INT TERM
   if [ -n "${server:-}" ] && kill -TERM "$server" 2>/dev/null; then wait "$server" 2>/dev/null || true; fi
   for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
   wait 2>/dev/null || true
