@@ -16,6 +16,6 @@ fi
 # program: however the program ends (CTest kills it at its timeout), the
 # cluster is dropped, and its folder removed.
 dir=$(mktemp -d "${TMPDIR:-/tmp}/quill-pg.XXXXXX") || exit 1
-QUILL_PG_TEMP=1 "$(dirname "$0")/pgcluster.sh" up "$dir" || exit 1
+QUILL_PG_TEMP=1 "$(dirname "$0")/pgcluster.sh" up "$dir" || { rm -rf "$dir"; exit 1; }
 . "$dir/env"
 exec "$@"

@@ -291,11 +291,14 @@ void JobWriter::run()
             ready_();
         // The WAL is copied into the file here, after the replies, not inside the
         // commit that crosses its limit; while more waits, not before four times it.
-        if (!reopen) {
-            std::unique_lock lock(m_);
-            const bool idle = queue_.empty();
-            lock.unlock();
-            db.checkpointIfDue(idle ? CheckpointPages : 4 * CheckpointPages);
+        if (!reopen && db.uncheckpointed() >= CheckpointPages) {
+            bool idle;
+            {
+                std::lock_guard lock(m_);
+                idle = queue_.empty();
+            }
+            if (idle || db.uncheckpointed() >= 4 * CheckpointPages)
+                db.checkpoint();
         }
     }
     db.close();

@@ -181,12 +181,14 @@ void Database::deferCheckpoints()
         this);
 }
 
-bool Database::checkpointIfDue(int frames)
+int Database::uncheckpointed() const
 {
-    if (walFrames_ < checkpointed_)
-        checkpointed_ = 0; // the WAL started again from its beginning
-    if (postgres() || walFrames_ - checkpointed_ < frames)
-        return false;
+    // Fewer pages than were copied: the WAL started again from its beginning.
+    return walFrames_ < checkpointed_ ? walFrames_ : walFrames_ - checkpointed_;
+}
+
+void Database::checkpoint()
+{
     Trap([&] {
         run(QStringLiteral("PRAGMA wal_checkpoint(PASSIVE)"), {}, [&](QSqlQuery& q) {
             if (!q.next())
@@ -195,7 +197,6 @@ bool Database::checkpointIfDue(int frames)
             checkpointed_ = q.value(2).toInt();
         });
     });
-    return true;
 }
 
 int Database::exec(const QString& sql, const QVariantList& binds)

@@ -91,13 +91,14 @@ public:
 
     // SQLite: this connection's commits no longer copy the WAL into the file
     // (SQLite's automatic checkpoint, which the commit that crosses 1,000 pages
-    // pays before it returns); checkpointIfDue does it when the caller can wait.
+    // pays before it returns); checkpoint() does it when the caller can wait.
     // Lasts until the connection is closed.
     void deferCheckpoints();
-    // A passive checkpoint (readers are not waited for) once `frames` pages have
-    // been committed to the WAL since the last one; returns whether it ran. A
-    // checkpoint that fails is left to the next call.
-    bool checkpointIfDue(int frames);
+    // Pages committed to the WAL since the last checkpoint (0 without deferCheckpoints).
+    int uncheckpointed() const;
+    // A passive checkpoint: readers are not waited for. One that fails is left
+    // to the next call.
+    void checkpoint();
 
 private:
     void runOnce(const QString& sql, const QVariantList& binds, const std::function<void(QSqlQuery&)>& rows);

@@ -14,11 +14,11 @@
 #include "foundation/strutil.h"
 #include "support/dbfixture.h"
 
-#include <QFileInfo>
 #include <QAbstractItemModelTester>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
